@@ -1,0 +1,179 @@
+// sms_shm: attachment to the segment and to its semaphores, and the small lookups.
+#include "core/attach.h"
+
+#include <pthread.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "core/ring.h"
+
+namespace {
+
+halvo_segment *qm = nullptr;       // set by a successful attach; stays after close_shm
+void *shmblock = nullptr;          // the attach address, all bits set after a failed attach
+halvo_segment *attached = nullptr; // as qm, but null again after close_shm
+int *semPosts = nullptr;           // nchnnl semaphore-set ids, -1 for channels without one
+int *semRqsts = nullptr;
+int semReadLock = -1; // sets of one semaphore per channel
+int semWriteLock = -1;
+
+// Error-checking, because a failed attach leaves it locked: the thread must not hang on itself.
+pthread_mutex_t mtx_service = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+
+constexpr int kSegmentProject = 1; // ftok project ids
+constexpr int kReadLockProject = 201;
+constexpr int kWriteLockProject = 202;
+
+// The key file's path with a suffix; empty when it does not fit, so that ftok finds no such file.
+struct KeyPath {
+    char text[2048] = {};
+    KeyPath(const char *keyfile, const char *suffix) {
+        if (std::strlen(keyfile) + std::strlen(suffix) < sizeof text) {
+            std::strcpy(text, keyfile);
+            std::strcat(text, suffix);
+        }
+    }
+};
+
+int set_id(const char *path, int project, int semaphores) {
+    const key_t key = ftok(path, project);
+    return key == -1 ? -1 : semget(key, semaphores, 0);
+}
+
+// One id per channel, -1 for every channel that is not of type 'M' and where the set is missing.
+int *channel_semaphores(const char *path) {
+    const int channels = halvo::channel_count(qm);
+    int *ids = new (std::nothrow) int[static_cast<size_t>(channels)];
+    for (int channel = 0; ids && channel < channels; ++channel)
+        ids[channel] = q_chnnl2q(channel)->qtype == 'M' ? set_id(path, channel + 1, 1) : -1;
+    return ids;
+}
+
+bool attach_segment(const char *keyfile, bool usable) {
+    const key_t key = usable ? ftok(keyfile, kSegmentProject) : -1;
+    const int id = key == -1 ? -1 : shmget(key, 0, 0);
+    shmblock = shmat(id, nullptr, 0);
+    if (shmblock != reinterpret_cast<void *>(-1)) return true;
+    std::printf("shmat failed keyfile %s id %d block %d\n", keyfile, id,
+                static_cast<int>(reinterpret_cast<intptr_t>(shmblock)));
+    return false;
+}
+
+void find_semaphores(const char *keyfile, const KeyPath &posts, const KeyPath &requests) {
+    delete[] semPosts;
+    semPosts = channel_semaphores(posts.text);
+    delete[] semRqsts;
+    semRqsts = channel_semaphores(requests.text);
+    const int channels = halvo::channel_count(qm);
+    semReadLock = set_id(keyfile, kReadLockProject, channels);
+    semWriteLock = set_id(keyfile, kWriteLockProject, channels);
+}
+
+int id_of(const int *ids, int channel) {
+    return ids && halvo::checked_channel(channel) ? ids[channel] : -1;
+}
+
+} // namespace
+
+namespace halvo {
+
+halvo_segment *attached_segment() noexcept { return attached; }
+
+int channel_count(const halvo_segment *segment) noexcept {
+    return static_cast<int>(std::min<uint32_t>(segment->nchnnl, HALVO_CHANNELS_MAX));
+}
+
+halvo_channel *checked_channel(int channel) noexcept {
+    if (!attached || channel < 0 || channel >= channel_count(attached)) return nullptr;
+    return q_chnnl2q(channel);
+}
+
+int post_semaphore(int channel) noexcept { return id_of(semPosts, channel); }
+int request_semaphore(int channel) noexcept { return id_of(semRqsts, channel); }
+int read_lock_set() noexcept { return semReadLock; }
+int write_lock_set() noexcept { return semWriteLock; }
+
+// A failed attach keeps the lock for good. Its own thread is answered at once; another one waits
+// for an attach that may still be going on, but not for ever.
+bool lock_service() noexcept {
+    timespec limit{};
+    clock_gettime(CLOCK_REALTIME, &limit);
+    limit.tv_sec += 1;
+    return pthread_mutex_timedlock(&mtx_service, &limit) == 0;
+}
+
+bool unlock_service() noexcept { return pthread_mutex_unlock(&mtx_service) == 0; }
+
+} // namespace halvo
+
+using namespace halvo;
+
+int init_shm(const char *keyfile) noexcept {
+    if (!keyfile) return shmblock ? ESMS_OK : ESMS_NOINIT;
+    const KeyPath posts(keyfile, ".post");
+    const KeyPath requests(keyfile, ".req");
+    if (!lock_service()) return ESMS_MTXLOCK;
+    int result = ESMS_ALREADY;
+    if (!shmblock) {
+        // Kept: a failed attach returns with the service lock taken and shmblock at the failed
+        // value, so that init_shm(NULL) answers ESMS_OK although nothing is attached.
+        if (!attach_segment(keyfile, posts.text[0] != '\0')) return ESMS_SHMOP;
+        qm = static_cast<halvo_segment *>(shmblock);
+        find_semaphores(keyfile, posts, requests);
+        attached = qm;
+        result = ESMS_OK;
+    }
+    std::puts("SHM_INIT_FINISHED.");
+    return unlock_service() ? result : ESMS_MTXUNLOCK;
+}
+
+int close_shm() noexcept {
+    if (!qm) return ESMS_NOINIT;
+    if (!lock_service()) return ESMS_MTXLOCK;
+    delete[] semPosts;
+    delete[] semRqsts;
+    semPosts = semRqsts = nullptr;
+    attached = nullptr;
+    // Kept: qm, shmblock and the lock sets stay, so that a process attaches once for its lifetime.
+    const int result = shmdt(qm) == 0 ? ESMS_OK : ESMS_SHMOP;
+    return unlock_service() ? result : ESMS_MTXUNLOCK;
+}
+
+halvo_segment *q_0() noexcept { return qm; }
+
+halvo_channel *q_chnnl2q(int channel) noexcept {
+    if (!qm) return nullptr;
+    return reinterpret_cast<halvo_channel *>(static_cast<char *>(shmblock) + qm->qoffs[channel]);
+}
+
+int q_name2chnnl(const char *name) noexcept {
+    if (!attached || !name) return -1;
+    // A name that fills its field has no terminator: the field's length is its end.
+    if (std::strlen(name) > HALVO_NAME_SIZE) return -1;
+    const int channels = channel_count(attached);
+    for (int channel = 0; channel < channels; ++channel)
+        if (std::strncmp(q_chnnl2q(channel)->qname, name, HALVO_NAME_SIZE) == 0) return channel;
+    return -1;
+}
+
+char q_statchr(const qmsg *slot) noexcept {
+    switch (load_state(slot)) {
+    case HALVO_SLOT_FREE:
+        return '_';
+    case HALVO_SLOT_READABLE:
+        return 'F';
+    case HALVO_SLOT_MARKED:
+        return 'R';
+    case HALVO_SLOT_PENDING:
+        return 'W';
+    default:
+        return 'X';
+    }
+}

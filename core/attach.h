@@ -1,0 +1,29 @@
+// sms_shm: where the segment lies in this process, and the checked channel lookup.
+#pragma once
+
+#include "halvo/queue.h"
+
+namespace halvo {
+
+// The attached segment, or null before the attach, after a failed one and after close_shm(). Unlike
+// q_0() it never points at memory that is gone.
+halvo_segment *attached_segment() noexcept;
+
+// Channels of a segment: nchnnl, or as many as the table of offsets holds when that claims more.
+int channel_count(const halvo_segment *segment) noexcept;
+
+// The one checked lookup: the channel's header, or null for a number outside 0 .. nchnnl - 1 or
+// when no segment is attached. q_chnnl2q() checks no number.
+halvo_channel *checked_channel(int channel) noexcept;
+
+// Semaphore ids of the attachment; -1 where there is none or the number is no channel.
+int post_semaphore(int channel) noexcept;
+int request_semaphore(int channel) noexcept;
+int read_lock_set() noexcept;
+int write_lock_set() noexcept;
+
+// mtx_service, which serialises attach, detach and the reset of the table of open ends.
+bool lock_service() noexcept;
+bool unlock_service() noexcept;
+
+} // namespace halvo

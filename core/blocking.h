@@ -1,0 +1,60 @@
+// sms_shm: the one place where a read or write waits, for C and Java callers alike.
+//
+//   attempt -> settled ----------------------------------------------> the caller maps the result
+//      |  empty / full
+//   announce (rwait or wwait), wake the other side, register with the monitor
+//      |
+//   fence -> attempt -> sleep on the semaphore, 100 ms at most -> fence -> attempt ...
+//
+// The other side stores its slot state, fences and then looks at the announcement (wake_waiting):
+// so either it sees the announcement and posts, or the attempt behind our fence sees its slot. A
+// post can therefore not be missed; the slices bound what a peer without the fence can cost, and
+// let a wait notice a time limit whose signal came just before the sleep.
+#pragma once
+
+#include "core/ring.h"
+#include "core/side.h"
+
+namespace halvo {
+
+constexpr int kSliceMilliseconds = 100;
+
+enum class Wait {
+    settled,      // the attempt's own result counts
+    timed_out,    // the monitor's signal came: ESMS_TIMEOUT
+    interrupted,  // another signal came: ESMS_JAVAINTR
+    unregistered, // no room in the registry, and the caller asked to be told; stays announced
+};
+
+inline int32_t code_of(Wait wait) noexcept {
+    return wait == Wait::timed_out ? ESMS_TIMEOUT : ESMS_JAVAINTR;
+}
+
+enum class Registration { optional, required };
+
+// What the loop needs to know of a blocking call.
+struct Waiter {
+    const Side &side;
+    halvo_channel *q;
+    int channel;
+    int timeout; // milliseconds from each registration
+    Registration registration = Registration::optional;
+};
+
+Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) noexcept;
+
+// Runs attempt() until it returns true ("settled"), waiting in between.
+template <class Attempt>
+Wait wait_until(const Waiter &waiter, Attempt attempt) noexcept {
+    if (attempt()) return Wait::settled;
+    return wait_loop(
+        waiter, [](void *context) { return (*static_cast<Attempt *>(context))(); }, &attempt);
+}
+
+// Behind an operation that made a slot readable or free: wakes the other side if it waits.
+void wake_waiting(const Side &side, halvo_channel *q, int channel) noexcept;
+
+// The same behind a finished read or write of this side, which waits no more.
+void finish_transfer(const Side &side, halvo_channel *q, int channel) noexcept;
+
+} // namespace halvo

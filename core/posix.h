@@ -1,0 +1,104 @@
+// Owners of what the operating system hands out: descriptors, directories, mutexes.
+//
+// Each gives its resource back when it goes; release() leaves it taken and passes the duty on.
+// None of them throws or prints. errno survives the giving back, so that an error found before
+// can still be read after.
+#pragma once
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace halvo {
+
+// An open descriptor, or none (-1).
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int fd) noexcept : fd_(fd) {}
+    Descriptor(Descriptor &&other) noexcept : fd_(other.release()) {}
+    Descriptor &operator=(Descriptor &&other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+    ~Descriptor() { reset(); }
+
+    explicit operator bool() const noexcept { return fd_ >= 0; }
+    int get() const noexcept { return fd_; }
+    int release() noexcept { return std::exchange(fd_, -1); }
+    void reset(int fd = -1) noexcept {
+        const int old = std::exchange(fd_, fd);
+        if (old < 0 || old == fd) return;
+        const int error = errno;
+        close(old);
+        errno = error;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+// open() with a descriptor that a started program does not inherit and that is never one of the
+// three standard ones: in a process that runs without a standard output the library's own messages
+// would otherwise be printed into the file. `mode` counts for O_CREAT, before the umask.
+inline Descriptor open_file(const char *path, int flags, mode_t mode = 0666) noexcept {
+    Descriptor file(open(path, flags | O_CLOEXEC, mode));
+    if (file && file.get() <= STDERR_FILENO)
+        file = Descriptor(fcntl(file.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    return file;
+}
+
+// The names in a directory, one after the other.
+class Directory {
+public:
+    explicit Directory(const char *path) noexcept : stream_(opendir(path)) {}
+    Directory(const Directory &) = delete;
+    Directory &operator=(const Directory &) = delete;
+    ~Directory() {
+        if (stream_) closedir(stream_);
+    }
+
+    explicit operator bool() const noexcept { return stream_ != nullptr; }
+    // The next name, "." and ".." included; null at the end. Valid until the next call.
+    const char *next() noexcept {
+        const dirent *entry = readdir(stream_);
+        return entry ? entry->d_name : nullptr;
+    }
+
+private:
+    DIR *stream_;
+};
+
+// A locked mutex, or none.
+class MutexLock {
+public:
+    MutexLock() = default;
+    explicit MutexLock(pthread_mutex_t &mutex) noexcept { lock(mutex); }
+    MutexLock(const MutexLock &) = delete;
+    MutexLock &operator=(const MutexLock &) = delete;
+    ~MutexLock() { unlock(); }
+
+    explicit operator bool() const noexcept { return mutex_ != nullptr; }
+    // Blocks without limit. The error number of pthread_mutex_lock; for an object that holds none.
+    int lock(pthread_mutex_t &mutex) noexcept {
+        const int error = pthread_mutex_lock(&mutex);
+        if (error == 0) mutex_ = &mutex;
+        return error;
+    }
+    // The error number of pthread_mutex_unlock; 0 when none is held.
+    int unlock() noexcept {
+        pthread_mutex_t *held = release();
+        return held ? pthread_mutex_unlock(held) : 0;
+    }
+    pthread_mutex_t *release() noexcept { return std::exchange(mutex_, nullptr); }
+
+private:
+    pthread_mutex_t *mutex_ = nullptr;
+};
+
+} // namespace halvo

@@ -1,0 +1,66 @@
+// sms_shm: the reader's and the writer's side of a channel, which mirror each other. What one
+// side's code needs to know of its own and of the other side stands in one row.
+#pragma once
+
+#include "core/attach.h"
+#include "halvo/queue.h"
+
+namespace halvo {
+
+struct Side {
+    int32_t halvo_channel::*pid;                  // process id of the end's holder
+    char (halvo_channel::*name)[HALVO_NAME_SIZE]; // its name
+    int32_t halvo_channel::*waiting;              // its blocked threads
+    int32_t halvo_channel::*peer_waiting;         // the other side's
+    int32_t halvo_channel::*heartbeat;            // time of its last operation
+    int32_t halvo_channel::*peer_heartbeat;
+    int32_t halvo_channel::*file_heartbeat; // heartbeat of its file-queue process
+    int32_t halvo_channel::*file_pid;       // that process's id
+    halvo_client (halvo_channel::*clients)[HALVO_CLIENTS];
+    uint32_t halvo_channel::*position; // the slot it works on next
+    uint32_t halvo_channel::*buffers;  // its five buffer slots
+    int (*semaphore)(int) noexcept;    // what it sleeps on
+    int (*wake_peer)(int) noexcept;    // wakes the other side
+    int (*lock_set)() noexcept;        // the set that admits one process to the end
+};
+
+inline constexpr Side kReader{&halvo_channel::pidg,
+                              &halvo_channel::gname,
+                              &halvo_channel::rwait,
+                              &halvo_channel::wwait,
+                              &halvo_channel::rtime,
+                              &halvo_channel::wtime,
+                              &halvo_channel::frtime,
+                              &halvo_channel::pidgf,
+                              &halvo_channel::gclients,
+                              &halvo_channel::rpos,
+                              &halvo_channel::rbufs,
+                              &post_semaphore,
+                              &sem_rqst,
+                              &read_lock_set};
+
+inline constexpr Side kWriter{&halvo_channel::pidp,
+                              &halvo_channel::pname,
+                              &halvo_channel::wwait,
+                              &halvo_channel::rwait,
+                              &halvo_channel::wtime,
+                              &halvo_channel::rtime,
+                              &halvo_channel::fwtime,
+                              &halvo_channel::pidpf,
+                              &halvo_channel::pclients,
+                              &halvo_channel::wpos,
+                              &halvo_channel::wbufs,
+                              &request_semaphore,
+                              &sem_postx,
+                              &write_lock_set};
+
+// Which side a mode letter or an open handle means: 'w' the writer's, any other the reader's.
+constexpr const Side &side_of(char mode) noexcept { return mode == 'w' ? kWriter : kReader; }
+
+// Records this process as the holder of an end that it has just opened.
+void record_owner(const Side &side, halvo_channel *q, const char *client) noexcept;
+
+// Whether this process is the recorded holder of an end.
+bool owns(const Side &side, const halvo_channel *q) noexcept;
+
+} // namespace halvo

@@ -1,0 +1,43 @@
+// sms_shm: the read-rate limit of a channel.
+#include "core/throttle.h"
+
+#include "core/ring.h"
+
+namespace {
+
+constexpr int kPeriodSeconds = 20; // the rate is an average over at most this
+constexpr int kFlagSeconds = 2;    // how long `throttled` stays visible after a refusal
+
+// Times are compared as signed differences, so that they may wrap.
+int32_t seconds_between(int32_t later, int32_t earlier) {
+    return static_cast<int32_t>(static_cast<uint32_t>(later) - static_cast<uint32_t>(earlier));
+}
+
+} // namespace
+
+int64_t q_check_tps(halvo_channel *q) noexcept {
+    const auto now = static_cast<int32_t>(q_gettime());
+    const auto count = static_cast<int64_t>(q->qtype == 'F' ? q->fgcnt.count : q->gcnt.count);
+    if (seconds_between(now, q->tpsstart) > kPeriodSeconds) {
+        q->tpsstart =
+            static_cast<int32_t>(static_cast<uint32_t>(now) - 1); // the divisor is never 0
+        q->tpsbase = static_cast<uint64_t>(count);
+    }
+    const int32_t seconds = seconds_between(now, q->tpsstart);
+    // A clock that ran backwards into the period's first second leaves no period: divide by 1.
+    return (count - static_cast<int64_t>(q->tpsbase)) / (seconds > 0 ? seconds : 1);
+}
+
+bool halvo::rate_refused(halvo_channel *q) noexcept {
+    const int32_t limit = q->tpsmx;
+    if (limit > 0 && static_cast<int32_t>(q_check_tps(q)) > limit) {
+        store(q->throttled, 1);
+        q->throttletime = static_cast<int32_t>(q_gettime());
+        return true;
+    }
+    if (load(q->throttled) != 0) {
+        const auto now = static_cast<int32_t>(q_gettime());
+        if (q->throttletime <= now - kFlagSeconds) store(q->throttled, 0);
+    }
+    return false;
+}

@@ -1,0 +1,24 @@
+// sms_shm: what the write buffers share with the ring's writer.
+#pragma once
+
+#include "halvo/queue.h"
+
+namespace halvo {
+
+// Sets the writer's heartbeat.
+void touch_writer(halvo_channel *q) noexcept;
+
+// The longest message of a channel in bytes.
+uint32_t longest_message(const halvo_channel *q) noexcept;
+
+// ESMS_OK, ESMS_INVAL (length 0 or no data) or ESMS_EXEED; prints nothing.
+int length_fault(const halvo_channel *q, const void *data, uint32_t length) noexcept;
+
+// Prints the line that goes with ESMS_EXEED, and returns the fault.
+int report_length(const halvo_channel *q, int fault, uint32_t length) noexcept;
+
+// Puts a message into an empty write buffer if a ring slot can be kept free for it: ESMS_OK,
+// ESMS_PENDING or ESMS_FULL.
+int park(halvo_channel *q, qmsg *buffer, int type, const void *data, uint32_t length) noexcept;
+
+} // namespace halvo

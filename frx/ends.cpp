@@ -1,0 +1,124 @@
+// sms_shmC: start of the library in a C program, and opening and closing of channel ends.
+#include "frx/ends.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+
+#include "core/side.h"
+#include "core/wait_registry.h"
+
+using namespace halvo;
+
+namespace {
+
+constexpr int kSessions = 256;
+constexpr useconds_t kMonitorPause = 100000; // microseconds
+
+FrxSession qOpenSessions[kSessions];
+static_assert(sizeof(void *) != 4 || sizeof qOpenSessions == 14336);
+
+std::atomic<int32_t> goLoop{1}; // nothing sets it to 0: the monitor lives as long as the process
+pthread_t toutMon;
+
+bool in_table(int channel) { return channel >= 0 && channel < kSessions; }
+
+// What a session keeps of one end.
+struct OpenEnd {
+    FrxChannel *&handle;
+    pthread_mutex_t &lock;
+};
+
+OpenEnd open_end(int channel, char side) {
+    FrxSession &session = qOpenSessions[channel];
+    if (side == 'w') return {session.writer, session.writerLock};
+    return {session.reader, session.readerLock};
+}
+
+pthread_mutex_t *lock_of(const FrxChannel *handle) {
+    if (!handle || !in_table(handle->channel)) return nullptr;
+    return &open_end(handle->channel, handle->side).lock;
+}
+
+} // namespace
+
+namespace halvo {
+
+halvo_channel *frx_header(int channel) noexcept {
+    return in_table(channel) ? checked_channel(channel) : nullptr;
+}
+
+halvo_channel *frx_header(const FrxChannel *handle) noexcept {
+    return handle ? frx_header(handle->channel) : nullptr;
+}
+
+} // namespace halvo
+
+int frx_initialize(const char *keyfile) noexcept {
+    init_sig();
+    const int result = init_shm(keyfile);
+    if (!lock_service()) return ESMS_MTXLOCK;
+    for (FrxSession &session : qOpenSessions) session = {};
+    goLoop = 1;
+    pthread_create(&toutMon, nullptr, timeoutLoop, nullptr);
+    return unlock_service() ? result : ESMS_MTXUNLOCK;
+}
+
+int frx_initialized() noexcept { return init_shm(nullptr) == ESMS_OK; }
+
+int frx_monitorTimeout() noexcept { return monitor_pass(); }
+
+void *timeoutLoop(void *) noexcept {
+    std::puts("C Timeout Monitoring Service Started.");
+    while (goLoop) {
+        monitor_pass();
+        usleep(kMonitorPause);
+    }
+    return nullptr;
+}
+
+int frx_channelByName(const char *name) noexcept { return q_name2chnnl(name); }
+
+int frx_openChannel(FrxChannel *handle, const char *client, int channel, char side,
+                    int timeout) noexcept {
+    if (!handle) return ESMS_INVAL;
+    handle->channel = channel;
+    handle->side = side;
+    if (!frx_header(channel)) return ESMS_INVAL;
+    // An observer's 'x' would be recorded as an owner below; it is refused like an unknown mode.
+    if (side != 'w' && side != 'r') return ESMS_ACCESS;
+    halvo_channel *q = q_open_wait(channel, side, timeout);
+    if (!q) return ESMS_ACCESS;
+    record_owner(side_of(side), q, client ? client : "");
+    const OpenEnd end = open_end(channel, side);
+    if (!end.handle && pthread_mutex_init(&end.lock, nullptr) != 0) return ESMS_MTXINIT;
+    end.handle = handle;
+    return ESMS_OK;
+}
+
+// Kept: the handle stays recorded, so that a closed handle is still valid here and q_close answers.
+int frx_closeChannel(FrxChannel *handle) noexcept {
+    if (!frx_isValid(handle)) return ESMS_ACCESS;
+    if (frx_lock(handle) != ESMS_OK) return ESMS_MTXLOCK;
+    const int result = q_close(handle->channel, handle->side);
+    return frx_unlock(handle) == ESMS_OK ? result : ESMS_MTXUNLOCK;
+}
+
+int frx_isValid(const FrxChannel *handle) noexcept {
+    return handle && in_table(handle->channel) &&
+           open_end(handle->channel, handle->side).handle == handle;
+}
+
+int frx_lock(FrxChannel *handle) noexcept {
+    pthread_mutex_t *lock = lock_of(handle);
+    if (!lock) return ESMS_INVAL;
+    return pthread_mutex_lock(lock) == 0 ? ESMS_OK : ESMS_MTXLOCK;
+}
+
+// Kept: an unlock that fails is ESMS_MTXLOCK here; the operations report it as ESMS_MTXUNLOCK.
+int frx_unlock(FrxChannel *handle) noexcept {
+    pthread_mutex_t *lock = lock_of(handle);
+    if (!lock) return ESMS_INVAL;
+    return pthread_mutex_unlock(lock) == 0 ? ESMS_OK : ESMS_MTXLOCK;
+}

@@ -1,0 +1,52 @@
+// sms_shmC: what every operation on an open end goes through: the handle, the owner, the lock.
+#pragma once
+
+#include "core/side.h"
+#include "frx/ends.h"
+
+namespace halvo {
+
+// An end that passed the checks, or the code to return at once.
+struct CheckedEnd {
+    int32_t fault;
+    halvo_channel *q;
+};
+
+// arguments_ok: whether the call's pointers are there. `side` is the side that the operation
+// belongs to; the lock is that of the handle's own side.
+inline CheckedEnd check_end(const Side &side, const FrxChannel *handle,
+                            bool arguments_ok = true) noexcept {
+    if (!frx_isValid(handle)) return {ESMS_ACCESS, nullptr};
+    if (!arguments_ok) return {ESMS_INVAL, nullptr};
+    halvo_channel *q = frx_header(handle);
+    if (!q) return {ESMS_INVAL, nullptr};
+    if (!owns(side, q)) return {ESMS_ACCESS, nullptr};
+    return {ESMS_OK, q};
+}
+
+// What came of an operation under the lock: its result, or the fault of the lock itself.
+struct Locked {
+    int32_t fault = ESMS_OK;
+    int32_t result = ESMS_OK;
+    int32_t code() const { return fault != ESMS_OK ? fault : result; }
+};
+
+// Runs the operation between frx_lock and frx_unlock.
+template <class Operation>
+Locked under_lock(FrxChannel *handle, Operation operation) noexcept {
+    if (frx_lock(handle) != ESMS_OK) return {ESMS_MTXLOCK, 0};
+    const int32_t result = operation();
+    if (frx_unlock(handle) != ESMS_OK) return {ESMS_MTXUNLOCK, 0};
+    return {ESMS_OK, result};
+}
+
+// A whole operation that does not wait: checks, then the core call under the lock.
+template <class Operation>
+int32_t guarded(const Side &side, FrxChannel *handle, bool arguments_ok,
+                Operation operation) noexcept {
+    const CheckedEnd end = check_end(side, handle, arguments_ok);
+    if (end.fault != ESMS_OK) return end.fault;
+    return under_lock(handle, [&] { return operation(end.q); }).code();
+}
+
+} // namespace halvo
