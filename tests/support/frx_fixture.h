@@ -1,0 +1,61 @@
+// A process that uses the guarded interface on a small segment.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "halvo/frx.h"
+#include "tests/support/capture.h"
+#include "tests/support/peer.h"
+#include "tests/support/ring.h"
+#include "tests/support/segment_builder.h"
+
+namespace halvo::test {
+
+// frx_initialize without its lines. The monitor thread prints one of its own when it starts: wait
+// for that, or it would get into what a test captures later.
+inline int initialise(const Segment &segment) {
+    const StdoutCapture capture;
+    const int result = frx_initialize(segment.key_file().c_str());
+    while (capture.bytes().find("Service Started.\n") == std::string::npos) usleep(1000);
+    return result;
+}
+
+inline int frx_write(FrxChannel *end, const std::string &text, int timeout) {
+    return ::frx_write(end, 1, text.data(), static_cast<uint32_t>(text.size()), timeout);
+}
+
+// A clock for durations (<chrono> holds text that EUC-KR cannot express).
+inline int64_t milliseconds_now() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// Channel 0 MT01 ('M') and channel 1 FQ01 ('F', no semaphores), both ends of MT01 open.
+class FrxTest : public testing::Test {
+protected:
+    Segment segment =
+        SegmentBuilder().channel("MT01", 'M', 4, 64).channel("FQ01", 'F', 4, 64).build();
+    FrxChannel writer{}, reader{};
+    halvo_channel *q = nullptr;
+
+    void SetUp() override {
+        ASSERT_EQ(initialise(segment), ESMS_OK);
+        ASSERT_EQ(frx_openChannel(&writer, "the writer", 0, 'w', 1000), ESMS_OK);
+        ASSERT_EQ(frx_openChannel(&reader, "the reader", 0, 'r', 1000), ESMS_OK);
+        q = segment.channel("MT01");
+    }
+    void fill(int messages) {
+        for (int i = 0; i < messages; ++i)
+            ASSERT_EQ(frx_write(&writer, std::to_string(i), -1), ESMS_OK);
+    }
+    std::string read(int timeout = 5000) {
+        Slot slot(q);
+        const int result = frx_read(&reader, slot.data(), timeout);
+        return result >= 0 ? slot.body() : "[" + std::to_string(result) + "]";
+    }
+};
+
+} // namespace halvo::test

@@ -1,0 +1,74 @@
+// Running a program of ours, or any other, to its end.
+//
+//     const Outcome outcome = run_program({HALVO_QM, "check", "--key", s.key_file()});
+//     EXPECT_EQ(outcome.status, 0) << outcome.err;
+#pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "tests/support/peer.h"
+
+namespace halvo::test {
+
+struct Outcome {
+    int status; // exit status, 128 + signal, or 127 when the program could not be started
+    std::string out;
+    std::string err;
+};
+
+// A file without a name that takes a program's input or output.
+class ScratchFile {
+public:
+    ScratchFile() : file_(std::tmpfile()) {
+        if (!file_) throw std::runtime_error("tmpfile");
+    }
+    ScratchFile(const ScratchFile &) = delete;
+    ScratchFile &operator=(const ScratchFile &) = delete;
+    ~ScratchFile() { std::fclose(file_); }
+
+    int fd() const { return fileno(file_); }
+
+    void fill(const std::string &bytes) const {
+        std::fwrite(bytes.data(), 1, bytes.size(), file_);
+        std::rewind(file_);
+    }
+
+    std::string content() const {
+        std::rewind(file_);
+        std::string bytes;
+        char block[4096];
+        for (size_t got; (got = std::fread(block, 1, sizeof block, file_)) > 0;)
+            bytes.append(block, got);
+        return bytes;
+    }
+
+private:
+    std::FILE *file_;
+};
+
+// Runs argv[0], a path, with the given standard input.
+inline Outcome run_program(const std::vector<std::string> &argv, const std::string &input = {}) {
+    const ScratchFile in;
+    const ScratchFile out;
+    const ScratchFile err;
+    in.fill(input);
+    Peer program([&] {
+        std::vector<char *> words;
+        for (const std::string &word : argv) words.push_back(const_cast<char *>(word.c_str()));
+        words.push_back(nullptr);
+        dup2(in.fd(), STDIN_FILENO);
+        dup2(out.fd(), STDOUT_FILENO);
+        dup2(err.fd(), STDERR_FILENO);
+        execv(words[0], words.data());
+        return 127;
+    });
+    const int status = program.wait();
+    return {status, out.content(), err.content()};
+}
+
+} // namespace halvo::test

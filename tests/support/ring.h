@@ -1,0 +1,65 @@
+// Short words for tests of a channel's ring.
+#pragma once
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "core/ring.h"
+#include "halvo/queue.h"
+
+namespace halvo::test {
+
+inline int write(halvo_channel *q, const std::string &text, int type = 1) {
+    return q_write(q, type, text.data(), static_cast<uint32_t>(text.size()));
+}
+
+inline int write_mark(halvo_channel *q, const std::string &text) {
+    return q_write_mark(q, 1, text.data(), static_cast<uint32_t>(text.size()));
+}
+
+inline int write_mark_at(halvo_channel *q, const std::string &text, uint32_t index) {
+    return q_write_mark_at(q, 1, text.data(), static_cast<uint32_t>(text.size()), index);
+}
+
+inline int write_buf(halvo_channel *q, const std::string &text, int index) {
+    return q_write_buf(q, 1, text.data(), static_cast<uint32_t>(text.size()), index);
+}
+
+// Room for one slot of a channel, as a reader has it.
+class Slot {
+public:
+    explicit Slot(const halvo_channel *q) : bytes_(q->qbsz) {}
+    void *data() { return bytes_.data(); }
+    const qmsg &header() const { return *reinterpret_cast<const qmsg *>(bytes_.data()); }
+    std::string body() const {
+        return {reinterpret_cast<const char *>(bytes_.data()) + offsetof(qmsg, data), header().len};
+    }
+
+private:
+    std::vector<uint8_t> bytes_;
+};
+
+// The next message's body, or the result's number in brackets.
+inline std::string read(halvo_channel *q) {
+    Slot slot(q);
+    const int result = q_read(q, slot.data());
+    return result == ESMS_OK ? slot.body() : "[" + std::to_string(result) + "]";
+}
+
+// The letters of the ring's slots, with > before the read and < before the write position.
+inline std::string picture(const halvo_channel *q) {
+    std::string letters;
+    for (uint32_t at = q->qstart; at < q->qend; at += q->qbsz) {
+        if (at == q->rpos) letters += '>';
+        if (at == q->wpos) letters += '<';
+        letters += q_statchr(slot_at(q, at));
+    }
+    return letters;
+}
+
+inline uint32_t slot_number(const halvo_channel *q, uint32_t offset) {
+    return (offset - q->qstart) / q->qbsz;
+}
+
+} // namespace halvo::test

@@ -1,0 +1,139 @@
+#include "tools/qm_config.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "tests/support/directory.h"
+
+namespace halvo::qm {
+namespace {
+
+class ConfigTest : public testing::Test {
+protected:
+    ~ConfigTest() override { test::remove_tree(directory_); }
+
+    SegmentPlan load(const std::string &content) {
+        std::ofstream(path_, std::ios::binary) << content;
+        return load_config(path_);
+    }
+
+    std::string complaint_about(const std::string &content) {
+        try {
+            load(content);
+        } catch (const Error &error) {
+            return error.what();
+        }
+        return "no complaint";
+    }
+
+    const std::string directory_ = test::make_test_directory();
+    const std::string path_ = directory_ + "/config.toml";
+};
+
+TEST_F(ConfigTest, takes_every_field_and_fills_in_what_is_left_out) {
+    const SegmentPlan plan = load("[types]\n4095 = 'last'\n1 = 'first'\n"
+                                  "[[channel]]\nname = 'MT01'\nslots = 4\nslot_size = 20\n"
+                                  "[[channel]]\nname = '12345678901234567890123'\ntype = 'F'\n"
+                                  "slots = 1\nslot_size = 2_048\nrate_limit = 10\n");
+    EXPECT_EQ(plan.type_names, (std::map<int, std::string>{{1, "first"}, {4095, "last"}}));
+    ASSERT_EQ(plan.channels.size(), 2U);
+    const ChannelPlan &first = plan.channels[0];
+    EXPECT_EQ(first.name, "MT01");
+    EXPECT_EQ(first.type, 'M');
+    EXPECT_EQ(first.slots, 4U);
+    EXPECT_EQ(first.slot_size, 20U);
+    EXPECT_EQ(first.rate_limit, 0);
+    const ChannelPlan &second = plan.channels[1];
+    EXPECT_EQ(second.name.size(), 23U);
+    EXPECT_EQ(second.type, 'F');
+    EXPECT_EQ(second.slot_size, 2048U);
+    EXPECT_EQ(second.rate_limit, 10);
+}
+
+TEST_F(ConfigTest, the_example_is_sound) {
+    const SegmentPlan plan = load_config(HALVO_EXAMPLE_CONFIG);
+    ASSERT_GE(plan.channels.size(), 2U);
+    EXPECT_EQ(plan.channels[0].name, "MT01");
+    EXPECT_EQ(plan.channels[1].name, "MO01");
+}
+
+TEST_F(ConfigTest, a_file_that_cannot_be_read_is_named_with_the_reason) {
+    EXPECT_THROW(
+        {
+            try {
+                load_config(path_);
+            } catch (const Error &error) {
+                EXPECT_EQ(error.what(), path_ + ": No such file or directory");
+                throw;
+            }
+        },
+        Error);
+    EXPECT_THROW(load_config(directory_), Error);
+}
+
+TEST_F(ConfigTest, every_fault_is_told_with_its_line_and_reason) {
+    // Line 1 to 4 of a channel that is sound until something is added or replaced.
+    const std::string channel = "[[channel]]\nname = 'MT01'\nslots = 4\nslot_size = 256\n";
+    const auto with = [&](const std::string &from, const std::string &to) {
+        std::string changed = channel;
+        return changed.replace(changed.find(from), from.size(), to);
+    };
+    const struct {
+        std::string content;
+        int line;
+        std::string reason;
+    } cases[] = {
+        {"", 1, "there is no channel"},
+        {"[[channel]\n", 1, "Error while parsing"},
+        {channel + "slots = 5\n", 5, "slots"},
+        {channel + "size = 5\n", 5, "unknown key \"size\""},
+        {"chanel = 1\n" + channel, 1, "unknown key \"chanel\""},
+        {channel + "\"two\\nlines\" = 1\n", 5, "unknown key \"two?lines\""},
+        {"[channel]\nname = 'MT01'\n", 1, "[[channel]]"},
+        {"channel = [1]\n", 1, "[[channel]]"},
+        {with("name = 'MT01'\n", ""), 1, "the channel has no \"name\""},
+        {with("slots = 4\n", ""), 1, "the channel has no \"slots\""},
+        {with("'MT01'", "7"), 2, "name must be a string"},
+        {with("MT01", ""), 2, "the name is empty"},
+        {with("MT01", "123456789012345678901234"), 2, "24 bytes; at most 23"},
+        {with("'MT01'", "\"a\\u0000b\""), 2, "control character"},
+        {with("= 4", "= '4'"), 3, "slots must be a whole number"},
+        {with("= 4", "= 4.0"), 3, "slots must be a whole number"},
+        {with("= 4", "= 0"), 3, "slots is 0; it must be from 1 to 4294967295"},
+        {with("= 4", "= 4294967296"), 3, "slots is 4294967296"},
+        {with("256", "16"), 4, "a slot of 16 bytes holds no message"},
+        {with("256", "254"), 4, "254 is not a multiple of 4"},
+        {with("256", "-4"), 4, "slot_size is -4"},
+        {channel + "type = 'MM'\n", 5, "type must be one letter"},
+        {channel + "type = '1'\n", 5, "the type must be one letter"},
+        {channel + "rate_limit = -1\n", 5, "rate_limit is -1"},
+        {channel + "rate_limit = 2147483648\n", 5, "rate_limit is 2147483648"},
+        {channel + channel, 6, "another channel has the name MT01"},
+        {with("= 4", "= 4294967295"), 1, "larger than 4 GiB"},
+        {channel + "[types]\n0 = 'none'\n", 6, "from 1 to 4095"},
+        {channel + "[types]\n4096 = 'none'\n", 6, "from 1 to 4095"},
+        {channel + "[types]\n01 = 'one'\n", 6, "\"01\" is not the number of a type"},
+        {channel + "[types]\n1 = 1\n", 6, "the name of a type must be a string"},
+        {channel + "[types]\n1 = '123456789012345678901234'\n", 6, "at most 23"},
+        {"types = 1\n" + channel, 1, "[types]"},
+    };
+    for (const auto &[content, line, reason] : cases) {
+        const std::string complaint = complaint_about(content);
+        const std::string place = path_ + ":" + std::to_string(line) + ": ";
+        EXPECT_EQ(complaint.substr(0, place.size()), place) << complaint << "\n" << content;
+        EXPECT_NE(complaint.find(reason), std::string::npos) << complaint << "\n" << content;
+        EXPECT_EQ(complaint.find('\n'), std::string::npos) << complaint;
+    }
+}
+
+TEST_F(ConfigTest, the_channel_after_the_last_possible_one_is_refused) {
+    std::string content;
+    for (int i = 0; i < 270; ++i)
+        content += "[[channel]]\nname = 'C" + std::to_string(i) + "'\nslots = 1\nslot_size = 20\n";
+    EXPECT_EQ(complaint_about(content),
+              path_ + ":" + std::to_string(269 * 4 + 1) + ": there are more than 269 channels");
+}
+
+} // namespace
+} // namespace halvo::qm
