@@ -1,0 +1,95 @@
+#include <gtest/gtest.h>
+
+#include "tests/support/capture.h"
+#include "tests/support/ring.h"
+#include "tests/support/segment_builder.h"
+
+using namespace halvo::test;
+
+namespace {
+
+class Buffers : public testing::Test {
+protected:
+    Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    halvo_channel *q = nullptr;
+    void SetUp() override {
+        segment.attach();
+        q = segment.open("MT01", 'w');
+    }
+    std::string read_buf(int index) {
+        Slot slot(q);
+        const int result = q_read_buf(q, slot.data(), index);
+        return result == ESMS_OK ? slot.body() : "[" + std::to_string(result) + "]";
+    }
+};
+
+} // namespace
+
+TEST_F(Buffers, a_read_buffer_gives_its_message_again_until_it_is_cleared) {
+    write(q, "first");
+    write(q, "second");
+    EXPECT_EQ(read_buf(4), "first");
+    EXPECT_EQ(read_buf(4), "first");
+    EXPECT_EQ(q->gcnt.count, 1u) << "one ring slot is consumed";
+    EXPECT_EQ(read_buf(0), "second");
+    EXPECT_EQ(read_buf(1), "[-3]");
+    EXPECT_EQ(q_read_buf_clear(q, 4), ESMS_OK);
+    EXPECT_EQ(q_read_buf_clear(q, 4), ESMS_INVAL) << "empty";
+    EXPECT_EQ(read_buf(4), "[-3]");
+    for (int index : {-1, 5, INT32_MIN}) {
+        EXPECT_EQ(read_buf(index), "[-10]");
+        EXPECT_EQ(q_read_buf_clear(q, index), ESMS_INVAL);
+    }
+}
+
+TEST_F(Buffers, a_parked_message_keeps_a_ring_slot_free) {
+    EXPECT_EQ(write_buf(q, "a", 0), ESMS_OK);
+    EXPECT_EQ(write_buf(q, "b", 0), ESMS_PENDING);
+    EXPECT_EQ(write_buf(q, "b", 4), ESMS_OK);
+    EXPECT_EQ(q->pbuffs, 2);
+    EXPECT_EQ(write(q, "x"), ESMS_OK);
+    EXPECT_EQ(write(q, "y"), ESMS_OK);
+    EXPECT_EQ(write(q, "z"), ESMS_FULL) << "two slots are owed";
+    EXPECT_EQ(q_write_buf_commit(q, 4), ESMS_OK);
+    EXPECT_EQ(q_write_buf_commit(q, 0), ESMS_OK);
+    EXPECT_EQ(q->pbuffs, 0);
+    for (const char *text : {"x", "y", "b", "a"}) EXPECT_EQ(read(q), text);
+}
+
+TEST_F(Buffers, a_commit_into_a_full_ring_warns_and_keeps_the_message) {
+    write_buf(q, "parked", 2);
+    q->pbuffs = 0; // as if somebody had not kept the slot free
+    for (int i = 0; i < 4; ++i) write(q, "x");
+    q->pbuffs = 1;
+    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(q_write_buf_commit(q, 2), ESMS_FULL); }),
+              "WARNING!!!!!!!! buff control broken! r= -2, pbuffs=1\n");
+    EXPECT_EQ(q->pbuffs, 1);
+    read(q);
+    EXPECT_EQ(q_write_buf_commit(q, 2), ESMS_OK);
+}
+
+TEST_F(Buffers, parking_needs_the_slot_behind_the_owed_ones) {
+    for (int i = 0; i < 3; ++i) write(q, "x");
+    EXPECT_EQ(write_buf(q, "a", 0), ESMS_FULL) << "one slot ahead of the free one is taken";
+    q->pbuffs = -1;
+    EXPECT_EQ(write_buf(q, "a", 0), ESMS_OK) << "-1 looks at no slot";
+    EXPECT_EQ(q->pbuffs, 0);
+    read(q);
+    read(q);
+    write_mark_at(q, "m", 1);
+    EXPECT_EQ(write_buf(q, "b", 1), ESMS_PENDING);
+}
+
+TEST_F(Buffers, empty_buffers_and_bad_indexes_have_their_own_codes) {
+    EXPECT_EQ(q_write_buf_commit(q, 0), ESMS_INVAL);
+    EXPECT_EQ(q_write_buf_rollback(q, 0), ESMS_NOTARGET);
+    for (int index : {-1, 5, INT32_MAX}) {
+        EXPECT_EQ(write_buf(q, "a", index), ESMS_INVAL);
+        EXPECT_EQ(q_write_buf_commit(q, index), ESMS_INVAL);
+        EXPECT_EQ(q_write_buf_rollback(q, index), ESMS_INVAL);
+    }
+    EXPECT_EQ(write_buf(q, "", 9), ESMS_INVAL);
+    write_buf(q, "a", 3);
+    EXPECT_EQ(q_write_buf_rollback(q, 3), ESMS_OK);
+    EXPECT_EQ(q->pbuffs, 0);
+}

@@ -1,0 +1,115 @@
+#include <gtest/gtest.h>
+#include <sys/sem.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "tests/support/frx_fixture.h"
+
+using namespace halvo::test;
+
+namespace {
+
+Segment two_channels() {
+    return SegmentBuilder().channel("MT01", 'M', 4, 64).channel("FQ01", 'F', 4, 64).build();
+}
+
+} // namespace
+
+TEST(Open, refuses_with_a_line_and_null) {
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_open(0, 'r'), nullptr); }),
+              "shared queue is not attached !!!!!!!!!!!!!!!!!\n");
+    const Segment s = two_channels();
+    s.attach();
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_open(2, 'r'), nullptr); }),
+              "Ivalid Channel 2 valid range(0,1) \n");
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_open(-1, 'w'), nullptr); }),
+              "Ivalid Channel -1 valid range(0,1) \n");
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_open(0, 'z'), nullptr); }), "");
+}
+
+TEST(Open, records_the_owner_and_an_observer_records_nothing) {
+    const Segment s = two_channels();
+    s.attach();
+    const halvo_channel *q = q_open(0, 'x');
+    ASSERT_NE(q, nullptr);
+    EXPECT_EQ(q->pidg, 0);
+    EXPECT_EQ(q->pidp, 0);
+    EXPECT_EQ(q_open(0, 'r'), q);
+    EXPECT_EQ(q->pidg, getpid());
+    EXPECT_EQ(q->pidp, 0);
+    EXPECT_EQ(q_open(0, 'w'), q);
+    EXPECT_EQ(q->pidp, getpid());
+    EXPECT_EQ(q_close(0, 'r'), ESMS_OK);
+    EXPECT_EQ(q->pidg, getpid()) << "the last holder stays visible";
+}
+
+TEST(Open, close_has_a_code_for_every_mistake) {
+    EXPECT_EQ(q_close(0, 'r'), ESMS_NOINIT);
+    const Segment s = two_channels();
+    s.attach();
+    EXPECT_EQ(q_close(-1, 'r'), ESMS_INVAL);
+    EXPECT_EQ(q_close(2, 'z'), ESMS_INVAL) << "the channel is looked at first";
+    EXPECT_EQ(q_close(0, 'z'), ESMS_FAILED);
+    EXPECT_EQ(q_close(0, 'x'), ESMS_OK);
+    // A lock set that is gone: the two sides answer with different codes.
+    for (int project : {201, 202})
+        semctl(semget(ftok(s.key_file().c_str(), project), 2, 0), 0, IPC_RMID);
+    EXPECT_EQ(q_close(0, 'r'), ESMS_MTXLOCK);
+    EXPECT_EQ(q_close(0, 'w'), ESMS_MTXUNLOCK);
+    const std::string line = captured_stdout([] { EXPECT_EQ(q_open_wait(1, 'r', 100), nullptr); });
+    EXPECT_EQ(line.rfind("q r lock error(1) ", 0), 0u) << line;
+}
+
+TEST(Open, one_process_at_a_time_holds_an_end_and_a_killed_one_gives_it_back) {
+    const Segment s = two_channels();
+    Signal held;
+    Peer holder([&] {
+        s.attach();
+        s.open("MT01", 'w');
+        held.send();
+        pause();
+        return 0;
+    });
+    ASSERT_TRUE(held.wait());
+    ASSERT_EQ(initialise(s), ESMS_OK);
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_open_wait(0, 'w', 150), nullptr); }),
+              "q w lock error(0) Interrupted system call\n");
+    EXPECT_NE(q_open_wait(0, 'r', 150), nullptr) << "the other end is free";
+    holder.kill(SIGKILL);
+    EXPECT_EQ(holder.wait(), 128 + SIGKILL);
+    EXPECT_NE(q_open_wait(0, 'w', 5000), nullptr);
+    EXPECT_EQ(q_chnnl2q(0)->pidp, getpid());
+}
+
+TEST(Semaphores, posts_merge_into_one) {
+    const Segment s = two_channels();
+    s.attach();
+    captured_stdout([] { init_sig(); });
+    EXPECT_EQ(sem_postx(0), 0);
+    EXPECT_EQ(sem_postx(0), 0);
+    EXPECT_EQ(sem_wait4read(0), 0) << "the first wait returns at once";
+    reg_wait_thread(0);
+    Peer monitor([parent = getpid()] {
+        usleep(50000);
+        kill(parent, SIGUSR2);
+        return 0;
+    });
+    EXPECT_EQ(sem_wait4read(0), -1) << "the second waits until a signal ends it";
+    EXPECT_EQ(errno, EINTR);
+    unreg_wait_thread();
+    EXPECT_EQ(getSignal(), SIGUSR2);
+    EXPECT_EQ(sem_rqst(0), 0);
+    EXPECT_EQ(sem_wait4write(0), 0);
+}
+
+TEST(Semaphores, exist_for_channels_of_type_m_alone) {
+    const Segment s = two_channels();
+    s.attach();
+    for (int channel : {1, -1, 2, 999, INT32_MAX}) {
+        EXPECT_EQ(sem_wait4read(channel), -1) << channel;
+        EXPECT_EQ(sem_wait4write(channel), -1) << channel;
+        EXPECT_EQ(sem_postx(channel), -1) << channel;
+        EXPECT_EQ(sem_rqst(channel), -1) << channel;
+    }
+}

