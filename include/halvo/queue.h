@@ -81,6 +81,25 @@ HALVO_API halvo_channel *q_open_wait(int channel, char mode, int limit) HALVO_NO
  *          mode; when the lock cannot be given back ESMS_MTXLOCK for 'r', ESMS_MTXUNLOCK for 'w'. */
 HALVO_API int q_close(int channel, char mode) HALVO_NOEXCEPT;
 
+/* What q_recover() did, as bits of its result. */
+enum halvo_recovered {
+    HALVO_RECOVERED_POSITION = 1, /* moved the end's position to where the slots say it is */
+    HALVO_RECOVERED_MARKS = 2,    /* took back marks that nobody will commit any more */
+    HALVO_RECOVERED_PARKED = 4    /* corrected the number of parked messages */
+};
+
+/* Puts an end right after its last holder died, for the process that has just opened it: call it
+ * behind q_open() or frx_openChannel() before the first read or write. A process that died between
+ * two stores may have left its position one slot behind, which would stick the ring. Marks that it
+ * left are taken back: pending writes vanish, marked messages are read again.
+ *
+ * mode     'r' or 'w', as opened.
+ * returns  0 when all was right, else the bits above; ESMS_NOINIT; ESMS_INVAL for an unknown
+ *          channel; ESMS_FAILED for another mode; ESMS_ACCESS when this process does not hold the
+ *          end. While the other end's process lives it looks for about 50 ms, half a second at
+ *          most: the other side may be at work meanwhile. */
+HALVO_API int q_recover(int channel, char mode) HALVO_NOEXCEPT;
+
 /* ---- Semaphores: the plain system calls -------------------------------------------------- */
 /* All return 0, or -1 with errno. Channels of a type other than 'M' have no post and request
  * semaphores: -1 with EINVAL. The two posts and waits also answer so for an unknown channel. */

@@ -1,0 +1,112 @@
+// sms_shm: putting a channel's end right after its last holder died.
+//
+// A writer that dies between storing a slot's state and wpos, or a reader between state and rpos,
+// leaves its position one slot behind the states. The states are the truth: the occupied slots are
+// one run, which begins where the reader is and ends where the writer is.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <optional>
+
+#include "core/ring.h"
+#include "core/side.h"
+
+using namespace halvo;
+
+namespace {
+
+// While the peer lives, what the states say must stay the same over this many looks: slots may
+// change under a look, and the peer itself may stand between its own state and position.
+constexpr int kStillLooks = 10;
+constexpr int kMostLooks = 100;
+constexpr useconds_t kBetweenLooks = 5000; // microseconds
+
+bool is_alive(int32_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH); }
+
+bool is_occupied(const halvo_channel *q, uint32_t offset) {
+    const int32_t state = load_state(slot_at(q, offset));
+    return state == HALVO_SLOT_READABLE || state == HALVO_SLOT_MARKED;
+}
+
+// Where the states say that a side's position is; nothing when they are not one run.
+std::optional<uint32_t> position_by_states(const halvo_channel *q, bool writer,
+                                           uint32_t peer_position) {
+    uint32_t occupied = 0, runs = 0, start = 0, end = 0;
+    bool before = is_occupied(q, q->qend - q->qbsz);
+    for (uint32_t offset = q->qstart; offset < q->qend; offset += q->qbsz) {
+        const bool now = is_occupied(q, offset);
+        occupied += now;
+        if (now && !before) {
+            ++runs;
+            start = offset;
+        }
+        if (!now && before) end = offset;
+        before = now;
+    }
+    if (occupied == 0 || occupied == q->qcnt) return peer_position;
+    if (runs != 1) return std::nullopt;
+    return writer ? end : start;
+}
+
+std::optional<uint32_t> settled_position(const halvo_channel *q, bool writer, const Side &peer) {
+    const auto look = [&] { return position_by_states(q, writer, load(q->*peer.position)); };
+    std::optional<uint32_t> position = look();
+    if (!is_alive(load(q->*peer.pid))) return position;
+    int still = 1;
+    for (int i = 0; i < kMostLooks && still < kStillLooks; ++i) {
+        usleep(kBetweenLooks);
+        const std::optional<uint32_t> again = look();
+        still = again == position ? still + 1 : 1;
+        position = again;
+    }
+    return still == kStillLooks ? position : std::nullopt;
+}
+
+// Takes back what the dead holder had marked and neither committed nor rolled back.
+bool free_marks(halvo_channel *q, int32_t marked, int32_t before) {
+    bool any = false;
+    for (uint32_t offset = q->qstart; offset < q->qend; offset += q->qbsz) {
+        qmsg *slot = slot_at(q, offset);
+        if (load_state(slot) != marked) continue;
+        publish_state(slot, before);
+        any = true;
+    }
+    return any;
+}
+
+// A writer that died while it parked, committed or dropped a message may have left pbuffs beside
+// the number of messages that are parked.
+bool correct_parked(halvo_channel *q) {
+    int32_t held = 0;
+    for (int i = 0; i < HALVO_BUFFERS; ++i)
+        held += load_state(buffer_slot(q, q->wbufs, i)) == HALVO_SLOT_READABLE;
+    if (q->pbuffs == held) return false;
+    store(q->pbuffs, held);
+    return true;
+}
+
+} // namespace
+
+int q_recover(int channel, char mode) noexcept {
+    if (!attached_segment()) return ESMS_NOINIT;
+    halvo_channel *q = checked_channel(channel);
+    if (!q) return ESMS_INVAL;
+    if (mode != 'r' && mode != 'w') return ESMS_FAILED;
+    const bool writer = mode == 'w';
+    const Side &side = side_of(mode);
+    if (!owns(side, q)) return ESMS_ACCESS;
+
+    int done = 0;
+    const std::optional<uint32_t> position =
+        settled_position(q, writer, writer ? kReader : kWriter);
+    if (position && *position != load(q->*side.position)) {
+        store(q->*side.position, *position);
+        done |= HALVO_RECOVERED_POSITION;
+    }
+    if (writer ? free_marks(q, HALVO_SLOT_PENDING, HALVO_SLOT_FREE)
+               : free_marks(q, HALVO_SLOT_MARKED, HALVO_SLOT_READABLE))
+        done |= HALVO_RECOVERED_MARKS;
+    if (writer && correct_parked(q)) done |= HALVO_RECOVERED_PARKED;
+    return done;
+}

@@ -1,0 +1,121 @@
+// An end whose holder died between two stores is put right by the next holder.
+#include "tests/support/frx_fixture.h"
+
+using namespace halvo::test;
+using halvo::slot_at;
+
+namespace {
+
+class Recover : public testing::Test {
+protected:
+    Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    halvo_channel *q = nullptr;
+    void SetUp() override {
+        segment.attach();
+        q = segment.open("MT01", 'w');
+        segment.open("MT01", 'r');
+        q->pidg = 0; // no living peer to wait for
+    }
+    int recover(char mode) {
+        (mode == 'w' ? q->pidp : q->pidg) = getpid();
+        (mode == 'w' ? q->pidg : q->pidp) = 0;
+        return q_recover(0, mode);
+    }
+    void step_back(uint32_t &position) {
+        position = position == q->qstart ? q->qend - q->qbsz : position - q->qbsz;
+    }
+};
+
+} // namespace
+
+TEST_F(Recover, does_nothing_to_a_sound_ring_however_full_it_is) {
+    for (int messages = 0; messages <= 4; ++messages) {
+        const std::string before = picture(q);
+        EXPECT_EQ(recover('w'), 0) << before;
+        EXPECT_EQ(recover('r'), 0) << before;
+        EXPECT_EQ(picture(q), before);
+        write(q, "m");
+    }
+}
+
+TEST_F(Recover, moves_a_position_that_is_one_slot_behind) {
+    // From every place in the ring, with every number of messages.
+    for (int start = 0; start < 4; ++start) {
+        for (int messages = 1; messages <= 4; ++messages) {
+            for (int i = 0; i < messages; ++i) write(q, std::to_string(i));
+            step_back(q->wpos);
+            EXPECT_EQ(recover('w'), HALVO_RECOVERED_POSITION) << picture(q);
+            EXPECT_EQ(recover('w'), 0);
+            for (int i = 0; i < messages; ++i) {
+                EXPECT_EQ(read(q), std::to_string(i));
+                step_back(q->rpos);
+                EXPECT_EQ(recover('r'), HALVO_RECOVERED_POSITION) << picture(q);
+            }
+            EXPECT_EQ(q->rpos, q->wpos);
+        }
+        write(q, "one further");
+        read(q);
+    }
+}
+
+TEST_F(Recover, a_stale_position_of_the_writer_whose_message_is_already_read) {
+    write(q, "read at once");
+    step_back(q->wpos);
+    read(q);
+    EXPECT_EQ(recover('w'), HALVO_RECOVERED_POSITION);
+    EXPECT_EQ(write(q, "next"), ESMS_OK);
+    EXPECT_EQ(read(q), "next");
+}
+
+TEST_F(Recover, takes_back_marks_of_its_own_side_alone) {
+    write(q, "a");
+    write(q, "b");
+    q_read_mark(q, 1);
+    write_mark_at(q, "x", 1); // a mark behind a gap
+    EXPECT_EQ(recover('w'), HALVO_RECOVERED_MARKS);
+    EXPECT_EQ(picture(q), ">RF<__");
+    EXPECT_EQ(recover('r'), HALVO_RECOVERED_MARKS);
+    EXPECT_EQ(read(q), "a");
+}
+
+TEST_F(Recover, counts_the_parked_messages_anew) {
+    write_buf(q, "p", 2);
+    q->pbuffs = 0;
+    EXPECT_EQ(recover('w'), HALVO_RECOVERED_PARKED);
+    EXPECT_EQ(q->pbuffs, 1);
+    EXPECT_EQ(recover('r'), 0);
+}
+
+TEST_F(Recover, is_for_the_holder_of_an_end) {
+    q->pidp = 1;
+    EXPECT_EQ(q_recover(0, 'w'), ESMS_ACCESS);
+    EXPECT_EQ(q_recover(0, 'x'), ESMS_FAILED);
+    EXPECT_EQ(q_recover(1, 'w'), ESMS_INVAL);
+    EXPECT_EQ(q_recover(-1, 'r'), ESMS_INVAL);
+}
+
+TEST_F(Recover, leaves_the_position_alone_when_the_slots_are_no_single_run) {
+    write(q, "a");
+    slot_at(q, q->qstart + 2 * q->qbsz)->state = HALVO_SLOT_READABLE;
+    const uint32_t before = q->wpos;
+    EXPECT_EQ(recover('w'), 0);
+    EXPECT_EQ(q->wpos, before);
+}
+
+TEST_F(Recover, waits_for_a_living_peer_to_finish) {
+    write(q, "m");
+    step_back(q->wpos);
+    Peer reader([&] { // takes the message and is held up before it moves its position
+        halvo::store(q->pidg, static_cast<int32_t>(getpid()));
+        halvo::publish_state(slot_at(q, q->rpos), HALVO_SLOT_FREE);
+        usleep(2000);
+        halvo::store(q->rpos, halvo::next_offset(q, q->rpos));
+        usleep(200000);
+        return 0;
+    });
+    while (halvo::load_state(slot_at(q, q->rpos)) != HALVO_SLOT_FREE) usleep(100);
+    EXPECT_EQ(q_recover(0, 'w'), HALVO_RECOVERED_POSITION);
+    EXPECT_EQ(q->wpos, q->rpos);
+    EXPECT_EQ(write(q, "next"), ESMS_OK);
+    EXPECT_EQ(read(q), "next");
+}
