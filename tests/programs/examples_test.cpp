@@ -1,0 +1,42 @@
+// The examples that the README shows are those that are compiled here, and they work.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "tests/support/program.h"
+#include "tests/support/segment_builder.h"
+
+using namespace halvo::test;
+
+namespace {
+
+std::string content(const std::string &path) {
+    std::ifstream file(path);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+} // namespace
+
+TEST(Examples, in_c_and_cpp_pass_a_message) {
+    const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 256).build();
+    for (const char *name : {"/hello_c", "/hello_cpp"}) {
+        const Outcome outcome = run_program({std::string(HALVO_BIN) + name, s.key_file()});
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        EXPECT_NE(outcome.out.find("\nhello, world\n"), std::string::npos) << outcome.out;
+    }
+}
+
+TEST(Examples, say_why_they_cannot) {
+    const Outcome outcome = run_program({std::string(HALVO_BIN) + "/hello_c", "/nonexistent"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_NE(outcome.out.find("shmat failed keyfile /nonexistent"), std::string::npos);
+}
+
+TEST(Examples, stand_in_the_readme_as_they_are_compiled) {
+    const std::string example = content(std::string(HALVO_EXAMPLES) + "/hello.c");
+    ASSERT_FALSE(example.empty());
+    EXPECT_NE(content(HALVO_README).find("```c\n" + example + "```\n"), std::string::npos);
+}

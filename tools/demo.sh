@@ -1,0 +1,59 @@
+#!/bin/bash
+# Passes a real text from one process to another through a channel, and compares what arrived.
+#     tools/demo.sh build/i386
+# Removes all that it made, also when something fails.
+set -euo pipefail
+build=$(cd "$1" && pwd)
+tools=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d "${TMPDIR:-/tmp}/halvo-demo-XXXXXX")
+key=$work/halvo.key
+export PATH=$build/bin:$PATH
+
+clean_up() {
+    local status=$?
+    trap - EXIT
+    local job
+    for job in $(jobs -p); do kill "$job" 2>/dev/null || true; done
+    wait
+    [ -e "$key" ] && { halvo-qm remove --key "$key" || true; }
+    rm -rf "$work"
+    [ $status = 0 ] || echo "demo: failed" >&2
+    exit $status
+}
+trap clean_up EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+say() { printf '\n== %s\n' "$*"; }
+same() {
+    cmp "$1" "$2"
+    echo "what arrived is what was sent: $(wc -l <"$2") lines, $(wc -c <"$2") bytes"
+}
+
+# Licence texts and copyright notices, as every Debian machine has them.
+find -L /usr/share/common-licenses /usr/share/doc -maxdepth 2 -type f \
+    \( -path '*/common-licenses/*' -o -name copyright \) -print0 | sort -z | xargs -0 cat |
+    LC_ALL=C awk 'length($0) < 1000 && NR <= 10000' >"$work/sent.txt"
+
+say "a segment from tools/example.toml"
+halvo-qm create "$tools/example.toml" --key "$key"
+halvo-qm list --key "$key"
+
+say "$(wc -l <"$work/sent.txt") lines through channel MT01, one message each"
+halvo-recv --key "$key" MT01 --keep-newline --idle 3000 --count "$(wc -l <"$work/sent.txt")" \
+    --output "$work/got.txt" &
+halvo-send --key "$key" MT01 --keep-newline "$work/sent.txt"
+wait $!
+same "$work/sent.txt" "$work/got.txt"
+
+say "the same in batches of 50 that become readable together"
+halvo-recv --key "$key" MO01 --keep-newline --idle 3000 --count "$(wc -l <"$work/sent.txt")" \
+    --output "$work/batches.txt" &
+halvo-send --key "$key" MO01 --keep-newline --batch 50 "$work/sent.txt"
+wait $!
+same "$work/sent.txt" "$work/batches.txt"
+
+say "the segment afterwards"
+halvo-qm list --key "$key"
+halvo-qm check --key "$key"
+echo "demo: done"

@@ -1,0 +1,115 @@
+#include "tools/message_tool.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "halvo/queue.h"
+
+namespace halvo::tools {
+
+namespace {
+
+volatile std::sig_atomic_t stop = 0;
+
+extern "C" void remember_stop(int number) { stop = number; }
+
+double now() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+} // namespace
+
+std::string result_text(int code) {
+    switch (code) {
+#define HALVO_RESULT_TEXT(name, value, meaning)                                                    \
+    case value:                                                                                    \
+        return #name " (" meaning ")";
+        HALVO_RESULT_CODES(HALVO_RESULT_TEXT)
+#undef HALVO_RESULT_TEXT
+    default:
+        return "result " + std::to_string(code);
+    }
+}
+
+void catch_stop_signals() {
+    struct sigaction action {};
+    action.sa_handler = remember_stop; // without SA_RESTART: waits and reads return
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+}
+
+int stop_signal() { return stop; }
+
+int split_data_from_messages() {
+    const int data = dup(STDOUT_FILENO);
+    if (data < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
+        throw ToolError(kFailed, std::string("standard output: ") + std::strerror(errno));
+    return data;
+}
+
+OpenEnd::OpenEnd(const std::string &key_file, const std::string &channel, char side,
+                 const std::string &client, int timeout) {
+    const int attached = frx_initialize(key_file.c_str());
+    if (attached != ESMS_OK)
+        throw ToolError(kUsage, key_file + ": no segment to attach to, " + result_text(attached) +
+                                    "; halvo-qm create makes one");
+    const int number = frx_channelByName(channel.c_str());
+    if (number < 0) throw ToolError(kUsage, channel + ": no channel of that name in " + key_file);
+    const int opened = frx_openChannel(&handle_, client.c_str(), number, side, timeout);
+    if (opened != ESMS_OK)
+        throw ToolError(kFailed, channel + ": the " + (side == 'w' ? "writer" : "reader") +
+                                     "'s end could not be opened, " + result_text(opened));
+    q_recover(number, side); // the last holder may have been killed
+}
+
+OpenEnd::~OpenEnd() { frx_closeChannel(&handle_); }
+
+halvo_channel *OpenEnd::header() const { return q_chnnl2q(handle_.channel); }
+
+uint32_t OpenEnd::slot_size() const {
+    return static_cast<uint32_t>(frx_sizeOfBlock(handle_.channel));
+}
+
+uint32_t OpenEnd::longest_message() const {
+    return static_cast<uint32_t>(frx_sizeOfData(handle_.channel));
+}
+
+Progress::Progress(const char *program, bool quiet)
+    : program_(program), quiet_(quiet), terminal_(isatty(STDERR_FILENO) != 0), began_(now()),
+      shown_(began_) {}
+
+double Progress::seconds() const { return now() - began_; }
+
+std::string Progress::line() const {
+    const double took = seconds();
+    const double rate = took > 0 ? static_cast<double>(messages_) / took : 0;
+    char text[160];
+    std::snprintf(text, sizeof text, "%s: %llu messages, %llu bytes in %.2f s, %.0f messages/s",
+                  program_, static_cast<unsigned long long>(messages_),
+                  static_cast<unsigned long long>(bytes_), took, rate);
+    return text;
+}
+
+void Progress::add(uint64_t messages, uint64_t bytes) {
+    if (messages_ == 0) began_ = now(); // what counts is the transfer, not the wait for its start
+    messages_ += messages;
+    bytes_ += bytes;
+    if (quiet_ || !terminal_ || now() - shown_ < 0.2) return;
+    shown_ = now();
+    std::fprintf(stderr, "\r%s\033[K", line().c_str());
+}
+
+void Progress::finish() {
+    if (!quiet_) std::fprintf(stderr, "%s%s\n", terminal_ ? "\r\033[K" : "", line().c_str());
+}
+
+} // namespace halvo::tools

@@ -1,0 +1,75 @@
+// What halvo-send and halvo-recv share: the open end of a channel, clean ends on signals, the
+// progress line, and errors with the result code's name.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+#include "halvo/frx.h"
+
+namespace halvo::tools {
+
+// Exit statuses of both programs.
+enum Exit { kDone = 0, kFailed = 1, kUsage = 2 };
+
+// A failure as one line for the operator, and the exit status that goes with it.
+class ToolError : public std::runtime_error {
+public:
+    ToolError(int status, const std::string &line) : std::runtime_error(line), status_(status) {}
+    int status() const { return status_; }
+
+private:
+    int status_;
+};
+
+// "ESMS_TIMEOUT (a blocking wait ran out of time)".
+std::string result_text(int code);
+
+// SIGINT and SIGTERM interrupt waits and set a flag; SIGPIPE becomes an error of write.
+void catch_stop_signals();
+int stop_signal(); // 0, or the signal that asked to stop
+
+// Points descriptor 1 at standard error, where the library's own lines do not mix with data, and
+// returns a descriptor of the real standard output.
+int split_data_from_messages();
+
+// An end of a channel, open as long as this lives. Throws ToolError.
+class OpenEnd {
+public:
+    OpenEnd(const std::string &key_file, const std::string &channel, char side,
+            const std::string &client, int timeout);
+    ~OpenEnd();
+    OpenEnd(const OpenEnd &) = delete;
+    OpenEnd &operator=(const OpenEnd &) = delete;
+
+    FrxChannel *handle() { return &handle_; }
+    halvo_channel *header() const;
+    uint32_t slot_size() const;       // bytes
+    uint32_t longest_message() const; // bytes
+
+private:
+    FrxChannel handle_{};
+};
+
+// Counts what went through; shows it on a terminal while it goes and as one line at the end.
+class Progress {
+public:
+    Progress(const char *program, bool quiet);
+    void add(uint64_t messages, uint64_t bytes);
+    uint64_t messages() const { return messages_; }
+    void finish();
+
+private:
+    std::string line() const;
+    double seconds() const;
+    const char *program_;
+    bool quiet_;
+    bool terminal_;
+    double began_;
+    double shown_;
+    uint64_t messages_ = 0;
+    uint64_t bytes_ = 0;
+};
+
+} // namespace halvo::tools
