@@ -142,16 +142,7 @@ int main(int argc, char **argv) {
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kDone : kUsage;
     }
-    Progress progress("halvo-recv", options.quiet);
-    int status = kDone;
-    try {
-        const int standard_output = split_data_from_messages();
-        catch_stop_signals();
+    return run_tool("halvo-recv", options.quiet, [&](int standard_output, Progress &progress) {
         Receiver(options, open_output(options.output, standard_output), progress).run();
-    } catch (const ToolError &error) {
-        status = error.status();
-        std::fprintf(stderr, "halvo-recv: %s\n", error.what());
-    }
-    if (status != kUsage) progress.finish();
-    return status;
+    });
 }

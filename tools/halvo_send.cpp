@@ -31,8 +31,7 @@ class Sender {
 public:
     Sender(const Options &options, Progress &progress)
         : options_(options), progress_(progress),
-          end_(options.key_file, options.channel, 'w', options.client, options.timeout) {
-    }
+          end_(options.key_file, options.channel, 'w', options.client, options.timeout) {}
     ~Sender() { q_write_rollback_all(end_.header()); }
 
     void send(const std::string &body) {
@@ -188,16 +187,6 @@ int main(int argc, char **argv) {
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kDone : kUsage;
     }
-    Progress progress("halvo-send", options.quiet);
-    int status = kDone;
-    try {
-        split_data_from_messages();
-        catch_stop_signals();
-        run(options, progress);
-    } catch (const ToolError &error) {
-        status = error.status();
-        std::fprintf(stderr, "halvo-send: %s\n", error.what());
-    }
-    if (status != kUsage) progress.finish();
-    return status;
+    return run_tool("halvo-send", options.quiet,
+                    [&](int, Progress &progress) { run(options, progress); });
 }

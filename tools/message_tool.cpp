@@ -1,5 +1,6 @@
 #include "tools/message_tool.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,6 +25,41 @@ double now() {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
+// Waits and reads return when one of these comes; SIGPIPE becomes an error of write.
+void catch_stop_signals() {
+    struct sigaction action {};
+    action.sa_handler = remember_stop; // without SA_RESTART
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+}
+
+// Keeps the library's own lines, which it prints on standard output, out of the data: they go to a
+// file in memory, and to standard error when the program failed.
+class LibraryMessages {
+public:
+    LibraryMessages()
+        : standard_output_(dup(STDOUT_FILENO)), messages_(memfd_create("messages", MFD_CLOEXEC)) {
+        if (standard_output_ < 0 || messages_ < 0 || dup2(messages_, STDOUT_FILENO) < 0)
+            throw ToolError(kFailed, std::string("standard output: ") + std::strerror(errno));
+    }
+
+    int standard_output() const { return standard_output_; } // the real one
+
+    void show() const {
+        std::fflush(stdout);
+        char block[4096];
+        off_t at = 0;
+        for (ssize_t got; (got = pread(messages_, block, sizeof block, at)) > 0; at += got)
+            std::fwrite(block, 1, static_cast<size_t>(got), stderr);
+    }
+
+private:
+    int standard_output_;
+    int messages_;
+};
+
 } // namespace
 
 std::string result_text(int code) {
@@ -38,23 +74,7 @@ std::string result_text(int code) {
     }
 }
 
-void catch_stop_signals() {
-    struct sigaction action {};
-    action.sa_handler = remember_stop; // without SA_RESTART: waits and reads return
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-    action.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &action, nullptr);
-}
-
 int stop_signal() { return stop; }
-
-int split_data_from_messages() {
-    const int data = dup(STDOUT_FILENO);
-    if (data < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
-        throw ToolError(kFailed, std::string("standard output: ") + std::strerror(errno));
-    return data;
-}
 
 OpenEnd::OpenEnd(const std::string &key_file, const std::string &channel, char side,
                  const std::string &client, int timeout) {
@@ -110,6 +130,26 @@ void Progress::add(uint64_t messages, uint64_t bytes) {
 
 void Progress::finish() {
     if (!quiet_) std::fprintf(stderr, "%s%s\n", terminal_ ? "\r\033[K" : "", line().c_str());
+}
+
+int run_tool(const char *program, bool quiet, const std::function<void(int, Progress &)> &work) {
+    Progress progress(program, quiet);
+    try {
+        const LibraryMessages messages;
+        try {
+            catch_stop_signals();
+            work(messages.standard_output(), progress);
+        } catch (const ToolError &) {
+            messages.show();
+            throw;
+        }
+    } catch (const ToolError &error) {
+        std::fprintf(stderr, "%s: %s\n", program, error.what());
+        if (error.status() != kUsage) progress.finish();
+        return error.status();
+    }
+    progress.finish();
+    return kDone;
 }
 
 } // namespace halvo::tools

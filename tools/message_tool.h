@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -26,13 +27,7 @@ private:
 // "ESMS_TIMEOUT (a blocking wait ran out of time)".
 std::string result_text(int code);
 
-// SIGINT and SIGTERM interrupt waits and set a flag; SIGPIPE becomes an error of write.
-void catch_stop_signals();
-int stop_signal(); // 0, or the signal that asked to stop
-
-// Points descriptor 1 at standard error, where the library's own lines do not mix with data, and
-// returns a descriptor of the real standard output.
-int split_data_from_messages();
+int stop_signal(); // 0, or the number of the signal (SIGINT, SIGTERM) that asked to stop
 
 // An end of a channel, open as long as this lives. Throws ToolError.
 class OpenEnd {
@@ -71,5 +66,9 @@ private:
     uint64_t messages_ = 0;
     uint64_t bytes_ = 0;
 };
+
+// The frame of both programs: runs work(descriptor of the real standard output, progress), reports
+// a ToolError, and returns the exit status.
+int run_tool(const char *program, bool quiet, const std::function<void(int, Progress &)> &work);
 
 } // namespace halvo::tools
