@@ -1,0 +1,93 @@
+// sms_fq: the read transactions.
+//
+//   fq_dequeue --> fq_dequeue_next ... --> fq_dequeue_commit | fq_dequeue_rollback
+//   side locked, items read                position saved    | the same items are read again
+//
+// The position is saved before a finished data file is deleted: a reader that dies in between
+// leaves a file that nobody needs, and never a position in a file that is gone.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "fq/channel_stats.h"
+#include "fq/lock.h"
+#include "fq/position.h"
+
+using namespace halvo;
+using namespace halvo::fq;
+
+namespace {
+
+constexpr int kIncomplete = -100; // from fq_read_item; to the caller it is nothing to read
+
+// Reads one item and counts it. As fq_read_item, with a line for a failure.
+int read_counted(const char *path, fqtrans *trans, void *buf, unsigned cap) {
+    const int result = fq_read_item(path, trans, buf, cap);
+    if (result == kIncomplete) return 0;
+    if (result < 0) std::puts("fq_dequeue.fq_read_item error ");
+    if (result > 0) ++trans->count;
+    return result;
+}
+
+// Deletes the file in which the transaction began when it ended in another one.
+// Kept: only that one, however many files the transaction passed through.
+void delete_finished_file(const fqtrans *trans) {
+    if (std::memcmp(trans->startpos + kOrderAt, trans->nextpos + kOrderAt, kNumberWidth) == 0)
+        return;
+    const Position began = position_in(trans->startpos);
+    if (!began.valid()) return;
+    const FileName name = data_file(trans->path, began.order);
+    if (unlink(name.text) != 0) std::printf("fq_dequeue.unlink error %s\n", name.text);
+}
+
+} // namespace
+
+int fq_dequeue(int chnnl, const char *path, void *buf, unsigned cap, fqtrans *trans) noexcept {
+    if (!usable_path(path) || !buf || !trans) return ESMS_INVAL;
+    ChannelStats stats(chnnl);
+    stats.reader_alive();
+    if (stats.read_refused()) return ESMS_EMPTY;
+    begin_record(trans, path);
+    const int locked = fq_lock('r', trans);
+    if (locked < 0) return locked;
+    const int result = read_counted(trans->path, trans, buf, cap);
+    if (result <= 0) fq_unlock(trans);
+    return result;
+}
+
+int fq_dequeue_next(int chnnl, const char *path, fqtrans *trans, void *buf, unsigned cap) noexcept {
+    ChannelStats(chnnl).reader_alive();
+    if (!trans || !buf || !usable_path(path)) return ESMS_INVAL;
+    std::memcpy(trans->curpos, trans->nextpos, kRecordSize);
+    return read_counted(path, trans, buf, cap);
+}
+
+int fq_dequeue_commit(int chnnl, fqtrans *trans) noexcept {
+    if (!trans) {
+        std::puts("fq_dequeue_commit NULL trans.");
+        return -1;
+    }
+    if (trans->count == 0 || !holds_side(trans)) {
+        fq_unlock(trans);
+        std::puts("fq_dequeue_commit on no data.");
+        return -1;
+    }
+    const Saved saved = save_position(trans->posfd, trans->nextpos,
+                                      [] { std::puts("fq_dequeue_commit.unlink error "); });
+    // Kept: a position that was not saved is not reported, and the commit goes on.
+    if (saved.result < 0) std::puts("fq_dequeue_commit.fq_set_pos error ");
+    delete_finished_file(trans);
+    ChannelStats(chnnl).committed_reads(trans->count, trans->errcnt);
+    const int result = fq_unlock(trans);
+    if (result < 0) std::puts("fq_dequeue_commit.fq_unlock error ");
+    return result;
+}
+
+int fq_dequeue_rollback(int, fqtrans *trans) noexcept {
+    if (!trans) {
+        std::puts("fq_dequeue_commit NULL trans.");
+        return -1;
+    }
+    return fq_unlock(trans);
+}

@@ -1,0 +1,110 @@
+// sms_fq: a transaction becomes readable first and its position is saved then. A writer that dies
+// in between has put its items into the queue, though nobody was told; they may have been read
+// already. One that dies earlier leaves items that must never become readable. So the next writer
+//
+//   saved position           end of file
+//     | F | F | F | W | F | W |            steps over the complete F items (readable, not saved),
+//                 ^ goes on here           over an end item into the next file, and cuts off the
+//                                          rest (a batch that died between its flips).
+#include "fq/recovery.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "fq/files.h"
+#include "fq/position.h"
+
+using namespace halvo;
+using namespace halvo::fq;
+
+namespace {
+
+enum class Found { settled, next_file, failed };
+
+// Whether a readable item stands whole at `at`; `size` is that of the file.
+bool complete_item(int fd, const ItemHeader &header, int64_t at, int64_t size) {
+    const int64_t end = at + header.length + FQ_ITEM_EXTRA;
+    char trailer[kTrailerSize];
+    return header.has_magic() && header.state == kCommitted && header.length > 0 && end <= size &&
+           fits_field(end) &&
+           pread(fd, trailer, kTrailerSize, end - kTrailerSize) == kTrailerSize &&
+           std::memcmp(trailer, kTrailer, kTrailerSize) == 0;
+}
+
+// Readers take a header with length 0 for the end, even when its trailer is missing.
+bool ends_file(const ItemHeader &header) {
+    return header.has_magic() && header.state == kEnd && header.length == 0;
+}
+
+Found settle_in_file(int fd, Position &at) {
+    struct stat file {};
+    if (fstat(fd, &file) != 0) return Found::failed;
+    if (!S_ISREG(file.st_mode)) return Found::settled;
+    ItemHeader header;
+    ssize_t got;
+    while ((got = pread(fd, &header, kHeaderSize, at.offset)) == kHeaderSize) {
+        if (ends_file(header)) return Found::next_file;
+        if (!complete_item(fd, header, at.offset, file.st_size)) break;
+        at.offset += static_cast<int32_t>(header.length + FQ_ITEM_EXTRA);
+    }
+    if (got < 0) return Found::failed;
+    if (file.st_size > at.offset && ftruncate(fd, at.offset) != 0) return Found::failed;
+    return Found::settled;
+}
+
+// Whether file order b comes after a, on the circle of the orders that a commit uses.
+bool comes_after(int32_t a, int32_t b) {
+    constexpr int32_t circle = 100000000;
+    if (a >= circle || b >= circle) return false;
+    const int32_t distance = (b - a + circle) % circle;
+    return distance > 0 && distance < circle / 2;
+}
+
+// The data file is gone. A reader removes one only when it has gone on to a later one; then the
+// file had been ended by a writer that died before it saved its position.
+bool follow_reader(const char *path, Position &at) {
+    const Descriptor log = open_queue_file(head_file(path), O_RDONLY);
+    struct stat file {};
+    char record[kRecordSize];
+    if (!log || fstat(log.get(), &file) != 0 || file.st_size < kRecordSize) return false;
+    const int64_t last = (file.st_size / kRecordSize - 1) * kRecordSize;
+    if (pread(log.get(), record, kRecordSize, last) != kRecordSize) return false;
+    const Position reader = position_in(record);
+    if (!reader.valid() || !comes_after(at.order, reader.order)) return false;
+    at = {reader.order, 0};
+    return true;
+}
+
+} // namespace
+
+int halvo::fq::settle_writer(fqtrans *trans) noexcept {
+    Position at = position_in(trans->curpos);
+    if (!at.valid()) return 0; // the first write says so
+    for (;;) {
+        const FileName name = data_file(trans->path, at.order);
+        const Descriptor file = open_queue_file(name, O_RDWR);
+        if (!file && errno == ENOENT) {
+            if (follow_reader(trans->path, at)) continue;
+            break;
+        }
+        if (!file) {
+            std::printf("fq_write_item.open error %s\n", name.text);
+            return -1;
+        }
+        const Found found = settle_in_file(file.get(), at);
+        if (found == Found::failed) {
+            std::printf("fq_enqueue.recovery error %s\n", name.text);
+            return -1;
+        }
+        if (found == Found::settled) break;
+        at = {next_order_of_commit(at.order), 0};
+    }
+    put_order(trans->curpos, at.order);
+    put_offset(trans->curpos, at.offset);
+    std::memcpy(trans->startpos, trans->curpos, kRecordSize);
+    return 0;
+}

@@ -1,0 +1,184 @@
+// A file queue in a directory of its own, and its files as short texts.
+//
+//     Queue queue;
+//     queue.put({"one", "two"});
+//     EXPECT_EQ(queue.picture(0), "F(one) F(two)");
+//     EXPECT_EQ(queue.take(), "one");
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "core/posix.h"
+#include "fq/format.h"
+#include "halvo/fq.h"
+#include "tests/support/capture.h"
+#include "tests/support/directory.h"
+
+namespace halvo::test {
+
+// A position record as it stands in a file.
+inline std::string record(int order, int offset) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%09d %09d      first\n", order, offset);
+    return text;
+}
+
+// The bytes of an item, built here by hand: not with the code under test.
+inline std::string item_bytes(char state, const std::string &data, uint32_t stamp = 0) {
+    std::string bytes = std::string("QITM") + state + std::string(7, '\0');
+    const auto length = static_cast<uint32_t>(data.size());
+    for (const uint32_t word : {stamp, length})
+        for (int shift = 0; shift < 32; shift += 8)
+            bytes += static_cast<char>(static_cast<uint8_t>(word >> shift));
+    return bytes + data + "ZZ";
+}
+
+// The items of a data file: "F(one) W(two) E"; "?12" for 12 bytes that are none; long data as its
+// length, "F(#4999968)".
+inline std::string picture_of(const std::string &bytes) {
+    std::string text;
+    for (size_t at = 0; at < bytes.size();) {
+        if (at) text += ' ';
+        uint32_t length = 0;
+        if (bytes.size() - at >= 22) std::memcpy(&length, bytes.data() + at + 16, sizeof length);
+        const bool whole = bytes.size() - at >= 22 && bytes.compare(at, 4, "QITM") == 0 &&
+                           bytes.size() - at - 22 >= length &&
+                           bytes.compare(at + 20 + length, 2, "ZZ") == 0;
+        if (!whole) return text + "?" + std::to_string(bytes.size() - at);
+        text += bytes[at + 4];
+        if (length > 40)
+            text += "(#" + std::to_string(length) + ")";
+        else if (length > 0)
+            text += "(" + bytes.substr(at + 20, length) + ")";
+        at += 22 + size_t{length};
+    }
+    return text;
+}
+
+class Queue {
+public:
+    explicit Queue(const std::string &name = "q")
+        : directory_(make_test_directory()), alive_(start_janitor(directory_, "")),
+          path_(directory_ + "/" + name) {}
+    Queue(const Queue &) = delete;
+    Queue &operator=(const Queue &) = delete;
+
+    const char *path() const { return path_.c_str(); }
+    const std::string &directory() const { return directory_; }
+
+    // Files by suffix: "tail", "head", "wrlk", "rdlk", or by file order.
+    std::string file(const std::string &suffix) const { return path_ + "." + suffix; }
+    std::string file(int order) const { return fq::data_file(path(), order).text; }
+    template <class Which>
+    bool has(Which which) const {
+        return access(file(which).c_str(), F_OK) == 0;
+    }
+    template <class Which>
+    std::string bytes(Which which) const {
+        std::ifstream in(file(which), std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    template <class Which>
+    void store(Which which, const std::string &bytes) const {
+        std::ofstream out(file(which), std::ios::binary);
+        out << bytes;
+        if (!out.flush()) throw std::runtime_error("cannot write " + file(which));
+    }
+    // Overwrites bytes of a file in place.
+    template <class Which>
+    void patch(Which which, int offset, const std::string &bytes) const {
+        std::fstream file_stream(file(which), std::ios::binary | std::ios::in | std::ios::out);
+        file_stream.seekp(offset) << bytes;
+        if (!file_stream.flush()) throw std::runtime_error("cannot patch " + file(which));
+    }
+    template <class Which>
+    void remove(Which which) const {
+        ::unlink(file(which).c_str());
+    }
+    template <class Which>
+    void cut(Which which, int size) const {
+        if (truncate(file(which).c_str(), size) != 0) throw std::runtime_error("truncate");
+    }
+    std::string picture(int order) const { return picture_of(bytes(order)); }
+    // Removes all files: another queue for the price of one.
+    void clear() const {
+        Directory files(directory_.c_str());
+        while (const char *name = files.next()) ::unlink((directory_ + "/" + name).c_str());
+    }
+    // The last record of a position file, without label: "000000003 004998211".
+    std::string position(const std::string &suffix) const {
+        const std::string log = bytes(suffix);
+        return log.size() < 31 ? "none" : log.substr(log.size() / 31 * 31 - 31, 19);
+    }
+
+    // Begins a transaction with these items; the result of the last call.
+    int begin(fqtrans &trans, const std::vector<std::string> &items, int channel = -1) const {
+        int result = 0;
+        for (size_t i = 0; i < items.size() && result >= 0; ++i) {
+            const auto length = static_cast<unsigned>(items[i].size());
+            result = i == 0 ? fq_enqueue(channel, path(), items[i].data(), length, &trans)
+                            : fq_enqueue_next(channel, items[i].data(), length, &trans);
+        }
+        return result;
+    }
+    // A whole transaction; the commit's result.
+    int put(const std::vector<std::string> &items, int channel = -1) const {
+        fqtrans trans;
+        const int begun = begin(trans, items, channel);
+        return begun < 0 ? begun : fq_enqueue_commit(channel, &trans);
+    }
+    int put_away(const std::string &data) const {
+        return fq_enqueue_away(-1, -1, 1, path(), data.data(), static_cast<unsigned>(data.size()));
+    }
+
+    // Takes the next item: its data, or "[result]" of fq_dequeue.
+    std::string take(unsigned cap = 1000) const {
+        fqtrans trans;
+        std::string buffer(cap + 22, '?');
+        const int result = fq_dequeue(-1, path(), buffer.data(), cap, &trans);
+        if (result <= 0) return "[" + std::to_string(result) + "]";
+        if (fq_dequeue_commit(-1, &trans) != 0) return "[commit]";
+        return buffer.substr(20, static_cast<size_t>(trans.itemlen));
+    }
+    // Everything that can be taken, in one text: "one two".
+    std::string drain(unsigned cap = 1000) const {
+        std::string all;
+        for (;;) {
+            const std::string data = take(cap);
+            if (data == "[0]") return all;
+            all += (all.empty() ? "" : " ") + data;
+            if (data[0] == '[') return all;
+        }
+    }
+    // The same in a single transaction.
+    std::string drain_at_once() const {
+        fqtrans trans;
+        char buffer[1022];
+        std::string all;
+        int result = fq_dequeue(-1, path(), buffer, 1000, &trans);
+        if (result == 0) return all;
+        for (; result > 0; result = fq_dequeue_next(-1, path(), &trans, buffer, 1000))
+            all += (all.empty() ? "" : " ") +
+                   std::string(buffer + 20, static_cast<size_t>(trans.itemlen));
+        return fq_dequeue_commit(-1, &trans) == 0 && result == 0 ? all : all + "[failed]";
+    }
+
+private:
+    std::string directory_;
+    Descriptor alive_; // the janitor removes the directory when the last process has gone
+    std::string path_;
+};
+
+// Data of `length` bytes.
+inline std::string filler(int length) { return std::string(static_cast<size_t>(length), 'x'); }
+
+} // namespace halvo::test
