@@ -1,0 +1,169 @@
+#include "tests/print/scenario.h"
+
+#include <iconv.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "core/ring.h"
+#include "tests/support/fixed_clock.h"
+
+namespace halvo::test {
+
+namespace {
+
+std::string converted(const char *to_code, const char *from_code, std::string text) {
+    const iconv_t converter = iconv_open(to_code, from_code);
+    if (converter == reinterpret_cast<iconv_t>(-1)) throw std::runtime_error("no EUC-KR in iconv");
+    std::string out(text.size() * 3 + 1, '\0');
+    char *from = text.data(), *to = out.data();
+    size_t left = text.size(), room = out.size();
+    if (iconv(converter, &from, &left, &to, &room) == static_cast<size_t>(-1))
+        ADD_FAILURE() << "no " << from_code << " at byte " << text.size() - left;
+    iconv_close(converter);
+    out.resize(out.size() - room);
+    return out;
+}
+
+} // namespace
+
+std::string utf8(const std::string &text) { return converted("UTF-8", "EUC-KR", text); }
+
+std::string expected(const std::string &file) {
+    const std::ifstream in(HALVO_EXPECTED "/" + file, std::ios::binary);
+    if (!in) throw std::runtime_error("cannot read " + file);
+    std::ostringstream content;
+    content << in.rdbuf();
+    std::string text = content.str();
+    const std::string escape = "\xE2\x90\x9B"; // U+241B in UTF-8
+    for (size_t at; (at = text.find(escape)) != std::string::npos;)
+        text.replace(at, escape.size(), "\x1b");
+    return converted("EUC-KR", "UTF-8", text);
+}
+
+std::vector<std::string> lines(const std::string &text) {
+    std::vector<std::string> all;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) all.push_back(line);
+    return all;
+}
+
+std::string output_of(const std::string &command) {
+    std::FILE *pipe = popen(command.c_str(), "r");
+    if (!pipe) throw std::runtime_error("popen");
+    std::string out;
+    char block[4096];
+    for (size_t got; (got = std::fread(block, 1, sizeof block, pipe)) > 0;) out.append(block, got);
+    const int status = pclose(pipe);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command << '\n' << out;
+    return out;
+}
+
+Status::Status()
+    : segment(SegmentBuilder()
+                  .channel("MT01", 'M', 100, 4096)
+                  .channel("XCN1", 'F', 4, 256, 50)
+                  .channel("한국", 'D', 8, 1000)
+                  .type_name(5, "submit")
+                  .type_name(6, "report")
+                  .type_name(7, "submit2")
+                  .build()) {
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    unsetenv("HALVO_HOST_TYPE");
+    set_clock(kNow);
+    segment.attach();
+    q_0()->uptime = kNow - 3 * 86400 - 5;
+    mt = segment.channel("MT01");
+    mt->pcnt.count = mt->tcnt[0].count = 1000;
+    mt->gcnt.count = 998;
+    mt->gcnt.ecount = 3;
+    mt->tcnt[0].ratio = 1;
+    mt->wtime = kNow - 2;
+    mt->rtime = kNow - 3;
+    mt->lastin = kNow - 75;
+    mt->lastout = kNow - 2;
+    mt->pidp = 4101;
+    mt->pidg = 4102;
+    slot_at(mt, mt->rpos)->state = HALVO_SLOT_READABLE;
+    mt->wpos += 2 * mt->qbsz;
+    xcn = segment.channel("XCN1");
+    xcn->fpcnt.count = 8000;
+    xcn->fgcnt.count = 7500;
+    xcn->pcnt.count = xcn->gcnt.count = 7400;
+    xcn->tcnt[0].ratio = 2;
+    xcn->throttled = 1;
+    xcn->fwtime = kNow - 10;
+    xcn->frtime = kNow - 11;
+    xcn->lastin = kNow - 90000;
+    xcn->pidpf = 5101;
+    xcn->pidgf = 5102;
+    xcn->ackq = 2;
+    xcn->acktype = 5;
+    xcn->rslttype = 6;
+    korea = segment.channel("한국");
+    korea->pcnt.count = korea->gcnt.count = korea->tcnt[0].count = 60;
+    korea->fpcnt.count = 5;
+    korea->fgcnt.count = 2;
+    korea->tcnt[5].count = 40;
+    korea->tcnt[5].ecount = 30;
+    korea->tcnt[6].count = korea->tcnt[6].ecount = 20;
+    korea->wtime = korea->rtime = kNow - 6;
+    korea->lastin = kNow - 7;
+    korea->lastout = kNow - 8;
+    korea->pidp = 6101;
+    korea->pidg = 6102;
+}
+
+Status::~Status() {
+    lastcheck = nullptr;
+    snapshot = nullptr;
+}
+
+void Status::provide_baseline() {
+    baseline_.assign(q_0()->nchnnl, halvo_counter{});
+    for (halvo_counter &last : baseline_) {
+        last.count = 500;
+        last.tstart = q_day_millis() - 2000;
+    }
+    lastcheck = baseline_.data();
+}
+
+halvo_segment &Status::take_snapshot(int32_t at) {
+    image_.resize(sizeof(halvo_segment) + q_0()->nchnnl * sizeof(halvo_channel));
+    snapshot = image_.data();
+    EXPECT_EQ(q_snapshot(snapshot, static_cast<int>(image_.size())), 0);
+    auto &header = *static_cast<halvo_segment *>(snapshot);
+    header.now = at;
+    return header;
+}
+
+halvo_channel &Status::image(int channel) {
+    char *first = image_.data() + sizeof(halvo_segment);
+    return reinterpret_cast<halvo_channel *>(first)[channel];
+}
+
+std::string Status::write_file(const std::string &name, const std::string &content) {
+    const std::string path = segment.path(name);
+    std::ofstream(path, std::ios::binary) << content;
+    return path;
+}
+
+std::string Status::xml(char mode) const {
+    std::vector<char> out(128 + 1024 * q_0()->nchnnl);
+    EXPECT_EQ(q_statprint_xml(mode, out.data()), 0);
+    return out.data();
+}
+
+std::string Status::json(char mode) const {
+    std::vector<char> out(128 + 1024 * q_0()->nchnnl);
+    EXPECT_EQ(q_statprint_json(mode, out.data()), 0);
+    return out.data();
+}
+
+} // namespace halvo::test

@@ -1,0 +1,181 @@
+#include <cstring>
+
+#include "core/ring.h"
+#include "tests/print/scenario.h"
+#include "tests/support/fixed_clock.h"
+
+using namespace halvo::test;
+
+namespace {
+
+class Tables : public Status {
+protected:
+    Tables() {
+        provide_baseline();
+        const uint32_t last = mt->qend - mt->qbsz; // rpos stands at the ring's start
+        auto *body = static_cast<char *>(halvo::body(halvo::slot_at(mt, last)));
+        std::memset(body, ' ', 430);
+        std::strcpy(body + 306, "안녕하세요 halvo\r\nend");
+    }
+
+    void image_of_before() {
+        take_snapshot(kNow - 125 * 60 - 30);
+        image(0).gcnt.count = 900;
+        image(0).gcnt.ecount = 1;
+        image(1).fgcnt.count = 7000;
+        image(1).gcnt.count = 7399;
+        image(2).tcnt[5].count = image(2).tcnt[5].ecount = 10;
+        image(2).tcnt[6].count = image(2).tcnt[6].ecount = 0;
+    }
+
+    // The printed lines below the banner.
+    template <class F>
+    static std::vector<std::string> table(F print) {
+        std::vector<std::string> all = lines(captured_stdout(print));
+        all.erase(all.begin(), all.begin() + 3);
+        return all;
+    }
+    // What a table prints of one channel; empty when it does not list it.
+    template <class F>
+    static std::string row(const std::string &name, F print) {
+        for (const std::string &line : table(print))
+            if (line.find(name) < 24) return line;
+        return {};
+    }
+};
+
+} // namespace
+
+TEST_F(Tables, classic_counts_from_the_start_or_from_the_snapshot) {
+    image_of_before();
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statprint_classic('a'), 0); }),
+              expected("classic_all.txt"));
+    provide_baseline();
+    EXPECT_EQ(captured_stdout([] { q_statprint_classic('s'); }),
+              expected("classic_since_snapshot.txt"));
+}
+
+TEST_F(Tables, plain_shows_every_chosen_channel) {
+    image_of_before();
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statprint('s'), 0); }),
+              expected("plain_since_snapshot.txt"));
+}
+
+TEST_F(Tables, cells_with_and_without_escapes) {
+    image_of_before();
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statprint2('s'), 3); }),
+              expected("cells_since_snapshot.txt"));
+    provide_baseline();
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statprint2('w'), 3); }),
+              expected("cells_without_escapes.txt"));
+}
+
+TEST_F(Tables, the_log_line_counts_from_the_snapshot) {
+    image_of_before();
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statlog('s'), 0); }), expected("log_line.txt"));
+}
+
+TEST_F(Tables, the_log_keeps_idle_channels_and_ends_its_line_without_an_outbound_channel) {
+    std::strcpy(qm_out_prefixes[0], "ZZ");
+    const std::string line = captured_stdout([] { q_statlog('x'); });
+    EXPECT_NE(line.find("\t한국,____,0,-220,0,3,0,2,0,0,0,0,0,__ _____,"), std::string::npos);
+    EXPECT_EQ(line.substr(line.size() - 16), ",      ,      \t\n");
+}
+
+TEST_F(Tables, idle_channels_are_left_out_and_the_header_with_the_last_of_them) {
+    const auto all = {q_statprint_classic, q_statprint};
+    for (const auto print : all) {
+        EXPECT_NE(row("MT01", [=] { print('x'); }), "");
+        EXPECT_EQ(row("한국", [=] { print('x'); }), "");
+    }
+    mt->wtime = mt->rtime = xcn->fwtime = 0;
+    for (const auto print : all) // nothing but the last message
+        EXPECT_EQ(table([=] { print('x'); }).size(), 1u);
+    EXPECT_EQ(table([] { EXPECT_EQ(q_statprint2('x'), 0); }).size(), 2u); // its header always
+}
+
+TEST_F(Tables, a_name_that_begins_with_xcn_stands_flush_left) {
+    const auto begins = [&](const char *name) {
+        std::strcpy(xcn->qname, name);
+        return row(name, [] { q_statprint_classic('a'); }).substr(0, 15);
+    };
+    EXPECT_EQ(begins("XCN9"), "XCN9         # ");
+    EXPECT_EQ(begins("XC9"), " XC9         # ");
+}
+
+TEST_F(Tables, rates) {
+    const auto classic = [&] {
+        return row("MT01", [] { q_statprint_classic('a'); }).substr(33, 5);
+    };
+    const auto plain = [&] { return row("MT01", [] { q_statprint('a'); }).substr(34, 4); };
+    const auto count = [&](uint64_t from, uint64_t to, int32_t milliseconds) {
+        lastcheck[0].count = from;
+        mt->gcnt.count = to;
+        lastcheck[0].tstart = static_cast<int32_t>(static_cast<uint32_t>(q_day_millis()) -
+                                                   static_cast<uint32_t>(milliseconds));
+    };
+    count(0, 1999, 1000);
+    EXPECT_EQ(classic(), " 1000"); // one whole message per millisecond
+    count(0, 1999, 1000);
+    EXPECT_EQ(plain(), "1999");
+    count(0, 999, 1000);
+    EXPECT_EQ(classic(), "    0");
+    count(0, 1999, 0);
+    EXPECT_EQ(classic(), "    0");
+    count(0, 1999, 0);
+    EXPECT_EQ(plain(), "   0");
+    count(100, 40, 1000); // counters start anew
+    EXPECT_EQ(plain(), " -60");
+    lastcheck = nullptr;
+    EXPECT_EQ(plain(), "   0");
+}
+
+TEST_F(Tables, the_millisecond_clock_starts_at_0_and_wraps) {
+    EXPECT_EQ(q_day_millis(), 0);
+    set_clock(kNow + 2147483, 647);
+    EXPECT_EQ(q_day_millis(), 2147483647);
+    set_clock(kNow + 2147484, 0);
+    EXPECT_EQ(q_day_millis(), 2147484000 - 4294967296);
+}
+
+TEST_F(Tables, types_that_match) {
+    image_of_before();
+    for (const int type : {5, 6, 7}) q_0()->qtcnt[type].tstart = 1;
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_tstatprint("sub"), 0); }), expected("types.txt"));
+    // A type that is not in use keeps its cells in the rows, but not its name in the header.
+    q_0()->qtcnt[5].tstart = 0;
+    korea->tcnt[7].count = 9;
+    std::strcpy(mt->qname, "xcnA");
+    std::strcpy(xcn->qname, "sndB");
+    const std::vector<std::string> table = this->table([] { q_tstatprint("sub"); });
+    EXPECT_EQ(table[0], "큐         #      **  TPS    TOTAL   MASTER  submit2 ");
+    EXPECT_EQ(table[1], "xcnA       # 0M WR__     0    1000 ");
+    EXPECT_EQ(table[2], " sndB      # 1F __W_     0    7400     0  2              0  0 ");
+    EXPECT_EQ(table[3], "한국       # 2D ____     0      60    60  0              9  0 ");
+}
+
+TEST_F(Tables, an_empty_needle_matches_every_type) {
+    for (int type = 1; type < HALVO_TYPES; ++type) q_0()->qtcnt[type].tstart = type <= 6;
+    const std::vector<std::string> table = this->table([] { q_tstatprint(""); });
+    EXPECT_EQ(table[0].size(), 44u + 6 * 9);
+    EXPECT_EQ(table[1].size(), 44u + 4095 * 9);
+    EXPECT_EQ(this->table([] { q_tstatprint(nullptr); })[0], table[0]);
+}
+
+TEST_F(Tables, clients_vanish_after_nine_seconds) {
+    mt->wtime = kNow - 9;
+    mt->rtime = kNow - 10;
+    xcn->fwtime = kNow - 9;
+    xcn->frtime = kNow - 10;
+    mt->pclients[0] = {71, {}, kNow - 9, {}};
+    mt->pclients[9] = {72, {}, kNow, {}};
+    mt->gclients[1] = {73, {}, kNow - 10, {}};
+    mt->gclients[2] = {74, {}, kNow - 1, {}};
+    const std::vector<std::string> table = this->table([] { EXPECT_EQ(q_clientsprint(), 0); });
+    ASSERT_EQ(table.size(), 3u);
+    EXPECT_EQ(table[0],
+              "      MT01  4101,    0 |     0,    0  ||    71,    0,    0,    0,    0,    0,"
+              "    0,    0,    0,   72 |     0,    0,   74,    0,    0,    0,    0,    0,"
+              "    0,    0");
+    EXPECT_EQ(table[1].substr(0, 46), "      XCN1     0,    0 |  5101,    0  ||     0");
+}
