@@ -1,0 +1,82 @@
+// Java binding, IPCFunctions: looking at slots, buffers and heartbeats.
+#include <unistd.h>
+
+#include "jni/native.h"
+
+using namespace halvo;
+
+namespace {
+
+enum StatusWord { kReadState = 0, kLastIn = 3, kLastOut = 4 }; // any other: the write state
+
+// On a channel that is fed from a file queue, the processes of that queue have the heartbeats.
+bool uses_file_queue(const halvo_channel *q) { return q->qtype == 'F'; }
+
+int32_t halvo_channel::*heartbeat_of(const Side &side, const halvo_channel *q) {
+    return uses_file_queue(q) ? side.file_heartbeat : side.heartbeat;
+}
+
+} // namespace
+
+IPC_NATIVE(jint, view)
+(JNIEnv *env, jclass, jint channel, jbyteArray buf, jint offset, jint length, jint which) noexcept {
+    const ArrayRange range{buf, offset, length};
+    if (!has_room(env, range)) return ESMS_INVAL;
+    const halvo_channel *q = checked_channel(channel);
+    if (!q) return ESMS_INVAL;
+    // Kept: a side other than 0 and 1 is the writer's, without the owner check.
+    if (which == 0 && !owns(kReader, q)) return ESMS_ACCESS;
+    if (which == 1 && !owns(kWriter, q)) return ESMS_ACCESS;
+    const SlotImage image(q);
+    if (!image) return ESMS_FAILED;
+    if (which == 0)
+        q_readview(q, image.get());
+    else
+        q_writeview(q, image.get());
+    copy_out(env, range, image.get(), q->qbsz);
+    return ESMS_OK;
+}
+
+IPC_NATIVE(jint, stat)(JNIEnv *, jclass, jint channel, jint what) noexcept {
+    const halvo_channel *q = checked_channel(channel);
+    if (!q) return ESMS_INVAL;
+    if (what == kLastIn) return load(q->lastin);
+    if (what == kLastOut) return load(q->lastout);
+    return load_state(slot_at(q, load(what == kReadState ? q->rpos : q->wpos)));
+}
+
+IPC_NATIVE(jint, statBuf)(JNIEnv *, jclass, jint channel, jboolean for_write, jint index) noexcept {
+    const halvo_channel *q = checked_channel(channel);
+    // Kept: one index more than there are buffers is accepted.
+    if (!q || index < 0 || index > HALVO_BUFFERS) return ESMS_INVAL;
+    return load_state(buffer_slot(q, for_write ? q->wbufs : q->rbufs, index));
+}
+
+IPC_NATIVE(jint, isAlive)
+(JNIEnv *, jclass, jint channel, jint /*ignored*/, jint which, jint max_age) noexcept {
+    const halvo_channel *q = checked_channel(channel);
+    if (!q) return ESMS_INVAL;
+    const auto stamp =
+        static_cast<uint32_t>(load(q->*heartbeat_of(which == 1 ? kWriter : kReader, q)));
+    return static_cast<int32_t>(q_gettime() - stamp) < max_age;
+}
+
+IPC_NATIVE(jint, touch)(JNIEnv *, jclass, jint channel, jint client, jboolean for_write) noexcept {
+    halvo_channel *q = checked_channel(channel);
+    if (!q) return ESMS_INVAL;
+    const Side &side = for_write ? kWriter : kReader;
+    const auto pid = static_cast<int32_t>(getpid());
+    const auto now = static_cast<int32_t>(q_gettime());
+    if (client >= 0 && client < HALVO_CLIENTS) {
+        halvo_client &record = (q->*side.clients)[client];
+        store(record.pid, pid);
+        store(record.time, now);
+    }
+    // Kept: on an 'F' channel the caller becomes the holder, on any other it must be.
+    if (uses_file_queue(q))
+        store(q->*side.file_pid, pid);
+    else if (!owns(side, q))
+        return -1;
+    store(q->*heartbeat_of(side, q), now);
+    return now;
+}

@@ -1,0 +1,62 @@
+// Java binding: the shared steps of the natives.
+#include "jni/native.h"
+
+#include <algorithm>
+
+using namespace halvo;
+
+jint JNU_ThrowByName(JNIEnv *env, const char *class_name, const char *message) noexcept {
+    if (env->ExceptionCheck()) return JNI_ERR;
+    const LocalClass type(env, class_name);
+    return type.get() ? env->ThrowNew(type.get(), message) : JNI_ERR;
+}
+
+namespace halvo {
+
+CheckedChannel owned_channel(const Side &side, jint channel) noexcept {
+    halvo_channel *q = checked_channel(channel);
+    if (!q) return {ESMS_INVAL, nullptr};
+    if (!owns(side, q)) return {ESMS_ACCESS, nullptr};
+    return {ESMS_OK, q};
+}
+
+bool has_room(JNIEnv *env, const ArrayRange &range) noexcept {
+    if (!range.array || range.offset < 0) return false;
+    return int64_t{range.offset} + range.length <= env->GetArrayLength(range.array);
+}
+
+BytesIn::BytesIn(JNIEnv *env, const ArrayRange &range) noexcept {
+    if (!range.array || range.length < 0) {
+        fault_ = ESMS_INVAL;
+        return;
+    }
+    length_ = static_cast<uint32_t>(range.length);
+    bytes_ = zeroed<jbyte>(length_);
+    if (!bytes_) {
+        fault_ = ESMS_FAILED;
+        return;
+    }
+    env->GetByteArrayRegion(range.array, range.offset, range.length, bytes_.get());
+}
+
+jint copy_out(JNIEnv *env, const ArrayRange &range, const void *from, uint32_t size) noexcept {
+    const auto n = static_cast<jint>(std::min(size, static_cast<uint32_t>(range.length)));
+    if (n > 0)
+        env->SetByteArrayRegion(range.array, range.offset, n, static_cast<const jbyte *>(from));
+    return n;
+}
+
+jint deliver(JNIEnv *env, const ArrayRange &range, const halvo_channel *q, const SlotImage &image,
+             bool raw) noexcept {
+    const qmsg *slot = image.get();
+    const jint n = raw ? copy_out(env, range, slot, q->qbsz)
+                       : copy_out(env, range, body(slot), body_length(q, slot));
+    return n < 1 ? ESMS_INVAL : static_cast<jint>(slot->len);
+}
+
+halvo_counter *counter_at(halvo_counter *table, jint index) noexcept {
+    char *records = reinterpret_cast<char *>(table);
+    return reinterpret_cast<halvo_counter *>(records + index * sizeof(halvo_counter));
+}
+
+} // namespace halvo

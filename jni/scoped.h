@@ -1,0 +1,80 @@
+// Java binding: owners of what a native holds for the length of one call.
+#pragma once
+
+#include <jni.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+
+#include "halvo/segment.h"
+
+namespace halvo {
+
+struct FreeMemory {
+    void operator()(void *memory) const noexcept { std::free(memory); }
+};
+template <class T>
+using Memory = std::unique_ptr<T, FreeMemory>;
+
+// A zero-filled block, or null. Room for a byte even when size is 0, so that null means failure.
+template <class T>
+Memory<T> zeroed(size_t size) noexcept {
+    return Memory<T>(static_cast<T *>(std::calloc(size > 0 ? size : 1, 1)));
+}
+
+// The characters of a Java string in the VM's UTF-8, given back at the end of the call.
+//
+//     StringChars name(env, string);
+//     if (!name) return -8;
+class StringChars {
+public:
+    // A null string has no characters; the VM would not survive the question.
+    StringChars(JNIEnv *env, jstring string) noexcept
+        : env_(env), string_(string),
+          chars_(string ? env->GetStringUTFChars(string, nullptr) : nullptr) {}
+    ~StringChars() {
+        if (chars_) env_->ReleaseStringUTFChars(string_, chars_);
+    }
+    StringChars(const StringChars &) = delete;
+    StringChars &operator=(const StringChars &) = delete;
+
+    explicit operator bool() const noexcept { return chars_ != nullptr; }
+    const char *get() const noexcept { return chars_; }
+
+    // Leaves the characters with the VM for good.
+    void keep() noexcept { chars_ = nullptr; }
+
+private:
+    JNIEnv *env_;
+    jstring string_;
+    const char *chars_;
+};
+
+// A reference to a class that lives as long as the scope.
+class LocalClass {
+public:
+    LocalClass(JNIEnv *env, const char *name) noexcept : env_(env), class_(env->FindClass(name)) {}
+    ~LocalClass() { env_->DeleteLocalRef(class_); }
+    LocalClass(const LocalClass &) = delete;
+    LocalClass &operator=(const LocalClass &) = delete;
+    jclass get() const noexcept { return class_; }
+
+private:
+    JNIEnv *env_;
+    jclass class_;
+};
+
+// A heap image of one slot of a channel, zero-filled; false when there is no memory.
+class SlotImage {
+public:
+    explicit SlotImage(const halvo_channel *q) noexcept
+        : slot_(zeroed<qmsg>(std::max<size_t>(q->qbsz, sizeof(qmsg)))) {}
+    explicit operator bool() const noexcept { return slot_ != nullptr; }
+    qmsg *get() const noexcept { return slot_.get(); }
+
+private:
+    Memory<qmsg> slot_;
+};
+
+} // namespace halvo

@@ -1,0 +1,164 @@
+// Runs the Java tests in real VMs, each over a segment of its own, and judges how the VMs end.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include "halvo/frx.h"
+#include "tests/support/program.h"
+#include "tests/support/segment_builder.h"
+
+using namespace halvo::test;
+
+namespace {
+
+constexpr char kPackage[] = "com.morvesk.halvo.ipc.";
+constexpr int kEchoes = 20000; // as many as ExchangeTest sends
+
+constexpr int kChannelsM = 90;
+constexpr int kChannelsF = 20;
+
+Segment test_segment() {
+    SegmentBuilder builder;
+    const auto add = [&](char type, int count) {
+        for (int i = 0; i < count; ++i) {
+            char name[16];
+            std::snprintf(name, sizeof name, "%c%02d", type, i);
+            builder.channel(name, type, 4, 64);
+        }
+    };
+    add('M', kChannelsM);
+    add('F', kChannelsF);
+    return builder.build();
+}
+
+using Words = std::vector<std::string>;
+
+// Runs a VM with the classes of the tests. Its standard error is added to its output.
+Outcome run_vm(const Segment &s, const Words &options, const Words &command) {
+    unsetenv("LD_LIBRARY_PATH"); // the library must be found without
+    for (const char *name : {"JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS", "_JAVA_OPTIONS"})
+        unsetenv(name);
+    const std::string natives = "-Dhalvo.test.natives=" HALVO_TEST_NATIVES;
+    Words words{HALVO_JAVA,
+                "-Xmx64m",
+                "-XX:ErrorFile=/dev/stderr",
+                "-cp",
+                HALVO_CLASS_PATH,
+                natives,
+                "-Dhalvo.test.key=" + s.key_file(),
+                "-Dhalvo.test.dir=" + s.path("")};
+    words.insert(words.end(), options.begin(), options.end());
+    words.insert(words.end(), command.begin(), command.end());
+    Outcome outcome = run_program(words);
+    outcome.out += outcome.err;
+    return outcome;
+}
+
+Outcome run_junit(const Segment &s, Words options, const Words &classes) {
+    options.push_back("-Dhalvoipc.library=" HALVO_LIBRARY);
+    Words command{"org.junit.runner.JUnitCore"};
+    for (const std::string &name : classes) command.push_back(kPackage + name);
+    return run_vm(s, options, command);
+}
+
+// The VM ended by itself, every test ran, and none failed.
+void expect_ok(const Outcome &outcome) {
+    EXPECT_EQ(outcome.status, 0);
+    std::smatch result;
+    if (std::regex_search(outcome.out, result, std::regex("\nOK \\([0-9]+ tests?\\)\n")))
+        std::printf("%s", result.str().c_str() + 1);
+    else
+        ADD_FAILURE() << outcome.out;
+}
+
+void expect_ok(const std::string &name) {
+    const Segment s = test_segment();
+    expect_ok(run_junit(s, {}, {name}));
+}
+
+std::string content(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+} // namespace
+
+TEST(jni, BindingTest) { expect_ok("BindingTest"); }
+TEST(jni, UnattachedTest) { expect_ok("UnattachedTest"); }
+TEST(jni, BlockingTest) { expect_ok("BlockingTest"); }
+
+// The VM's own check of every call that a native makes. The remaining classes run under it alone.
+TEST(jni, CheckedCalls) {
+    const Segment s = test_segment();
+    const Outcome outcome =
+        run_junit(s, {"-Xcheck:jni"},
+                  {"LifecycleTest", "TransferTest", "TransactionsTest", "CountersTest",
+                   "LiveStatTest", "BlockingTest", "FileQueueTest", "CompanionTest"});
+    expect_ok(outcome);
+    // What the VM has to say of the calls; that the library handles SIGUSR2 it says once.
+    std::istringstream lines(outcome.out);
+    const std::regex warning("(WARNING|FATAL ERROR) in native method|Warning: (?!SIGUSR2 )");
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_FALSE(std::regex_search(line, warning)) << line;
+}
+
+TEST(jni, ExchangeTest) {
+    const Segment s = SegmentBuilder()
+                          .channel("toC", 'M', 4, 64)
+                          .channel("fromC", 'M', 4, 64)
+                          .channel("toJava", 'M', 4, 64)
+                          .channel("fromJava", 'M', 4, 64)
+                          .build();
+    Peer echo([&] {
+        FrxChannel in;
+        FrxChannel out;
+        if (frx_initialize(s.key_file().c_str()) != ESMS_OK) return 1;
+        if (frx_openChannel(&in, "echo", s.number("toC"), 'r', 1000) != ESMS_OK) return 2;
+        if (frx_openChannel(&out, "echo", s.number("fromC"), 'w', 1000) != ESMS_OK) return 3;
+        alignas(qmsg) char slot[64];
+        for (int i = 0; i < kEchoes; ++i) {
+            const int length = frx_read(&in, slot, 30000);
+            if (length < 1) return 4;
+            const char *body = slot + offsetof(qmsg, data);
+            if (frx_write(&out, 1, body, static_cast<uint32_t>(length), 30000) != ESMS_OK) return 5;
+        }
+        return 0;
+    });
+    expect_ok(run_junit(s, {}, {"ExchangeTest"}));
+    EXPECT_EQ(echo.wait(), 0);
+}
+
+// The example of the documents, with the library found by the VM's own search.
+TEST(jni, Hello) {
+    const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    const Outcome outcome = run_vm(s, {"-Djava.library.path=" HALVO_LIBRARY_DIRECTORY},
+                                   {"Hello", s.key_file(), "MT01"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_NE(outcome.out.find("7: Hello, gateway\n"), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find("SHM_INIT_FINISHED.\n"), std::string::npos)
+        << "what the library prints comes out at the end of the VM\n"
+        << outcome.out;
+}
+
+TEST(jni, ExamplesPassAFile) {
+    const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 256).build();
+    std::string lines;
+    for (int i = 0; i < 2000; ++i) lines += "line " + std::to_string(i) + " \xc7\xd1\xb1\xdb\n";
+    std::ofstream(s.path("sent"), std::ios::binary) << lines;
+    Peer sender([&] {
+        const Outcome sent = run_vm(s, {"-Dhalvoipc.library=" HALVO_LIBRARY},
+                                    {"SendLines", s.key_file(), "MT01", s.path("sent")});
+        EXPECT_EQ(sent.status, 0) << sent.out;
+        return 0;
+    });
+    const Outcome got = run_vm(s, {"-Dhalvoipc.library=" HALVO_LIBRARY},
+                               {"ReceiveLines", s.key_file(), "MT01", s.path("got"), "2000"});
+    EXPECT_EQ(got.status, 0) << got.out;
+    EXPECT_EQ(sender.wait(), 0);
+    EXPECT_EQ(content(s.path("got")), lines);
+}
