@@ -53,6 +53,27 @@ halvo-send --key "$key" MO01 --keep-newline --batch 50 "$work/sent.txt"
 wait $!
 same "$work/sent.txt" "$work/batches.txt"
 
+if [ -e "$build/java/halvoipc-examples.jar" ]; then
+    # The VM of the library's word size.
+    jdk=$(sed -n 's/^HALVOIPC_JDK:PATH=//p' "$build/CMakeCache.txt")
+    vm() { "$jdk/bin/java" -cp "$build/java/halvoipc.jar:$build/java/halvoipc-examples.jar" \
+        -Dhalvoipc.library="$build/lib/libhalvoipc.so" "$@" >/dev/null; }
+    LC_ALL=C awk 'length($0) > 0' "$work/sent.txt" >"$work/lines.txt"
+    lines=$(wc -l <"$work/lines.txt")
+
+    say "$lines lines from a Java writer to a C reader"
+    halvo-recv --key "$key" MT01 --count "$lines" --idle 20000 --output "$work/from-java.txt" &
+    vm SendLines "$key" MT01 "$work/lines.txt"
+    wait $!
+    same "$work/lines.txt" "$work/from-java.txt"
+
+    say "and from a C writer to a Java reader"
+    vm ReceiveLines "$key" MO01 "$work/to-java.txt" "$lines" &
+    halvo-send --key "$key" MO01 --timeout 20000 "$work/lines.txt"
+    wait $!
+    same "$work/lines.txt" "$work/to-java.txt"
+fi
+
 say "the segment afterwards"
 halvo-qm list --key "$key"
 halvo-qm check --key "$key"
