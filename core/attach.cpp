@@ -135,14 +135,15 @@ int init_shm(const char *keyfile) noexcept {
 }
 
 int close_shm() noexcept {
-    if (!qm) return ESMS_NOINIT;
+    const halvo_segment *segment = qm;
+    if (!segment) return ESMS_NOINIT;
     if (!lock_service()) return ESMS_MTXLOCK;
     delete[] semPosts;
     delete[] semRqsts;
     semPosts = semRqsts = nullptr;
     attached = nullptr;
     // Kept: qm, shmblock and the lock sets stay, so that a process attaches once for its lifetime.
-    const int result = shmdt(qm) == 0 ? ESMS_OK : ESMS_SHMOP;
+    const int result = shmdt(segment) == 0 ? ESMS_OK : ESMS_SHMOP;
     return unlock_service() ? result : ESMS_MTXUNLOCK;
 }
 

@@ -15,7 +15,8 @@ int q_snapshot(void *buffer, int size) noexcept {
     const halvo_segment *segment = attached_segment();
     if (!segment) return -1;
     const int channels = channel_count(segment);
-    const int64_t needed = int64_t{channels} * sizeof(halvo_channel) + sizeof(halvo_segment);
+    const int64_t needed =
+        int64_t{channels} * int64_t{sizeof(halvo_channel)} + int64_t{sizeof(halvo_segment)};
     if (!buffer || needed > size) return -2;
     char *to = static_cast<char *>(buffer);
     std::memcpy(to, segment, sizeof *segment);

@@ -71,7 +71,7 @@ int fq_enqueue_commit(int chnnl, fqtrans *trans) noexcept {
     // now: as for an empty transaction.
     if (trans && !holds_side(trans)) trans->count = 0;
     const int flipped = fq_write_item_commit(trans);
-    if (flipped < 0) {
+    if (!trans || flipped < 0) {
         fq_unlock(trans);
         return flipped;
     }

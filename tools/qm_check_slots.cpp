@@ -125,7 +125,7 @@ Faults lasting_faults_of_picture(const halvo_channel &q, const Geometry &at) {
     Picture picture = picture_of(q, at);
     int still = 0;
     for (int look = 0; look < kLooks; ++look) {
-        const Faults faults = faults_of_picture(picture, at);
+        Faults faults = faults_of_picture(picture, at);
         if (faults.empty() || still == kStillLooks) return faults;
         usleep(kBetweenLooks);
         Picture next = picture_of(q, at);

@@ -47,27 +47,27 @@
 #include "halvo/result.h"
 
 enum {
-    FQ_PATH_MAX = 4090,      /* bytes of a queue path */
-    FQ_NAME_SIZE = 4096,     /* room for what fq_dirof and fq_nameof write */
-    FQ_POSITION_SIZE = 31,   /* bytes of a position record */
-    FQ_ITEM_EXTRA = 22,      /* bytes of an item besides its data: header and trailer */
-    FQ_ITEM_MAX = 999999977  /* bytes of data in an item: its end must be a 9-digit offset */
+    FQ_PATH_MAX = 4090,     /* bytes of a queue path */
+    FQ_NAME_SIZE = 4096,    /* room for what fq_dirof and fq_nameof write */
+    FQ_POSITION_SIZE = 31,  /* bytes of a position record */
+    FQ_ITEM_EXTRA = 22,     /* bytes of an item besides its data: header and trailer */
+    FQ_ITEM_MAX = 999999977 /* bytes of data in an item: its end must be a 9-digit offset */
 };
 
 /* A transaction: one side of a queue, locked. Between the calls the position records hold a NUL
  * instead of the blanks behind file order and offset. */
 typedef struct fqtrans {
-    char path[4100];                  /* queue path, NUL-terminated */
-    int lockfd;                       /* the lock file; below 1 when nothing is locked */
-    int lockkey;                      /* key of the in-process mutex */
-    int posfd;                        /* the side's position file; below 1 when none */
-    char startpos[FQ_POSITION_SIZE];  /* where the transaction began */
-    char curpos[FQ_POSITION_SIZE];    /* where the last item was written or read */
-    char nextpos[FQ_POSITION_SIZE];   /* behind that item: what a commit saves */
-    int itemlen;                      /* bytes of data in the last item */
-    int count;                        /* items written or read */
-    int errcnt;                       /* set by the caller before a commit: failed items */
-    pthread_mutex_t *mtx;             /* the in-process mutex */
+    char path[4100];                 /* queue path, NUL-terminated */
+    int lockfd;                      /* the lock file; below 1 when nothing is locked */
+    int lockkey;                     /* key of the in-process mutex */
+    int posfd;                       /* the side's position file; below 1 when none */
+    char startpos[FQ_POSITION_SIZE]; /* where the transaction began */
+    char curpos[FQ_POSITION_SIZE];   /* where the last item was written or read */
+    char nextpos[FQ_POSITION_SIZE];  /* behind that item: what a commit saves */
+    int itemlen;                     /* bytes of data in the last item */
+    int count;                       /* items written or read */
+    int errcnt;                      /* set by the caller before a commit: failed items */
+    pthread_mutex_t *mtx;            /* the in-process mutex */
 } fqtrans;
 
 #ifdef __i386__

@@ -47,6 +47,8 @@ enum halvo_slot_state {
     HALVO_SLOT_PENDING = 5   /* shown as 'W': written under a mark, awaits commit or rollback */
 };
 
+/* clang-format off */
+
 /* A slot: header and body. A slot occupies qbsz bytes, so the body goes on behind `data`. */
 typedef struct qmsg {
     int32_t state;     /* enum halvo_slot_state */
@@ -137,6 +139,8 @@ typedef struct halvo_segment {
     int32_t uptime;                     /* start time of the monitor, seconds since the epoch */
     char reserved3[24];
 } halvo_segment;
+
+/* clang-format on */
 
 /* The table of offsets: the one place that states them. */
 #define HALVO_FIELD_AT(offset, record, field)                                                      \

@@ -26,7 +26,8 @@ std::string message(int i) {
 
 int write_all(const Segment &s) {
     FrxChannel end{};
-    if (initialise(s) != ESMS_OK || frx_openChannel(&end, "writer", 0, 'w', 5000) != ESMS_OK) return 1;
+    if (initialise(s) != ESMS_OK || frx_openChannel(&end, "writer", 0, 'w', 5000) != ESMS_OK)
+        return 1;
     for (int i = 0; i < kMessages; ++i) {
         const std::string text = message(i);
         const auto length = static_cast<uint32_t>(text.size());
