@@ -74,6 +74,16 @@ if [ -e "$build/java/halvoipc-examples.jar" ]; then
     same "$work/lines.txt" "$work/to-java.txt"
 fi
 
+say "the text through a file queue, with a restart of both sides in the middle"
+half=$(($(wc -l <"$work/sent.txt") / 2))
+head -n "$half" "$work/sent.txt" | halvo-fq put "$work/mo" --keep-newline --batch 100
+halvo-fq get "$work/mo" --keep-newline --max 1000 >"$work/from-queue.txt"
+tail -n +$((half + 1)) "$work/sent.txt" | halvo-fq put "$work/mo" --keep-newline --batch 100
+halvo-fq stat "$work/mo"
+halvo-fq get "$work/mo" --keep-newline >>"$work/from-queue.txt"
+halvo-fq verify "$work/mo"
+same "$work/sent.txt" "$work/from-queue.txt"
+
 say "the segment afterwards"
 halvo-qm list --key "$key"
 halvo-qm check --key "$key"

@@ -30,15 +30,6 @@ struct Options {
 // Longest single wait, so that a signal which comes between two waits is noticed soon.
 constexpr int kWaitMilliseconds = 500;
 
-void write_out(int descriptor, const std::string &name, const std::string &bytes) {
-    for (size_t done = 0; done < bytes.size();) {
-        const ssize_t wrote = write(descriptor, bytes.data() + done, bytes.size() - done);
-        if (wrote < 0 && errno == EINTR) continue;
-        if (wrote < 0) throw ToolError(kFailed, name + ": " + std::strerror(errno));
-        done += static_cast<size_t>(wrote);
-    }
-}
-
 class Receiver {
 public:
     Receiver(const Options &options, int output, Progress &progress)
@@ -142,7 +133,8 @@ int main(int argc, char **argv) {
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kDone : kUsage;
     }
-    return run_tool("halvo-recv", options.quiet, [&](int standard_output, Progress &progress) {
-        Receiver(options, open_output(options.output, standard_output), progress).run();
-    });
+    return run_tool(
+        "halvo-recv", "messages", options.quiet, [&](int standard_output, Progress &progress) {
+            Receiver(options, open_output(options.output, standard_output), progress).run();
+        });
 }

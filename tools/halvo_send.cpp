@@ -113,43 +113,12 @@ int open_input(const std::string &path) {
     return descriptor;
 }
 
-// Sends until the input ends. Returns how many lines were empty, and therefore no message.
-uint64_t send_all(Sender &sender, LineReader &lines, const Options &options) {
-    std::string line;
-    uint64_t empty = 0;
-    for (uint64_t number = 1;; ++number) {
-        LineReader::Read read;
-        do {
-            read = lines.next(line);
-            if (stop_signal()) throw ToolError(128 + stop_signal(), "stopped by a signal");
-        } while (read == LineReader::Read::interrupted);
-        if (read == LineReader::Read::end) return empty;
-        if (read == LineReader::Read::failed)
-            throw ToolError(kFailed, options.input + ": " + std::strerror(errno));
-        if (!options.keep_newline && line.back() == '\n') line.pop_back();
-        if (line.empty()) {
-            ++empty;
-            continue;
-        }
-        try {
-            sender.send(line);
-        } catch (const ToolError &error) {
-            throw ToolError(error.status(), "line " + std::to_string(number) + ": " + error.what());
-        }
-    }
-}
-
 void run(const Options &options, Progress &progress) {
     LineReader lines(open_input(options.input));
     Sender sender(options, progress);
-    uint64_t empty = 0;
-    try {
-        empty = send_all(sender, lines, options);
-    } catch (const ToolError &) {
-        sender.commit(); // the lines before the one that failed
-        throw;
-    }
-    sender.commit();
+    const uint64_t empty = for_each_line(
+        lines, options.input, options.keep_newline,
+        [&](const std::string &line) { sender.send(line); }, [&] { sender.commit(); });
     if (empty > 0 && !options.quiet)
         std::fprintf(stderr, "halvo-send: %llu empty lines skipped; --keep-newline sends them\n",
                      static_cast<unsigned long long>(empty));
@@ -187,6 +156,6 @@ int main(int argc, char **argv) {
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kDone : kUsage;
     }
-    return run_tool("halvo-send", options.quiet,
+    return run_tool("halvo-send", "messages", options.quiet,
                     [&](int, Progress &progress) { run(options, progress); });
 }

@@ -103,9 +103,61 @@ uint32_t OpenEnd::longest_message() const {
     return static_cast<uint32_t>(frx_sizeOfData(handle_.channel));
 }
 
-Progress::Progress(const char *program, bool quiet)
-    : program_(program), quiet_(quiet), terminal_(isatty(STDERR_FILENO) != 0), began_(now()),
-      shown_(began_) {}
+void write_out(int descriptor, const std::string &name, const std::string &bytes) {
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t wrote = write(descriptor, bytes.data() + done, bytes.size() - done);
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote < 0) throw ToolError(kFailed, name + ": " + std::strerror(errno));
+        done += static_cast<size_t>(wrote);
+    }
+}
+
+namespace {
+
+uint64_t each_line(LineReader &lines, const std::string &name, bool keep_newline,
+                   const std::function<void(const std::string &)> &each) {
+    std::string line;
+    uint64_t empty = 0;
+    for (uint64_t number = 1;; ++number) {
+        LineReader::Read read;
+        do {
+            read = lines.next(line);
+            if (stop_signal()) throw ToolError(128 + stop_signal(), "stopped by a signal");
+        } while (read == LineReader::Read::interrupted);
+        if (read == LineReader::Read::end) return empty;
+        if (read == LineReader::Read::failed)
+            throw ToolError(kFailed, name + ": " + std::strerror(errno));
+        if (!keep_newline && line.back() == '\n') line.pop_back();
+        if (line.empty()) {
+            ++empty;
+            continue;
+        }
+        try {
+            each(line);
+        } catch (const ToolError &error) {
+            throw ToolError(error.status(), "line " + std::to_string(number) + ": " + error.what());
+        }
+    }
+}
+
+} // namespace
+
+uint64_t for_each_line(LineReader &lines, const std::string &name, bool keep_newline,
+                       const std::function<void(const std::string &)> &each,
+                       const std::function<void()> &commit) {
+    try {
+        const uint64_t empty = each_line(lines, name, keep_newline, each);
+        commit();
+        return empty;
+    } catch (const ToolError &) {
+        commit(); // the lines before the one that failed
+        throw;
+    }
+}
+
+Progress::Progress(const char *program, const char *noun, bool quiet)
+    : program_(program), noun_(noun), quiet_(quiet), terminal_(isatty(STDERR_FILENO) != 0),
+      began_(now()), shown_(began_) {}
 
 double Progress::seconds() const { return now() - began_; }
 
@@ -113,9 +165,9 @@ std::string Progress::line() const {
     const double took = seconds();
     const double rate = took > 0 ? static_cast<double>(messages_) / took : 0;
     char text[160];
-    std::snprintf(text, sizeof text, "%s: %llu messages, %llu bytes in %.2f s, %.0f messages/s",
-                  program_, static_cast<unsigned long long>(messages_),
-                  static_cast<unsigned long long>(bytes_), took, rate);
+    std::snprintf(text, sizeof text, "%s: %llu %s, %llu bytes in %.2f s, %.0f %s/s", program_,
+                  static_cast<unsigned long long>(messages_), noun_,
+                  static_cast<unsigned long long>(bytes_), took, rate, noun_);
     return text;
 }
 
@@ -132,8 +184,9 @@ void Progress::finish() {
     if (!quiet_) std::fprintf(stderr, "%s%s\n", terminal_ ? "\r\033[K" : "", line().c_str());
 }
 
-int run_tool(const char *program, bool quiet, const std::function<void(int, Progress &)> &work) {
-    Progress progress(program, quiet);
+int run_tool(const char *program, const char *noun, bool quiet,
+             const std::function<void(int, Progress &)> &work) {
+    Progress progress(program, noun, quiet);
     try {
         const LibraryMessages messages;
         try {

@@ -1,5 +1,5 @@
-// What halvo-send and halvo-recv share: the open end of a channel, clean ends on signals, the
-// progress line, and errors with the result code's name.
+// What halvo-send, halvo-recv and halvo-fq share: the open end of a channel, clean ends on signals,
+// lines in and bytes out, the progress line, and errors with the result code's name.
 #pragma once
 
 #include <cstdint>
@@ -8,10 +8,11 @@
 #include <string>
 
 #include "halvo/frx.h"
+#include "tools/line_reader.h"
 
 namespace halvo::tools {
 
-// Exit statuses of both programs.
+// Exit statuses of the programs.
 enum Exit { kDone = 0, kFailed = 1, kUsage = 2 };
 
 // A failure as one line for the operator, and the exit status that goes with it.
@@ -47,10 +48,20 @@ private:
     FrxChannel handle_{};
 };
 
+// Writes everything; throws ToolError. `name` is what the descriptor is called in the error.
+void write_out(int descriptor, const std::string &name, const std::string &bytes);
+
+// Calls each(line) for every line, without its line feed unless keep_newline, and at the end, also
+// when it failed, commit(). Returns how many lines were empty, which nothing is called for. Throws
+// ToolError, with the number of the line.
+uint64_t for_each_line(LineReader &lines, const std::string &name, bool keep_newline,
+                       const std::function<void(const std::string &)> &each,
+                       const std::function<void()> &commit);
+
 // Counts what went through; shows it on a terminal while it goes and as one line at the end.
 class Progress {
 public:
-    Progress(const char *program, bool quiet);
+    Progress(const char *program, const char *noun, bool quiet);
     void add(uint64_t messages, uint64_t bytes);
     uint64_t messages() const { return messages_; }
     void finish();
@@ -59,6 +70,7 @@ private:
     std::string line() const;
     double seconds() const;
     const char *program_;
+    const char *noun_; // of what is counted
     bool quiet_;
     bool terminal_;
     double began_;
@@ -67,8 +79,9 @@ private:
     uint64_t bytes_ = 0;
 };
 
-// The frame of both programs: runs work(descriptor of the real standard output, progress), reports
-// a ToolError, and returns the exit status.
-int run_tool(const char *program, bool quiet, const std::function<void(int, Progress &)> &work);
+// The frame of the programs: runs work(descriptor of the real standard output, progress), reports a
+// ToolError, and returns the exit status.
+int run_tool(const char *program, const char *noun, bool quiet,
+             const std::function<void(int, Progress &)> &work);
 
 } // namespace halvo::tools

@@ -1,0 +1,148 @@
+// halvo-fq, as an operator runs it.
+#include <csignal>
+#include <cstdlib>
+#include <random>
+
+#include "tests/fq/queue_fixture.h"
+#include "tests/support/program.h"
+
+using namespace halvo::test;
+
+namespace {
+
+const std::string kFq = HALVO_FQ;
+
+std::string bytes_of(const std::string &path) { return run_program({"/bin/cat", path}).out; }
+
+class FqTool : public testing::Test {
+protected:
+    std::string directory = make_test_directory();
+    halvo::Descriptor alive = start_janitor(directory, "");
+    std::string queue = directory + "/mo";
+
+    ~FqTool() override { remove_tree(directory); }
+    Outcome run(std::vector<std::string> words, const std::string &input = {}) {
+        words.insert(words.begin(), kFq);
+        words.insert(words.begin() + 2, queue);
+        return run_program(words, input);
+    }
+    std::string file() const { return queue + ".000000000"; }
+};
+
+} // namespace
+
+TEST_F(FqTool, lines_go_in_singly_or_in_batches_and_come_out_in_order) {
+    EXPECT_EQ(run({"put"}, "one\n\ntwo").status, 0);
+    EXPECT_EQ(run({"put", "--batch", "2", "-q"}, "3\n4\n5\n").status, 0);
+    EXPECT_EQ(run({"get", "--max", "2"}).out, "one\ntwo\n");
+    const Outcome rest = run({"get"});
+    EXPECT_EQ(rest.out, "3\n4\n5\n");
+    EXPECT_NE(rest.err.find("halvo-fq: 3 items, 3 bytes in "), std::string::npos) << rest.err;
+    EXPECT_EQ(run({"get"}).out, "");
+}
+
+TEST_F(FqTool, every_byte_comes_back_with_keep_newline_also_of_a_large_item) {
+    const std::string text = "a\n\n" + std::string(200000, 'x') + "\nno line feed";
+    EXPECT_EQ(run({"put", "-n"}, text).status, 0);
+    EXPECT_EQ(run({"get", "-n"}).out, text);
+}
+
+TEST_F(FqTool, what_could_not_be_written_out_is_read_again) {
+    run({"put"}, "one\ntwo\n");
+    const Outcome full = run({"get", "-o", "/dev/full"});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_NE(full.err.find("/dev/full: No space left"), std::string::npos) << full.err;
+    EXPECT_EQ(run({"get"}).out, "one\ntwo\n");
+}
+
+TEST_F(FqTool, stat_tells_positions_backlog_and_the_uncommitted_tail) {
+    run({"put"}, "one\ntwo\nthree\n");
+    run({"get", "--max", "1"});
+    std::ofstream(file(), std::ios::app | std::ios::binary) << item_bytes('W', "tail");
+    const Outcome lines = run({"stat"});
+    EXPECT_EQ(lines.status, 0) << lines.err;
+    EXPECT_EQ(lines.out, "queue        " + queue +
+                             "\n"
+                             "writer       file 000000000 offset 77\n"
+                             "reader       file 000000000 offset 25\n"
+                             "backlog      2 items, 8 bytes\n"
+                             "uncommitted  1 items, 26 bytes on disk\n"
+                             "file         000000000  103 bytes\n");
+    EXPECT_EQ(run({"stat", "--json"}).out,
+              "{\"queue\":\"" + queue +
+                  "\",\"writer\":{\"file\":0,\"offset\":77},\"reader\":{\"file\":0,\"offset\":25},"
+                  "\"backlog\":{\"items\":2,\"bytes\":8},"
+                  "\"uncommitted\":{\"items\":1,\"bytes\":4,\"tail\":26},"
+                  "\"files\":[{\"file\":0,\"bytes\":103}]}\n");
+}
+
+TEST_F(FqTool, verify_names_each_damaged_item_and_changes_nothing) {
+    run({"put"}, "one\ntwo\nthree\nfour\n");
+    EXPECT_EQ(run({"verify"}).status, 0);
+    const auto spoil = [&](long offset, const char *bytes) {
+        std::fstream data(file(), std::ios::in | std::ios::out | std::ios::binary);
+        data.seekp(offset) << bytes;
+    };
+    spoil(25 + 1, "?");                              // magic of "two"
+    spoil(50 + 25, "?");                             // trailer of "three"
+    std::ofstream(file(), std::ios::app) << "QITMF"; // a dead writer's start of an item
+    std::ofstream(queue + ".tail", std::ios::app) << "torn";
+    const Outcome found = run({"verify"});
+    EXPECT_EQ(found.status, 1);
+    EXPECT_EQ(found.out, "file 000000000 offset 25: damaged item: no item begins here\n"
+                         "file 000000000 offset 50: damaged item: no ZZ at its end\n"
+                         "the writer's position log ends with 4 bytes of a torn record\n"
+                         "2 items, 7 bytes, 0 uncommitted items, 2 damaged places\n");
+    EXPECT_EQ(run({"verify", "--json"}).out.find("{\"queue\":"), 0u);
+    EXPECT_EQ(run({"get"}).out, "one\n") << "a reader stops there; verify has repaired nothing";
+}
+
+TEST_F(FqTool, follow_ends_cleanly_by_a_signal_and_wrong_words_with_2) {
+    run({"put"}, "one\n");
+    Peer follower([&] {
+        execl(kFq.c_str(), "halvo-fq", "get", queue.c_str(), "--follow", "-q", "-o",
+              (directory + "/got").c_str(), nullptr);
+        return 127;
+    });
+    for (int i = 0; i < 200 && bytes_of(directory + "/got") != "one\n"; ++i) usleep(20000);
+    run({"put"}, "two\n");
+    for (int i = 0; i < 200 && bytes_of(directory + "/got") != "one\ntwo\n"; ++i) usleep(20000);
+    follower.kill(SIGTERM);
+    EXPECT_EQ(follower.wait(), 0);
+    EXPECT_EQ(bytes_of(directory + "/got"), "one\ntwo\n");
+    EXPECT_EQ(run_program({kFq, "get"}).status, 2);
+    EXPECT_EQ(run_program({kFq, "stat", directory + "/none"}).status, 2);
+    EXPECT_EQ(run({"put", "/nonexistent/file"}).status, 2);
+}
+
+TEST_F(FqTool, verify_finds_no_damage_after_a_hundred_killed_writers) {
+    const char *given = std::getenv("HALVO_SEED");
+    const unsigned seed = given ? static_cast<unsigned>(std::atoi(given)) : std::random_device{}();
+    std::printf("HALVO_SEED=%u\n", seed);
+    std::minstd_rand random(seed);
+    std::string lines;
+    for (int i = 0; i < 20000; ++i)
+        lines += "a line of some length, number " + std::to_string(i % 10) + "\n";
+    const std::string input = directory + "/lines";
+    std::ofstream(input) << lines;
+    for (int round = 0; round < 100; ++round) {
+        Peer writer([&] {
+            execl(kFq.c_str(), "halvo-fq", "put", queue.c_str(), input.c_str(), "-q", "--batch",
+                  round % 2 ? "10" : "1", nullptr);
+            return 127;
+        });
+        usleep(static_cast<useconds_t>(random() % 30000));
+        writer.kill(SIGKILL);
+        writer.wait();
+        if (access(file().c_str(), F_OK) != 0) continue;
+        const Outcome verified = run({"verify"});
+        ASSERT_EQ(verified.status, 0) << "round " << round << "\n" << verified.out << verified.err;
+    }
+    const std::string got = run({"get", "-q"}).out;
+    for (size_t at = 0; at < got.size();) { // whole lines, in the order of each writer
+        const size_t end = got.find('\n', at);
+        ASSERT_EQ(got.compare(at, 30, "a line of some length, number "), 0) << at;
+        ASSERT_EQ(end - at, 31u);
+        at = end + 1;
+    }
+}
