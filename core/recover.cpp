@@ -29,9 +29,17 @@ bool is_occupied(const halvo_channel *q, uint32_t offset) {
     return state == HALVO_SLOT_READABLE || state == HALVO_SLOT_MARKED;
 }
 
+// Where the two positions must be the same: the peer's, unless that is the one that stayed behind.
+// Its own successor will move it; to follow it would turn the order of a full ring, and two ends
+// that recover at the same time would change places.
+uint32_t common_position(const halvo_channel *q, uint32_t own, uint32_t peer) {
+    const bool peer_behind = next_offset(q, peer) == own && next_offset(q, own) != peer;
+    return peer_behind ? own : peer;
+}
+
 // Where the states say that a side's position is; nothing when they are not one run.
-std::optional<uint32_t> position_by_states(const halvo_channel *q, bool writer,
-                                           uint32_t peer_position) {
+std::optional<uint32_t> position_by_states(const halvo_channel *q, const Side &side,
+                                           const Side &peer) {
     uint32_t occupied = 0, runs = 0, start = 0, end = 0;
     bool before = is_occupied(q, q->qend - q->qbsz);
     for (uint32_t offset = q->qstart; offset < q->qend; offset += q->qbsz) {
@@ -44,13 +52,15 @@ std::optional<uint32_t> position_by_states(const halvo_channel *q, bool writer,
         if (!now && before) end = offset;
         before = now;
     }
-    if (occupied == 0 || occupied == q->qcnt) return peer_position;
+    if (occupied == 0 || occupied == q->qcnt)
+        return common_position(q, load(q->*side.position), load(q->*peer.position));
     if (runs != 1) return std::nullopt;
-    return writer ? end : start;
+    return &side == &kWriter ? end : start;
 }
 
-std::optional<uint32_t> settled_position(const halvo_channel *q, bool writer, const Side &peer) {
-    const auto look = [&] { return position_by_states(q, writer, load(q->*peer.position)); };
+std::optional<uint32_t> settled_position(const halvo_channel *q, const Side &side,
+                                         const Side &peer) {
+    const auto look = [&] { return position_by_states(q, side, peer); };
     std::optional<uint32_t> position = look();
     if (!is_alive(load(q->*peer.pid))) return position;
     int still = 1;
@@ -98,8 +108,7 @@ int q_recover(int channel, char mode) noexcept {
     if (!owns(side, q)) return ESMS_ACCESS;
 
     int done = 0;
-    const std::optional<uint32_t> position =
-        settled_position(q, writer, writer ? kReader : kWriter);
+    const std::optional<uint32_t> position = settled_position(q, side, writer ? kReader : kWriter);
     if (position && *position != load(q->*side.position)) {
         store(q->*side.position, *position);
         done |= HALVO_RECOVERED_POSITION;
