@@ -1,21 +1,12 @@
-#include <gtest/gtest.h>
-
 #include "tests/support/capture.h"
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
 
 using namespace halvo::test;
 
 namespace {
 
-class Buffers : public testing::Test {
+class Buffers : public RingTest<4, 'w'> {
 protected:
-    Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
-    halvo_channel *q = nullptr;
-    void SetUp() override {
-        segment.attach();
-        q = segment.open("MT01", 'w');
-    }
     std::string read_buf(int index) {
         Slot slot(q);
         const int result = q_read_buf(q, slot.data(), index);

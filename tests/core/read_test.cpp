@@ -1,21 +1,12 @@
-#include <gtest/gtest.h>
-
 #include "tests/support/capture.h"
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
 
 using namespace halvo::test;
 
 namespace {
 
-class Read : public testing::Test {
+class Read : public RingTest<5, 'r'> {
 protected:
-    Segment segment = SegmentBuilder().channel("MT01", 'M', 5, 64).build();
-    halvo_channel *q = nullptr;
-    void SetUp() override {
-        segment.attach();
-        q = segment.open("MT01", 'r');
-    }
     void fill(int messages) {
         for (int i = 0; i < messages; ++i) write(q, std::to_string(i));
     }

@@ -6,13 +6,10 @@ using halvo::slot_at;
 
 namespace {
 
-class Recover : public testing::Test {
+class Recover : public RingTest<4, 'w'> {
 protected:
-    Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
-    halvo_channel *q = nullptr;
     void SetUp() override {
-        segment.attach();
-        q = segment.open("MT01", 'w');
+        RingTest::SetUp();
         segment.open("MT01", 'r');
         q->pidg = 0; // no living peer to wait for
     }

@@ -1,22 +1,13 @@
-#include <gtest/gtest.h>
-
 #include "tests/support/capture.h"
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
 
 using namespace halvo::test;
 using halvo::slot_at;
 
 namespace {
 
-class Write : public testing::Test {
+class Write : public RingTest<4, 'w'> {
 protected:
-    Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
-    halvo_channel *q = nullptr;
-    void SetUp() override {
-        segment.attach();
-        q = segment.open("MT01", 'w');
-    }
     void set_state(uint32_t slot, int32_t state) {
         slot_at(q, q->qstart + slot * q->qbsz)->state = state;
     }

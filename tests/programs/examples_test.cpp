@@ -29,6 +29,12 @@ TEST(Examples, in_c_and_cpp_pass_a_message) {
     }
 }
 
+TEST(HostProgram, may_use_the_librarys_names_for_things_of_its_own) {
+    const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 256).build();
+    const Outcome outcome = run_program({HALVO_BIN "/own_names", s.key_file()});
+    EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
+}
+
 TEST(Examples, say_why_they_cannot) {
     const Outcome outcome = run_program({std::string(HALVO_BIN) + "/hello_c", "/nonexistent"});
     EXPECT_EQ(outcome.status, 1);

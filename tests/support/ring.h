@@ -1,12 +1,15 @@
 // Short words for tests of a channel's ring.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "core/ring.h"
 #include "halvo/queue.h"
+#include "tests/support/segment_builder.h"
 
 namespace halvo::test {
 
@@ -58,8 +61,16 @@ inline std::string picture(const halvo_channel *q) {
     return letters;
 }
 
-inline uint32_t slot_number(const halvo_channel *q, uint32_t offset) {
-    return (offset - q->qstart) / q->qbsz;
-}
+// A process that has one end of a small ring open; it may call the other end's functions too.
+template <uint32_t kSlots, char kMode>
+class RingTest : public testing::Test {
+protected:
+    Segment segment = SegmentBuilder().channel("MT01", 'M', kSlots, 64).build();
+    halvo_channel *q = nullptr;
+    void SetUp() override {
+        segment.attach();
+        q = segment.open("MT01", kMode);
+    }
+};
 
 } // namespace halvo::test
