@@ -1,15 +1,15 @@
 #!/bin/bash
 # Runs the tests of built presets and tells how many passed: tools/test.sh i386 x86_64
-# Ends with status 1 when a test failed, or when one left a segment, a semaphore or a file.
+# Ends with status 1 when a test failed, or when one left its directory behind. Segments and
+# semaphores that appeared meanwhile are named; another program's may be among them.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
-left_behind() {
-    ipcs -m | awk '$1 ~ /^0x/ {print "segment " $1 " " $2}'
-    ipcs -s | awk '$1 ~ /^0x/ {print "semaphores " $1 " " $2}'
-    ls -d "${TMPDIR:-/tmp}"/halvo-* 2>/dev/null
-}
-before=$(left_behind)
+directories() { ls -d "${TMPDIR:-/tmp}"/halvo-test-* 2>/dev/null; }
+objects() { ipcs -m -s | awk '$1 ~ /^0x/ {print "System V object " $1 " " $2}'; }
+new_of() { comm -13 <(sort <<<"$1") <("$2" | sort); }
+directories_before=$(directories)
+objects_before=$(objects)
 
 status=0
 summary=
@@ -24,9 +24,8 @@ for preset in "$@"; do
         printf "%s: %d of %d tests passed", preset, $NF - $4, $NF }' "build/$preset/tests.log")$'\n'
 done
 
-left=
 for _ in 1 2 3 4 5 6; do # whoever cleans up behind a killed test may need a moment
-    left=$(comm -13 <(sort <<<"$before") <(left_behind | sort))
+    left=$(new_of "$directories_before" directories)
     [ -z "$left" ] && break
     sleep 0.5
 done
@@ -34,5 +33,6 @@ if [ -n "$left" ]; then
     printf 'left behind by the tests:\n%s\n' "$left"
     status=1
 fi
+new_of "$objects_before" objects
 printf '%s' "$summary"
 exit $status
