@@ -30,6 +30,7 @@ class Window {
 public:
     explicit Window(const std::string &name)
         : name_(name), file_(open_file(name.c_str(), O_RDONLY)) {
+        if (!file_ && errno == ENOENT) return;
         if (!file_ || (size_ = size_of(file_)) < 0) fail(name_);
     }
     int64_t size() const { return size_; }
@@ -132,6 +133,7 @@ SavedPosition saved_position(const std::string &path, char mode) {
         return saved;
     saved.at = position_in(record);
     saved.found = saved.at.valid();
+    saved.damaged = !saved.found;
     return saved;
 }
 

@@ -18,7 +18,8 @@ struct DataFile {
 
 // One side's saved position, from the last whole record of its log.
 struct SavedPosition {
-    bool found = false; // there is a whole record, and it can be read
+    bool found = false;   // there is a whole record, and it can be read
+    bool damaged = false; // there is one, and it cannot
     fq::Position at;
     int64_t torn = 0; // bytes behind the last whole record
 };
@@ -44,7 +45,8 @@ std::vector<DataFile> data_files(const std::string &path);
 SavedPosition saved_position(const std::string &path, char mode);
 
 // Looks at everything in a data file from an offset on, until visit returns false. Behind damage it
-// goes on at the next item that it finds. Throws ToolError when the file cannot be read.
+// goes on at the next item that it finds. Nothing for a file that its reader has deleted meanwhile.
+// Throws ToolError when the file cannot be read.
 void inspect_file(const std::string &path, int32_t order, int64_t from,
                   const std::function<bool(const Finding &)> &visit);
 

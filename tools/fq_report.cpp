@@ -93,9 +93,10 @@ Count uncommitted(const std::string &path, const std::vector<DataFile> &files,
 }
 
 std::string position_text(const SavedPosition &saved) {
-    std::string line = saved.found ? text("file %09d offset %d", static_cast<int>(saved.at.order),
-                                          static_cast<int>(saved.at.offset))
-                                   : "none saved";
+    std::string line = saved.damaged ? "damaged" : "none saved";
+    if (saved.found)
+        line = text("file %09d offset %d", static_cast<int>(saved.at.order),
+                    static_cast<int>(saved.at.offset));
     if (saved.torn) line += text(" (%d bytes of a torn record)", static_cast<int>(saved.torn));
     return line;
 }
@@ -106,38 +107,61 @@ std::string position_json(const SavedPosition &saved) {
                 static_cast<int>(saved.at.offset));
 }
 
-const char *kind_name(Finding::Kind kind) {
-    return kind == Finding::incomplete ? "incomplete" : "damaged";
-}
-
 // Behind the writer's saved position nothing is committed, so nothing there can be damaged.
 bool is_committed(const SavedPosition &writer, int32_t order, int64_t offset) {
     return !writer.found || order != writer.at.order || offset < writer.at.offset;
+}
+
+// What is wrong with something found where only committed items belong; null when nothing is.
+const char *fault_of(const Finding &finding) {
+    if (finding.kind == Finding::pending) return "not committed, but the writer has gone on";
+    return finding.kind == Finding::item || finding.kind == Finding::end ? nullptr : finding.reason;
 }
 
 struct Verified {
     Count good, pending;
     int64_t damaged = 0;
     std::string lines, objects; // of the damage, as text and as JSON
+
+    void add(int32_t order, int64_t offset, const char *fault) {
+        ++damaged;
+        lines += text("file %09d offset %" PRId64 ": %s\n", static_cast<int>(order), offset, fault);
+        objects +=
+            text("%s{\"file\":%d,\"offset\":%" PRId64 ",\"reason\":%s}", objects.empty() ? "" : ",",
+                 static_cast<int>(order), offset, quoted(fault).c_str());
+    }
+    void add(const char *side, const SavedPosition &saved) {
+        if (saved.torn)
+            lines += text("the %s's position log ends with %d bytes of a torn record\n", side,
+                          static_cast<int>(saved.torn));
+        if (!saved.damaged) return;
+        ++damaged;
+        lines += text("the %s's saved position is damaged\n", side);
+        objects += text("%s{\"position\":\"%s\"}", objects.empty() ? "" : ",", side);
+    }
 };
 
-void verify_file(const std::string &path, int32_t order, const SavedPosition &writer,
+void verify_file(const std::string &path, const DataFile &file, const SavedPosition &writer,
                  Verified &verified) {
+    const int32_t order = file.order;
+    int64_t behind = 0; // the last thing found
+    bool ended = false;
     inspect_file(path, order, 0, [&](const Finding &finding) {
+        const bool committed = is_committed(writer, order, finding.offset);
+        const char *fault = fault_of(finding);
         if (finding.kind == Finding::item) verified.good.add(finding);
-        if (finding.kind == Finding::pending) verified.pending.add(finding);
-        if (finding.kind < Finding::incomplete || !is_committed(writer, order, finding.offset))
-            return true;
-        ++verified.damaged;
-        verified.lines +=
-            text("file %09d offset %" PRId64 ": %s item: %s\n", static_cast<int>(order),
-                 finding.offset, kind_name(finding.kind), finding.reason);
-        verified.objects +=
-            text("%s{\"file\":%d,\"offset\":%" PRId64 ",\"kind\":\"%s\",\"reason\":%s}",
-                 verified.objects.empty() ? "" : ",", static_cast<int>(order), finding.offset,
-                 kind_name(finding.kind), quoted(finding.reason).c_str());
+        if (finding.kind == Finding::pending && !committed) verified.pending.add(finding);
+        if (committed && fault) verified.add(order, finding.offset, fault);
+        behind = finding.offset + finding.length + FQ_ITEM_EXTRA;
+        ended = finding.kind == Finding::end;
         return true;
     });
+    // Readers go on without an end item when the file has passed its limit.
+    if (!writer.found) return;
+    if (order != writer.at.order && !ended && behind <= fq::kFileLimit)
+        verified.add(order, file.size, "no end item, but the writer has gone on");
+    if (order == writer.at.order && file.size < writer.at.offset)
+        verified.add(order, file.size, "the file ends before the writer's saved position");
 }
 
 // What is on disk of a queue; throws ToolError when that is nothing.
@@ -187,7 +211,9 @@ std::string stat_report(const std::string &path, bool json) {
 std::string verify_report(const std::string &path, bool json, bool &sound) {
     const auto [files, writer, reader] = Queue(path);
     Verified verified;
-    for (const DataFile &file : files) verify_file(path, file.order, writer, verified);
+    for (const DataFile &file : files) verify_file(path, file, writer, verified);
+    verified.add("writer", writer);
+    verified.add("reader", reader);
     sound = verified.damaged == 0;
     if (json)
         return text("{\"queue\":%s,\"items\":%" PRId64 ",\"bytes\":%" PRId64
@@ -195,14 +221,26 @@ std::string verify_report(const std::string &path, bool json, bool &sound) {
                     ",\"reader\":%" PRId64 "},\"damaged\":[%s]}\n",
                     quoted(path).c_str(), verified.good.items, verified.good.bytes,
                     verified.pending.items, writer.torn, reader.torn, verified.objects.c_str());
-    for (const auto &[side, saved] : {std::pair{"writer", writer}, std::pair{"reader", reader}})
-        if (saved.torn)
-            verified.lines += text("the %s's position log ends with %d bytes of a torn record\n",
-                                   side, static_cast<int>(saved.torn));
     return verified.lines + text("%" PRId64 " items, %" PRId64 " bytes, %" PRId64
                                  " uncommitted items, %" PRId64 " damaged places\n",
                                  verified.good.items, verified.good.bytes, verified.pending.items,
                                  verified.damaged);
+}
+
+std::string obstacle(const std::string &path) {
+    const SavedPosition writer = saved_position(path, 'w');
+    const SavedPosition reader = saved_position(path, 'r');
+    std::string found;
+    if (!writer.found || !reader.found || !is_committed(writer, reader.at.order, reader.at.offset))
+        return found;
+    inspect_file(path, reader.at.order, reader.at.offset, [&](const Finding &finding) {
+        const char *fault = fault_of(finding);
+        if (fault)
+            found = text("file %09d offset %" PRId64 ": %s", static_cast<int>(reader.at.order),
+                         finding.offset, fault);
+        return false;
+    });
+    return found;
 }
 
 } // namespace halvo::tools

@@ -1,5 +1,6 @@
 // halvo-fq: puts lines into a file queue, gets them out, and tells what is in it.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -9,7 +10,7 @@
 #include <vector>
 
 #include "core/posix.h"
-#include "halvo/fq.h"
+#include "fq/format.h"
 #include "tools/fq_report.h"
 #include "tools/line_reader.h"
 #include "tools/message_tool.h"
@@ -29,6 +30,7 @@ struct Options {
 };
 
 [[noreturn]] void fail(const std::string &what, int result) {
+    if (stop_signal()) throw ToolError(128 + stop_signal(), "stopped by a signal");
     throw ToolError(kFailed, what + " failed with " + std::to_string(result));
 }
 
@@ -126,11 +128,22 @@ private:
             const int result =
                 fq_dequeue(kNoChannel, options_.queue.c_str(), buffer(), room_, &trans);
             if (result >= 0) return result;
-            uint32_t length = 0;
-            std::memcpy(&length, item_.data() + kLengthAt, sizeof length);
-            if (result != kTooLarge || length <= room_) fail("dequeue", result);
-            room_ = length;
+            if (stop_signal()) return 0; // it ended the wait for another reader
+            if (result != kTooLarge) fail("dequeue", result);
+            std::memcpy(&room_, item_.data() + kLengthAt, sizeof room_);
+            check_room(trans);
         }
+    }
+
+    // A damaged length is told from that of a large item before memory is asked for.
+    void check_room(const fqtrans &trans) const {
+        const halvo::fq::Position at = halvo::fq::position_in(trans.curpos);
+        const halvo::fq::FileName name = halvo::fq::data_file(trans.path, at.order);
+        struct stat file {};
+        if (stat(name.text, &file) == 0 && room_ <= file.st_size - at.offset) return;
+        throw ToolError(kFailed, std::string(name.text) + ": damaged at offset " +
+                                     std::to_string(at.offset) + ": an item of " +
+                                     std::to_string(room_) + " bytes would not fit the file");
     }
 
     // Adds the item read; true while the transaction may take another one.
@@ -169,6 +182,8 @@ void get(const Options &options, int standard_output, Progress &progress) {
     Getter getter(options, file ? file.get() : standard_output, progress);
     while (!stop_signal() && !getter.done()) {
         if (getter.get_some()) continue;
+        if (const std::string fault = obstacle(options.queue); !fault.empty())
+            throw ToolError(kFailed, options.queue + ": damaged: " + fault);
         if (!options.follow) return;
         usleep(kFollowPause);
     }
@@ -182,7 +197,7 @@ void verify(const Options &options, int standard_output) {
     bool sound = true;
     const std::string report = verify_report(options.queue, options.json, sound);
     write_out(standard_output, "standard output", report);
-    if (!sound) throw ToolError(kFailed, options.queue + ": committed items are damaged");
+    if (!sound) throw ToolError(kFailed, options.queue + ": damaged");
 }
 
 } // namespace

@@ -89,12 +89,51 @@ TEST_F(FqTool, verify_names_each_damaged_item_and_changes_nothing) {
     std::ofstream(queue + ".tail", std::ios::app) << "torn";
     const Outcome found = run({"verify"});
     EXPECT_EQ(found.status, 1);
-    EXPECT_EQ(found.out, "file 000000000 offset 25: damaged item: no item begins here\n"
-                         "file 000000000 offset 50: damaged item: no ZZ at its end\n"
+    EXPECT_EQ(found.out, "file 000000000 offset 25: no item begins here\n"
+                         "file 000000000 offset 50: no ZZ at its end\n"
                          "the writer's position log ends with 4 bytes of a torn record\n"
                          "2 items, 7 bytes, 0 uncommitted items, 2 damaged places\n");
     EXPECT_EQ(run({"verify", "--json"}).out.find("{\"queue\":"), 0u);
-    EXPECT_EQ(run({"get"}).out, "one\n") << "a reader stops there; verify has repaired nothing";
+    const Outcome got = run({"get"});
+    EXPECT_EQ(got.out, "one\n") << "a reader stops there; verify has repaired nothing";
+    EXPECT_EQ(got.status, 1) << "and does not call the queue empty";
+    EXPECT_NE(got.err.find(": damaged: file 000000000 offset 25: no item begins here\n"),
+              std::string::npos)
+        << got.err;
+}
+
+TEST_F(FqTool, verify_misses_what_has_been_cut_off_and_what_was_never_committed) {
+    const auto verify = [&](const char *tail, const std::string &first, const std::string &second) {
+        std::ofstream(queue + ".tail") << tail;
+        std::ofstream(file()) << first;
+        std::ofstream(queue + ".000000001") << second;
+        return run({"verify"}).out;
+    };
+    const std::string one = item_bytes('F', "one"), pending = item_bytes('W', "two"),
+                      end = item_bytes('E', "");
+    const std::string at_50 = record(1, 50);
+    EXPECT_EQ(verify(at_50.c_str(), one + end, one + one + pending),
+              "3 items, 9 bytes, 1 uncommitted items, 0 damaged places\n");
+    EXPECT_EQ(verify(at_50.c_str(), one, one),
+              "file 000000000 offset 25: no end item, but the writer has gone on\n"
+              "file 000000001 offset 25: the file ends before the writer's saved position\n"
+              "2 items, 6 bytes, 0 uncommitted items, 2 damaged places\n");
+    EXPECT_EQ(verify(at_50.c_str(), one + end, pending + one),
+              "file 000000001 offset 0: not committed, but the writer has gone on\n"
+              "2 items, 6 bytes, 0 uncommitted items, 1 damaged places\n");
+    EXPECT_EQ(verify("000000001 -00000001      first\n", one + end, one),
+              "the writer's saved position is damaged\n"
+              "2 items, 6 bytes, 0 uncommitted items, 1 damaged places\n");
+}
+
+TEST_F(FqTool, get_tells_a_damaged_length_from_a_large_item) {
+    run({"put"}, "one\n");
+    std::fstream(file(), std::ios::in | std::ios::out | std::ios::binary).seekp(16)
+        << "\xff\xff\xff\x7f";
+    const Outcome got = run({"get"});
+    EXPECT_EQ(got.status, 1);
+    EXPECT_NE(got.err.find("an item of 2147483647 bytes would not fit the file"), std::string::npos)
+        << got.err;
 }
 
 TEST_F(FqTool, follow_ends_cleanly_by_a_signal_and_wrong_words_with_2) {
