@@ -1,7 +1,7 @@
 # Thin front of CMake: every target sets up what is missing first.
 PRESETS ?= i386 x86_64
 
-.PHONY: all setup build demo test lint clean
+.PHONY: all setup build demo test stress fuzz lint clean
 
 all: build
 
@@ -17,6 +17,14 @@ demo: setup ## builds the 32-bit product and passes real messages through it
 
 test: build ## builds and passes all tests
 	tools/test.sh $(PRESETS)
+
+stress: setup ## passes the long form of the stress tests and prints every figure
+	tools/build.sh i386
+	tools/stress.sh i386
+
+fuzz: ## feeds hostile input to the library for FUZZ_SECONDS (120) per target
+	tools/setup.sh fuzz
+	tools/fuzz.sh
 
 lint: ## checks format, includes, and what clang-tidy knows
 	tools/setup.sh lint

@@ -11,7 +11,9 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <utility>
 
+#include "core/geometry.h"
 #include "core/ring.h"
 
 namespace {
@@ -19,7 +21,9 @@ namespace {
 halvo_segment *qm = nullptr;       // set by a successful attach; stays after close_shm
 void *shmblock = nullptr;          // the attach address, all bits set after a failed attach
 halvo_segment *attached = nullptr; // as qm, but null again after close_shm
-int *semPosts = nullptr;           // nchnnl semaphore-set ids, -1 for channels without one
+uint64_t segment_size = 0;         // bytes, at least those of the segment header
+uint32_t first_channels = 0;       // channels at the time of the attach, at most 269
+int *semPosts = nullptr;           // semaphore-set ids of those channels, -1 where there is none
 int *semRqsts = nullptr;
 int semReadLock = -1; // sets of one semaphore per channel
 int semWriteLock = -1;
@@ -47,20 +51,36 @@ int set_id(const char *path, int project, int semaphores) {
     return key == -1 ? -1 : semget(key, semaphores, 0);
 }
 
+// Bytes of the segment from a channel's header on, which lies whole in it behind the segment's own;
+// 0 for a header that does not.
+uint64_t room_of(int channel) {
+    const uint64_t offset = halvo::load(qm->qoffs[channel]);
+    if (offset % alignof(halvo_channel) != 0 || offset < sizeof(halvo_segment)) return 0;
+    return offset + sizeof(halvo_channel) <= segment_size ? segment_size - offset : 0;
+}
+
 // One id per channel, -1 for every channel that is not of type 'M' and where the set is missing.
 int *channel_semaphores(const char *path) {
-    const int channels = halvo::channel_count(qm);
-    int *ids = new (std::nothrow) int[static_cast<size_t>(channels)];
-    for (int channel = 0; ids && channel < channels; ++channel)
-        ids[channel] = q_chnnl2q(channel)->qtype == 'M' ? set_id(path, channel + 1, 1) : -1;
+    int *ids = new (std::nothrow) int[first_channels];
+    for (int channel = 0; ids && channel < static_cast<int>(first_channels); ++channel) {
+        const bool waits = room_of(channel) != 0 && q_chnnl2q(channel)->qtype == 'M';
+        ids[channel] = waits ? set_id(path, channel + 1, 1) : -1;
+    }
     return ids;
 }
 
+// Attaches what is large enough to be a segment of queues; shmblock is all bits set otherwise.
 bool attach_segment(const char *keyfile, bool usable) {
     const key_t key = usable ? ftok(keyfile, kSegmentProject) : -1;
     const int id = key == -1 ? -1 : shmget(key, 0, 0);
+    void *const failed = reinterpret_cast<void *>(-1);
     shmblock = shmat(id, nullptr, 0);
-    if (shmblock != reinterpret_cast<void *>(-1)) return true;
+    if (shmblock != failed) {
+        shmid_ds found{};
+        segment_size = shmctl(id, IPC_STAT, &found) == 0 ? found.shm_segsz : 0;
+        if (segment_size >= sizeof(halvo_segment)) return true;
+        shmdt(std::exchange(shmblock, failed));
+    }
     std::printf("shmat failed keyfile %s id %d block %d\n", keyfile, id,
                 static_cast<int>(reinterpret_cast<intptr_t>(shmblock)));
     return false;
@@ -71,7 +91,7 @@ void find_semaphores(const char *keyfile, const KeyPath &posts, const KeyPath &r
     semPosts = channel_semaphores(posts.text);
     delete[] semRqsts;
     semRqsts = channel_semaphores(requests.text);
-    const int channels = halvo::channel_count(qm);
+    const auto channels = static_cast<int>(first_channels);
     semReadLock = set_id(keyfile, kReadLockProject, channels);
     semWriteLock = set_id(keyfile, kWriteLockProject, channels);
 }
@@ -87,12 +107,21 @@ namespace halvo {
 halvo_segment *attached_segment() noexcept { return attached; }
 
 int channel_count(const halvo_segment *segment) noexcept {
-    return static_cast<int>(std::min<uint32_t>(segment->nchnnl, HALVO_CHANNELS_MAX));
+    const uint32_t most = segment == qm ? first_channels : uint32_t{HALVO_CHANNELS_MAX};
+    return static_cast<int>(std::min(load(segment->nchnnl), most));
 }
 
 halvo_channel *checked_channel(int channel) noexcept {
     if (!attached || channel < 0 || channel >= channel_count(attached)) return nullptr;
-    return q_chnnl2q(channel);
+    const uint64_t room = room_of(channel);
+    halvo_channel *q = q_chnnl2q(channel);
+    return room != 0 && is_sound(q, room) ? q : nullptr;
+}
+
+bool in_segment(const void *address, size_t bytes) noexcept {
+    const auto offset =
+        reinterpret_cast<uintptr_t>(address) - reinterpret_cast<uintptr_t>(attached);
+    return attached && offset <= segment_size && bytes <= segment_size - offset;
 }
 
 int post_semaphore(int channel) noexcept { return id_of(semPosts, channel); }
@@ -126,6 +155,7 @@ int init_shm(const char *keyfile) noexcept {
         // value, so that init_shm(NULL) answers ESMS_OK although nothing is attached.
         if (!attach_segment(keyfile, posts.text[0] != '\0')) return ESMS_SHMOP;
         qm = static_cast<halvo_segment *>(shmblock);
+        first_channels = std::min<uint32_t>(load(qm->nchnnl), HALVO_CHANNELS_MAX);
         find_semaphores(keyfile, posts, requests);
         attached = qm;
         result = ESMS_OK;
@@ -159,8 +189,10 @@ int q_name2chnnl(const char *name) noexcept {
     // A name that fills its field has no terminator: the field's length is its end.
     if (std::strlen(name) > HALVO_NAME_SIZE) return -1;
     const int channels = channel_count(attached);
-    for (int channel = 0; channel < channels; ++channel)
-        if (std::strncmp(q_chnnl2q(channel)->qname, name, HALVO_NAME_SIZE) == 0) return channel;
+    for (int channel = 0; channel < channels; ++channel) {
+        const halvo_channel *q = checked_channel(channel);
+        if (q && std::strncmp(q->qname, name, HALVO_NAME_SIZE) == 0) return channel;
+    }
     return -1;
 }
 

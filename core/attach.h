@@ -9,12 +9,17 @@ namespace halvo {
 // q_0() it never points at memory that is gone.
 halvo_segment *attached_segment() noexcept;
 
-// Channels of a segment: nchnnl, or as many as the table of offsets holds when that claims more.
+// Channels of a segment: nchnnl, or as many as the table of offsets holds when that claims more. Of
+// the attached one never more than at the attach: tables of that many records were made then.
 int channel_count(const halvo_segment *segment) noexcept;
 
-// The one checked lookup: the channel's header, or null for a number outside 0 .. nchnnl - 1 or
-// when no segment is attached. q_chnnl2q() checks no number.
+// The one checked lookup: the channel's header, or null for a number outside 0 .. nchnnl - 1, for a
+// channel that does not lie whole in the segment (see core/geometry.h), or when no segment is
+// attached. q_chnnl2q() checks nothing.
 halvo_channel *checked_channel(int channel) noexcept;
+
+// Whether that many bytes from an address on lie in the attached segment.
+bool in_segment(const void *address, size_t bytes) noexcept;
 
 // Semaphore ids of the attachment; -1 where there is none or the number is no channel.
 int post_semaphore(int channel) noexcept;

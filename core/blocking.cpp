@@ -61,7 +61,7 @@ public:
 private:
     void announce() {
         int32_t &waiting = waiter_.q->*waiter_.side.waiting;
-        store(waiting, load(waiting) + 1);
+        store(waiting, static_cast<int32_t>(static_cast<uint32_t>(load(waiting)) + 1));
     }
     const Waiter &waiter_;
     bool registered_ = false;

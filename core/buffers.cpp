@@ -43,12 +43,13 @@ int q_write_buf_commit(halvo_channel *q, int index) noexcept {
     if (!is_buffer_index(index)) return ESMS_INVAL;
     qmsg *parked = buffer_slot(q, q->wbufs, index);
     if (load_state(parked) != HALVO_SLOT_READABLE) return ESMS_INVAL;
-    store(q->pbuffs, q->pbuffs - 1); // the ring slot owed to this message is its own now
-    const int result = q_write(q, parked->type, body(parked), parked->len);
+    count_parked(q, -1); // the ring slot owed to this message is its own now
+    const int result =
+        write_message(q, parked->type, body(parked), parked->len, body_length(q, parked));
     if (result == ESMS_OK) {
         publish_state(parked, HALVO_SLOT_FREE);
     } else {
-        store(q->pbuffs, q->pbuffs + 1);
+        count_parked(q, 1);
         std::printf("WARNING!!!!!!!! buff control broken! r= %d, pbuffs=%d\n", result, q->pbuffs);
     }
     return result;
@@ -59,6 +60,6 @@ int q_write_buf_rollback(halvo_channel *q, int index) noexcept {
     qmsg *parked = buffer_slot(q, q->wbufs, index);
     if (load_state(parked) != HALVO_SLOT_READABLE) return ESMS_NOTARGET;
     publish_state(parked, HALVO_SLOT_FREE);
-    store(q->pbuffs, q->pbuffs - 1);
+    count_parked(q, -1);
     return ESMS_OK;
 }

@@ -29,10 +29,17 @@ bool is_occupied(const halvo_channel *q, uint32_t offset) {
     return state == HALVO_SLOT_READABLE || state == HALVO_SLOT_MARKED;
 }
 
+// Whether a position is exactly that of a slot; only damage makes another.
+bool is_slot(const halvo_channel *q, uint32_t position) {
+    return position_in(q, position) == position && (position - q->qstart) % q->qbsz == 0;
+}
+
 // Where the two positions must be the same: the peer's, unless that is the one that stayed behind.
 // Its own successor will move it; to follow it would turn the order of a full ring, and two ends
 // that recover at the same time would change places.
 uint32_t common_position(const halvo_channel *q, uint32_t own, uint32_t peer) {
+    if (!is_slot(q, own)) return is_slot(q, peer) ? peer : q->qstart;
+    if (!is_slot(q, peer)) return own;
     const bool peer_behind = next_offset(q, peer) == own && next_offset(q, own) != peer;
     return peer_behind ? own : peer;
 }

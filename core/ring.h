@@ -44,10 +44,19 @@ inline const qmsg *slot_at(const halvo_channel *q, uint32_t offset) noexcept {
     return slot_at(const_cast<halvo_channel *>(q), offset);
 }
 
+// A position as the offset of a slot that lies in the ring: a word that is none, which only damage
+// makes, stands for the first slot. A place between two slots is not told apart, for that costs a
+// division: next_offset() leads from there to the ring's first slot and never past its end.
+inline uint32_t position_in(const halvo_channel *q, uint32_t position) noexcept {
+    const bool inside =
+        position - q->qstart <= q->qend - q->qstart - q->qbsz && position % alignof(qmsg) == 0;
+    return inside ? position : q->qstart;
+}
+
 // The ring rule.
 inline uint32_t next_offset(const halvo_channel *q, uint32_t offset) noexcept {
     const uint32_t next = offset + q->qbsz;
-    return next >= q->qend ? q->qstart : next;
+    return next > q->qend - q->qbsz ? q->qstart : next;
 }
 
 // The offset k slots ahead, with one wrap only. `inside` is false when that still is no place in
@@ -59,7 +68,8 @@ struct AheadOffset {
 inline AheadOffset offset_ahead(const halvo_channel *q, uint32_t from, int64_t k) noexcept {
     int64_t offset = int64_t{from} + k * int64_t{q->qbsz};
     if (offset >= int64_t{q->qend}) offset += int64_t{q->qstart} - int64_t{q->qend};
-    const bool inside = offset >= int64_t{q->qstart} && offset < int64_t{q->qend};
+    const bool inside =
+        offset >= int64_t{q->qstart} && offset + int64_t{q->qbsz} <= int64_t{q->qend};
     return {static_cast<uint32_t>(offset), inside};
 }
 

@@ -21,8 +21,9 @@ int q_snapshot(void *buffer, int size) noexcept {
     char *to = static_cast<char *>(buffer);
     std::memcpy(to, segment, sizeof *segment);
     to += sizeof *segment;
+    // An unusable channel stays zeros.
     for (int channel = 0; channel < channels; ++channel, to += sizeof(halvo_channel))
-        std::memcpy(to, q_chnnl2q(channel), sizeof(halvo_channel));
+        if (const halvo_channel *q = checked_channel(channel)) std::memcpy(to, q, sizeof *q);
     return 0;
 }
 

@@ -25,7 +25,8 @@ int64_t q_check_tps(halvo_channel *q) noexcept {
     }
     const int32_t seconds = seconds_between(now, q->tpsstart);
     // A clock that ran backwards into the period's first second leaves no period: divide by 1.
-    return (count - static_cast<int64_t>(q->tpsbase)) / (seconds > 0 ? seconds : 1);
+    const auto messages = static_cast<int64_t>(static_cast<uint64_t>(count) - q->tpsbase);
+    return messages / (seconds > 0 ? seconds : 1);
 }
 
 bool halvo::rate_refused(halvo_channel *q) noexcept {
@@ -37,7 +38,7 @@ bool halvo::rate_refused(halvo_channel *q) noexcept {
     }
     if (load(q->throttled) != 0) {
         const auto now = static_cast<int32_t>(q_gettime());
-        if (q->throttletime <= now - kFlagSeconds) store(q->throttled, 0);
+        if (seconds_between(now, q->throttletime) >= kFlagSeconds) store(q->throttled, 0);
     }
     return false;
 }

@@ -17,6 +17,14 @@ int length_fault(const halvo_channel *q, const void *data, uint32_t length) noex
 // Prints the line that goes with ESMS_EXEED, and returns the fault.
 int report_length(const halvo_channel *q, int fault, uint32_t length) noexcept;
 
+// q_write for `data` of which only `readable` bytes are there: what a damaged length claims beyond
+// them is refused, and not looked at.
+int write_message(halvo_channel *q, int type, const void *data, uint32_t length,
+                  uint32_t readable) noexcept;
+
+// Adds to the number of parked messages.
+void count_parked(halvo_channel *q, int32_t amount) noexcept;
+
 // Puts a message into an empty write buffer if a ring slot can be kept free for it: ESMS_OK,
 // ESMS_PENDING or ESMS_FULL.
 int park(halvo_channel *q, qmsg *buffer, int type, const void *data, uint32_t length) noexcept;

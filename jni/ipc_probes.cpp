@@ -42,14 +42,15 @@ IPC_NATIVE(jint, stat)(JNIEnv *, jclass, jint channel, jint what) noexcept {
     if (!q) return ESMS_INVAL;
     if (what == kLastIn) return load(q->lastin);
     if (what == kLastOut) return load(q->lastout);
-    return load_state(slot_at(q, load(what == kReadState ? q->rpos : q->wpos)));
+    return load_state(slot_at(q, position_in(q, load(what == kReadState ? q->rpos : q->wpos))));
 }
 
 IPC_NATIVE(jint, statBuf)(JNIEnv *, jclass, jint channel, jboolean for_write, jint index) noexcept {
     const halvo_channel *q = checked_channel(channel);
     // Kept: one index more than there are buffers is accepted.
     if (!q || index < 0 || index > HALVO_BUFFERS) return ESMS_INVAL;
-    return load_state(buffer_slot(q, for_write ? q->wbufs : q->rbufs, index));
+    const qmsg *slot = buffer_slot(q, for_write ? q->wbufs : q->rbufs, index);
+    return in_segment(slot, sizeof *slot) ? load_state(slot) : ESMS_INVAL;
 }
 
 IPC_NATIVE(jint, isAlive)

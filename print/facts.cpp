@@ -97,7 +97,8 @@ Facts facts_of(const Visit &visit, int32_t now, Rate rate, const Baseline &basel
 }
 
 RingLetters ring_letters(const halvo_channel *q) noexcept {
-    return {q_statchr(slot_at(q, load(q->wpos))), q_statchr(slot_at(q, load(q->rpos)))};
+    return {q_statchr(slot_at(q, position_in(q, load(q->wpos)))),
+            q_statchr(slot_at(q, position_in(q, load(q->rpos))))};
 }
 
 BufferLetters buffer_letters(const halvo_channel *q, uint32_t area) noexcept {

@@ -17,12 +17,6 @@ constexpr int kTextAt = 306; // where the applications put the text
 constexpr int kTextSize = HALVO_LAST_MESSAGE_SIZE - 1;
 constexpr size_t kBodySize = kTextAt + kTextSize;
 
-// The segment need not be the attached one.
-halvo_channel *header_in(halvo_segment *segment, int channel) {
-    return reinterpret_cast<halvo_channel *>(reinterpret_cast<char *>(segment) +
-                                             segment->qoffs[channel]);
-}
-
 bool is_outbound(const halvo_channel &q) {
     for (const auto &prefix : qm_out_prefixes)
         if (prefix[0] && prefix[0] == q.qname[0] && prefix[1] == q.qname[1]) return true;
@@ -64,13 +58,13 @@ using namespace halvo;
 
 halvo_channel *qm_last_out_q(halvo_segment *segment) noexcept {
     q_last = nullptr;
-    if (!segment) return nullptr;
+    if (!segment || segment != attached_segment()) return nullptr;
     const auto channels = static_cast<uint32_t>(channel_count(segment));
     uint32_t at = channels * static_cast<uint32_t>(std::rand()) / 12;
     if (at >= channels) at = 0;
     for (uint32_t visited = 0; visited < channels; ++visited, at = (at + 1) % channels) {
-        halvo_channel *q = header_in(segment, static_cast<int>(at));
-        if (!is_outbound(*q)) continue;
+        halvo_channel *q = checked_channel(static_cast<int>(at));
+        if (!q || !is_outbound(*q)) continue;
         if (!q_last || load(q->lastout) > load(q_last->lastout)) q_last = q;
     }
     return q_last;
@@ -78,8 +72,9 @@ halvo_channel *qm_last_out_q(halvo_segment *segment) noexcept {
 
 qmsg *qm_last_msg_of(halvo_channel *channel) noexcept {
     if (!channel) return nullptr;
-    const uint32_t rpos = load(channel->rpos);
-    const uint32_t behind = rpos == channel->qstart ? channel->qend : rpos;
+    const uint32_t rpos = position_in(channel, load(channel->rpos));
+    // Before the first slot lies the last one; so it does for a damaged position inside the first.
+    const uint32_t behind = rpos - channel->qstart < channel->qbsz ? channel->qend : rpos;
     return slot_at(channel, behind - channel->qbsz);
 }
 

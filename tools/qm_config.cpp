@@ -1,5 +1,16 @@
 #include "tools/qm_config.h"
 
+namespace halvo::qm {
+struct NotToml {}; // what the parser throws instead of taking a character for granted
+constexpr void take_for_granted(bool condition) {
+    if (!condition) throw NotToml{};
+}
+} // namespace halvo::qm
+
+// A configuration may be any file, and the parser asserts of its characters what a damaged one does
+// not hold ("[=]"). Its assertions must neither end the process nor be left out.
+#undef NDEBUG
+#define TOML_ASSERT(condition) ::halvo::qm::take_for_granted(static_cast<bool>(condition))
 #define TOML_ENABLE_FORMATTERS 0 // it is read only
 #include <toml++/toml.h>
 
@@ -54,6 +65,12 @@ private:
         throw Error(printable(message.c_str(), message.size()));
     }
 
+    // What concerns no line.
+    [[noreturn]] void fail_whole(const char *reason) const {
+        const std::string message = path_ + ": " + reason;
+        throw Error(printable(message.c_str(), message.size()));
+    }
+
     [[noreturn]] void fail(const Fault &fault) const {
         const auto found = lines_.find(fault.item);
         fail(found == lines_.end() ? 1 : found->second, fault.reason);
@@ -68,6 +85,8 @@ private:
             return toml::parse(content_of(path_), path_);
         } catch (const toml::parse_error &error) {
             fail(line_of(error.source()), std::string(error.description()));
+        } catch (const NotToml &) {
+            fail_whole("it cannot be understood as TOML");
         }
     }
 

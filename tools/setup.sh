@@ -3,6 +3,7 @@
 #
 #     tools/setup.sh          compilers, build tools, libraries, 64-bit and 32-bit JDK
 #     tools/setup.sh lint     also the formatter and the checker
+#     tools/setup.sh fuzz     also the compiler that builds fuzzers
 #
 # Asks the package database only when nothing is missing. Ends with status 1 when something is
 # missing that the build needs, with one line that names it.
@@ -19,8 +20,9 @@ wanted="tmux libxml2-utils jq strace" # some tests use them, no build does
 case "${1-}" in
 '') ;;
 lint) needed="$needed clang-format clang-tidy" ;;
+fuzz) needed="$needed clang-14 libclang-rt-14-dev" ;;
 *)
-    echo "usage: $0 [lint]" >&2
+    echo "usage: $0 [lint|fuzz]" >&2
     exit 2
     ;;
 esac

@@ -176,7 +176,7 @@ HALVO_API void q_print_rwrw_bufs(const halvo_channel *channel) HALVO_NOEXCEPT;
 
 /* The channel among the outbound ones (qm_out_prefixes) whose reader took a message last, also kept
  * in q_last; null when there is none. Of equals the first from a random start on. Calls rand().
- * segment  the attached segment's header; null gives null. */
+ * segment  the attached segment's header; any other, and null, gives null. */
 HALVO_API halvo_channel *qm_last_out_q(halvo_segment *segment) HALVO_NOEXCEPT;
 /* The slot before the channel's read position, in the segment; null for null. */
 HALVO_API qmsg *qm_last_msg_of(halvo_channel *channel) HALVO_NOEXCEPT;

@@ -1,0 +1,14 @@
+#include "tests/fuzz/scratch.h"
+#include "tests/fuzz/targets.h"
+#include "tools/qm_config.h"
+#include "tools/qm_plan.h"
+
+void halvo::fuzz::config(const uint8_t *data, size_t size) {
+    static const std::string path = scratch_file("config.toml");
+    write_scratch(path, {reinterpret_cast<const char *>(data), size});
+    try {
+        for (const qm::ChannelPlan &channel : qm::load_config(path).channels)
+            qm::layout_of(channel);
+    } catch (const qm::Error &) { // the only one that may come out
+    }
+}

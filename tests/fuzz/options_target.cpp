@@ -1,0 +1,36 @@
+#include <memory>
+
+#include "core/posix.h"
+#include "halvo/queue.h"
+#include "halvo/status.h"
+#include "tests/fuzz/attachment.h"
+#include "tests/fuzz/input.h"
+#include "tests/fuzz/scratch.h"
+#include "tests/fuzz/targets.h"
+
+namespace {
+
+// Line by line with room for `most` bytes.
+void read_lines(const std::string &path, int most) {
+    const halvo::Descriptor file = halvo::open_file(path.c_str(), O_RDONLY);
+    const std::unique_ptr<char[]> line(new char[static_cast<size_t>(most)]);
+    while (readline(file.get(), line.get(), most) > 0) {
+    }
+}
+
+} // namespace
+
+void halvo::fuzz::options(const uint8_t *data, size_t size) {
+    static const std::string path = scratch_file("channels.opt");
+    Input input(data, size);
+    const int most = input.byte() + 1;
+    write_scratch(path, input.bytes(1 << 16));
+    read_lines(path, most);
+    place_segment(sound_size());
+    attach();
+    q_load_print_options(path.c_str());
+    q_statprint('s');
+    q_statprint2('s');
+    q_statprint2('w');
+    q_statlog('s');
+}
