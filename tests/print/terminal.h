@@ -1,0 +1,72 @@
+// A real terminal for a program under test: a tmux server of its own, which dies with the test.
+#pragma once
+
+#include <unistd.h>
+
+#include <string>
+
+#include "tests/support/peer.h"
+#include "tests/support/program.h"
+
+namespace halvo::test {
+
+class Terminal {
+public:
+    // `directory` takes the socket. The shell's prompt is "ready$".
+    Terminal(const std::string &directory, int columns, int rows)
+        : socket_(directory + "/tmux"), server_([&] {
+              setenv("LC_ALL", "C.UTF-8", 1);
+              const ScratchFile nowhere; // or its descriptors keep the test's caller waiting
+              for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+                  dup2(nowhere.fd(), fd);
+              execl(program(), "tmux", "-D", "-u", "-S", socket_.c_str(), "-f", "/dev/null",
+                    static_cast<char *>(nullptr));
+              return 127;
+          }) {
+        for (int tries = 0; access(socket_.c_str(), F_OK) != 0 && tries < 200; ++tries)
+            usleep(50000);
+        tmux({"new-session", "-d", "-x", std::to_string(columns), "-y", std::to_string(rows),
+              "env PS1='ready$ ' sh"});
+        wait_for("ready$");
+    }
+    Terminal(const Terminal &) = delete;
+    Terminal &operator=(const Terminal &) = delete;
+    ~Terminal() { tmux({"kill-server"}); }
+
+    static const char *program() { return "/usr/bin/tmux"; }
+    static bool available() { return access(program(), X_OK) == 0; }
+
+    void type(const std::string &text) const { tmux({"send-keys", "-l", text}); }
+    void press(const std::string &key) const { tmux({"send-keys", key}); }
+    void resize(int columns, int rows) const {
+        tmux({"resize-window", "-x", std::to_string(columns), "-y", std::to_string(rows)});
+    }
+
+    // The text on the screen, with its escapes when asked for; blanks at the ends of lines left out.
+    std::string screen(bool escapes = false) const {
+        return tmux({"capture-pane", "-p", escapes ? "-e" : "-p"});
+    }
+    // True when the text stands there within ten seconds.
+    bool wait_for(const std::string &text) const {
+        for (int tries = 0; tries < 200; ++tries) {
+            if (screen().find(text) != std::string::npos) return true;
+            usleep(50000);
+        }
+        ADD_FAILURE() << "not on the screen: " << text << '\n' << screen();
+        return false;
+    }
+    std::string state(const std::string &format) const {
+        return tmux({"display-message", "-p", format});
+    }
+
+private:
+    std::string tmux(std::vector<std::string> words) const {
+        words.insert(words.begin(), {program(), "-u", "-S", socket_});
+        return run_program(words).out;
+    }
+
+    std::string socket_;
+    Peer server_;
+};
+
+} // namespace halvo::test
