@@ -1,0 +1,90 @@
+// A channel of four small slots whose memory can be put back, and messages that tell whether they
+// are whole.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "tests/support/ring.h"
+#include "tests/support/segment_builder.h"
+
+namespace halvo::test {
+
+// Message number n: its length and every byte follow from n.
+inline std::string numbered_message(int n) {
+    char number[16];
+    std::snprintf(number, sizeof number, "%04d", n);
+    std::string text = number;
+    for (int i = 0; i < 4 + n * 7 % 21; ++i) text += static_cast<char>('a' + (n * 31 + i * 7) % 26);
+    return text;
+}
+
+constexpr int kTorn = -1; // not one of ours, byte for byte
+
+inline int number_in(const std::string &body) {
+    const int n = std::atoi(body.substr(0, 4).c_str());
+    return body == numbered_message(n) ? n : kTorn;
+}
+
+inline int number_in(const void *image) {
+    qmsg header{};
+    std::memcpy(&header, image, sizeof header);
+    if (header.len > 64) return kTorn;
+    return number_in({static_cast<const char *>(image) + offsetof(qmsg, data), header.len});
+}
+
+class SmallRing {
+public:
+    static constexpr int kSlots = 4;
+    static constexpr int kType = 3; // of every message
+
+    SmallRing() : segment_(SegmentBuilder().channel("MT01", 'M', kSlots, 48).build()) {
+        segment_.attach();
+        q = segment_.channel("MT01");
+    }
+
+    halvo_channel *q = nullptr;
+
+    int write(int n) { return test::write(q, numbered_message(n), kType); }
+
+    // Every message that can be read; kTorn for one that is not whole.
+    std::vector<int> drain() {
+        std::vector<int> numbers;
+        Slot slot(q);
+        while (numbers.size() < 100 && q_read(q, slot.data()) == ESMS_OK)
+            numbers.push_back(number_in(slot.data()));
+        return numbers;
+    }
+
+    // What operations change of the channel: all but the counters of other types.
+    using Image = std::vector<uint8_t>;
+    Image save() const {
+        Image image;
+        for_parts([&](uint8_t *at, size_t n) { image.insert(image.end(), at, at + n); });
+        return image;
+    }
+    void restore(const Image &image) {
+        const uint8_t *from = image.data();
+        for_parts([&](uint8_t *at, size_t n) {
+            std::memcpy(at, from, n);
+            from += n;
+        });
+    }
+
+private:
+    template <class Use>
+    void for_parts(Use use) const {
+        auto *start = reinterpret_cast<uint8_t *>(q);
+        const size_t counters = offsetof(halvo_channel, tcnt) + (kType + 1) * sizeof(halvo_counter);
+        const size_t rest = offsetof(halvo_channel, gclients);
+        use(start, counters);
+        use(start + rest, q->qend - rest); // the buffers, then the ring
+    }
+
+    Segment segment_;
+};
+
+} // namespace halvo::test

@@ -1,0 +1,194 @@
+// Threads wait for messages with deadlines of 0 to 3 ms while a monitor scans in a tight loop and a
+// message comes now and then, often at the very moment at which the time is up.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <array>
+
+#include "tests/stress/form.h"
+#include "tests/stress/stalls.h"
+#include "tests/support/frx_fixture.h"
+
+using namespace halvo::test;
+
+namespace {
+
+constexpr int kChannels = 8;
+constexpr int kSharers = 4;          // threads that read the last channel together
+constexpr int64_t kGrace = 300000;   // microseconds beyond the deadline
+constexpr uint32_t kRemembered = 64; // more than a ring holds
+
+// When the thread last got a mutex. A read looks at the ring under the mutex of its end, so a
+// message that was complete before must have been seen by the last look of a call.
+thread_local int64_t gLastLock = 0;
+
+} // namespace
+
+#ifndef __SANITIZE_THREAD__ // which has its own
+// Takes the place of the system's, for the library too.
+extern "C" HALVO_API int pthread_mutex_lock(pthread_mutex_t *mutex) {
+    using Lock = int (*)(pthread_mutex_t *);
+    static const auto lock = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    const int result = lock(mutex);
+    gLastLock = microseconds_now();
+    return result;
+}
+#endif
+
+namespace {
+
+struct Counts {
+    int64_t waits = 0, timed_out = 0, received = 0, too_long = 0, beside = 0, longest = 0;
+    void operator+=(const Counts &other) {
+        waits += other.waits;
+        timed_out += other.timed_out;
+        received += other.received;
+        too_long += other.too_long;
+        beside += other.beside;
+        longest = std::max(longest, other.longest);
+    }
+};
+
+// What a channel's writer has sent, and when each message was complete.
+struct Sent {
+    std::atomic<uint32_t> count{0};
+    std::array<std::atomic<int64_t>, kRemembered> complete{};
+};
+
+class TimedWaits : public testing::Test {
+protected:
+    const uint32_t number = seed();
+    const int waits_of_each = length(20000, 1000000) / (kChannels - 1 + kSharers) + 1;
+    Segment segment = build();
+    FrxChannel writers[kChannels]{}, readers[kChannels]{};
+    Sent sent[kChannels];
+    std::atomic<bool> stop{false};
+
+    static Segment build() {
+        SegmentBuilder builder;
+        for (int i = 0; i < kChannels; ++i) builder.channel("C" + std::to_string(i), 'M', 4, 64);
+        return builder.build();
+    }
+    void SetUp() override {
+        ASSERT_EQ(initialise(segment), ESMS_OK);
+        for (int i = 0; i < kChannels; ++i) {
+            ASSERT_EQ(frx_openChannel(&writers[i], "w", i, 'w', 1000), ESMS_OK);
+            ASSERT_EQ(frx_openChannel(&readers[i], "r", i, 'r', 1000), ESMS_OK);
+        }
+    }
+
+    void write_now_and_then() {
+        std::minstd_rand random(number);
+        while (!stop) {
+            usleep(static_cast<useconds_t>(random() % 1000));
+            const auto i = random() % kChannels;
+            if (::frx_write(&writers[i], 1, "x", 1, -1) != ESMS_OK) continue; // full
+            const uint32_t n = sent[i].count;
+            sent[i].complete[n % kRemembered] = microseconds_now();
+            sent[i].count = n + 1;
+        }
+    }
+
+    // Whether message n was complete before this thread's last look.
+    bool overlooked(int channel, uint32_t n) const {
+        return sent[channel].count > n && sent[channel].complete[n % kRemembered] < gLastLock;
+    }
+
+    Counts wait_often(int channel, uint32_t own_seed, bool alone, const Stalls &stalls) {
+        std::minstd_rand random(own_seed);
+        Slot slot(q_chnnl2q(channel));
+        Counts counts;
+        uint32_t next = 0;
+        for (int i = 0; i < waits_of_each; ++i) {
+            const int timeout = static_cast<int>(random() % 4);
+            const int64_t start = microseconds_now();
+            const int result = frx_read(&readers[channel], slot.data(), timeout);
+            const int64_t end = microseconds_now();
+            ++counts.waits;
+            if (result == ESMS_TIMEOUT) {
+#ifndef __SANITIZE_THREAD__
+                EXPECT_GE(gLastLock, start);
+#endif
+                ++counts.timed_out;
+                counts.beside += alone && overlooked(channel, next);
+            } else {
+                EXPECT_EQ(result, 1);
+                ++next, ++counts.received;
+            }
+            const int64_t limit = timeout * 1000 + kGrace;
+            counts.longest = std::max(counts.longest, end - start);
+            if (end - start > limit && stalls.without_stalls(start, end) > limit) ++counts.too_long;
+        }
+        return counts;
+    }
+};
+
+int64_t own_processor_time() { // of this thread, microseconds
+    rusage usage{};
+    getrusage(RUSAGE_THREAD, &usage);
+    return int64_t{usage.ru_utime.tv_sec + usage.ru_stime.tv_sec} * 1000000 +
+           usage.ru_utime.tv_usec + usage.ru_stime.tv_usec;
+}
+
+} // namespace
+
+TEST_F(TimedWaits, end_in_time_and_overlook_nothing) {
+    const Stalls stalls;
+    std::thread monitor([&] {
+        while (!stop) monitorTimeout();
+    });
+    std::thread writer([&] { write_now_and_then(); });
+    Counts all;
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kChannels - 1 + kSharers; ++i) {
+        const int channel = std::min(i, kChannels - 1);
+        threads.emplace_back([&, channel, i] {
+            const Counts own = wait_often(channel, number + 1 + static_cast<uint32_t>(i),
+                                          channel < kChannels - 1, stalls);
+            const halvo::MutexLock lock(mutex);
+            all += own;
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
+    stop = true;
+    monitor.join();
+    writer.join();
+    figure("waits with deadlines of 0 to 3 ms", std::to_string(length(20000, 1000000)), all.waits);
+    figure("of them timed out / given a message", "-",
+           std::to_string(all.timed_out) + " / " + std::to_string(all.received));
+    figure("waits longer than their deadline + 300 ms", "0", all.too_long);
+    figure("calls that timed out beside a message", "0", all.beside);
+    figure("longest wait / longest stall of the machine, microseconds", "-",
+           std::to_string(all.longest) + " / " + std::to_string(stalls.longest()));
+    EXPECT_GT(all.timed_out, all.waits / 10);
+    EXPECT_GT(all.received, 0);
+    EXPECT_EQ(all.too_long, 0);
+    EXPECT_EQ(all.beside, 0);
+}
+
+// A thread that waits costs next to nothing, whether it sleeps on its semaphore in slices or, for
+// want of one, looks every millisecond.
+TEST(WaitingCost, is_below_a_hundredth_of_a_processor) {
+    const Segment segment =
+        SegmentBuilder().channel("M", 'M', 4, 64).channel("F", 'F', 4, 64).build();
+    ASSERT_EQ(initialise(segment), ESMS_OK);
+    const int seconds = length(2, 10);
+    Slot slot(q_chnnl2q(0));
+    for (int channel : {0, 1}) {
+        FrxChannel end{};
+        ASSERT_EQ(frx_openChannel(&end, "waits", channel, 'r', 1000), ESMS_OK);
+        const int64_t before = own_processor_time();
+        ASSERT_EQ(frx_read(&end, slot.data(), seconds * 1000), ESMS_TIMEOUT);
+        const int64_t used = own_processor_time() - before;
+        char percent[16];
+        std::snprintf(percent, sizeof percent, "%.3f", static_cast<double>(used) / seconds / 10000);
+        figure(channel == 0 ? "a waiting thread, percent of a processor"
+                            : "the same on a channel without semaphores",
+               channel == 0 ? "below 1" : "-", percent);
+        if (channel == 0) {
+            EXPECT_LT(used, seconds * 10000);
+        }
+    }
+}
