@@ -1,7 +1,7 @@
 # Thin front of CMake: every target sets up what is missing first.
 PRESETS ?= i386 x86_64
 
-.PHONY: all setup build demo test stress fuzz lint clean
+.PHONY: all setup build demo test stress fuzz picture lint clean
 
 all: build
 
@@ -25,6 +25,10 @@ stress: setup ## passes the long form of the stress tests and prints every figur
 fuzz: ## feeds hostile input to the library for FUZZ_SECONDS (120) per target
 	tools/setup.sh fuzz
 	tools/fuzz.sh
+
+picture: setup ## draws the README's table anew, from a segment at work
+	tools/build.sh i386
+	tools/picture.sh build/i386 docs/table.svg
 
 lint: ## checks format, includes, and what clang-tidy knows
 	tools/setup.sh lint

@@ -85,6 +85,6 @@ halvo-fq verify "$work/mo"
 same "$work/sent.txt" "$work/from-queue.txt"
 
 say "the segment afterwards"
-halvo-qm list --key "$key"
 halvo-qm check --key "$key"
+halvo-mon table --key "$key"
 echo "demo: done"
