@@ -46,3 +46,9 @@ IPC_NATIVE(jint, openChannel)
 IPC_NATIVE(jint, closeChannel)(JNIEnv *, jclass, jint channel, jboolean for_write) noexcept {
     return q_close(channel, mode_of(for_write));
 }
+
+// The companion's: it recovers each end that it opens.
+extern "C" JNIEXPORT jint JNICALL Java_com_morvesk_halvo_ipc_Channel_recover(
+    JNIEnv *, jclass, jint channel, jboolean for_write) noexcept {
+    return q_recover(channel, mode_of(for_write));
+}

@@ -6,7 +6,9 @@
 #include <cstdlib>
 #include <functional>
 
+#include "tools/message_tool.h"
 #include "tools/qm_config.h"
+#include "tools/qm_repair.h"
 #include "tools/qm_segment.h"
 #include "tools/qm_text.h"
 
@@ -25,6 +27,7 @@ Examples:
   halvo-qm create tools/example.toml --key /tmp/halvo.key
   halvo-qm list --key /tmp/halvo.key
   halvo-qm check --key /tmp/halvo.key && echo sound
+  halvo-qm check --repair --key /tmp/halvo.key
   halvo-qm remove --key /tmp/halvo.key
 
 tools/example.toml explains the configuration.)";
@@ -33,6 +36,7 @@ struct Arguments {
     std::string config;
     std::string key_file;
     bool replace = false;
+    bool repair = false;
     std::string mode = "0660";
 };
 
@@ -53,6 +57,11 @@ int run_create(const Arguments &arguments) {
 }
 
 int run_check(const Arguments &arguments) {
+    if (arguments.repair) {
+        const halvo::tools::LibraryMessages messages;
+        for (const std::string &line : halvo::qm::repair(arguments.key_file))
+            halvo::tools::write_out(messages.standard_output(), "standard output", line + "\n");
+    }
     const std::vector<std::string> faults = halvo::qm::check(arguments.key_file);
     for (const std::string &fault : faults) complain(fault);
     return faults.empty() ? kDone : kRefused;
@@ -147,7 +156,9 @@ int main(int argc, char **argv) {
         ->check(fault_of_mode)
         ->capture_default_str();
     command("list", "Show the channels; * marks a process that holds its end now", run_list);
-    command("check", "Look for faults in a segment", run_check);
+    command("check", "Look for faults in a segment", run_check)
+        ->add_flag("--repair", arguments.repair,
+                   "Correct first what dead processes left, at ends that nobody holds");
     command("remove", "Remove segment, semaphores and empty key files", run_remove);
 
     try {

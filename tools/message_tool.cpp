@@ -35,31 +35,6 @@ void catch_stop_signals() {
     sigaction(SIGPIPE, &action, nullptr);
 }
 
-// Keeps the library's own lines, which it prints on standard output, out of the data: they go to a
-// file in memory, and to standard error when the program failed.
-class LibraryMessages {
-public:
-    LibraryMessages()
-        : standard_output_(dup(STDOUT_FILENO)), messages_(memfd_create("messages", MFD_CLOEXEC)) {
-        if (standard_output_ < 0 || messages_ < 0 || dup2(messages_, STDOUT_FILENO) < 0)
-            throw ToolError(kFailed, std::string("standard output: ") + std::strerror(errno));
-    }
-
-    int standard_output() const { return standard_output_; } // the real one
-
-    void show() const {
-        std::fflush(stdout);
-        char block[4096];
-        off_t at = 0;
-        for (ssize_t got; (got = pread(messages_, block, sizeof block, at)) > 0; at += got)
-            std::fwrite(block, 1, static_cast<size_t>(got), stderr);
-    }
-
-private:
-    int standard_output_;
-    int messages_;
-};
-
 } // namespace
 
 std::string result_text(int code) {
@@ -75,6 +50,20 @@ std::string result_text(int code) {
 }
 
 int stop_signal() { return stop; }
+
+LibraryMessages::LibraryMessages()
+    : standard_output_(dup(STDOUT_FILENO)), messages_(memfd_create("messages", MFD_CLOEXEC)) {
+    if (standard_output_ < 0 || messages_ < 0 || dup2(messages_, STDOUT_FILENO) < 0)
+        throw ToolError(kFailed, std::string("standard output: ") + std::strerror(errno));
+}
+
+void LibraryMessages::show() const {
+    std::fflush(stdout);
+    char block[4096];
+    off_t at = 0;
+    for (ssize_t got; (got = pread(messages_, block, sizeof block, at)) > 0; at += got)
+        std::fwrite(block, 1, static_cast<size_t>(got), stderr);
+}
 
 OpenEnd::OpenEnd(const std::string &key_file, const std::string &channel, char side,
                  const std::string &client, int timeout) {

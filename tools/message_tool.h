@@ -30,6 +30,22 @@ std::string result_text(int code);
 
 int stop_signal(); // 0, or the number of the signal (SIGINT, SIGTERM) that asked to stop
 
+// Keeps the library's own lines, which it prints on standard output, out of the data: they go to a
+// file in memory from now on, to the end of the process, for its threads print too. Throws ToolError.
+class LibraryMessages {
+public:
+    LibraryMessages();
+    LibraryMessages(const LibraryMessages &) = delete;
+    LibraryMessages &operator=(const LibraryMessages &) = delete;
+
+    int standard_output() const { return standard_output_; } // the real one
+    void show() const;                                       // on standard error, for a failure
+
+private:
+    int standard_output_;
+    int messages_;
+};
+
 // An end of a channel, open as long as this lives. Throws ToolError.
 class OpenEnd {
 public:

@@ -16,6 +16,6 @@ add_library(halvo_qm_segment STATIC
   qm_view.cpp)
 target_link_libraries(halvo_qm_segment PUBLIC halvo_options)
 
-add_executable(halvo-qm halvo_qm.cpp)
-target_link_libraries(halvo-qm PRIVATE halvo_qm_segment)
+add_executable(halvo-qm halvo_qm.cpp qm_repair.cpp)
+target_link_libraries(halvo-qm PRIVATE halvo_qm_segment halvo_message_tool)
 target_compile_definitions(halvo-qm PRIVATE HALVO_QM_VERSION="${PROJECT_VERSION}")

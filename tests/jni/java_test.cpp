@@ -7,8 +7,7 @@
 #include <sstream>
 
 #include "halvo/frx.h"
-#include "tests/support/program.h"
-#include "tests/support/segment_builder.h"
+#include "tests/jni/vm.h"
 
 using namespace halvo::test;
 
@@ -32,29 +31,6 @@ Segment test_segment() {
     add('M', kChannelsM);
     add('F', kChannelsF);
     return builder.build();
-}
-
-using Words = std::vector<std::string>;
-
-// Runs a VM with the classes of the tests. Its standard error is added to its output.
-Outcome run_vm(const Segment &s, const Words &options, const Words &command) {
-    unsetenv("LD_LIBRARY_PATH"); // the library must be found without
-    for (const char *name : {"JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS", "_JAVA_OPTIONS"})
-        unsetenv(name);
-    const std::string natives = "-Dhalvo.test.natives=" HALVO_TEST_NATIVES;
-    Words words{HALVO_JAVA,
-                "-Xmx64m",
-                "-XX:ErrorFile=/dev/stderr",
-                "-cp",
-                HALVO_CLASS_PATH,
-                natives,
-                "-Dhalvo.test.key=" + s.key_file(),
-                "-Dhalvo.test.dir=" + s.path("")};
-    words.insert(words.end(), options.begin(), options.end());
-    words.insert(words.end(), command.begin(), command.end());
-    Outcome outcome = run_program(words);
-    outcome.out += outcome.err;
-    return outcome;
 }
 
 Outcome run_junit(const Segment &s, Words options, const Words &classes) {

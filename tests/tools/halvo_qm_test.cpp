@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "tests/support/directory.h"
+#include "tests/support/peer.h"
 #include "tests/support/program.h"
 #include "tests/support/ring.h"
 #include "tests/support/segment_builder.h"
@@ -91,6 +92,28 @@ TEST(HalvoQm, check_tells_faults_line_by_line) {
     const Outcome outcome = halvo_qm({"check", "--key", s.key_file()});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.err, "halvo-qm: channel 0 MT01: wpos " + wpos + " is no slot of the ring\n");
+}
+
+TEST(HalvoQm, check_repairs_what_a_dead_writer_left) {
+    const Segment s =
+        SegmentBuilder().channel("MT01", 'M', 4, 64).channel("MO01", 'M', 4, 64).build();
+    s.attach();
+    halvo_channel *q = s.channel("MT01"), *other = s.channel("MO01");
+    Peer dead([] { return 0; });
+    q->pidp = dead.pid();
+    EXPECT_EQ(dead.wait(), 0);
+    for (halvo_channel *each : {q, other}) { // both stopped between a state and the position
+        write(each, "one");
+        each->wpos = each->qstart;
+    }
+    s.open("MO01", 'w'); // this one's writer lives, and may go on
+    const Outcome outcome = halvo_qm({"check", "--repair", "--key", s.key_file()});
+    EXPECT_EQ(outcome.out,
+              "channel 0 MT01, writer: moved the position to where the slots say it is\n");
+    EXPECT_EQ(q->wpos, q->qstart + q->qbsz);
+    EXPECT_EQ(other->wpos, other->qstart);
+    EXPECT_EQ(outcome.status, 1) << "the other channel's fault stands";
+    EXPECT_EQ(outcome.err.find("halvo-qm: channel 1 MO01: "), 0u) << outcome.err;
 }
 
 TEST(HalvoQm, wrong_usage_is_told_in_one_line) {

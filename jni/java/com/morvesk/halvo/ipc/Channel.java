@@ -21,6 +21,10 @@ import java.util.concurrent.locks.ReentrantLock;
  * code.
  */
 public final class Channel implements AutoCloseable {
+    static {
+        NativeLibrary.load();
+    }
+
     private static boolean attached;
 
     private final ReentrantLock turn = new ReentrantLock();
@@ -87,7 +91,7 @@ public final class Channel implements AutoCloseable {
     }
 
     /**
-     * Opens the reader's end of a channel.
+     * Opens the reader's end of a channel, and puts it right when its last holder was killed.
      *
      * @param client  the name to show for this process; 23 bytes are kept
      * @param channel the channel's name
@@ -102,7 +106,7 @@ public final class Channel implements AutoCloseable {
     }
 
     /**
-     * Opens the writer's end of a channel.
+     * Opens the writer's end of a channel, and puts it right when its last holder was killed.
      *
      * @param client  the name to show for this process; 23 bytes are kept
      * @param channel the channel's name
@@ -127,8 +131,12 @@ public final class Channel implements AutoCloseable {
         Channel channel = new Channel(name, number, forWrite);
         HalvoException.check("open " + name,
                 IPCFunctions.openChannel(client, number, forWrite, millis(timeout)));
+        HalvoException.check("recover " + name, recover(number, forWrite));
         return channel;
     }
+
+    /** Puts the end right when its last holder died in the middle of an operation. */
+    private static native int recover(int channel, boolean forWrite);
 
     /**
      * The channel's number, for the natives.
