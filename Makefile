@@ -1,7 +1,7 @@
 # Thin front of CMake: every target sets up what is missing first.
 PRESETS ?= i386 x86_64
 
-.PHONY: all setup build demo test stress fuzz picture lint clean
+.PHONY: all setup build demo test stress fuzz bench picture lint clean
 
 all: build
 
@@ -29,6 +29,10 @@ fuzz: ## feeds hostile input to the library for FUZZ_SECONDS (120) per target
 picture: setup ## draws the README's table anew, from a segment at work
 	tools/build.sh i386
 	tools/picture.sh build/i386 docs/table.svg
+
+bench: ## measures the library beside its peers; QUICK=1 within two minutes, PLOT=1 draws docs/bench.svg
+	tools/setup.sh bench
+	bench/run.sh
 
 lint: ## checks format, includes, and what clang-tidy knows
 	tools/setup.sh lint

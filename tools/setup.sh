@@ -4,6 +4,7 @@
 #     tools/setup.sh          compilers, build tools, libraries, 64-bit and 32-bit JDK
 #     tools/setup.sh lint     also the formatter and the checker
 #     tools/setup.sh fuzz     also the compiler that builds fuzzers
+#     tools/setup.sh bench    also what the benchmark compares with, and the plotter
 #
 # Asks the package database only when nothing is missing. Ends with status 1 when something is
 # missing that the build needs, with one line that names it.
@@ -21,8 +22,14 @@ case "${1-}" in
 '') ;;
 lint) needed="$needed clang-format clang-tidy" ;;
 fuzz) needed="$needed clang-14 libclang-rt-14-dev" ;;
+bench)
+    # Headers of the native architecture serve both; 32-bit development packages would need the
+    # 32-bit C library's as well.
+    needed="$needed gnuplot-nox libboost-dev libsqlite3-dev libsqlite3-0:i386
+    libleveldb-dev libleveldb1d:i386"
+    ;;
 *)
-    echo "usage: $0 [lint|fuzz]" >&2
+    echo "usage: $0 [lint|fuzz|bench]" >&2
     exit 2
     ;;
 esac

@@ -1,0 +1,68 @@
+// Cost that must stay the same while the work grows.
+#include <sys/stat.h>
+
+#include "bench/groups.h"
+#include "bench/links.h"
+#include "bench/stores.h"
+#include "bench/workplace.h"
+
+namespace halvo::bench {
+
+namespace {
+
+constexpr double kGoal = 0.9; // within ten per cent
+
+using OpenRun = Measured (*)(const Shape &, uint32_t count, int channels);
+
+// One busy channel among open ones.
+void with_open_channels(const Settings &settings, Report &report, const std::string &measure,
+                        OpenRun run) {
+    const Shape shape{1000, 1024, settings.slots};
+    std::vector<Contender> all;
+    for (const int channels : {1, 16, 200})
+        all.push_back({std::to_string(channels) + " open",
+                       [=](uint32_t count) { return run(shape, count, channels); }});
+    race(all, settings, report, measure);
+    Row row{};
+    row.measure = measure;
+    row.unit = "msg/s";
+    row.goal = kGoal;
+    for (size_t i = 1; i < all.size(); ++i) {
+        row.size = all[i].name;
+        compare(report, row, all[i], all[0], &Measured::first, Better::higher);
+    }
+}
+
+void with_backlog(const Settings &settings, Report &report) {
+    const Workplace place;
+    std::vector<Contender> all;
+    for (const int64_t backlog : {int64_t{10}, settings.backlog}) {
+        const std::string name = std::to_string(backlog) + " items";
+        const std::string path = place.path() + "/" + std::to_string(backlog);
+        mkdir(path.c_str(), 0700);
+        fill_queue(path, backlog);
+        all.push_back({name, [path](uint32_t count) { return turn_over(path, count); }});
+    }
+    race(all, settings, report, "backlog");
+    Row row{};
+    row.measure = "file queue in and out";
+    row.size = all[1].name;
+    row.unit = "item/s";
+    row.goal = kGoal;
+    compare(report, row, all[1], all[0], &Measured::first, Better::higher);
+}
+
+} // namespace
+
+void measure_flat(const Settings &settings, Report &report) {
+    report.begin("flat", "the same work beside more open channels, or behind a longer backlog");
+    with_open_channels(settings, report, "q_ throughput", q_throughput_with_open);
+    with_open_channels(settings, report, "frx_ throughput", frx_throughput_with_open);
+    try {
+        with_backlog(settings, report);
+    } catch (const Failure &failure) {
+        report.fail("backlog", failure.what());
+    }
+}
+
+} // namespace halvo::bench

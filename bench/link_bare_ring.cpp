@@ -1,0 +1,94 @@
+// The limit of the design's idea: a ring whose slots are a state word, a length and a body, with
+// private positions and no counters, owners, heartbeats, types or limits. And the limit of any
+// ring: its copies alone, by one thread.
+#include <atomic>
+#include <vector>
+
+#include "bench/link_runs.h"
+#include "bench/links.h"
+#include "bench/shared_memory.h"
+
+namespace halvo::bench {
+
+namespace {
+
+struct BareSlot {
+    std::atomic<uint32_t> full;
+    uint32_t length;
+    char body[1]; // goes on to the end of the slot
+};
+
+struct BareRingLink {
+    BareRingLink(const Shape &given, int lanes)
+        : shape(given), memory(size_t{given.slot} * given.slots * static_cast<size_t>(lanes)) {}
+    void enter() {}
+
+    // A side's place in the ring.
+    struct Place {
+        Place(const BareRingLink &link, int lane)
+            : size(link.shape.slot), start(link.memory.data() + size_t{size} * link.shape.slots *
+                                                                    static_cast<size_t>(lane)),
+              end(start + size_t{size} * link.shape.slots), at(start) {}
+        BareSlot &slot() const { return *reinterpret_cast<BareSlot *>(at); }
+        void step() {
+            at += size;
+            if (at == end) at = start;
+        }
+        uint32_t size;
+        char *start, *end, *at;
+    };
+    struct Writer : Place, Body {
+        Writer(const BareRingLink &link, int lane) : Place(link, lane), Body(link.shape) {}
+        bool send(uint32_t length) {
+            BareSlot &to = slot();
+            if (to.full.load(std::memory_order_acquire)) return false;
+            to.length = length;
+            std::memcpy(to.body, body(), length);
+            to.full.store(1, std::memory_order_release);
+            step();
+            return true;
+        }
+    };
+    struct Reader : Place {
+        Reader(const BareRingLink &link, int lane) : Place(link, lane), body(link.shape.slot) {}
+        const char *receive() {
+            BareSlot &from = slot();
+            if (!from.full.load(std::memory_order_acquire)) return nullptr;
+            std::memcpy(body.data(), from.body, from.length);
+            from.full.store(0, std::memory_order_release);
+            step();
+            return body.data();
+        }
+        std::vector<char> body;
+    };
+    Shape shape;
+    SharedMemory memory;
+};
+
+Measured copy_alone(const Shape &shape, uint32_t count) {
+    return run({[&](Shared &shared) {
+        const SharedMemory ring(size_t{shape.slot} * shape.slots);
+        std::vector<char> in(shape.body, 'x'), out(shape.body);
+        uint32_t slot = 0;
+        const auto pass = [&](uint32_t i) {
+            char *at = ring.data() + size_t{slot} * shape.slot;
+            stamp(in.data(), shape.body, i);
+            std::memcpy(at, in.data(), shape.body);
+            std::memcpy(out.data(), at, shape.body);
+            check(out.data(), shape.body, i);
+            if (++slot == shape.slots) slot = 0;
+        };
+        for (uint32_t i = 0; i < kWarmUp; ++i) pass(i);
+        const double start = seconds_now();
+        for (uint32_t i = 0; i < count; ++i) pass(i);
+        shared.result.seconds = seconds_now() - start;
+        shared.result.first = count / shared.result.seconds;
+    }});
+}
+
+} // namespace
+
+const Link kBareRing{"bare ring", throughput<BareRingLink>, round_trip<BareRingLink>};
+const Link kMemoryCopy{"memcpy limit", copy_alone, nullptr};
+
+} // namespace halvo::bench

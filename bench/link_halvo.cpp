@@ -1,0 +1,18 @@
+// Our own contenders.
+#include "bench/halvo_links.h"
+#include "bench/link_runs.h"
+#include "bench/links.h"
+
+namespace halvo::bench {
+
+const Link kQ{"q_", throughput<QLink>, round_trip<QLink>};
+const Link kFrx{"frx_", throughput<FrxLink>, round_trip<FrxLink>};
+
+Measured q_throughput_with_open(const Shape &shape, uint32_t count, int channels) {
+    return throughput<QLink>(shape, count, channels);
+}
+Measured frx_throughput_with_open(const Shape &shape, uint32_t count, int channels) {
+    return throughput<FrxLink>(shape, count, channels);
+}
+
+} // namespace halvo::bench

@@ -1,0 +1,132 @@
+// Throughput and round trip over a link, the same code for every contender. A link is
+//
+//     struct Link {
+//         Link(const Shape &, int lanes);       // in the parent: makes what the processes share
+//         void enter();                         // in each process, once
+//         struct Writer {                       // one direction's end, in the process that has it
+//             Writer(Link &, int lane);
+//             char *body();                     // where the caller puts the next message
+//             bool send(uint32_t length);       // false: full now, try again
+//         };
+//         struct Reader {
+//             Reader(Link &, int lane);
+//             const char *receive();            // the body; null: empty now, try again
+//         };
+//     };
+//
+// Ends that block never answer false or null.
+#pragma once
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "bench/processes.h"
+
+namespace halvo::bench {
+
+inline constexpr uint32_t kWarmUp = 1000; // messages before the clock starts
+
+template <class Writer>
+void send_one(Writer &writer, uint32_t length, uint32_t number) {
+    stamp(writer.body(), length, number);
+    while (!writer.send(length)) pause_poll();
+}
+
+template <class Reader>
+void receive_one(Reader &reader, uint32_t length, uint32_t number) {
+    const char *body = nullptr;
+    while (!(body = reader.receive())) pause_poll();
+    check(body, length, number);
+}
+
+// The ends of all lanes, each at an address that stays.
+template <class End, class Link>
+std::vector<std::unique_ptr<End>> open_ends(Link &link, int lanes) {
+    std::vector<std::unique_ptr<End>> ends;
+    for (int lane = 0; lane < lanes; ++lane) ends.push_back(std::make_unique<End>(link, lane));
+    return ends;
+}
+
+// Messages per second through one lane; the others are open and idle.
+template <class Link>
+Measured throughput(const Shape &shape, uint32_t count, int lanes) {
+    Link link(shape, lanes);
+    const auto used = static_cast<size_t>(lanes / 2);
+    const auto write = [&](Shared &shared) {
+        link.enter();
+        const auto writers = open_ends<typename Link::Writer>(link, lanes);
+        shared.meet(2);
+        for (uint32_t i = 0; i < kWarmUp + count; ++i) send_one(*writers[used], shape.body, i);
+    };
+    const auto read = [&](Shared &shared) {
+        link.enter();
+        const auto readers = open_ends<typename Link::Reader>(link, lanes);
+        shared.meet(2);
+        for (uint32_t i = 0; i < kWarmUp; ++i) receive_one(*readers[used], shape.body, i);
+        const double start = seconds_now();
+        for (uint32_t i = 0; i < count; ++i) receive_one(*readers[used], shape.body, kWarmUp + i);
+        shared.result.seconds = seconds_now() - start;
+        shared.result.first = count / shared.result.seconds;
+    };
+    return run({write, read});
+}
+
+template <class Link>
+Measured throughput(const Shape &shape, uint32_t count) {
+    return throughput<Link>(shape, count, 1);
+}
+
+// Median and 99th percentile of times in ticks, as nanoseconds.
+inline void put_percentiles(Measured &result, std::vector<uint32_t> &ticks, double ticks_per_ns) {
+    const auto at = [&](size_t percent) {
+        const auto place = ticks.begin() + static_cast<ptrdiff_t>(ticks.size() * percent / 100);
+        std::nth_element(ticks.begin(), place, ticks.end());
+        return *place / ticks_per_ns;
+    };
+    result.first = at(50);
+    result.second = at(99);
+}
+
+// Times of single messages there and back.
+template <class Link>
+Measured round_trip(const Shape &shape, uint32_t count) {
+    Link link(shape, 2);
+    const auto ask = [&](Shared &shared) {
+        link.enter();
+        typename Link::Writer writer(link, 0);
+        typename Link::Reader reader(link, 1);
+        std::vector<uint32_t> times(count);
+        const auto exchange = [&](uint32_t number) {
+            send_one(writer, shape.body, number);
+            receive_one(reader, shape.body, number);
+        };
+        shared.meet(2);
+        for (uint32_t i = 0; i < kWarmUp; ++i) exchange(i);
+        const double start = seconds_now();
+        const uint64_t first = ticks_now();
+        uint64_t before = first;
+        for (uint32_t i = 0; i < count; ++i) {
+            exchange(kWarmUp + i);
+            const uint64_t now = ticks_now();
+            times[i] = static_cast<uint32_t>(now - before);
+            before = now;
+        }
+        shared.result.seconds = seconds_now() - start;
+        put_percentiles(shared.result, times,
+                        static_cast<double>(before - first) / (shared.result.seconds * 1e9));
+    };
+    const auto answer = [&](Shared &shared) {
+        link.enter();
+        typename Link::Reader reader(link, 0);
+        typename Link::Writer writer(link, 1);
+        shared.meet(2);
+        for (uint32_t i = 0; i < kWarmUp + count; ++i) {
+            receive_one(reader, shape.body, i);
+            send_one(writer, shape.body, i);
+        }
+    };
+    return run({ask, answer});
+}
+
+} // namespace halvo::bench

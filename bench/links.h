@@ -1,0 +1,42 @@
+// The contenders that carry messages from process to process: one file each, so that the heavy
+// headers of one are compiled once. What is timed is in link_runs.h.
+#pragma once
+
+#include "bench/processes.h"
+
+namespace halvo::bench {
+
+using LinkRun = Measured (*)(const Shape &, uint32_t count);
+
+// How a contender runs; null where it does not take part.
+struct Link {
+    const char *name;
+    LinkRun throughput;
+    LinkRun round_trip;
+};
+
+// Ours: q_write and q_read, polling; frx_write and frx_read, blocking.
+extern const Link kQ;
+extern const Link kFrx;
+Measured q_throughput_with_open(const Shape &, uint32_t count, int channels);
+Measured frx_throughput_with_open(const Shape &, uint32_t count, int channels);
+
+// Kernel queues and boost's queue, all blocking. Queues are as deep as an ordinary user gets them.
+extern const Link kPipe;
+extern const Link kSeqpacket;
+extern const Link kPosixMq;
+extern const Link kSysvMsg;
+extern const Link kBoostMq;
+// Rings in shared memory, polling.
+extern const Link kBoostSpsc;
+extern const Link kBareRing;
+// Copies by one thread into a ring and out again: what no two processes can do better.
+extern const Link kMemoryCopy;
+
+// The time from a wake to the woken side's first instruction, there and back, while both sides are
+// asleep whenever they are woken.
+Measured frx_wake(const Shape &, uint32_t count);
+Measured semop_wake(const Shape &, uint32_t count);
+Measured futex_wake(const Shape &, uint32_t count);
+
+} // namespace halvo::bench
