@@ -26,6 +26,8 @@
 namespace halvo::bench {
 
 inline constexpr uint32_t kWarmUp = 1000; // messages before the clock starts
+// Every so many channels of a segment lie in the same way across cache lines.
+inline constexpr int kSameAlignment = 8;
 
 template <class Writer>
 void send_one(Writer &writer, uint32_t length, uint32_t number) {
@@ -52,7 +54,7 @@ std::vector<std::unique_ptr<End>> open_ends(Link &link, int lanes) {
 template <class Link>
 Measured throughput(const Shape &shape, uint32_t count, int lanes) {
     Link link(shape, lanes);
-    const auto used = static_cast<size_t>(lanes / 2);
+    const auto used = static_cast<size_t>(lanes / 2 / kSameAlignment * kSameAlignment);
     const auto write = [&](Shared &shared) {
         link.enter();
         const auto writers = open_ends<typename Link::Writer>(link, lanes);
