@@ -1,5 +1,6 @@
 // Rings against the queues that carry messages between processes.
-#include <initializer_list>
+#include <utility>
+#include <vector>
 
 #include "bench/groups.h"
 #include "bench/links.h"
@@ -20,38 +21,44 @@ Contender contender(const Link &link, const Shape &shape, Kind kind) {
     return {link.name, [run, shape](uint32_t count) { return run(shape, count); }};
 }
 
-// Ours against peers at every size.
-void against(const Settings &settings, Report &report, const std::string &measure, const Link &ours,
-             std::initializer_list<Peer> peers, Kind kind) {
+// The contenders of each size, with what they did.
+using Races = std::vector<std::pair<std::string, std::vector<Contender>>>;
+
+// Ours against peers at every size: shows the first value of each, which is the rate or the median.
+Races against(const Settings &settings, Report &report, const std::string &measure,
+              const Link &ours, const std::vector<Peer> &peers, Kind kind) {
+    Races races;
     for (size_t i = 0; i < kSizes.size(); ++i) {
         const Shape shape{kSizes[i][0], kSizes[i][1], settings.slots};
         if (!settings.size.empty() && settings.size != text_of(shape)) continue;
         std::vector<Contender> all{contender(ours, shape, kind)};
         for (const Peer &peer : peers) all.push_back(contender(peer.link, shape, kind));
         race(all, settings, report, measure + " " + text_of(shape));
-        Row row{};
-        row.size = text_of(shape);
-        size_t at = 1;
-        for (const Peer &peer : peers) {
-            const Contender &other = all[at++];
-            row.goal = peer.goals[i];
-            if (kind == Kind::throughput) {
-                row.measure = measure;
-                row.unit = "msg/s";
-                compare(report, row, all[0], other, &Measured::first, Better::higher);
-                continue;
-            }
-            row.measure = measure + " p50";
-            row.unit = "ns";
-            compare(report, row, all[0], other, &Measured::first, Better::lower);
+        for (size_t peer = 0; peer < peers.size(); ++peer) {
+            Row row{};
+            row.measure = measure;
+            row.size = text_of(shape);
+            row.unit = kind == Kind::throughput ? "msg/s" : "ns";
+            row.goal = peers[peer].goals[i];
+            compare(report, row, all[0], all[peer + 1], &Measured::first,
+                    kind == Kind::throughput ? Better::higher : Better::lower);
         }
-        if (kind == Kind::throughput) continue;
+        races.emplace_back(text_of(shape), std::move(all));
+    }
+    return races;
+}
+
+void round_trips(const Settings &settings, Report &report, const std::string &measure,
+                 const Link &ours, const std::vector<Peer> &peers) {
+    const Races races = against(settings, report, measure + " p50", ours, peers, Kind::round_trip);
+    for (const auto &[size, all] : races)
         for (size_t peer = 1; peer < all.size(); ++peer) {
+            Row row{};
             row.measure = measure + " p99";
-            row.goal = 0;
+            row.size = size;
+            row.unit = "ns";
             compare(report, row, all[0], all[peer], &Measured::second, Better::lower);
         }
-    }
 }
 
 } // namespace
@@ -75,16 +82,14 @@ void measure_ring(const Settings &settings, Report &report) {
 
 void measure_round_trip(const Settings &settings, Report &report) {
     report.begin("trip", "one message there and back; a ratio of 2 is half the time");
-    against(settings, report, "q_ busy", kQ, {{kBareRing, {0.8, 0.95, 1.0, 1.1}}},
-            Kind::round_trip);
+    round_trips(settings, report, "q_ busy", kQ, {{kBareRing, {0.8, 0.95, 1.0, 1.1}}});
     constexpr Goals kBlocking{12, 11, 9, 6};
-    against(settings, report, "frx_ blocking", kFrx,
-            {{kPipe, kBlocking},
-             {kSeqpacket, kBlocking},
-             {kPosixMq, kBlocking},
-             {kSysvMsg, kBlocking},
-             {kBoostMq, kBlocking}},
-            Kind::round_trip);
+    round_trips(settings, report, "frx_ blocking", kFrx,
+                {{kPipe, kBlocking},
+                 {kSeqpacket, kBlocking},
+                 {kPosixMq, kBlocking},
+                 {kSysvMsg, kBlocking},
+                 {kBoostMq, kBlocking}});
 }
 
 void measure_wake(const Settings &settings, Report &report) {

@@ -1,8 +1,11 @@
 // halvo-bench: ours and its peers in one run, as ratios.
 #include <getopt.h>
+#include <sys/utsname.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <string>
 
 #include "bench/groups.h"
 
@@ -58,8 +61,26 @@ bool chosen(const Settings &settings, const std::string &group) {
            ("," + settings.only + ",").find("," + group + ",") != std::string::npos;
 }
 
+// Where and how it was measured. A load well above 0 means that others use the processors.
+void print_machine(const Settings &settings) {
+    std::string model = "unknown processor", line;
+    for (std::ifstream file("/proc/cpuinfo"); std::getline(file, line);)
+        if (line.rfind("model name", 0) == 0) model = line.substr(line.find(": ") + 2);
+    utsname system{};
+    uname(&system);
+    double load = 0;
+    getloadavg(&load, 1);
+    std::printf("%s, %d processors, Linux %s, load %.2f\n", model.c_str(), processors(),
+                system.release, load);
+    std::printf("%d-bit, %d rounds of %.2f s, rings of %u slots; ratio: median of the rounds' "
+                "ratios, above 1 is ours ahead\n",
+                static_cast<int>(8 * sizeof(void *)), settings.rounds, settings.seconds,
+                settings.slots);
+}
+
 int measure(const Settings &settings, const std::string &values) {
     Report report(values);
+    print_machine(settings);
     if (processors() < 2)
         std::puts("halvo-bench: one processor only; the ratios between processes mean nothing");
     for (const Group &group : kGroups)

@@ -13,6 +13,9 @@ set grid ytics lc rgb "#cccccc"
 set border 3 lc rgb "#555555"
 set tics nomirror out
 set xtics scale 0
+set ytics (0.05, 0.1, 0.2, 0.5, 1, 2, 5, 10, 20, 50, 100)
+set lmargin 10
+set rmargin 24
 set xlabel "body / slot size in bytes"
 set key outside right top Left reverse
 set arrow 1 from graph 0, first 1 to graph 1, first 1 nohead lc rgb "#000000" dt 2 front
@@ -20,7 +23,7 @@ set multiplot layout 2,1
 
 set title "Throughput of q\\_write and q\\_read: times the peer's"
 set ylabel "ratio (log); above 1: ours is faster"
-set yrange [0.1:*]
+set yrange [0.05:*]
 stats directory."/throughput.tsv" skip 1 nooutput
 plot for [i=2:STATS_columns] directory."/throughput.tsv" using i:xtic(1) title columnheader(i) noenhanced lc rgb colours[i-1]
 

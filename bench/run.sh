@@ -13,10 +13,10 @@ quick=()
 status=0
 "$out/bin/halvo-bench" "${quick[@]}" --tsv "$out/ratios.tsv" "$@" | tee "$out/ratios.txt" || status=1
 
-# One line a size, one column a peer: body/slot, then the ratios of a measure.
+# One line a size, one column a peer: the ratios of a group's measure.
 pivot() {
-    awk -F '\t' -v measure="$1" '
-        $2 != measure { next }
+    awk -F '\t' -v group="$1" -v measure="$2" '
+        $1 != group || $2 != measure { next }
         !($3 in row) { row[$3] = ++rows; size[rows] = $3 }
         !($4 in column) { column[$4] = ++columns; peer[columns] = $4 }
         { ratio[row[$3], column[$4]] = $8 }
@@ -32,8 +32,8 @@ pivot() {
             }
         }' "$out/ratios.tsv"
 }
-pivot "q_ throughput" | grep -v ' open' >"$out/throughput.tsv"
-pivot "frx_ blocking p50" >"$out/round_trip.tsv"
+pivot ring "q_ throughput" >"$out/throughput.tsv"
+pivot trip "frx_ blocking p50" >"$out/round_trip.tsv"
 for file in throughput round_trip; do
     [ "$(wc -l <"$out/$file.tsv")" -gt 1 ] || exit "$status" # that group was not run
 done
