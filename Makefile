@@ -1,7 +1,9 @@
 # Thin front of CMake: every target sets up what is missing first.
 PRESETS ?= i386 x86_64
+PREFIX ?= /usr/local
+export PREFIX DESTDIR
 
-.PHONY: all setup build demo test stress fuzz bench picture lint clean
+.PHONY: all setup build demo test install stress fuzz bench picture lint clean
 
 all: build
 
@@ -33,6 +35,9 @@ picture: setup ## draws the README's table anew, from a segment at work
 bench: ## measures the library beside its peers; QUICK=1 within two minutes, PLOT=1 draws docs/bench.svg
 	tools/setup.sh bench
 	bench/run.sh
+
+install: ## installs what is built: make install PREFIX=/usr/local DESTDIR=
+	tools/install.sh $(PRESETS)
 
 lint: ## checks format, includes, and what clang-tidy knows
 	tools/setup.sh lint

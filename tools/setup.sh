@@ -15,7 +15,7 @@ set -eu
 release=bookworm
 needed="g++ g++-multilib cmake ninja-build make
     libgtest-dev libcli11-dev libtomlplusplus-dev
-    openjdk-17-jdk-headless openjdk-17-jdk-headless:i386 junit4"
+    openjdk-17-jdk-headless openjdk-17-jdk-headless:i386 junit4 pkgconf"
 wanted="tmux libxml2-utils jq strace" # some tests use them, no build does
 
 case "${1-}" in
