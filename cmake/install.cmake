@@ -34,9 +34,9 @@ add_library(HalvoIPC::halvoipc ALIAS halvoipc)
 install(TARGETS halvoipc EXPORT HalvoIPCTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/halvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+install(DIRECTORY include/halvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   COMPONENT development)
-install(FILES ${PROJECT_SOURCE_DIR}/docs/examples/hello.c ${PROJECT_SOURCE_DIR}/docs/examples/hello.cpp
+install(FILES docs/examples/hello.c docs/examples/hello.cpp docs/examples/CMakeLists.txt
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libhalvoipc-dev/examples COMPONENT development)
 
 # ---- pkg-config and CMake files of the word size
@@ -96,3 +96,4 @@ if(halvo_tools)
   install(FILES tools/example.toml DESTINATION ${halvo_docs}/examples COMPONENT tools)
   install(PROGRAMS tools/demo.sh DESTINATION ${halvo_docs}/examples COMPONENT tools)
 endif()
+include(${CMAKE_CURRENT_LIST_DIR}/packages.cmake)

@@ -1,13 +1,25 @@
 #!/bin/bash
 # Passes a real text from one process to another through a channel, and compares what arrived.
-#     tools/demo.sh build/i386
+#     demo.sh build/i386    with the programs of a build tree
+#     demo.sh               with the installed ones
 # Removes all that it made, also when something fails.
 set -euo pipefail
-build=$(cd "$1" && pwd)
+build=${1:+$(cd "$1" && pwd)}
 tools=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d "${TMPDIR:-/tmp}/halvo-demo-XXXXXX")
 key=$work/halvo.key
-export PATH=$build/bin:$PATH
+if [ "$build" ]; then
+    export PATH=$build/bin:$PATH
+    jars=$build/java/halvoipc.jar:$build/java/halvoipc-examples.jar
+    # The VM of the library's word size.
+    java=$(sed -n 's/^HALVOIPC_JDK:PATH=//p' "$build/CMakeCache.txt")/bin/java
+    library=-Dhalvoipc.library=$build/lib/libhalvoipc.so
+else
+    share=$(dirname "$(command -v halvo-qm)")/../share
+    jars=$share/java/halvoipc.jar:$share/doc/libhalvoipc-java/examples/halvoipc-examples.jar
+    java=${JAVA:-$(command -v java || true)}
+    library=-Dhalvoipc.demo # the VM knows where the library is
+fi
 
 clean_up() {
     local status=$?
@@ -53,11 +65,8 @@ halvo-send --key "$key" MO01 --keep-newline --batch 50 "$work/sent.txt"
 wait $!
 same "$work/sent.txt" "$work/batches.txt"
 
-if [ -e "$build/java/halvoipc-examples.jar" ]; then
-    # The VM of the library's word size.
-    jdk=$(sed -n 's/^HALVOIPC_JDK:PATH=//p' "$build/CMakeCache.txt")
-    vm() { "$jdk/bin/java" -cp "$build/java/halvoipc.jar:$build/java/halvoipc-examples.jar" \
-        -Dhalvoipc.library="$build/lib/libhalvoipc.so" "$@" >/dev/null; }
+if [ -e "${jars#*:}" ] && [ -x "$java" ]; then
+    vm() { "$java" -cp "$jars" "$library" "$@" >/dev/null; }
     LC_ALL=C awk 'length($0) > 0' "$work/sent.txt" >"$work/lines.txt"
     lines=$(wc -l <"$work/lines.txt")
 

@@ -5,6 +5,7 @@
 #     tools/setup.sh lint     also the formatter and the checker
 #     tools/setup.sh fuzz     also the compiler that builds fuzzers
 #     tools/setup.sh bench    also what the benchmark compares with, and the plotter
+#     tools/setup.sh package  also what makes and checks Debian packages
 #
 # Asks the package database only when nothing is missing. Ends with status 1 when something is
 # missing that the build needs, with one line that names it.
@@ -28,8 +29,9 @@ bench)
     needed="$needed gnuplot-nox libboost-dev libsqlite3-dev libsqlite3-0:i386
     libleveldb-dev libleveldb1d:i386"
     ;;
+package) needed="$needed pandoc dpkg-dev file lintian debootstrap" ;;
 *)
-    echo "usage: $0 [lint|fuzz|bench]" >&2
+    echo "usage: $0 [lint|fuzz|bench|package]" >&2
     exit 2
     ;;
 esac

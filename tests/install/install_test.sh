@@ -49,15 +49,13 @@ gcc -m"$width" -Wall -Werror "$examples/hello.c" -o "$work/hello-c" \
 hello "$work/hello-c"
 
 step "C++ by CMake"
-mkdir "$work/consumer"
-cp "$source/tests/install/consumer/CMakeLists.txt" "$examples/hello.cpp" "$work/consumer"
 configure() {
-    CXXFLAGS=-m$1 cmake -S "$work/consumer" -B "$work/consumer/$1" -DCMAKE_PREFIX_PATH="$prefix" \
+    CXXFLAGS=-m$1 cmake -S "$examples" -B "$work/$1" -DCMAKE_PREFIX_PATH="$prefix" \
         >"$work/log" 2>&1
 }
 configure "$width" || { cat "$work/log"; exit 1; }
-cmake --build "$work/consumer/$width" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
-hello "$work/consumer/$width/hello"
+cmake --build "$work/$width" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
+hello "$work/$width/hello"
 if configure $((96 - width)); then
     echo "a program of $((96 - width)) bits was given the library of $width bits"
     exit 1
