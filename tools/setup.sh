@@ -17,7 +17,8 @@ release=bookworm
 needed="g++ g++-multilib cmake ninja-build make
     libgtest-dev libcli11-dev libtomlplusplus-dev
     openjdk-17-jdk-headless openjdk-17-jdk-headless:i386 junit4 pkgconf"
-wanted="tmux libxml2-utils jq strace" # some tests use them, no build does
+# Some tests use them; pandoc makes the manual pages.
+wanted="tmux libxml2-utils jq strace man-db pandoc"
 
 case "${1-}" in
 '') ;;
@@ -29,7 +30,7 @@ bench)
     needed="$needed gnuplot-nox libboost-dev libsqlite3-dev libsqlite3-0:i386
     libleveldb-dev libleveldb1d:i386"
     ;;
-package) needed="$needed pandoc dpkg-dev file lintian debootstrap" ;;
+package) needed="$needed pandoc man-db dpkg-dev file lintian debootstrap" ;;
 *)
     echo "usage: $0 [lint|fuzz|bench|package]" >&2
     exit 2
@@ -97,7 +98,7 @@ if [ "$missing" ]; then
 fi
 
 missing=$(missing_of $wanted)
-[ -z "$missing" ] || say "could not install (only some tests need it): $missing"
+[ -z "$missing" ] || say "could not install (only some tests and the manual need it): $missing"
 missing=$(missing_of $needed)
 [ -z "$missing" ] || {
     say "could not install: $missing"
