@@ -79,10 +79,12 @@ Measured copy_alone(const Shape &shape, uint32_t count) {
             if (++slot == shape.slots) slot = 0;
         };
         for (uint32_t i = 0; i < kWarmUp; ++i) pass(i);
-        const double start = seconds_now();
-        for (uint32_t i = 0; i < count; ++i) pass(i);
-        shared.result.seconds = seconds_now() - start;
-        shared.result.first = count / shared.result.seconds;
+        Parts parts(count);
+        for (uint32_t i = 0; i < count; ++i) {
+            pass(i);
+            parts.passed(i + 1);
+        }
+        shared.result = {parts.total(), parts.rate(), 0};
     }});
 }
 

@@ -8,11 +8,11 @@ namespace halvo::bench {
 const Link kQ{"q_", throughput<QLink>, round_trip<QLink>};
 const Link kFrx{"frx_", throughput<FrxLink>, round_trip<FrxLink>};
 
-Measured q_throughput_with_open(const Shape &shape, uint32_t count, int channels) {
-    return throughput<QLink>(shape, count, channels);
+Measured q_throughput_with_open(const Shape &shape, uint32_t count, int channels, size_t used) {
+    return throughput<QLink>(shape, count, channels, used);
 }
-Measured frx_throughput_with_open(const Shape &shape, uint32_t count, int channels) {
-    return throughput<FrxLink>(shape, count, channels);
+Measured frx_throughput_with_open(const Shape &shape, uint32_t count, int channels, size_t used) {
+    return throughput<FrxLink>(shape, count, channels, used);
 }
 
 } // namespace halvo::bench

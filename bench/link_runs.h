@@ -26,8 +26,6 @@
 namespace halvo::bench {
 
 inline constexpr uint32_t kWarmUp = 1000; // messages before the clock starts
-// Every so many channels of a segment lie in the same way across cache lines.
-inline constexpr int kSameAlignment = 8;
 
 template <class Writer>
 void send_one(Writer &writer, uint32_t length, uint32_t number) {
@@ -50,11 +48,37 @@ std::vector<std::unique_ptr<End>> open_ends(Link &link, int lanes) {
     return ends;
 }
 
-// Messages per second through one lane; the others are open and idle.
+// The middle one of the times of a run's equal parts: a part in which the system took a processor
+// away does not count.
+class Parts {
+public:
+    explicit Parts(uint32_t count) : size_(std::max(1u, count / kParts)) {}
+    // Called behind every message with the number of messages so far.
+    void passed(uint32_t messages) {
+        if (messages != next_) return;
+        next_ += size_;
+        const double now = seconds_now();
+        seconds_.push_back(now - before_);
+        before_ = now;
+    }
+    double rate() {
+        const auto middle = seconds_.begin() + static_cast<ptrdiff_t>(seconds_.size() / 2);
+        std::nth_element(seconds_.begin(), middle, seconds_.end());
+        return size_ / *middle;
+    }
+    double total() const { return seconds_now() - start_; }
+
+private:
+    static constexpr uint32_t kParts = 100;
+    uint32_t size_, next_ = size_;
+    double start_ = seconds_now(), before_ = start_;
+    std::vector<double> seconds_;
+};
+
+// Messages per second through the lane `used`; the others are open and idle.
 template <class Link>
-Measured throughput(const Shape &shape, uint32_t count, int lanes) {
+Measured throughput(const Shape &shape, uint32_t count, int lanes, size_t used) {
     Link link(shape, lanes);
-    const auto used = static_cast<size_t>(lanes / 2 / kSameAlignment * kSameAlignment);
     const auto write = [&](Shared &shared) {
         link.enter();
         const auto writers = open_ends<typename Link::Writer>(link, lanes);
@@ -66,17 +90,19 @@ Measured throughput(const Shape &shape, uint32_t count, int lanes) {
         const auto readers = open_ends<typename Link::Reader>(link, lanes);
         shared.meet(2);
         for (uint32_t i = 0; i < kWarmUp; ++i) receive_one(*readers[used], shape.body, i);
-        const double start = seconds_now();
-        for (uint32_t i = 0; i < count; ++i) receive_one(*readers[used], shape.body, kWarmUp + i);
-        shared.result.seconds = seconds_now() - start;
-        shared.result.first = count / shared.result.seconds;
+        Parts parts(count);
+        for (uint32_t i = 0; i < count; ++i) {
+            receive_one(*readers[used], shape.body, kWarmUp + i);
+            parts.passed(i + 1);
+        }
+        shared.result = {parts.total(), parts.rate(), 0};
     };
     return run({write, read});
 }
 
 template <class Link>
 Measured throughput(const Shape &shape, uint32_t count) {
-    return throughput<Link>(shape, count, 1);
+    return throughput<Link>(shape, count, 1, 0);
 }
 
 // Median and 99th percentile of times in ticks, as nanoseconds.

@@ -18,8 +18,9 @@ struct Link {
 // Ours: q_write and q_read, polling; frx_write and frx_read, blocking.
 extern const Link kQ;
 extern const Link kFrx;
-Measured q_throughput_with_open(const Shape &, uint32_t count, int channels);
-Measured frx_throughput_with_open(const Shape &, uint32_t count, int channels);
+// Traffic through channel `used` of a number of open ones.
+Measured q_throughput_with_open(const Shape &, uint32_t count, int channels, size_t used);
+Measured frx_throughput_with_open(const Shape &, uint32_t count, int channels, size_t used);
 
 // Kernel queues and boost's queue, all blocking. Queues are as deep as an ordinary user gets them.
 extern const Link kPipe;

@@ -42,7 +42,7 @@ void Report::begin(const std::string &group, const std::string &explanation) {
     group_ = group;
     measure_.clear();
     std::printf("\n== %s: %s\n", group.c_str(), explanation.c_str());
-    std::printf("%-34s %-10s %-26s %-6s %9s %9s %8s %6s  %s\n", "measure", "size", "peer", "unit",
+    std::printf("%-27s %-14s %-26s %-6s %9s %9s %8s %6s  %s\n", "measure", "size", "peer", "unit",
                 "ours", "peer's", "ratio", "goal", "");
 }
 
@@ -51,7 +51,7 @@ void Report::add(const Row &row) {
     if (row.goal > 0) std::snprintf(goal, sizeof goal, "%.2f", row.goal);
     if (!measure_.empty() && measure_ != row.measure) std::printf("\n");
     measure_ = row.measure;
-    std::printf("%-34s %-10s %-26s %-6s %9s %9s %8.2f %6s  %s\n", row.measure.c_str(),
+    std::printf("%-27s %-14s %-26s %-6s %9s %9s %8.2f %6s  %s\n", row.measure.c_str(),
                 row.size.c_str(), row.peer.c_str(), row.unit.c_str(), number_of(row.ours).c_str(),
                 number_of(row.theirs).c_str(), row.ratio, goal, verdict(row));
     std::fflush(stdout);
