@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string>
 
+#include "bench/disturbance.h"
 #include "bench/groups.h"
 
 using namespace halvo::bench;
@@ -80,12 +81,14 @@ void print_machine(const Settings &settings) {
 
 int measure(const Settings &settings, const std::string &values) {
     Report report(values);
+    const Disturbance disturbance;
     print_machine(settings);
     if (processors() < 2)
         std::puts("halvo-bench: one processor only; the ratios between processes mean nothing");
     for (const Group &group : kGroups)
         if (chosen(settings, group.name)) group.measure(settings, report);
     report.summarise();
+    disturbance.print();
     return report.failures() ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
