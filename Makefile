@@ -3,7 +3,7 @@ PRESETS ?= i386 x86_64
 PREFIX ?= /usr/local
 export PREFIX DESTDIR
 
-.PHONY: all setup build demo test install packages check-packages stress fuzz bench picture lint clean
+.PHONY: all setup build demo test install packages check-packages stress fuzz bench picture pictures lint clean
 
 all: build
 
@@ -39,12 +39,17 @@ bench: ## measures the library beside its peers; QUICK=1 within two minutes, PLO
 install: ## installs what is built: make install PREFIX=/usr/local DESTDIR=
 	tools/install.sh $(PRESETS)
 
-packages: build ## makes Debian packages of both word sizes in build/packages
+packages: setup ## makes Debian packages of both word sizes in build/packages
 	tools/setup.sh package
+	tools/build.sh $(PRESETS)
 	tools/package.sh $(PRESETS)
 
 check-packages: packages ## installs them in a scratch root and does there what README.md says
 	tools/check_packages.sh
+
+pictures: ## draws the pictures of the documents anew
+	tools/setup.sh pictures
+	tools/pictures.sh
 
 lint: ## checks format, includes, and what clang-tidy knows
 	tools/setup.sh lint

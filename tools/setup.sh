@@ -6,6 +6,7 @@
 #     tools/setup.sh fuzz     also the compiler that builds fuzzers
 #     tools/setup.sh bench    also what the benchmark compares with, and the plotter
 #     tools/setup.sh package  also what makes and checks Debian packages
+#     tools/setup.sh pictures what draws the pictures of the documents, alone
 #
 # Asks the package database only when nothing is missing. Ends with status 1 when something is
 # missing that the build needs, with one line that names it.
@@ -30,9 +31,10 @@ bench)
     needed="$needed gnuplot-nox libboost-dev libsqlite3-dev libsqlite3-0:i386
     libleveldb-dev libleveldb1d:i386"
     ;;
-package) needed="$needed pandoc man-db dpkg-dev file lintian debootstrap" ;;
+package) needed="$needed pandoc dpkg-dev file lintian debootstrap" ;;
+pictures) needed=graphviz wanted= ;;
 *)
-    echo "usage: $0 [lint|fuzz|bench|package]" >&2
+    echo "usage: $0 [lint|fuzz|bench|package|pictures]" >&2
     exit 2
     ;;
 esac
