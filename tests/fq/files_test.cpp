@@ -182,6 +182,10 @@ TEST(Positions, a_closed_file_fails_with_the_messages) {
     const Descriptor read_only(open(queue.file("head").c_str(), O_RDONLY));
     EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(fq_set_pos(read_only.get(), text.data()), -1); }),
               "fq_set_pos.read error! wcnt=-1\n");
+    queue.store("tail", "");
+    const Descriptor empty(open(queue.file("tail").c_str(), O_RDONLY));
+    captured_stdout([&] { EXPECT_EQ(fq_get_pos(queue.path(), empty.get(), text.data(), 'w'), 31); });
+    EXPECT_EQ(queue.bytes("tail"), "") << "a first record that could not be written";
 }
 
 TEST(Descriptors, a_file_never_becomes_a_standard_stream) {

@@ -153,6 +153,7 @@ TEST_F(Locks, a_lock_file_that_cannot_be_opened_is_a_failure) {
     EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(fq_lock('w', &trans), -1); }),
               "fq_enqueue.open error /nowhere/q.wrlk\n");
     EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(fq_unlock(&trans), -3); }), kNothingHeld);
+    captured_stdout([] { EXPECT_EQ(fq_enqueue_away(-1, -1, 1, "/nowhere/q", "x", 1), 1); });
 }
 
 TEST_F(Locks, a_failure_after_the_locks_gives_everything_back) {
