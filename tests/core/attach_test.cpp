@@ -104,5 +104,6 @@ TEST(ResultCodes, are_printed_by_name_behind_the_prefix) {
     EXPECT_EQ(printed(EIDRM), "snd error .... EIDRM\n");
     EXPECT_EQ(printed(2), "snd error .... Unknown err 2\n");
     EXPECT_EQ(printed(-18), "snd error .... Unknown err -18\n");
-    EXPECT_EQ(captured_stdout([] { printr("100%% of it:", ESMS_FULL); }), "100% of it: ESMS_FULL\n");
+    EXPECT_EQ(captured_stdout([] { printr("100%% of it:", ESMS_FULL); }),
+              "100% of it: ESMS_FULL\n");
 }

@@ -184,7 +184,8 @@ TEST(Positions, a_closed_file_fails_with_the_messages) {
               "fq_set_pos.read error! wcnt=-1\n");
     queue.store("tail", "");
     const Descriptor empty(open(queue.file("tail").c_str(), O_RDONLY));
-    captured_stdout([&] { EXPECT_EQ(fq_get_pos(queue.path(), empty.get(), text.data(), 'w'), 31); });
+    captured_stdout(
+        [&] { EXPECT_EQ(fq_get_pos(queue.path(), empty.get(), text.data(), 'w'), 31); });
     EXPECT_EQ(queue.bytes("tail"), "") << "a first record that could not be written";
 }
 
