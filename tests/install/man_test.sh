@@ -20,8 +20,9 @@ for page in "${pages[@]}"; do
 done
 
 text() { zcat "$build/man/$1.gz" | sed 's/\\-/-/g; s/\\f\[[A-Z]*\]//g'; }
-for program in "$build"/bin/halvo-*; do
-    name=$(basename "$program")
+for page in "$build"/man/*.1.gz; do
+    name=$(basename "$page" .1.gz)
+    program=$build/bin/$name
     page=$(text "$name.1")
     commands=$("$program" --help | awk '/^[A-Z]/ {inside = /^Subcommands/} inside && /^  [^ ]/ {print $1}')
     help=$(for command in '' $commands; do "$program" $command --help; done)
