@@ -13,17 +13,17 @@
 #include <new>
 #include <utility>
 
+#include "core/end.h"
 #include "core/geometry.h"
 #include "core/ring.h"
 
 namespace {
 
-halvo_segment *qm = nullptr;       // set by a successful attach; stays after close_shm
-void *shmblock = nullptr;          // the attach address, all bits set after a failed attach
-halvo_segment *attached = nullptr; // as qm, but null again after close_shm
-uint64_t segment_size = 0;         // bytes, at least those of the segment header
-uint32_t first_channels = 0;       // channels at the time of the attach, at most 269
-int *semPosts = nullptr;           // semaphore-set ids of those channels, -1 where there is none
+halvo_segment *qm = nullptr; // set by a successful attach; stays after close_shm
+void *shmblock = nullptr;    // the attach address, all bits set after a failed attach
+uint64_t segment_size = 0;   // bytes, at least those of the segment header
+uint32_t first_channels = 0; // channels at the time of the attach, at most 269
+int *semPosts = nullptr;     // semaphore-set ids of those channels, -1 where there is none
 int *semRqsts = nullptr;
 int semReadLock = -1; // sets of one semaphore per channel
 int semWriteLock = -1;
@@ -104,7 +104,7 @@ int id_of(const int *ids, int channel) {
 
 namespace halvo {
 
-halvo_segment *attached_segment() noexcept { return attached; }
+halvo_segment *attached = nullptr; // as qm, but null again after close_shm
 
 int channel_count(const halvo_segment *segment) noexcept {
     const uint32_t most = segment == qm ? first_channels : uint32_t{HALVO_CHANNELS_MAX};
@@ -158,6 +158,7 @@ int init_shm(const char *keyfile) noexcept {
         first_channels = std::min<uint32_t>(load(qm->nchnnl), HALVO_CHANNELS_MAX);
         find_semaphores(keyfile, posts, requests);
         attached = qm;
+        learn_channels();
         result = ESMS_OK;
     }
     std::puts("SHM_INIT_FINISHED.");
@@ -172,6 +173,7 @@ int close_shm() noexcept {
     delete[] semRqsts;
     semPosts = semRqsts = nullptr;
     attached = nullptr;
+    forget_channels();
     // Kept: qm, shmblock and the lock sets stay, so that a process attaches once for its lifetime.
     const int result = shmdt(segment) == 0 ? ESMS_OK : ESMS_SHMOP;
     return unlock_service() ? result : ESMS_MTXUNLOCK;

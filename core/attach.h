@@ -7,7 +7,8 @@ namespace halvo {
 
 // The attached segment, or null before the attach, after a failed one and after close_shm(). Unlike
 // q_0() it never points at memory that is gone.
-halvo_segment *attached_segment() noexcept;
+extern halvo_segment *attached __attribute__((visibility("hidden")));
+inline halvo_segment *attached_segment() noexcept { return attached; }
 
 // Channels of a segment: nchnnl, or as many as the table of offsets holds when that claims more. Of
 // the attached one never more than at the attach: tables of that many records were made then.

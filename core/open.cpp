@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "core/blocking.h"
+#include "core/end.h"
 #include "core/semaphores.h"
 #include "core/side.h"
 
@@ -36,6 +37,7 @@ halvo_channel *hold(const Side &side, int channel, const char *failure, bool reg
         return nullptr;
     }
     halvo_channel *q = q_chnnl2q(channel);
+    forget_heartbeat(q, &side == &kWriter ? &KnownChannel::writer : &KnownChannel::reader);
     store(q->*side.pid, static_cast<int32_t>(getpid()));
     return q;
 }

@@ -44,19 +44,37 @@ inline const qmsg *slot_at(const halvo_channel *q, uint32_t offset) noexcept {
     return slot_at(const_cast<halvo_channel *>(q), offset);
 }
 
+// Where a channel's slots lie: offsets from its header on, sizes in bytes. Nobody changes it while
+// the segment stands.
+struct Geometry {
+    uint32_t slots;
+    uint32_t size; // of a slot
+    uint32_t start, end;
+    uint32_t rbufs, wbufs;
+};
+inline Geometry geometry_of(const halvo_channel *q) noexcept {
+    return {q->qcnt, q->qbsz, q->qstart, q->qend, q->rbufs, q->wbufs};
+}
+
 // A position as the offset of a slot that lies in the ring: a word that is none, which only damage
 // makes, stands for the first slot. A place between two slots is not told apart, for that costs a
 // division: next_offset() leads from there to the ring's first slot and never past its end.
-inline uint32_t position_in(const halvo_channel *q, uint32_t position) noexcept {
+inline uint32_t position_in(const Geometry &at, uint32_t position) noexcept {
     const bool inside =
-        position - q->qstart <= q->qend - q->qstart - q->qbsz && position % alignof(qmsg) == 0;
-    return inside ? position : q->qstart;
+        position - at.start <= at.end - at.start - at.size && position % alignof(qmsg) == 0;
+    return inside ? position : at.start;
+}
+inline uint32_t position_in(const halvo_channel *q, uint32_t position) noexcept {
+    return position_in(geometry_of(q), position);
 }
 
 // The ring rule.
+inline uint32_t next_offset(const Geometry &at, uint32_t offset) noexcept {
+    const uint32_t next = offset + at.size;
+    return next > at.end - at.size ? at.start : next;
+}
 inline uint32_t next_offset(const halvo_channel *q, uint32_t offset) noexcept {
-    const uint32_t next = offset + q->qbsz;
-    return next > q->qend - q->qbsz ? q->qstart : next;
+    return next_offset(geometry_of(q), offset);
 }
 
 // The offset k slots ahead, with one wrap only. `inside` is false when that still is no place in
@@ -65,17 +83,19 @@ struct AheadOffset {
     uint32_t offset;
     bool inside;
 };
-inline AheadOffset offset_ahead(const halvo_channel *q, uint32_t from, int64_t k) noexcept {
-    int64_t offset = int64_t{from} + k * int64_t{q->qbsz};
-    if (offset >= int64_t{q->qend}) offset += int64_t{q->qstart} - int64_t{q->qend};
-    const bool inside =
-        offset >= int64_t{q->qstart} && offset + int64_t{q->qbsz} <= int64_t{q->qend};
+inline AheadOffset offset_ahead(const Geometry &at, uint32_t from, int64_t k) noexcept {
+    int64_t offset = int64_t{from} + k * int64_t{at.size};
+    if (offset >= int64_t{at.end}) offset += int64_t{at.start} - int64_t{at.end};
+    const bool inside = offset >= int64_t{at.start} && offset + int64_t{at.size} <= int64_t{at.end};
     return {static_cast<uint32_t>(offset), inside};
 }
 
 // A buffer slot of the five behind `area` (rbufs or wbufs).
+inline qmsg *buffer_slot(halvo_channel *q, uint32_t area, int index, uint32_t size) noexcept {
+    return slot_at(q, area + static_cast<uint32_t>(index) * size);
+}
 inline qmsg *buffer_slot(halvo_channel *q, uint32_t area, int index) noexcept {
-    return slot_at(q, area + static_cast<uint32_t>(index) * q->qbsz);
+    return buffer_slot(q, area, index, q->qbsz);
 }
 inline const qmsg *buffer_slot(const halvo_channel *q, uint32_t area, int index) noexcept {
     return buffer_slot(const_cast<halvo_channel *>(q), area, index);
@@ -91,19 +111,22 @@ inline void *body(qmsg *slot) noexcept {
 
 // A whole slot, header included, whatever its state. The state word is loaded first: when it
 // reads 1 or 3, the body that follows is complete.
-inline void copy_slot(const halvo_channel *q, const qmsg *slot, void *buffer) noexcept {
+inline void copy_slot(uint32_t size, const qmsg *slot, void *buffer) noexcept {
     const int32_t state = load_state(slot);
     char *to = static_cast<char *>(buffer);
     std::memcpy(to, &state, sizeof state);
     std::memcpy(to + sizeof state, reinterpret_cast<const char *>(slot) + sizeof state,
-                q->qbsz - sizeof state);
+                size - sizeof state);
 }
 
 // Bytes of a slot image's body that may be copied out: never more than the slot holds, whatever
 // length a damaged segment claims.
-inline uint32_t body_length(const halvo_channel *q, const qmsg *image) noexcept {
-    const uint32_t room = q->qbsz - static_cast<uint32_t>(offsetof(qmsg, data));
+inline uint32_t body_length(uint32_t slot_size, const qmsg *image) noexcept {
+    const uint32_t room = slot_size - static_cast<uint32_t>(offsetof(qmsg, data));
     return image->len < room ? image->len : room;
+}
+inline uint32_t body_length(const halvo_channel *q, const qmsg *image) noexcept {
+    return body_length(q->qbsz, image);
 }
 
 } // namespace halvo

@@ -1,7 +1,7 @@
 // sms_shm: the read-rate limit of a channel.
 #include "core/throttle.h"
 
-#include "core/ring.h"
+#include "core/counters.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ int32_t seconds_between(int32_t later, int32_t earlier) {
 } // namespace
 
 int64_t q_check_tps(halvo_channel *q) noexcept {
-    const auto now = static_cast<int32_t>(q_gettime());
+    const int32_t now = halvo::cached_time();
     const auto count = static_cast<int64_t>(q->qtype == 'F' ? q->fgcnt.count : q->gcnt.count);
     if (seconds_between(now, q->tpsstart) > kPeriodSeconds) {
         q->tpsstart =
@@ -29,15 +29,15 @@ int64_t q_check_tps(halvo_channel *q) noexcept {
     return messages / (seconds > 0 ? seconds : 1);
 }
 
-bool halvo::rate_refused(halvo_channel *q) noexcept {
+bool halvo::over_limit(halvo_channel *q) noexcept {
     const int32_t limit = q->tpsmx;
     if (limit > 0 && static_cast<int32_t>(q_check_tps(q)) > limit) {
         store(q->throttled, 1);
-        q->throttletime = static_cast<int32_t>(q_gettime());
+        q->throttletime = cached_time();
         return true;
     }
     if (load(q->throttled) != 0) {
-        const auto now = static_cast<int32_t>(q_gettime());
+        const auto now = cached_time();
         if (seconds_between(now, q->throttletime) >= kFlagSeconds) store(q->throttled, 0);
     }
     return false;

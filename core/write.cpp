@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "core/ring.h"
-
 using namespace halvo;
 
 namespace {
@@ -16,24 +14,23 @@ void fill(qmsg *slot, int type, const void *data, uint32_t length) {
     std::memcpy(body(slot), data, length);
 }
 
-uint32_t write_position(const halvo_channel *q) { return position_in(q, load(q->wpos)); }
-
 // Makes the slot at the write position readable: counters, then the state, then the position.
-void publish(halvo_channel *q, qmsg *slot) {
-    const uint32_t next = next_offset(q, write_position(q));
-    q_pcount_up(q, slot, 0);
+[[gnu::always_inline]] inline void publish(halvo_channel *q, const WriterEnd &end,
+                                           uint32_t offset) {
+    qmsg *slot = end.slot(offset);
+    count_put(q, slot->type, false);
     publish_state(slot, HALVO_SLOT_READABLE);
-    store(q->wpos, next);
+    end.step(offset);
 }
 
 int occupied(int32_t state) { return state == HALVO_SLOT_PENDING ? ESMS_PENDING : ESMS_FULL; }
 
 // The slot that must be free so that every parked message can still be committed. The reader may
 // free it at any moment, so each test looks afresh.
-int look_ahead(const halvo_channel *q) {
-    const AheadOffset ahead = offset_ahead(q, write_position(q), q->pbuffs);
+[[gnu::noinline]] int look_ahead(const halvo_channel *q, const WriterEnd &end) {
+    const AheadOffset ahead = end.ahead(end.offset(), q->pbuffs);
     if (!ahead.inside) return ESMS_FULL;
-    const qmsg *slot = slot_at(q, ahead.offset);
+    const qmsg *slot = end.slot(ahead.offset);
     if (load_state(slot) == HALVO_SLOT_FREE) return ESMS_OK;
     int32_t state = load_state(slot);
     if (state == HALVO_SLOT_READABLE || state == HALVO_SLOT_MARKED) return ESMS_FULL;
@@ -55,6 +52,36 @@ int mark(qmsg *slot, int type, const void *data, uint32_t length) {
     return ESMS_OK;
 }
 
+[[gnu::cold]] int refuse(const halvo_channel *q, int fault, uint32_t size, const void *data,
+                         uint32_t length, uint32_t readable) {
+    if (fault != ESMS_EXEED) return fault;
+    std::printf("q_write to %.24s %%qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", q->qname,
+                static_cast<int>(size), static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
+    std::printf("DATA %.*s\n", static_cast<int>(std::min(readable, 100u)),
+                static_cast<const char *>(data));
+    return fault;
+}
+
+[[gnu::always_inline]] inline int put(halvo_channel *q, int type, const void *data, uint32_t length,
+                                      uint32_t readable) {
+    const WriterEnd end(q);
+    end.touch();
+    const int fault = length_fault(end, data, length);
+    if (fault != ESMS_OK) return refuse(q, fault, end.at().size, data, length, readable);
+    if (q->pbuffs != 0) {
+        const int ahead = look_ahead(q, end);
+        if (ahead != ESMS_OK) return ahead;
+    }
+    const uint32_t offset = end.offset();
+    qmsg *slot = end.slot(offset);
+    const int32_t state = load_state(slot);
+    if (state != HALVO_SLOT_FREE) return occupied(state);
+    end.prepare(offset, length);
+    fill(slot, type, data, length);
+    publish(q, end, offset);
+    return ESMS_OK;
+}
+
 } // namespace
 
 namespace halvo {
@@ -64,32 +91,20 @@ void count_parked(halvo_channel *q, int32_t amount) noexcept {
     store(q->pbuffs, static_cast<int32_t>(parked + static_cast<uint32_t>(amount)));
 }
 
-void touch_writer(halvo_channel *q) noexcept {
-    refresh(q->wtime, static_cast<int32_t>(q_gettime()));
-}
-
-uint32_t longest_message(const halvo_channel *q) noexcept {
-    return q->qbsz > sizeof(qmsg) ? q->qbsz - static_cast<uint32_t>(sizeof(qmsg)) : 0;
-}
-
-int length_fault(const halvo_channel *q, const void *data, uint32_t length) noexcept {
-    if (length == 0 || !data) return ESMS_INVAL;
-    return length > longest_message(q) ? ESMS_EXEED : ESMS_OK;
-}
-
-int report_length(const halvo_channel *q, int fault, uint32_t length) noexcept {
+int report_length(const WriterEnd &end, int fault, uint32_t length) noexcept {
     if (fault == ESMS_EXEED)
-        std::printf("qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", static_cast<int>(q->qbsz),
+        std::printf("qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", static_cast<int>(end.at().size),
                     static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
     return fault;
 }
 
-int park(halvo_channel *q, qmsg *buffer, int type, const void *data, uint32_t length) noexcept {
+int park(halvo_channel *q, const WriterEnd &end, qmsg *buffer, int type, const void *data,
+         uint32_t length) noexcept {
     // Kept: without -1 in pbuffs the slot behind the one owed to this message must be free too.
     if (q->pbuffs != -1) {
-        const AheadOffset ahead = offset_ahead(q, write_position(q), int64_t{q->pbuffs} + 1);
+        const AheadOffset ahead = end.ahead(end.offset(), int64_t{q->pbuffs} + 1);
         if (!ahead.inside) return ESMS_FULL;
-        const int32_t state = load_state(slot_at(q, ahead.offset));
+        const int32_t state = load_state(end.slot(ahead.offset));
         if (state != HALVO_SLOT_FREE) return occupied(state);
     }
     fill(buffer, type, data, length);
@@ -98,93 +113,80 @@ int park(halvo_channel *q, qmsg *buffer, int type, const void *data, uint32_t le
     return ESMS_OK;
 }
 
-} // namespace halvo
-
-int halvo::write_message(halvo_channel *q, int type, const void *data, uint32_t length,
-                         uint32_t readable) noexcept {
-    touch_writer(q);
-    const int fault = length_fault(q, data, length);
-    if (fault == ESMS_EXEED) {
-        std::printf("q_write to %.24s %%qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", q->qname,
-                    static_cast<int>(q->qbsz), static_cast<int>(sizeof(qmsg)),
-                    static_cast<int>(length));
-        std::printf("DATA %.*s\n", static_cast<int>(std::min(readable, 100u)),
-                    static_cast<const char *>(data));
-    }
-    if (fault != ESMS_OK) return fault;
-    if (q->pbuffs != 0) {
-        const int ahead = look_ahead(q);
-        if (ahead != ESMS_OK) return ahead;
-    }
-    qmsg *slot = slot_at(q, write_position(q));
-    const int32_t state = load_state(slot);
-    if (state != HALVO_SLOT_FREE) return occupied(state);
-    fill(slot, type, data, length);
-    publish(q, slot);
-    return ESMS_OK;
+int write_message(halvo_channel *q, int type, const void *data, uint32_t length,
+                  uint32_t readable) noexcept {
+    return put(q, type, data, length, readable);
 }
 
+} // namespace halvo
+
 int q_write(halvo_channel *q, int type, const void *data, uint32_t length) noexcept {
-    return write_message(q, type, data, length, length);
+    return put(q, type, data, length, length);
 }
 
 int q_write_mark(halvo_channel *q, int type, const void *data, uint32_t length) noexcept {
-    touch_writer(q);
-    const int fault = length_fault(q, data, length);
-    if (fault != ESMS_OK) return report_length(q, fault, length);
+    const WriterEnd end(q);
+    end.touch();
+    const int fault = length_fault(end, data, length);
+    if (fault != ESMS_OK) return report_length(end, fault, length);
     if (q->pbuffs != 0) {
-        const AheadOffset ahead = offset_ahead(q, write_position(q), q->pbuffs);
+        const AheadOffset ahead = end.ahead(end.offset(), q->pbuffs);
         if (!ahead.inside) return ESMS_FULL;
-        const int32_t state = load_state(slot_at(q, ahead.offset));
+        const int32_t state = load_state(end.slot(ahead.offset));
         if (state != HALVO_SLOT_FREE) return occupied(state);
     }
-    return mark(slot_at(q, write_position(q)), type, data, length);
+    return mark(end.slot(end.offset()), type, data, length);
 }
 
 int q_write_mark_at(halvo_channel *q, int type, const void *data, uint32_t length,
                     uint32_t index) noexcept {
-    touch_writer(q);
-    const int fault = length_fault(q, data, length);
-    if (fault != ESMS_OK) return report_length(q, fault, length);
-    const uint32_t k = static_cast<uint32_t>(q->pbuffs) + index;
-    if (index >= q->qcnt || k >= q->qcnt) return ESMS_INVAL;
-    const AheadOffset ahead = offset_ahead(q, write_position(q), k);
-    return ahead.inside ? mark(slot_at(q, ahead.offset), type, data, length) : ESMS_FULL;
+    const WriterEnd end(q);
+    end.touch();
+    const int fault = length_fault(end, data, length);
+    if (fault != ESMS_OK) return report_length(end, fault, length);
+    const uint32_t slots = end.at().slots, k = static_cast<uint32_t>(q->pbuffs) + index;
+    if (index >= slots || k >= slots) return ESMS_INVAL;
+    const AheadOffset ahead = end.ahead(end.offset(), k);
+    return ahead.inside ? mark(end.slot(ahead.offset), type, data, length) : ESMS_FULL;
 }
 
 int q_write_commit(halvo_channel *q) noexcept {
-    touch_writer(q);
-    qmsg *slot = slot_at(q, write_position(q));
-    if (load_state(slot) != HALVO_SLOT_PENDING) return ESMS_NOTARGET;
-    publish(q, slot);
+    const WriterEnd end(q);
+    end.touch();
+    const uint32_t offset = end.offset();
+    if (load_state(end.slot(offset)) != HALVO_SLOT_PENDING) return ESMS_NOTARGET;
+    publish(q, end, offset);
     return ESMS_OK;
 }
 
 // Kept: the number of committed messages is not reported.
 int q_write_commit_all(halvo_channel *q) noexcept {
-    touch_writer(q);
-    for (uint32_t count = 0; count < q->qcnt; ++count) {
-        qmsg *slot = slot_at(q, write_position(q));
-        if (load_state(slot) != HALVO_SLOT_PENDING) break;
-        publish(q, slot);
+    const WriterEnd end(q);
+    end.touch();
+    for (uint32_t count = 0; count < end.at().slots; ++count) {
+        const uint32_t offset = end.offset();
+        if (load_state(end.slot(offset)) != HALVO_SLOT_PENDING) break;
+        publish(q, end, offset);
     }
     return ESMS_OK;
 }
 
 int q_write_rollback(halvo_channel *q) noexcept {
-    touch_writer(q);
-    qmsg *slot = slot_at(q, write_position(q));
+    const WriterEnd end(q);
+    end.touch();
+    qmsg *slot = end.slot(end.offset());
     if (load_state(slot) != HALVO_SLOT_PENDING) return ESMS_NOTARGET;
     publish_state(slot, HALVO_SLOT_FREE);
     return ESMS_OK;
 }
 
 int q_write_rollback_all(halvo_channel *q) noexcept {
-    touch_writer(q);
+    const WriterEnd end(q);
+    end.touch();
     uint32_t count = 0;
-    for (uint32_t offset = write_position(q); count < q->qcnt;
-         offset = next_offset(q, offset), ++count) {
-        qmsg *slot = slot_at(q, offset);
+    for (uint32_t offset = end.offset(); count < end.at().slots;
+         offset = end.next(offset), ++count) {
+        qmsg *slot = end.slot(offset);
         if (load_state(slot) != HALVO_SLOT_PENDING) break;
         publish_state(slot, HALVO_SLOT_FREE);
     }
@@ -192,16 +194,18 @@ int q_write_rollback_all(halvo_channel *q) noexcept {
 }
 
 int q_writeview(const halvo_channel *q, void *buffer) noexcept {
-    copy_slot(q, slot_at(q, write_position(q)), buffer);
+    const WriterEnd end(const_cast<halvo_channel *>(q));
+    copy_slot(end.at().size, end.slot(end.offset()), buffer);
     return 0;
 }
 
 int q_writable_count(halvo_channel *q) noexcept {
-    touch_writer(q);
+    const WriterEnd end(q);
+    end.touch();
     uint32_t count = 0;
-    for (uint32_t offset = write_position(q); count < q->qcnt;
-         offset = next_offset(q, offset), ++count) {
-        const int32_t state = load_state(slot_at(q, offset));
+    for (uint32_t offset = end.offset(); count < end.at().slots;
+         offset = end.next(offset), ++count) {
+        const int32_t state = load_state(end.slot(offset));
         if (state == HALVO_SLOT_PENDING) return ESMS_PENDING;
         if (state != HALVO_SLOT_FREE) break;
     }

@@ -1,21 +1,25 @@
 // sms_shm: what the write buffers share with the ring's writer.
 #pragma once
 
+#include "core/end.h"
 #include "halvo/queue.h"
 
 namespace halvo {
 
-// Sets the writer's heartbeat.
-void touch_writer(halvo_channel *q) noexcept;
-
 // The longest message of a channel in bytes.
-uint32_t longest_message(const halvo_channel *q) noexcept;
+inline uint32_t longest_message(const WriterEnd &end) noexcept {
+    const uint32_t size = end.at().size;
+    return size > sizeof(qmsg) ? size - static_cast<uint32_t>(sizeof(qmsg)) : 0;
+}
 
 // ESMS_OK, ESMS_INVAL (length 0 or no data) or ESMS_EXEED; prints nothing.
-int length_fault(const halvo_channel *q, const void *data, uint32_t length) noexcept;
+inline int length_fault(const WriterEnd &end, const void *data, uint32_t length) noexcept {
+    if (length == 0 || !data) return ESMS_INVAL;
+    return length > longest_message(end) ? ESMS_EXEED : ESMS_OK;
+}
 
 // Prints the line that goes with ESMS_EXEED, and returns the fault.
-int report_length(const halvo_channel *q, int fault, uint32_t length) noexcept;
+int report_length(const WriterEnd &end, int fault, uint32_t length) noexcept;
 
 // q_write for `data` of which only `readable` bytes are there: what a damaged length claims beyond
 // them is refused, and not looked at.
@@ -27,6 +31,7 @@ void count_parked(halvo_channel *q, int32_t amount) noexcept;
 
 // Puts a message into an empty write buffer if a ring slot can be kept free for it: ESMS_OK,
 // ESMS_PENDING or ESMS_FULL.
-int park(halvo_channel *q, qmsg *buffer, int type, const void *data, uint32_t length) noexcept;
+int park(halvo_channel *q, const WriterEnd &end, qmsg *buffer, int type, const void *data,
+         uint32_t length) noexcept;
 
 } // namespace halvo
