@@ -13,6 +13,7 @@
 #include <new>
 #include <utility>
 
+#include "core/barrier.h"
 #include "core/end.h"
 #include "core/geometry.h"
 #include "core/ring.h"
@@ -159,6 +160,7 @@ int init_shm(const char *keyfile) noexcept {
         find_semaphores(keyfile, posts, requests);
         attached = qm;
         learn_channels();
+        join_far_barriers();
         result = ESMS_OK;
     }
     std::puts("SHM_INIT_FINISHED.");

@@ -1,10 +1,16 @@
 // sms_shm: the blocking loop.
 #include "core/blocking.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 
+#include "core/barrier.h"
+#include "core/end.h"
 #include "core/semaphores.h"
 
 namespace halvo {
@@ -14,15 +20,6 @@ namespace {
 constexpr int kPauseMilliseconds = 1; // between tries while there is no semaphore to sleep on
 
 enum class Nap { woken, slice_over, signalled, failed };
-
-void full_fence() {
-#ifdef __SANITIZE_THREAD__ // which knows no fences
-    static std::atomic<int> fence;
-    fence.fetch_add(1, std::memory_order_seq_cst);
-#else
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-#endif
-}
 
 int64_t milliseconds_now() {
     timespec now{};
@@ -36,6 +33,58 @@ Nap nap(int semid) {
     if (errno == EINTR) return Nap::signalled;
     const timespec pause{0, kPauseMilliseconds * 1000000L};
     return nanosleep(&pause, nullptr) != 0 && errno == EINTR ? Nap::signalled : Nap::failed;
+}
+
+// ---- Looking for a while before sleeping: to fall asleep and to be woken takes many times as long as
+// the other side needs for its answer.
+
+constexpr int kMostSpin = 1000;    // microseconds
+constexpr int kLooksPerClock = 16; // looks between two looks at the clock
+constexpr int kNotAsked = -1;
+std::atomic<int> spin_limit{kNotAsked}; // microseconds
+
+int learn_spin_limit() {
+    constexpr int kDefault = 20;
+    const char *given = std::getenv("HALVO_SPIN_US");
+    const int limit = given ? std::atoi(given) : kDefault;
+    // With one processor the other side cannot answer while this one looks.
+    return sysconf(_SC_NPROCESSORS_ONLN) > 1 ? std::clamp(limit, 0, kMostSpin) : 0;
+}
+
+int spin_microseconds() {
+    int limit = spin_limit.load(std::memory_order_relaxed);
+    if (limit == kNotAsked) spin_limit = limit = learn_spin_limit();
+    return limit;
+}
+
+int64_t microseconds_now() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+}
+
+void pause_processor() {
+#if defined __i386__ || defined __x86_64__
+    __builtin_ia32_pause();
+#endif
+}
+
+// Looks whether the slot at this side's position becomes what the side waits for. A slot that is
+// so already, and yet not given out (a rate limit, parked messages), ends the look at once.
+bool slot_comes(const Waiter &waiter) {
+    const int limit = spin_microseconds();
+    if (limit == 0) return false;
+    const bool reader = &waiter.side == &kReader;
+    const int32_t wanted = reader ? HALVO_SLOT_READABLE : HALVO_SLOT_FREE;
+    const qmsg *slot = reader ? ReaderEnd(waiter.q).current() : WriterEnd(waiter.q).current();
+    const int64_t end = microseconds_now() + limit;
+    do {
+        for (int i = 0; i < kLooksPerClock; ++i) {
+            if (load_state(slot) == wanted) return true;
+            pause_processor();
+        }
+    } while (microseconds_now() < end);
+    return false;
 }
 
 // One announced and registered wait.
@@ -70,6 +119,7 @@ private:
 } // namespace
 
 Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) noexcept {
+    if (slot_comes(waiter) && attempt(context)) return Wait::settled;
     const int64_t limit = milliseconds_now() + (waiter.timeout > 0 ? waiter.timeout : 0);
     // The other side is woken once, and again when a slice has passed in vain: were it woken at
     // every round, a full ring under a read-rate limit would have both sides wake each other.
@@ -84,7 +134,7 @@ Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) noe
         Nap result = Nap::slice_over;
         bool settled = false;
         for (;;) {
-            full_fence();
+            far_barrier();
             settled = attempt(context);
             if (settled || getSignal() == SIGUSR2) break;
             result = nap(waiter.side.semaphore(waiter.channel));
@@ -104,7 +154,7 @@ Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) noe
 }
 
 void wake_waiting(const Side &side, halvo_channel *q, int channel) noexcept {
-    full_fence();
+    near_barrier();
     if (load(q->*side.peer_waiting) != 0) side.wake_peer(channel);
 }
 
@@ -114,3 +164,9 @@ void finish_transfer(const Side &side, halvo_channel *q, int channel) noexcept {
 }
 
 } // namespace halvo
+
+int q_set_spin(int microseconds) noexcept {
+    const int before = halvo::spin_microseconds();
+    halvo::spin_limit = std::clamp(microseconds, 0, halvo::kMostSpin);
+    return before;
+}

@@ -2,14 +2,16 @@
 //
 //   attempt -> settled ----------------------------------------------> the caller maps the result
 //      |  empty / full
+//   look for some microseconds whether a slot comes -> attempt
+//      |
 //   announce (rwait or wwait), wake the other side, register with the monitor
 //      |
-//   fence -> attempt -> sleep on the semaphore, 100 ms at most -> fence -> attempt ...
+//   barrier -> attempt -> sleep on the semaphore, 100 ms at most -> barrier -> attempt ...
 //
-// The other side stores its slot state, fences and then looks at the announcement (wake_waiting):
-// so either it sees the announcement and posts, or the attempt behind our fence sees its slot. A
-// post can therefore not be missed; the slices bound what a peer without the fence can cost, and
-// let a wait notice a time limit whose signal came just before the sleep.
+// The other side stores its slot state, passes a barrier and then looks at the announcement
+// (wake_waiting): so either it sees the announcement and posts, or the attempt behind our barrier
+// sees its slot. A post can therefore not be missed; the slices bound what a peer without the
+// barrier can cost, and let a wait notice a time limit whose signal came just before the sleep.
 #pragma once
 
 #include "core/ring.h"

@@ -92,6 +92,7 @@ public:
         return position_in(at(), actual);
     }
     qmsg *slot(uint32_t offset) const noexcept { return slot_at(q_, offset); }
+    const qmsg *current() const noexcept { return slot(offset()); }
     uint32_t next(uint32_t offset) const noexcept { return next_offset(at(), offset); }
     AheadOffset ahead(uint32_t offset, int64_t k) const noexcept {
         return offset_ahead(at(), offset, k);
@@ -122,6 +123,23 @@ private:
 };
 using WriterEnd = End<kWriterWords>;
 using ReaderEnd = End<kReaderWords>;
+
+// Size of a channel's slots, as the operations use it.
+inline uint32_t slot_size(const halvo_channel *q) noexcept {
+    const KnownChannel *known = known_channel(q);
+    return known ? known->at.size : q->qbsz;
+}
+
+// checked_channel() for the operations of an end alone, which use no other geometry than that found
+// sound at the attach: it does not look at the header again.
+inline halvo_channel *usable_channel(int channel) noexcept {
+    halvo_segment *segment = attached_segment();
+    if (!segment || channel < 0 || channel >= HALVO_CHANNELS_MAX) return nullptr;
+    if (static_cast<uint32_t>(channel) >= load(segment->nchnnl)) return nullptr;
+    auto *q = reinterpret_cast<halvo_channel *>(reinterpret_cast<char *>(segment) +
+                                                load(segment->qoffs[channel]));
+    return known_channel(q) ? q : nullptr;
+}
 
 // For q_open(): another process may have had the end since this one stored the heartbeat.
 inline void forget_heartbeat(const halvo_channel *q, KnownEnd KnownChannel::*end) noexcept {

@@ -1,7 +1,6 @@
 // sms_shm: opening and closing a channel's ends. One process at a time holds an end; the lock sets
 // see to that, with undo, so that a dead holder's end is free again.
 #include <sys/sem.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -10,6 +9,7 @@
 
 #include "core/blocking.h"
 #include "core/end.h"
+#include "core/process.h"
 #include "core/semaphores.h"
 #include "core/side.h"
 
@@ -38,7 +38,7 @@ halvo_channel *hold(const Side &side, int channel, const char *failure, bool reg
     }
     halvo_channel *q = q_chnnl2q(channel);
     forget_heartbeat(q, &side == &kWriter ? &KnownChannel::writer : &KnownChannel::reader);
-    store(q->*side.pid, static_cast<int32_t>(getpid()));
+    store(q->*side.pid, process_id());
     return q;
 }
 
@@ -95,9 +95,5 @@ int q_close(int channel, char mode) noexcept {
 void halvo::record_owner(const Side &side, halvo_channel *q, const char *client) noexcept {
     // A name of 23 bytes or more is cut; the field's last byte is never written and stays NUL.
     std::strncpy(q->*side.name, client, HALVO_NAME_SIZE - 1);
-    store(q->*side.pid, static_cast<int32_t>(getpid()));
-}
-
-bool halvo::owns(const Side &side, const halvo_channel *q) noexcept {
-    return load(q->*side.pid) == static_cast<int32_t>(getpid());
+    store(q->*side.pid, process_id());
 }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include "core/attach.h"
+#include "core/process.h"
+#include "core/ring.h"
 #include "halvo/queue.h"
 
 namespace halvo {
@@ -61,6 +63,8 @@ constexpr const Side &side_of(char mode) noexcept { return mode == 'w' ? kWriter
 void record_owner(const Side &side, halvo_channel *q, const char *client) noexcept;
 
 // Whether this process is the recorded holder of an end.
-bool owns(const Side &side, const halvo_channel *q) noexcept;
+inline bool owns(const Side &side, const halvo_channel *q) noexcept {
+    return load(q->*side.pid) == process_id();
+}
 
 } // namespace halvo

@@ -1,7 +1,6 @@
 #include "fq/channel_stats.h"
 
-#include <unistd.h>
-
+#include "core/process.h"
 #include "core/ring.h"
 #include "core/side.h"
 #include "core/throttle.h"
@@ -15,7 +14,7 @@ int32_t now() { return static_cast<int32_t>(q_gettime()); }
 
 void alive(const Side &side, halvo_channel *q) {
     store(q->*side.file_heartbeat, now());
-    store(q->*side.file_pid, static_cast<int32_t>(getpid()));
+    store(q->*side.file_pid, process_id());
 }
 
 void add(halvo_u64 &counter, int number) {

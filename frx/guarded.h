@@ -1,6 +1,7 @@
 // sms_shmC: what every operation on an open end goes through: the handle, the owner, the lock.
 #pragma once
 
+#include "core/end.h"
 #include "core/side.h"
 #include "frx/ends.h"
 
@@ -18,7 +19,7 @@ inline CheckedEnd check_end(const Side &side, const FrxChannel *handle,
                             bool arguments_ok = true) noexcept {
     if (!frx_isValid(handle)) return {ESMS_ACCESS, nullptr};
     if (!arguments_ok) return {ESMS_INVAL, nullptr};
-    halvo_channel *q = frx_header(handle);
+    halvo_channel *q = usable_channel(handle->channel); // in the table of ends, or not valid
     if (!q) return {ESMS_INVAL, nullptr};
     if (!owns(side, q)) return {ESMS_ACCESS, nullptr};
     return {ESMS_OK, q};

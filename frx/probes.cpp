@@ -1,6 +1,7 @@
 // sms_shmC: looking at a channel without changing it: slots, liveness, sizes, counts. No lock, and
 // no check that the handle opened the end; only its fields are used.
 #include "core/attach.h"
+#include "core/end.h"
 #include "core/ring.h"
 #include "core/side.h"
 #include "frx/ends.h"
@@ -50,7 +51,7 @@ int frx_isCountpartAlive(const FrxChannel *handle, int maxAge) noexcept {
 
 int frx_sizeOfBlock(int channel) noexcept {
     const halvo_channel *q = frx_header(channel);
-    return q ? static_cast<int>(q->qbsz) : ESMS_INVAL;
+    return q ? static_cast<int>(slot_size(q)) : ESMS_INVAL;
 }
 
 int frx_countOfBlocks(int channel) noexcept {
@@ -60,7 +61,7 @@ int frx_countOfBlocks(int channel) noexcept {
 
 int frx_sizeOfData(int channel) noexcept {
     const halvo_channel *q = frx_header(channel);
-    return q ? static_cast<int>(q->qbsz) - static_cast<int>(sizeof(qmsg)) : ESMS_INVAL;
+    return q ? static_cast<int>(slot_size(q)) - static_cast<int>(sizeof(qmsg)) : ESMS_INVAL;
 }
 
 // Kept: the file queue counts on 'F' channels alone, and there the ring does not.

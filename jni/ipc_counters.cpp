@@ -30,7 +30,7 @@ int32_t idle_seconds(const halvo_channel *q) {
 } // namespace
 
 IPC_NATIVE(jint, sizeOfBlock)(JNIEnv *, jclass, jint channel) noexcept {
-    return of_channel<jint>(channel, [](const halvo_channel *q) { return q->qbsz; });
+    return of_channel<jint>(channel, [](const halvo_channel *q) { return slot_size(q); });
 }
 
 IPC_NATIVE(jint, countOfBlocks)(JNIEnv *, jclass, jint channel) noexcept {
@@ -38,7 +38,8 @@ IPC_NATIVE(jint, countOfBlocks)(JNIEnv *, jclass, jint channel) noexcept {
 }
 
 IPC_NATIVE(jint, sizeOfData)(JNIEnv *, jclass, jint channel) noexcept {
-    return of_channel<jint>(channel, [](const halvo_channel *q) { return q->qbsz - sizeof(qmsg); });
+    return of_channel<jint>(channel,
+                            [](const halvo_channel *q) { return slot_size(q) - sizeof(qmsg); });
 }
 
 // Kept: the file queue counts on every channel; on 'F' channels the ring does not.

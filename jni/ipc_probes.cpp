@@ -1,6 +1,6 @@
 // Java binding, IPCFunctions: looking at slots, buffers and heartbeats.
-#include <unistd.h>
 
+#include "core/process.h"
 #include "jni/native.h"
 
 using namespace halvo;
@@ -33,7 +33,7 @@ IPC_NATIVE(jint, view)
         q_readview(q, image.get());
     else
         q_writeview(q, image.get());
-    copy_out(env, range, image.get(), q->qbsz);
+    copy_out(env, range, image.get(), slot_size(q));
     return ESMS_OK;
 }
 
@@ -66,7 +66,7 @@ IPC_NATIVE(jint, touch)(JNIEnv *, jclass, jint channel, jint client, jboolean fo
     halvo_channel *q = checked_channel(channel);
     if (!q) return ESMS_INVAL;
     const Side &side = for_write ? kWriter : kReader;
-    const auto pid = static_cast<int32_t>(getpid());
+    const auto pid = process_id();
     const auto now = static_cast<int32_t>(q_gettime());
     if (client >= 0 && client < HALVO_CLIENTS) {
         halvo_client &record = (q->*side.clients)[client];

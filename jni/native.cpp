@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "core/end.h"
+
 using namespace halvo;
 
 jint JNU_ThrowByName(JNIEnv *env, const char *class_name, const char *message) noexcept {
@@ -14,7 +16,7 @@ jint JNU_ThrowByName(JNIEnv *env, const char *class_name, const char *message) n
 namespace halvo {
 
 CheckedChannel owned_channel(const Side &side, jint channel) noexcept {
-    halvo_channel *q = checked_channel(channel);
+    halvo_channel *q = usable_channel(channel);
     if (!q) return {ESMS_INVAL, nullptr};
     if (!owns(side, q)) return {ESMS_ACCESS, nullptr};
     return {ESMS_OK, q};
@@ -49,8 +51,8 @@ jint copy_out(JNIEnv *env, const ArrayRange &range, const void *from, uint32_t s
 jint deliver(JNIEnv *env, const ArrayRange &range, const halvo_channel *q, const SlotImage &image,
              bool raw) noexcept {
     const qmsg *slot = image.get();
-    const jint n = raw ? copy_out(env, range, slot, q->qbsz)
-                       : copy_out(env, range, body(slot), body_length(q, slot));
+    const jint n = raw ? copy_out(env, range, slot, slot_size(q))
+                       : copy_out(env, range, body(slot), body_length(slot_size(q), slot));
     return n < 1 ? ESMS_INVAL : static_cast<jint>(slot->len);
 }
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "core/end.h"
 #include "halvo/segment.h"
 
 namespace halvo {
@@ -69,7 +70,7 @@ private:
 class SlotImage {
 public:
     explicit SlotImage(const halvo_channel *q) noexcept
-        : slot_(zeroed<qmsg>(std::max<size_t>(q->qbsz, sizeof(qmsg)))) {}
+        : slot_(zeroed<qmsg>(std::max<size_t>(slot_size(q), sizeof(qmsg)))) {}
     explicit operator bool() const noexcept { return slot_ != nullptr; }
     qmsg *get() const noexcept { return slot_.get(); }
 

@@ -117,6 +117,11 @@ HALVO_API int sem_mutex_lock(int semid, int n) HALVO_NOEXCEPT;
 /* Gives semaphore n of a set back, with undo at process exit. */
 HALVO_API int sem_mutex_unlock(int semid, int n) HALVO_NOEXCEPT;
 
+/* How long a blocking call looks for its message or slot before it sleeps: microseconds, 0 to 1000,
+ * 0 for not at all. 20 unless the environment's HALVO_SPIN_US says otherwise; 0 on a machine with
+ * one processor. Returns what it was. */
+HALVO_API int q_set_spin(int microseconds) HALVO_NOEXCEPT;
+
 /* ---- Writing ----------------------------------------------------------------------------- */
 /* type    message type; its low 16 bits are stored.
  * length  bytes of the body: 0 gives ESMS_INVAL, more than qbsz - 16 ESMS_EXEED with a line on

@@ -72,6 +72,7 @@ protected:
     }
     void SetUp() override {
         ASSERT_EQ(initialise(segment), ESMS_OK);
+        q_set_spin(0); // the sleep is what is at stake
         for (int i = 0; i < kChannels; ++i) {
             ASSERT_EQ(frx_openChannel(&writers[i], "w", i, 'w', 1000), ESMS_OK);
             ASSERT_EQ(frx_openChannel(&readers[i], "r", i, 'r', 1000), ESMS_OK);
