@@ -1,5 +1,9 @@
 # Debian packages of one word size: cpack in the build tree makes them. tools/package.sh makes those
 # of both.
+if(NOT CMAKE_INSTALL_LIBDIR STREQUAL "lib/${halvo_triplet}")
+  message(STATUS "CMAKE_INSTALL_LIBDIR is ${CMAKE_INSTALL_LIBDIR}: no Debian packages from here")
+  return()
+endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME halvoipc)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})

@@ -20,6 +20,11 @@ trap clean_up EXIT
 trap 'exit 143' INT TERM
 step() { step=$*; echo "== $*"; }
 
+# What has no component would be in no package.
+step "components"
+DESTDIR=$work/rest cmake --install "$build" --component Unspecified >"$work/log"
+[ ! -e "$work/rest" ] || { find "$work/rest"; exit 1; }
+
 # A tree may be moved after it was installed, as DESTDIR and packages do.
 step "install"
 DESTDIR=$work/stage cmake --install "$build" --strip --prefix /opt/halvo >"$work/log" 2>&1 ||
