@@ -1,6 +1,6 @@
 #!/bin/bash
 # Formats every manual page without a warning, and compares the pages with what they are about: the
-# options of the programs and the exported functions.
+# options of the programs and the exported functions. The programs' --help and wrong usage too.
 #     man_test.sh BUILD-TREE SOURCE-TREE
 set -euo pipefail
 build=$1 source=$2
@@ -34,6 +34,11 @@ for page in "$build"/man/*.1.gz; do
         grep -qF -- "$option" <<<"$help" || complain "$name.1: $name has no $option"
     done
     [[ "$("$program" --version)" == "$name "[0-9]* ]] || complain "$name has no version"
+    grep -qi 'exit status' <<<"$help" && grep -q "^ *\(Example: \)\?$name " <<<"$help" ||
+        complain "$name --help has no exit status or no example"
+    usage=0
+    "$program" --no-such-option >/dev/null 2>&1 || usage=$?
+    [ $usage = 2 ] || complain "$name ends with $usage after wrong usage"
 done
 
 functions=$(text halvo-frx.3; text halvo-queue.3; text halvo-fq.3; text halvo-status.3)
