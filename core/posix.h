@@ -66,12 +66,17 @@ public:
     explicit operator bool() const noexcept { return stream_ != nullptr; }
     // The next name, "." and ".." included; null at the end. Valid until the next call.
     const char *next() noexcept {
+        errno = 0;
         const dirent *entry = readdir(stream_);
+        failed_ = !entry && errno != 0;
         return entry ? entry->d_name : nullptr;
     }
+    // Whether the end was a failure to read on.
+    bool failed() const noexcept { return failed_; }
 
 private:
     DIR *stream_;
+    bool failed_ = false;
 };
 
 // A locked mutex, or none.

@@ -82,7 +82,8 @@ private:
     // next file. Only a file past its limit is left that way; what stood in it is complete now.
     bool skips_file_without_end(ssize_t got) {
         if (got < 0 || at_.offset <= kFileLimit || !writer_has_gone_on()) return false;
-        return pread(file_.get(), &header_, kHeaderSize, at_.offset) < ssize_t{kHeaderSize};
+        struct stat file {};
+        return fstat(file_.get(), &file) == 0 && file.st_size < at_.offset + off_t{kHeaderSize};
     }
 
     Look next_file() {

@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "core/posix.h"
-#include "fq/format.h"
+#include "fq/position.h"
 
 using namespace halvo;
 using namespace halvo::fq;
@@ -37,8 +37,10 @@ private:
 };
 
 // Goes through the file orders found; `better` tells whether one replaces the running value.
+// -1, and `searched` false, when the directory cannot be read.
 template <class Better>
-int find_order(const char *path, int none, Better better) noexcept {
+int find_order(const char *path, int none, bool &searched, Better better) noexcept {
+    searched = false;
     if (!usable_path(path)) return -1;
     char directory_name[FQ_NAME_SIZE];
     fq_dirof(path, directory_name);
@@ -51,7 +53,8 @@ int find_order(const char *path, int none, Better better) noexcept {
         const int order = fq_forderof(name);
         if (better(order, found)) found = order;
     }
-    return found;
+    searched = !directory.failed();
+    return searched ? found : -1;
 }
 
 } // namespace
@@ -76,15 +79,21 @@ int fq_forderof(const char *filename) noexcept {
 }
 
 // Kept: a data file of order 100000000 or above has no leading zero and is not found.
-int fq_find_forder_first(const char *path) noexcept {
+int halvo::fq::find_first_order(const char *path, bool &searched) noexcept {
     bool any = false;
-    return find_order(path, -1, [&](int order, int lowest) {
+    return find_order(path, -1, searched, [&](int order, int lowest) {
         const bool first = !any;
         any = true;
         return first || order < lowest;
     });
 }
 
+int fq_find_forder_first(const char *path) noexcept {
+    bool searched;
+    return find_first_order(path, searched);
+}
+
 int fq_find_forder_last(const char *path) noexcept {
-    return find_order(path, 0, [](int order, int highest) { return order > highest; });
+    bool searched;
+    return find_order(path, 0, searched, [](int order, int highest) { return order > highest; });
 }

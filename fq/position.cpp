@@ -27,29 +27,30 @@ constexpr char kTornRead[] = "경고! 인덱스 파일 손상.... 자동복구(�
 constexpr char kTornWrite[] = "경고! 인덱스 파일 손상.... 자동복구(쓰기)..offset=%d "
                               "sizeof(fqpos)=%d modulo=%d\n";
 
-int first_order(const char *path, char mode) {
-    if (mode == 'w') return fq_find_forder_last(path);
-    const int order = fq_find_forder_first(path);
-    if (order != -1) return order;
-    std::puts("NO FILE TO READ ");
-    return 0;
-}
+// Whether a record is what a writer stored whose search for the last data file failed.
+bool failed_search(const char *record) { return number_in(record + kOrderAt) == -1; }
 
-// Kept: 31 is the answer whatever became of the write.
+// A reader whose search failed stores nothing: "the first file is 0" would hold for ever. A writer's
+// record tells by its order that the next one is to search again.
 int make_first_record(const char *path, int fd, char *record, char mode) {
     std::printf("fq_get_pos.lseek error. first entry needed.(%c)\n", mode);
-    const int order = first_order(path, mode);
+    bool searched = true;
+    int order = mode == 'w' ? fq_find_forder_last(path) : find_first_order(path, searched);
+    if (mode != 'w' && order == -1) {
+        std::puts("NO FILE TO READ ");
+        order = 0;
+    }
     std::printf("RESET POSITION first at %d\n", static_cast<int>(lseek(fd, 0, SEEK_CUR)));
     char text[kRecordSize + 8];
     std::snprintf(text, sizeof text, "%09d %09d %10s", order, 0, "first");
     std::memcpy(record, text, kRecordSize);
     record[kRecordSize - 1] = '\n';
-    const ssize_t written = write(fd, record, kRecordSize);
+    const ssize_t written = searched ? write(fd, record, kRecordSize) : 0;
     std::printf("RESET POSITION written  %d bytes and then %d\n", static_cast<int>(written),
                 static_cast<int>(lseek(fd, 0, SEEK_CUR)));
     std::printf("RESET POSITION FOR %s, %.*s\n", mode == 'w' ? "WRITE" : "READ", kRecordSize,
                 record);
-    return kRecordSize;
+    return kRecordSize; // Kept: whatever became of the write
 }
 
 int64_t size_of(int fd) {
@@ -62,16 +63,22 @@ int64_t size_of(int fd) {
 int halvo::fq::load_position(const char *path, int fd, char *record, char mode,
                              bool &made_first) noexcept {
     made_first = false;
-    int64_t at = size_of(fd) - kRecordSize;
-    if (at < 0) {
+    const int64_t size = size_of(fd);
+    int64_t at = size - kRecordSize;
+    if (size >= 0 && at < 0) {
         made_first = true;
         return make_first_record(path, fd, record, mode);
     }
-    if (at % kRecordSize != 0) {
+    if (size >= 0 && at % kRecordSize != 0) {
         print_torn(kTornRead, at);
         at -= at % kRecordSize;
     }
-    const ssize_t got = pread(fd, record, kRecordSize, at);
+    const ssize_t got = size < 0 ? -1 : pread(fd, record, kRecordSize, at);
+    if (got == kRecordSize && mode == 'w' && at == 0 && failed_search(record) &&
+        lseek(fd, 0, SEEK_SET) == 0) {
+        made_first = true;
+        return make_first_record(path, fd, record, mode);
+    }
     if (got == kRecordSize) return kRecordSize;
     std::printf("fq_get_pos.read error! rcnt=%d\n", static_cast<int>(got));
     return -1;

@@ -7,6 +7,9 @@
 
 namespace halvo::fq {
 
+// As fq_find_forder_first. `searched`: whether the directory could be read to its end.
+int find_first_order(const char *path, bool &searched) noexcept;
+
 // As fq_get_pos. `made_first`: the file held no record, so that the position is not one that a
 // transaction saved but the intended start.
 int load_position(const char *path, int fd, char *record, char mode, bool &made_first) noexcept;

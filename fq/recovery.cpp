@@ -25,14 +25,15 @@ namespace {
 
 enum class Found { settled, next_file, failed };
 
-// Whether a readable item stands whole at `at`; `size` is that of the file.
-bool complete_item(int fd, const ItemHeader &header, int64_t at, int64_t size) {
-    const int64_t end = at + header.length + FQ_ITEM_EXTRA;
-    char trailer[kTrailerSize];
+// Whether an item may be a readable one that ends at `end`, in a file of `size` bytes.
+bool may_be_complete(const ItemHeader &header, int64_t end, int64_t size) {
     return header.has_magic() && header.state == kCommitted && header.length > 0 && end <= size &&
-           fits_field(end) &&
-           pread(fd, trailer, kTrailerSize, end - kTrailerSize) == kTrailerSize &&
-           std::memcmp(trailer, kTrailer, kTrailerSize) == 0;
+           fits_field(end);
+}
+
+// Reads what the file holds for certain. Without it nothing may be cut off.
+bool read_whole(int fd, void *data, size_t size, int64_t at) {
+    return pread(fd, data, size, at) == static_cast<ssize_t>(size);
 }
 
 // Readers take a header with length 0 for the end, even when its trailer is missing.
@@ -44,14 +45,17 @@ Found settle_in_file(int fd, Position &at) {
     struct stat file {};
     if (fstat(fd, &file) != 0) return Found::failed;
     if (!S_ISREG(file.st_mode)) return Found::settled;
-    ItemHeader header;
-    ssize_t got;
-    while ((got = pread(fd, &header, kHeaderSize, at.offset)) == kHeaderSize) {
+    while (at.offset + int64_t{kHeaderSize} <= file.st_size) {
+        ItemHeader header;
+        char trailer[kTrailerSize];
+        if (!read_whole(fd, &header, kHeaderSize, at.offset)) return Found::failed;
         if (ends_file(header)) return Found::next_file;
-        if (!complete_item(fd, header, at.offset, file.st_size)) break;
-        at.offset += static_cast<int32_t>(header.length + FQ_ITEM_EXTRA);
+        const int64_t end = at.offset + int64_t{header.length} + FQ_ITEM_EXTRA;
+        if (!may_be_complete(header, end, file.st_size)) break;
+        if (!read_whole(fd, trailer, kTrailerSize, end - kTrailerSize)) return Found::failed;
+        if (std::memcmp(trailer, kTrailer, kTrailerSize) != 0) break;
+        at.offset = static_cast<int32_t>(end);
     }
-    if (got < 0) return Found::failed;
     if (file.st_size > at.offset && ftruncate(fd, at.offset) != 0) return Found::failed;
     return Found::settled;
 }

@@ -186,7 +186,7 @@ HALVO_API int fq_nameof(const char *path, char *name) HALVO_NOEXCEPT;
 /* The number after the last '.' of a file name, 0 when there is none. */
 HALVO_API int fq_forderof(const char *filename) HALVO_NOEXCEPT;
 /* The smallest file order among the queue's data files; -1 when there is none, when the directory
- * cannot be opened and for an unusable path. Orders of ten digits or without a leading zero are
+ * cannot be read and for an unusable path. Orders of ten digits or without a leading zero are
  * not found. */
 HALVO_API int fq_find_forder_first(const char *path) HALVO_NOEXCEPT;
 /* The largest one; 0 when there is none, -1 as above. */
