@@ -1,13 +1,15 @@
 // Every way to die or to fail in the middle of an operation, one after the other: before each
-// system call, and with each write refused or cut short. Afterwards another writer and reader go
+// system call, and with each call refused or cut short. Afterwards another writer and reader go
 // on, and what was in the queue comes out: each acknowledged transaction once, whole and in order,
 // the one that was under way either whole or not at all.
 #include <gtest/gtest.h>
+#include <sys/ipc.h>
 
 #include <functional>
 
 #include "tests/fq/failing_io.h"
 #include "tests/fq/queue_fixture.h"
+#include "tests/stress/form.h"
 
 using namespace halvo;
 using namespace halvo::test;
@@ -35,8 +37,14 @@ void put_old(const Queue &queue) {
     ASSERT_EQ(queue.put_away("old2"), 0);
 }
 
+// The first files have been read and deleted long ago; no reader has saved a position since.
+void put_old_later(const Queue &queue) {
+    queue.store("tail", record(3, 0));
+    put_old(queue);
+}
+
 const State kFresh{"fresh", [](const Queue &) {}};
-const State kInUse{"in use", put_old};
+const State kInUse{"in use", put_old_later};
 const State kRolledBack{"after a rollback", [](const Queue &queue) {
                             put_old(queue);
                             fqtrans trans;
@@ -86,13 +94,21 @@ const Write kSingle{"single", [](const Queue &queue) { return queue.put({"dddddd
 const Write kAway{"single shot",
                   [](const Queue &queue) { return queue.put_away("eeeeeeeee") == 0 ? 0 : -1; },
                   "eeeeeeeee"};
+const Write kTakenBack{"batch taken back",
+                       [](const Queue &queue) {
+                           fqtrans trans;
+                           const int begun = queue.begin(trans, {"ffff", "gg"});
+                           return begun < 0 ? begun : fq_enqueue_rollback(-1, &trans);
+                       },
+                       ""};
 
 // Who comes first to a queue that somebody died in.
 enum class First { writer, reader };
 
-// Lets others go on and tells what they see of the interrupted write: 1 all of it, 0 nothing.
-// Anything else is a failure.
-int outcome(const Queue &queue, const State &state, const Write &write, First first) {
+// What others see of an interrupted write when they go on.
+enum class Seen { nothing, all, damage };
+
+Seen outcome(const Queue &queue, const State &state, const Write &write, First first) {
     std::string got;
     if (first == First::reader) got = queue.drain_at_once(); // also over the end of a file
     EXPECT_EQ(queue.put({"new1"}), 0);
@@ -101,14 +117,14 @@ int outcome(const Queue &queue, const State &state, const Write &write, First fi
     const std::string without = joined(old_items(state), "new1 new2");
     const std::string with = joined(joined(old_items(state), write.items), "new1 new2");
     EXPECT_TRUE(got == with || got == without) << got;
-    return got == with;
+    return got == with ? Seen::all : got == without ? Seen::nothing : Seen::damage;
 }
 
 template <class Run>
 void for_all_writes(Run run) {
     const Queue queue;
     for (const State *state : {&kFresh, &kInUse, &kRolledBack, &kFileEnds, &kLogsEnd})
-        for (const Write *write : {&kBatch, &kPair, &kSingle, &kAway})
+        for (const Write *write : {&kBatch, &kPair, &kSingle, &kAway, &kTakenBack})
             for (const First first : {First::writer, First::reader}) {
                 SCOPED_TRACE(std::string(write->name) + ", " + state->name +
                              (first == First::reader ? ", then a reader" : ", then a writer"));
@@ -124,129 +140,241 @@ int descriptors() {
     return count;
 }
 
+// Whether both locks of a side are free. (Closing the lock file here gives nothing away: what held
+// it would have been found by then.)
+bool is_free(const Queue &queue, const char *suffix) {
+    const std::string name = queue.file(suffix);
+    const Descriptor file(open(name.c_str(), O_RDWR));
+    if (!file) return errno == ENOENT;
+    struct flock others {};
+    others.l_type = F_WRLCK;
+    const bool free = fcntl(file.get(), F_OFD_GETLK, &others) == 0 && others.l_type == F_UNLCK;
+    pthread_mutex_t *mutex = fq_key2mtx(ftok(name.c_str(), 1));
+    return free && mutex && pthread_mutex_trylock(mutex) == 0 && pthread_mutex_unlock(mutex) == 0;
+}
+
+const char *const kLost = "acknowledged transactions lost";
+const char *const kUndone = "saved positions lost";
+
+struct Faults {
+    int64_t cases = 0, lost = 0, damaged = 0, kept = 0;
+    void add(bool acknowledged, Seen seen) {
+        ++cases;
+        lost += acknowledged && seen == Seen::nothing;
+        damaged += seen == Seen::damage;
+        EXPECT_TRUE(!acknowledged || seen != Seen::nothing) << "an acknowledged write is gone";
+    }
+    void report(const std::string &what, const std::string &loss) const {
+        figure(what + ": cases", "-", cases);
+        figure(what + ": " + loss, "0", lost);
+        figure(what + ": queues with items torn, in part, foreign or stuck", "0", damaged);
+        EXPECT_EQ(lost + damaged + kept, 0);
+        EXPECT_GT(cases, 100);
+    }
+};
+
+template <class Run>
+std::string captured_failing(int n, int error, FailingCalls::Span span, Run run) {
+    const StdoutCapture capture; // whose own calls do not fail
+    {
+        const FailingCalls fails(n, error, span);
+        run();
+    }
+    return capture.bytes();
+}
+
+// Every call of an operation fails in every way. `prepare` makes the queue anew, `run` does the
+// operation while calls fail, `judge` looks at what it left.
+template <class Prepare, class Run, class Judge>
+void fail_everywhere(const Queue &queue, Faults &faults, Prepare prepare, Run run, Judge judge) {
+    static const std::vector<int> every = {EIO, FailingCalls::kShort, ENOSPC, EINTR, EMFILE};
+    const std::vector<int> errors(every.begin(), every.begin() + length(2, 5));
+    prepare();
+    const int calls = counted_calls(run);
+    ASSERT_GE(calls, 10);
+    for (const int error : errors)
+        for (const auto span : {FailingCalls::once, FailingCalls::from_then_on}) {
+            // The short form: one of the two for each.
+            if (!is_long_form() && (span == FailingCalls::once) != (error == EIO)) continue;
+            for (int n = 1; n <= calls; ++n) {
+                SCOPED_TRACE("call " + std::to_string(n) + " of " + std::to_string(calls) + ": " +
+                             (error ? strerror(error) : "short") +
+                             (span == FailingCalls::once ? "" : ", and all that follow"));
+                prepare();
+                const int open_before = descriptors();
+                const std::string printed = captured_failing(n, error, span, run);
+                const bool given_back = descriptors() == open_before && is_free(queue, "wrlk") &&
+                                        is_free(queue, "rdlk");
+                EXPECT_TRUE(given_back);
+                faults.kept += !given_back;
+                judge(printed);
+                if (testing::Test::HasFailure()) return;
+            }
+        }
+}
+
 } // namespace
 
 TEST(Crash, a_writer_killed_before_any_call_leaves_all_or_nothing) {
-    int kills = 0;
+    Faults faults;
     for_all_writes([&](const Queue &queue, const State &state, const Write &write, First first) {
-        int whole = 0;
-        bool died = true;
+        bool died = true, was_there = false;
         for (int n = 1; died; ++n) {
             SCOPED_TRACE("call " + std::to_string(n));
             prepare(queue, state);
             died = dies_before_call(n, [&] { write.run(queue); });
-            const int seen = outcome(queue, state, write, first);
-            EXPECT_TRUE(died || seen == 1) << "an acknowledged write is gone";
-            EXPECT_GE(seen, whole) << "what a shorter run had written is gone again";
-            whole = seen;
-            kills += died;
-            ASSERT_LT(n, 100);
+            const Seen seen = outcome(queue, state, write, first);
+            // What a shorter run had written is not gone again either.
+            faults.add(!died || was_there, seen);
+            was_there = seen == Seen::all;
+            ASSERT_LT(n, 300);
         }
     });
-    std::printf("%d kills\n", kills);
+    faults.report("file-queue writer killed before each system call", kLost);
 }
 
 // The second one dies while it puts right what the first one left.
 TEST(Crash, a_second_death_in_the_recovery_changes_nothing) {
     const Queue queue;
-    for (const State *state : {&kInUse, &kFileEnds})
-        for (int n = 8; n < 20; ++n)
-            for (int m = 3; m < 20; m += 1) {
+    Faults faults;
+    for (const State *state : {&kInUse, &kFileEnds}) {
+        bool first_died = true;
+        for (int n = 1; first_died; n += length(5, 1)) {
+            bool second_died = true;
+            for (int m = 1; second_died; m += length(3, 1)) {
                 SCOPED_TRACE(std::string(state->name) + ", calls " + std::to_string(n) + " and " +
                              std::to_string(m));
                 prepare(queue, *state);
-                if (!dies_before_call(n, [&] { kBatch.run(queue); })) break;
+                first_died = dies_before_call(n, [&] { kBatch.run(queue); });
                 // Either of the two may have got through; they write different items.
-                const bool died = dies_before_call(m, [&] { queue.put({"sec", "ond"}); });
+                second_died = dies_before_call(m, [&] { queue.put({"sec", "ond"}); });
                 EXPECT_EQ(queue.put_away("end"), 0);
                 const std::string got = queue.drain();
-                std::vector<std::string> possible;
+                Seen seen = Seen::damage;
                 for (const char *first : {"", "aaa bbb ccc"})
                     for (const char *second : {"", "sec ond"})
-                        if (*second || died)
-                            possible.push_back(
-                                joined(joined(joined("old1 old2", first), second), "end"));
-                EXPECT_NE(std::find(possible.begin(), possible.end(), got), possible.end()) << got;
+                        if (got == joined(joined(joined("old1 old2", first), second), "end"))
+                            seen = (*first || first_died) && (*second || second_died)
+                                       ? Seen::all
+                                       : Seen::nothing;
+                EXPECT_EQ(seen, Seen::all) << got;
+                faults.add(true, seen);
                 if (HasFailure()) return;
-                if (!died) break;
             }
+        }
+    }
+    faults.report("a second file-queue writer killed where the first one was", kLost);
 }
+
+namespace {
+
+constexpr int kReadable = 6; // items of prepare_to_read
+const char *const kAllItems = "old1 old2 aaa bbb ccc next";
+
+void prepare_to_read(const Queue &queue, const State &state) {
+    prepare(queue, state);
+    ASSERT_EQ(queue.put({"aaa", "bbb", "ccc"}), 0); // ends the file, when it is about to
+    ASSERT_EQ(queue.put({"next"}), 0);
+}
+
+struct Reading {
+    std::string items; // that it was given
+    bool commits = true;
+    int result = -1; // of the commit or the rollback
+};
+
+// Reads all that it can get in one transaction.
+void read_all(const Queue &queue, Reading &reading) {
+    reading.items.clear();
+    reading.result = -1;
+    fqtrans trans;
+    char buffer[100];
+    int count = 0;
+    int got = fq_dequeue(-1, queue.path(), buffer, 78, &trans);
+    if (got <= 0) return;
+    while (got > 0) {
+        reading.items =
+            joined(reading.items, std::string(buffer + 20, static_cast<size_t>(trans.itemlen)));
+        if (++count == kReadable) break;
+        got = fq_dequeue_next(-1, queue.path(), &trans, buffer, 78);
+    }
+    reading.result =
+        reading.commits ? fq_dequeue_commit(-1, &trans) : fq_dequeue_rollback(-1, &trans);
+}
+
+// What the next reader gets: what the last one had not taken, after some or all that it had. `all`
+// is said of a reading that has consumed what it was given.
+Seen outcome_of_reading(const Queue &queue, const Reading &reading) {
+    EXPECT_EQ(queue.put({"after"}), 0);
+    const std::string got = queue.drain(), all = joined(kAllItems, "after");
+    const std::string taken = reading.commits ? reading.items : "";
+    for (size_t at = 0; at <= taken.size(); ++at) {
+        const bool whole = at == 0 || at == taken.size() || taken[at] == ' ';
+        if (!whole || joined(taken.substr(0, at), got) != all) continue;
+        return at == taken.size() && at > 0 ? Seen::all : Seen::nothing;
+    }
+    ADD_FAILURE() << got;
+    return Seen::damage;
+}
+
+} // namespace
 
 TEST(Crash, a_reader_killed_before_any_call_repeats_at_most_its_transaction) {
     const Queue queue;
-    for (const State *state : {&kInUse, &kFileEnds, &kLogsEnd}) {
-        bool died = true;
-        bool committed = false;
-        for (int n = 1; died; ++n) {
-            SCOPED_TRACE(std::string(state->name) + ", call " + std::to_string(n));
-            prepare(queue, *state);
-            ASSERT_EQ(queue.put({"aaa", "bbb", "ccc"}), 0); // ends the file, when it is about to
-            ASSERT_EQ(queue.put({"next"}), 0);
-            died = dies_before_call(n, [&] {
-                fqtrans trans;
-                char buffer[100];
-                ASSERT_GT(fq_dequeue(-1, queue.path(), buffer, 78, &trans), 0);
-                for (int i = 1; i < 6; ++i)
-                    ASSERT_GT(fq_dequeue_next(-1, queue.path(), &trans, buffer, 78), 0);
-                ASSERT_EQ(fq_dequeue_commit(-1, &trans), 0);
-            });
-            EXPECT_EQ(queue.put({"after"}), 0);
-            const std::string got = queue.drain();
-            if (got == "after")
-                committed = true;
-            else
-                EXPECT_EQ(got, "old1 old2 aaa bbb ccc next after");
-            EXPECT_TRUE(died || committed);
-            EXPECT_EQ(got == "after", committed) << "a saved position is gone again";
-            if (HasFailure()) return;
-            ASSERT_LT(n, 200);
+    Faults faults;
+    for (const State *state : {&kInUse, &kFileEnds, &kLogsEnd})
+        for (const bool commits : {true, false}) {
+            bool died = true, was_saved = false;
+            for (int n = 1; died; ++n) {
+                SCOPED_TRACE(std::string(state->name) + ", call " + std::to_string(n));
+                prepare_to_read(queue, *state);
+                Reading reading{kAllItems, commits, 0};
+                died = dies_before_call(n, [&] { read_all(queue, reading); });
+                reading.items = kAllItems;
+                const Seen seen = outcome_of_reading(queue, reading);
+                // A saved position is not gone again.
+                faults.add(commits && (!died || was_saved), seen);
+                was_saved = seen == Seen::all;
+                if (HasFailure()) return;
+                ASSERT_LT(n, 300);
+            }
         }
-    }
+    faults.report("file-queue reader killed before each system call", kUndone);
 }
 
-TEST(FullDisk, a_write_that_fails_or_is_short_leaves_all_or_nothing) {
-    int failures = 0;
+TEST(FailingCalls, leave_all_or_nothing_of_a_write) {
+    Faults faults;
     for_all_writes([&](const Queue &queue, const State &state, const Write &write, First first) {
-        prepare(queue, state);
-        const int writes = counted_writes([&] { write.run(queue); });
-        ASSERT_GE(writes, 2);
-        for (const auto how : {FailingWrites::none_written, FailingWrites::half_written})
-            for (const auto span : {FailingWrites::once, FailingWrites::from_then_on})
-                for (int n = 1; n <= writes; ++n) {
-                    SCOPED_TRACE("write " + std::to_string(n) + " of " + std::to_string(writes));
-                    prepare(queue, state);
-                    const int open_before = descriptors();
-                    int result = 0;
-                    {
-                        const FailingWrites fails(n, how, span);
-                        result = write.run(queue);
-                    }
-                    EXPECT_EQ(descriptors(), open_before);
-                    const int seen = outcome(queue, state, write, first);
-                    EXPECT_TRUE(result < 0 || seen == 1) << "an acknowledged write is gone";
-                    ++failures;
-                }
+        int result = 0;
+        fail_everywhere(
+            queue, faults, [&] { prepare(queue, state); }, [&] { result = write.run(queue); },
+            [&](const std::string &) {
+                faults.add(result >= 0, outcome(queue, state, write, first));
+            });
     });
-    std::printf("%d failed writes\n", failures);
+    faults.report("each system call of a file-queue writer failing", kLost);
+    figure("descriptors or locks kept by a failing writer", "0", faults.kept);
 }
 
-TEST(FullDisk, a_reader_whose_position_cannot_be_saved_reads_its_items_again) {
-    for (const auto how : {FailingWrites::none_written, FailingWrites::half_written})
-        for (const State *state : {&kInUse, &kFileEnds, &kLogsEnd}) {
+TEST(FailingCalls, let_a_reader_repeat_its_transaction_at_most) {
+    const Queue queue;
+    Faults faults;
+    for (const State *state : {&kInUse, &kFileEnds, &kLogsEnd})
+        for (const bool commits : {true, false}) {
             SCOPED_TRACE(state->name);
-            const Queue queue;
-            prepare(queue, *state);
-            ASSERT_EQ(queue.put({"aaa", "bbb", "ccc"}), 0);
-            captured_stdout([&] { EXPECT_EQ(queue.take(), "old1"); });
-            fqtrans trans;
-            char buffer[100];
-            ASSERT_GT(fq_dequeue(-1, queue.path(), buffer, 78, &trans), 0);
-            ASSERT_GT(fq_dequeue_next(-1, queue.path(), &trans, buffer, 78), 0);
-            const std::string printed = captured_stdout([&] {
-                const FailingWrites fails(1, how, FailingWrites::once);
-                EXPECT_EQ(fq_dequeue_commit(-1, &trans), 0);
-            });
-            EXPECT_NE(printed.find("fq_dequeue_commit.fq_set_pos error \n"), std::string::npos);
-            EXPECT_EQ(queue.drain(), "old2 aaa bbb ccc");
+            Reading reading;
+            reading.commits = commits;
+            fail_everywhere(
+                queue, faults, [&] { prepare_to_read(queue, *state); },
+                [&] { read_all(queue, reading); },
+                [&](const std::string &printed) {
+                    // Kept: a position that was not saved is printed, and the result is 0.
+                    const bool saved =
+                        printed.find("fq_dequeue_commit.fq_set_pos error \n") == std::string::npos;
+                    faults.add(commits && reading.result == 0 && saved,
+                               outcome_of_reading(queue, reading));
+                });
         }
+    faults.report("each system call of a file-queue reader failing", kUndone);
+    figure("descriptors or locks kept by a failing reader", "0", faults.kept);
 }

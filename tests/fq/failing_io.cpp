@@ -1,38 +1,52 @@
 #include "tests/fq/failing_io.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
 
+using halvo::test::FailingCalls;
+
 namespace {
 
-struct Writes {
+struct Plan {
     bool counting = false;
     int seen = 0;
     int fail_at = 0; // 0: never
-    halvo::test::FailingWrites::How how{};
-    halvo::test::FailingWrites::Span span{};
-} writes;
+    int error = 0;
+    FailingCalls::Span span{};
+} plan;
 
 int calls_left = 0; // until this process dies; 0: never
 
-void count_call() {
+// Counts a call, whether it is one that fails, and dies when its time has come.
+bool is_to_fail() {
     if (calls_left > 0 && --calls_left == 0) raise(SIGKILL);
+    if (!plan.counting) return false;
+    ++plan.seen;
+    return plan.span == FailingCalls::once ? plan.seen == plan.fail_at
+                                           : plan.fail_at != 0 && plan.seen >= plan.fail_at;
 }
 
-// Bytes that this write may put down; less than all of them is a full disk.
-size_t admitted(size_t length) {
-    if (!writes.counting) return length;
-    ++writes.seen;
-    const bool fails = writes.span == halvo::test::FailingWrites::once
-                           ? writes.seen == writes.fail_at
-                           : writes.fail_at != 0 && writes.seen >= writes.fail_at;
-    if (!fails) return length;
-    return writes.how == halvo::test::FailingWrites::half_written ? length / 2 : 0;
+// For calls that do all or nothing.
+bool fails() {
+    if (!is_to_fail() || plan.error == FailingCalls::kShort) return false;
+    errno = plan.error;
+    return true;
+}
+
+// Reads or writes what a failure leaves of a length.
+template <class Transfer>
+ssize_t transfer(size_t length, Transfer some) {
+    if (!is_to_fail()) return some(length);
+    if (plan.error == FailingCalls::kShort && length > 1) return some(length / 2);
+    errno = plan.error == FailingCalls::kShort ? ENOSPC : plan.error;
+    return -1;
 }
 
 template <class Function>
@@ -40,42 +54,46 @@ Function *real(const char *name) {
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
-// Does the write, or what a full disk leaves of it.
-template <class Write>
-ssize_t write_what_fits(size_t length, Write write_some) {
-    count_call();
-    const size_t fits = admitted(length);
-    if (fits > 0 || length == 0) return write_some(fits);
-    errno = ENOSPC;
-    return -1;
-}
-
 } // namespace
 
-// The names carry the suffix of calls with 64-bit file offsets, which all of this is built with.
+// The headers give these names the suffix of calls with 64-bit file offsets and times, which all of
+// this is built with; dlsym wants it spelt out.
+#ifdef __i386__
+#define HALVO_TEST_STAT(name) "__" name "64_time64"
+#else
+#define HALVO_TEST_STAT(name) name "64"
+#endif
 #define HALVO_TEST_EXPORT __attribute__((visibility("default")))
 extern "C" {
 
 HALVO_TEST_EXPORT ssize_t write(int fd, const void *data, size_t length) {
     static const auto call = real<ssize_t(int, const void *, size_t)>("write");
-    return write_what_fits(length, [&](size_t fits) { return call(fd, data, fits); });
+    return transfer(length, [&](size_t some) { return call(fd, data, some); });
 }
 
 HALVO_TEST_EXPORT ssize_t pwrite(int fd, const void *data, size_t length, off_t at) {
     static const auto call = real<ssize_t(int, const void *, size_t, off_t)>("pwrite64");
-    return write_what_fits(length, [&](size_t fits) { return call(fd, data, fits, at); });
+    return transfer(length, [&](size_t some) { return call(fd, data, some, at); });
+}
+
+HALVO_TEST_EXPORT ssize_t pread(int fd, void *data, size_t length, off_t at) {
+    static const auto call = real<ssize_t(int, void *, size_t, off_t)>("pread64");
+    return transfer(length, [&](size_t some) { return call(fd, data, some, at); });
+}
+
+HALVO_TEST_EXPORT off_t lseek(int fd, off_t at, int from) noexcept {
+    static const auto call = real<off_t(int, off_t, int)>("lseek64");
+    return fails() ? -1 : call(fd, at, from);
 }
 
 HALVO_TEST_EXPORT int ftruncate(int fd, off_t length) noexcept {
     static const auto call = real<int(int, off_t)>("ftruncate64");
-    count_call();
-    return call(fd, length);
+    return fails() ? -1 : call(fd, length);
 }
 
 HALVO_TEST_EXPORT int unlink(const char *name) noexcept {
     static const auto call = real<int(const char *)>("unlink");
-    count_call();
-    return call(name);
+    return fails() ? -1 : call(name);
 }
 
 HALVO_TEST_EXPORT int open(const char *name, int flags, ...) {
@@ -84,23 +102,50 @@ HALVO_TEST_EXPORT int open(const char *name, int flags, ...) {
     va_start(rest, flags);
     const mode_t mode = flags & O_CREAT ? va_arg(rest, mode_t) : 0;
     va_end(rest);
-    count_call();
-    return call(name, flags, mode);
+    return fails() ? -1 : call(name, flags, mode);
+}
+
+HALVO_TEST_EXPORT int close(int fd) {
+    static const auto call = real<int(int)>("close");
+    const bool failed = fails();
+    const int error = errno;
+    const int result = call(fd);
+    if (failed) errno = error;
+    return failed ? -1 : result;
 }
 
 HALVO_TEST_EXPORT int lockf(int fd, int command, off_t length) {
     static const auto call = real<int(int, int, off_t)>("lockf64");
-    count_call();
-    return call(fd, command, length);
+    return fails() ? -1 : call(fd, command, length);
+}
+
+HALVO_TEST_EXPORT int fstat(int fd, struct stat *found) noexcept {
+    static const auto call = real<int(int, struct stat *)>(HALVO_TEST_STAT("fstat"));
+    return fails() ? -1 : call(fd, found);
+}
+
+HALVO_TEST_EXPORT int stat(const char *name, struct stat *found) noexcept {
+    static const auto call = real<int(const char *, struct stat *)>(HALVO_TEST_STAT("stat"));
+    return fails() ? -1 : call(name, found);
+}
+
+HALVO_TEST_EXPORT DIR *opendir(const char *name) {
+    static const auto call = real<DIR *(const char *)>("opendir");
+    return fails() ? nullptr : call(name);
+}
+
+HALVO_TEST_EXPORT dirent *readdir(DIR *directory) {
+    static const auto call = real<dirent *(DIR *)>("readdir64");
+    return fails() ? nullptr : call(directory);
 }
 
 } // extern "C"
 
 namespace halvo::test {
 
-FailingWrites::FailingWrites(int n, How how, Span span) { writes = {true, 0, n, how, span}; }
-FailingWrites::~FailingWrites() { writes = {}; }
-int FailingWrites::seen() const { return writes.seen; }
+FailingCalls::FailingCalls(int n, int error, Span span) { plan = {true, 0, n, error, span}; }
+FailingCalls::~FailingCalls() { plan = {}; }
+int FailingCalls::seen() const { return plan.seen; }
 
 void kill_before_call(int n) { calls_left = n; }
 

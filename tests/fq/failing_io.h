@@ -1,9 +1,9 @@
-// The system calls with which a queue changes its files, under a test's control. This test program
-// defines them itself, so that the library's calls come here first.
+// The system calls of a queue, under a test's control. This test program defines them itself, so
+// that the library's calls come here first.
 //
-//     const int calls = counted_writes([&] { queue.put({"one", "two"}); });
+//     const int calls = counted_calls([&] { queue.put({"one", "two"}); });
 //     for (int n = 1; n <= calls; ++n) {
-//         const FailingWrites fails(n, FailingWrites::none_written, FailingWrites::once);
+//         const FailingCalls fails(n, EIO, FailingCalls::once);
 //         queue.put({"one", "two"});
 //     }
 //     for (int n = 1; dies_before_call(n, [&] { queue.put({"one", "two"}); }); ++n) ...
@@ -16,22 +16,24 @@
 
 namespace halvo::test {
 
-// Lets the n-th write of the process from now on (counted from 1) fail on a full disk.
-class FailingWrites {
+// Lets the n-th call of the process from now on (counted from 1) fail with an error number. Nothing
+// is done then, but for a close, which closes. kShort instead of an error: reads and writes move
+// half of their bytes, everything else succeeds.
+class FailingCalls {
 public:
-    enum How { none_written, half_written };
+    static constexpr int kShort = 0;
     enum Span { once, from_then_on };
-    FailingWrites(int n, How how, Span span);
-    FailingWrites(const FailingWrites &) = delete;
-    FailingWrites &operator=(const FailingWrites &) = delete;
-    ~FailingWrites();
-    int seen() const; // writes so far
+    FailingCalls(int n, int error, Span span);
+    FailingCalls(const FailingCalls &) = delete;
+    FailingCalls &operator=(const FailingCalls &) = delete;
+    ~FailingCalls();
+    int seen() const; // calls so far
 };
 
-// Kills this process instead of its n-th call that opens, locks, changes or removes a file.
+// Kills this process instead of its n-th call.
 void kill_before_call(int n);
 
-// Runs f in a process that dies before its n-th such call. False when f got through to its end.
+// Runs f in a process that dies before its n-th call. False when f got through to its end.
 template <class F>
 bool dies_before_call(int n, F f) {
     Peer peer([&] {
@@ -46,8 +48,8 @@ bool dies_before_call(int n, F f) {
 }
 
 template <class F>
-int counted_writes(F f) {
-    const FailingWrites never(0, FailingWrites::none_written, FailingWrites::once);
+int counted_calls(F f) {
+    const FailingCalls never(0, FailingCalls::kShort, FailingCalls::once);
     f();
     return never.seen();
 }

@@ -109,10 +109,12 @@ public:
         if (truncate(file(which).c_str(), size) != 0) throw std::runtime_error("truncate");
     }
     std::string picture(int order) const { return picture_of(bytes(order)); }
-    // Removes all files: another queue for the price of one.
+    // Removes all files: another queue for the price of one. The lock files stay: their inodes are
+    // the keys of the process's table of mutexes.
     void clear() const {
         Directory files(directory_.c_str());
-        while (const char *name = files.next()) ::unlink((directory_ + "/" + name).c_str());
+        while (const char *name = files.next())
+            if (!std::strstr(name, "lk")) ::unlink((directory_ + "/" + name).c_str());
     }
     // The last record of a position file, without label: "000000003 004998211".
     std::string position(const std::string &suffix) const {
