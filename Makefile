@@ -20,7 +20,8 @@ demo: setup ## builds the 32-bit product and passes real messages through it
 test: build ## builds and passes all tests
 	tools/test.sh $(PRESETS)
 
-stress: setup ## passes the long form of the stress tests and prints every figure
+stress: setup ## passes the long form of the stress tests, feeds hostile input, prints every figure
+	tools/setup.sh fuzz
 	tools/build.sh i386
 	tools/stress.sh i386
 

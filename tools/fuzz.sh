@@ -4,7 +4,7 @@
 #
 #     tools/fuzz.sh [TARGET...]        segment file_queue options config
 #
-# Prints one line for each target: runs, edges covered, findings. A finding is kept, with the
+# Prints two figures for each target: runs and edges covered, and findings. A finding is kept, with the
 # fuzzer's report, in build/fuzz/findings; status 1 when there is one. Put the input into
 # tests/fuzz/corpus/TARGET, which the tests replay. What the fuzzers learn stays in build/fuzz.
 set -uo pipefail
@@ -40,7 +40,8 @@ for target in "$@"; do
     [ $ended -eq 0 ] || [ $findings -gt 0 ] || findings=1 # it died without an input to show
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$report")
     edges=$(sed -n 's/.* cov: \([0-9]*\) .*/\1/p' "$report" | tail -n 1)
-    echo "fuzz $target: ${runs:-0} runs, ${edges:-0} edges covered, $findings findings"
+    echo "figure | hostile input, $target: runs / edges covered | - | ${runs:-0} / ${edges:-0}"
+    echo "figure | hostile input, $target: findings | 0 | $findings"
     [ "$findings" -eq 0 ] || status=1
 done
 exit $status
