@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "core/blocking.h"
+#include "core/end.h"
 #include "frx/guarded.h"
 
 using namespace halvo;
@@ -23,9 +24,9 @@ int32_t read_one(FrxChannel *handle, void *slot, int timeout, Operation operatio
     if (last.fault != ESMS_OK) return last.fault;
     if (last.result != ESMS_OK) return ESMS_FAILED; // the core's code is not passed on
     finish_transfer(kReader, end.q, handle->channel);
-    uint32_t length = 0;
-    std::memcpy(&length, static_cast<char *>(slot) + offsetof(qmsg, len), sizeof length);
-    return static_cast<int32_t>(length);
+    qmsg header; // the caller's slot may lie anywhere
+    std::memcpy(&header, slot, sizeof header);
+    return static_cast<int32_t>(body_length(slot_size(end.q), &header));
 }
 
 // The three writers: the operation's result, after waiting for room. `message` goes before the

@@ -51,9 +51,10 @@ jint copy_out(JNIEnv *env, const ArrayRange &range, const void *from, uint32_t s
 jint deliver(JNIEnv *env, const ArrayRange &range, const halvo_channel *q, const SlotImage &image,
              bool raw) noexcept {
     const qmsg *slot = image.get();
-    const jint n = raw ? copy_out(env, range, slot, slot_size(q))
-                       : copy_out(env, range, body(slot), body_length(slot_size(q), slot));
-    return n < 1 ? ESMS_INVAL : static_cast<jint>(slot->len);
+    const uint32_t length = body_length(slot_size(q), slot);
+    const jint n =
+        raw ? copy_out(env, range, slot, slot_size(q)) : copy_out(env, range, body(slot), length);
+    return n < 1 ? ESMS_INVAL : static_cast<jint>(length);
 }
 
 halvo_counter *counter_at(halvo_counter *table, jint index) noexcept {

@@ -12,6 +12,20 @@ TEST_F(FrxOperations, write_and_read_give_the_length_and_the_whole_slot) {
     EXPECT_EQ(slot.header().type, 77);
 }
 
+TEST_F(FrxOperations, never_give_a_length_that_a_slot_cannot_hold) {
+    const auto room = static_cast<int>(q->qbsz - offsetof(qmsg, data));
+    for (const uint32_t claimed : {q->qbsz, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+        Slot slot(q);
+        fill(2);
+        halvo::slot_at(q, q->rpos)->len = claimed; // by a process gone wild
+        EXPECT_EQ(frx_read(&reader, slot.data(), 0), room);
+        halvo::slot_at(q, q->rpos)->len = claimed;
+        EXPECT_EQ(frx_readBuf(&reader, slot.data(), 0, 1), room);
+        EXPECT_EQ(frx_readBuf(&reader, slot.data(), -1, 1), room) << "of the held message";
+        q_read_buf_clear(q, 1);
+    }
+}
+
 TEST_F(FrxOperations, refuse_null_and_report_what_the_ring_refuses) {
     EXPECT_EQ(frx_read(&reader, nullptr, 0), ESMS_INVAL);
     EXPECT_EQ(frx_readBuf(&reader, nullptr, 0, 0), ESMS_INVAL);

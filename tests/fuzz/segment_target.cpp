@@ -230,6 +230,13 @@ void open_and_recover(Input &input, int channel) {
     if (input.below(2)) q_close(channel, mode);
 }
 
+// A program takes as many bytes of its slot as it is told.
+void use_length(int length, const Memory &slot, uint32_t slot_size) {
+    if (length <= 0) return;
+    const Memory copy = exactly(slot_size);
+    std::memcpy(copy.get(), slot.get() + offsetof(qmsg, data), static_cast<size_t>(length));
+}
+
 // The guarded interface; a wait is interrupted at once.
 void guarded_operation(Input &input, int channel) {
     static FrxChannel handles[2];
@@ -265,10 +272,10 @@ void guarded_operation(Input &input, int channel) {
         frx_writeBufRollback(handle, n);
         break;
     case 6:
-        frx_read(handle, slot.get(), n);
+        use_length(frx_read(handle, slot.get(), n), slot, slot_size);
         break;
     case 7:
-        frx_readBuf(handle, slot.get(), n, n & 7);
+        use_length(frx_readBuf(handle, slot.get(), n, n & 7), slot, slot_size);
         break;
     case 8:
         frx_readMark(handle, n, n);
