@@ -99,9 +99,9 @@ public:
     }
 
     // Asks for the cache lines of the slot that will be written in a while, for so many bytes: the
-    // other side had them last. What is beyond the first kilobyte the processor foresees itself.
+    // other side had them last.
     void prepare(uint32_t offset, uint32_t bytes) const noexcept {
-        constexpr uint32_t kSlotsAhead = 4, kLine = 64, kMost = 1024;
+        constexpr uint32_t kSlotsAhead = 4, kLine = 64, kMost = 4096;
         offset += kSlotsAhead * at().size;
         if (offset >= at().end) return;
         const char *line = reinterpret_cast<const char *>(slot(offset));

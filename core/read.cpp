@@ -25,9 +25,9 @@ namespace {
     if (load_state(slot) != HALVO_SLOT_READABLE) return ESMS_EMPTY;
     copy_slot(size, slot, buffer);
     if (held) {
-        std::memcpy(reinterpret_cast<char *>(held) + sizeof held->state,
-                    static_cast<const char *>(buffer) + sizeof held->state,
-                    size - sizeof held->state);
+        constexpr auto kState = static_cast<uint32_t>(sizeof held->state);
+        copy_bytes(reinterpret_cast<char *>(held) + kState,
+                   static_cast<const char *>(buffer) + kState, size - kState);
         publish_state(held, HALVO_SLOT_READABLE);
     }
     consume(q, end, offset, 0);

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "core/copy.h"
 #include "halvo/segment.h"
 
 namespace halvo {
@@ -115,8 +116,8 @@ inline void copy_slot(uint32_t size, const qmsg *slot, void *buffer) noexcept {
     const int32_t state = load_state(slot);
     char *to = static_cast<char *>(buffer);
     std::memcpy(to, &state, sizeof state);
-    std::memcpy(to + sizeof state, reinterpret_cast<const char *>(slot) + sizeof state,
-                size - sizeof state);
+    copy_bytes(to + sizeof state, reinterpret_cast<const char *>(slot) + sizeof state,
+               size - static_cast<uint32_t>(sizeof state));
 }
 
 // Bytes of a slot image's body that may be copied out: never more than the slot holds, whatever

@@ -11,7 +11,7 @@ namespace {
 void fill(qmsg *slot, int type, const void *data, uint32_t length) {
     slot->len = length;
     slot->type = static_cast<uint16_t>(type);
-    std::memcpy(body(slot), data, length);
+    copy_bytes(body(slot), data, length);
 }
 
 // Makes the slot at the write position readable: counters, then the state, then the position.
