@@ -21,7 +21,7 @@ TEST_F(Buffers, a_read_buffer_gives_its_message_again_until_it_is_cleared) {
     write(q, "second");
     EXPECT_EQ(read_buf(4), "first");
     EXPECT_EQ(read_buf(4), "first");
-    EXPECT_EQ(q->gcnt.count, 1u) << "one ring slot is consumed";
+    EXPECT_EQ(+q->gcnt.count, 1u) << "one ring slot is consumed";
     EXPECT_EQ(read_buf(0), "second");
     EXPECT_EQ(read_buf(1), "[-3]");
     EXPECT_EQ(q_read_buf_clear(q, 4), ESMS_OK);

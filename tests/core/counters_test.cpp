@@ -39,8 +39,8 @@ TEST_F(Counters, count_in_total_and_per_type) {
         write(q, "m", type);
         read(q);
     }
-    EXPECT_EQ(q->pcnt.count, 5u);
-    EXPECT_EQ(q->tcnt[0].count, 5u);
+    EXPECT_EQ(+q->pcnt.count, 5u);
+    EXPECT_EQ(+q->tcnt[0].count, 5u);
     EXPECT_EQ(q_pcount_per_type(q, 5), 1);
     EXPECT_EQ(q_pcount_per_type(q, 4095), 1);
     EXPECT_EQ(q_pcount_per_type(q, 4096), 0);
@@ -48,9 +48,9 @@ TEST_F(Counters, count_in_total_and_per_type) {
     qmsg slot{};
     slot.type = 5;
     q_pcount_up(q, &slot, 1);
-    EXPECT_EQ(q->pcnt.ecount, 1u);
-    EXPECT_EQ(q->tcnt[0].ecount, 1u);
-    EXPECT_EQ(q->tcnt[5].ecount, 1u);
+    EXPECT_EQ(+q->pcnt.ecount, 1u);
+    EXPECT_EQ(+q->tcnt[0].ecount, 1u);
+    EXPECT_EQ(+q->tcnt[5].ecount, 1u);
     EXPECT_EQ(q->lastin, static_cast<int32_t>(q_gettime()));
     q->fpcnt.count = 10;
     q->fgcnt.count = 3;

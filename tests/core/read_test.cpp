@@ -40,7 +40,7 @@ TEST_F(Read, gives_the_whole_slot_and_frees_it) {
     EXPECT_EQ(taken.header().type, 7);
     EXPECT_EQ(taken.body(), "hello");
     EXPECT_EQ(picture(q), "_><____");
-    EXPECT_EQ(q->gcnt.count, 1u);
+    EXPECT_EQ(+q->gcnt.count, 1u);
 }
 
 TEST_F(Read, marks_up_to_n_and_looks_at_them_in_order) {
@@ -84,7 +84,7 @@ TEST_F(Read, commits_release_marked_slots_from_the_front) {
     q_read_mark(q, 0);
     EXPECT_EQ(q_read_commit(q, -1, 0), 1) << "a negative number releases one";
     EXPECT_EQ(q_read_commit(q, 0, 0), 4);
-    EXPECT_EQ(q->gcnt.count, 9u);
+    EXPECT_EQ(+q->gcnt.count, 9u);
 }
 
 TEST_F(Read, a_commit_of_a_full_ring_stops_where_it_began) {
@@ -98,11 +98,11 @@ TEST_F(Read, commits_add_the_error_flag_per_message) {
     fill(4);
     q_read_mark(q, 0);
     q_read_commit(q, 2, 3);
-    EXPECT_EQ(q->gcnt.ecount, 6u);
+    EXPECT_EQ(+q->gcnt.ecount, 6u);
     EXPECT_EQ(q->errtime, static_cast<int32_t>(q_gettime()));
     q->errtime = 0;
     q_read_commit(q, 1, -1);
-    EXPECT_EQ(q->gcnt.ecount, 5u) << "a negative error lowers the count";
+    EXPECT_EQ(+q->gcnt.ecount, 5u) << "a negative error lowers the count";
     EXPECT_EQ(q->errtime, 0);
 }
 
@@ -110,7 +110,7 @@ TEST_F(Read, a_commit_with_an_error_code_counts_no_error) {
     fill(2);
     q_read_mark(q, 0);
     EXPECT_EQ(q_read_commit_with_error(q, 1, "99"), 1);
-    EXPECT_EQ(q->gcnt.ecount, 0u);
+    EXPECT_EQ(+q->gcnt.ecount, 0u);
     EXPECT_EQ(q->lasterr[0], '\0');
     EXPECT_EQ(q_read_commit_with_error(q, 1, nullptr), ESMS_INVAL);
     EXPECT_EQ(q_read_markedcount(q), 1) << "nothing released";

@@ -40,37 +40,37 @@ TEST_F(Statistics, a_transaction_counts_its_items_and_errors_at_the_commit) {
     queue.begin(trans, {"one", "two", "three"}, 0);
     EXPECT_EQ(q->fwtime, now);
     EXPECT_EQ(q->pidpf, getpid());
-    EXPECT_EQ(q->fpcnt.count, 0u);
+    EXPECT_EQ(+q->fpcnt.count, 0u);
     EXPECT_EQ(q->lastin, 0);
     trans.errcnt = 2;
     EXPECT_EQ(fq_enqueue_commit(0, &trans), 0);
-    EXPECT_EQ(q->fpcnt.count, 3u);
-    EXPECT_EQ(q->fpcnt.ecount, 2u);
+    EXPECT_EQ(+q->fpcnt.count, 3u);
+    EXPECT_EQ(+q->fpcnt.ecount, 2u);
     EXPECT_EQ(q->lastin, now);
-    EXPECT_EQ(q->tcnt[0].count, 0u);
-    EXPECT_EQ(q->pcnt.count, 0u);
+    EXPECT_EQ(+q->tcnt[0].count, 0u);
+    EXPECT_EQ(+q->pcnt.count, 0u);
 }
 
 TEST_F(Statistics, a_rollback_counts_nothing) {
     fqtrans trans;
     queue.begin(trans, {"one"}, 0);
     EXPECT_EQ(fq_enqueue_rollback(0, &trans), 0);
-    EXPECT_EQ(q->fpcnt.count, 0u);
+    EXPECT_EQ(+q->fpcnt.count, 0u);
 }
 
 TEST_F(Statistics, a_single_shot_counts_its_type_alone) {
     EXPECT_EQ(away(5, 1), 0);
     EXPECT_EQ(away(5, 0), 0);
-    EXPECT_EQ(q->fpcnt.count, 2u);
-    EXPECT_EQ(q->fpcnt.ecount, 0u);
-    EXPECT_EQ(q->tcnt[5].count, 2u);
-    EXPECT_EQ(q->tcnt[5].ecount, 1u);
-    EXPECT_EQ(q->tcnt[0].count, 0u) << "not counted for every message";
+    EXPECT_EQ(+q->fpcnt.count, 2u);
+    EXPECT_EQ(+q->fpcnt.ecount, 0u);
+    EXPECT_EQ(+q->tcnt[5].count, 2u);
+    EXPECT_EQ(+q->tcnt[5].ecount, 1u);
+    EXPECT_EQ(+q->tcnt[0].count, 0u) << "not counted for every message";
     EXPECT_EQ(away(0, 1), 0);
-    EXPECT_EQ(q->tcnt[0].count, 1u);
+    EXPECT_EQ(+q->tcnt[0].count, 1u);
     EXPECT_EQ(q->lastin, now);
     for (const int type : {-1, 4096, 65535}) EXPECT_EQ(away(type, 0), 0);
-    EXPECT_EQ(q->fpcnt.count, 6u);
+    EXPECT_EQ(+q->fpcnt.count, 6u);
     EXPECT_EQ(q->gclients[0].pid, 0) << "what lies behind the counts";
 }
 
@@ -83,13 +83,13 @@ TEST_F(Statistics, a_read_commit_counts_its_errors_in_gcnt) {
     EXPECT_EQ(q->frtime, now);
     EXPECT_EQ(q->pidgf, getpid());
     ASSERT_GT(fq_dequeue_next(0, queue.path(), &trans, buffer, 78), 0);
-    EXPECT_EQ(q->fgcnt.count, 0u);
+    EXPECT_EQ(+q->fgcnt.count, 0u);
     trans.errcnt = 3;
     EXPECT_EQ(fq_dequeue_commit(0, &trans), 0);
-    EXPECT_EQ(q->fgcnt.count, 2u);
-    EXPECT_EQ(q->fgcnt.ecount, 0u);
-    EXPECT_EQ(q->gcnt.ecount, 3u);
-    EXPECT_EQ(q->gcnt.count, 0u);
+    EXPECT_EQ(+q->fgcnt.count, 2u);
+    EXPECT_EQ(+q->fgcnt.ecount, 0u);
+    EXPECT_EQ(+q->gcnt.ecount, 3u);
+    EXPECT_EQ(+q->gcnt.count, 0u);
     EXPECT_EQ(q->lastout, now);
 }
 

@@ -95,18 +95,18 @@ TEST_F(Documents, xml_counts_from_the_snapshot_and_json_from_the_start) {
 TEST_F(Documents, a_third_type_reports_the_file_queue_but_is_measured_on_the_ring) {
     provide_baseline();
     EXPECT_EQ(element(2, "done"), "2");
-    EXPECT_EQ(lastcheck[2].count, 60u);
-    EXPECT_EQ(lastcheck[1].count, 7500u);
+    EXPECT_EQ(+lastcheck[2].count, 60u);
+    EXPECT_EQ(+lastcheck[1].count, 7500u);
 }
 
 TEST_F(Documents, both_move_the_baseline_even_of_channels_that_they_skip) {
     provide_baseline();
     xml('x');
-    EXPECT_EQ(lastcheck[2].count, 60u);
+    EXPECT_EQ(+lastcheck[2].count, 60u);
     EXPECT_EQ(lastcheck[2].tstart, q_day_millis());
     lastcheck[2].count = 0;
     json();
-    EXPECT_EQ(lastcheck[2].count, 60u);
+    EXPECT_EQ(+lastcheck[2].count, 60u);
     EXPECT_EQ(prt_itvl, q_day_millis());
 }
 

@@ -1,4 +1,7 @@
 // Short words for tests of a channel's ring.
+//
+// The 64-bit counters of the records lie on addresses of four bytes, where no reference may be bound
+// to them: compare copies, EXPECT_EQ(+q->pcnt.count, 5u).
 #pragma once
 
 #include <gtest/gtest.h>
