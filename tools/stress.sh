@@ -1,8 +1,9 @@
 #!/bin/bash
 # Runs the long form of all stress tests of a built preset, looks at the machine code of the ring
 # operations and feeds hostile input, and tells every figure that they measure:
-#     tools/stress.sh i386 [NAME ...]     NAME: programs of bin/stress, "machine_code", "fuzz"; all
-#                                         when none is given
+#     tools/stress.sh i386 [NAME ...]     NAME: a program of bin/stress, or one of its suites or
+#                                         tests (step_kill_test.TwoDeaths), "machine_code", "fuzz";
+#                                         all when none is given
 # Each test is named when it begins; its figures follow when it has ended. At the end all figures
 # stand in one table: what, what is asked for, what was measured, and PASS or FAIL where something
 # is asked for. Whole outputs and the table (summary.txt) go to build/PRESET/stress.
@@ -26,14 +27,15 @@ fi
 # What is to be run: "name command...", one a line. Each test has a process of its own, because a
 # process attaches once.
 tests_of() {
-    local program=$build/bin/stress/$1 test
+    local program=$build/bin/stress/${1%%.*} test
     case $1 in
     machine_code) echo "machine_code tools/check_order.sh $build/lib/libhalvoipc.so" ;;
     fuzz) for test in segment file_queue options config; do echo "fuzz.$test tools/fuzz.sh $test"; done ;;
     *)
         "$program" --gtest_list_tests |
-            awk -v p="$program" -v name="$1" '/^[^ ].*\.$/ { suite = $1 }
-                /^ / { test = suite $1; print name "." test, p, "--gtest_filter=" test }'
+            awk -v p="$program" -v name="${1%%.*}" -v wanted="$1" '/^[^ ].*\.$/ { suite = $1 }
+                /^ / && index(name "." suite $1 ".", wanted ".") == 1 {
+                    print name "." suite $1, p, "--gtest_filter=" suite $1 }'
         ;;
     esac
 }
