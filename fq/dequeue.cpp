@@ -73,8 +73,7 @@ int fq_dequeue_commit(int chnnl, fqtrans *trans) noexcept {
         std::puts("fq_dequeue_commit on no data.");
         return -1;
     }
-    const Saved saved = save_position(trans->posfd, trans->nextpos,
-                                      [] { std::puts("fq_dequeue_commit.unlink error "); });
+    const Saved saved = save_position(trans, [] { std::puts("fq_dequeue_commit.unlink error "); });
     // Kept: a position that was not saved is not reported, and the commit goes on.
     if (saved.result < 0) std::puts("fq_dequeue_commit.fq_set_pos error ");
     delete_finished_file(trans);

@@ -123,9 +123,11 @@ constexpr bool fits_field(int64_t number) { return number >= 0 && number <= kNum
 
 // Writes nine characters and a NUL behind them. The number must fit (-99999999 .. 999999999).
 inline void put_number(char *field, int32_t number) {
-    char text[12];
-    std::snprintf(text, sizeof text, "%09d", static_cast<int>(number));
-    std::memcpy(field, text, kNumberWidth);
+    const bool negative = number < 0;
+    auto rest = static_cast<uint32_t>(negative ? -number : number);
+    for (int i = kNumberWidth - 1; i >= 0; --i, rest /= 10)
+        field[i] = static_cast<char>('0' + rest % 10);
+    if (negative) field[0] = '-';
     field[kNumberWidth] = '\0';
 }
 inline void put_order(char *record, int32_t order) { put_number(record + kOrderAt, order); }
@@ -143,7 +145,9 @@ struct FileName {
 };
 inline FileName side_file(const char *path, const char *suffix) {
     FileName name;
-    std::snprintf(name.text, sizeof name.text, "%s%s", path, suffix);
+    const size_t length = strnlen(path, FQ_PATH_MAX);
+    std::memcpy(name.text, path, length);
+    std::strcpy(name.text + length, suffix);
     return name;
 }
 inline FileName data_file(const char *path, int32_t order) {

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "fq/files.h"
+#include "fq/open_files.h"
 #include "fq/position.h"
 
 using namespace halvo;
@@ -29,7 +29,8 @@ constexpr Look again() { return {true, 0}; }
 class ItemReader {
 public:
     ItemReader(const char *path, fqtrans *trans, void *buf, unsigned cap)
-        : path_(path), trans_(trans), buf_(static_cast<char *>(buf)), cap_(cap) {}
+        : path_(path), trans_(trans), buf_(static_cast<char *>(buf)), cap_(cap),
+          side_(running_side(trans->lockfd, path)) {}
 
     int read() {
         for (;;) {
@@ -44,10 +45,8 @@ private:
         std::memset(buf_ + offsetof(ItemHeader, length), 0, sizeof(ItemHeader::length));
         if (!checked_position(path_, trans_->curpos, at_, "fq_read_item.lseek error "))
             return answer(-1);
-        name_ = data_file(path_, at_.order);
-        file_ = open_queue_file(name_, O_RDONLY);
-        if (!file_) return errno == ENOENT && skips_missing_file() ? next_file() : answer(0);
-        ssize_t got = pread(file_.get(), &header_, kHeaderSize, at_.offset);
+        if (!open_data()) return errno == ENOENT && skips_missing_file() ? next_file() : answer(0);
+        const ssize_t got = read_header();
         if (got != kHeaderSize) {
             const int fault = seek_fault();
             if (fault < 0) return answer(fault);
@@ -58,9 +57,45 @@ private:
         return header_found();
     }
 
+    bool open_data() {
+        if (side_ && side_->has_data(at_.order)) {
+            fd_ = side_->data.file.get();
+            return true;
+        }
+        DataFile &data = side_ ? side_->data : own_;
+        if (!data.open(path_, at_.order, O_RDONLY)) return false;
+        fd_ = data.file.get();
+        if (side_) {
+            side_->data_seen = true;
+            side_->ahead.forget();
+        }
+        return true;
+    }
+
+    // As pread; header_ is filled then. What a piece read ahead holds is current only for items that
+    // do not change any more.
+    ssize_t read_header() {
+        if (!side_) return pread(fd_, &header_, kHeaderSize, at_.offset);
+        ReadAhead &ahead = side_->ahead;
+        if (!ahead.holds_readable_item(at_.offset)) {
+            const ssize_t got = ahead.load(fd_, at_.offset);
+            if (got < ssize_t{kHeaderSize}) return got;
+        }
+        std::memcpy(&header_, ahead.at(at_.offset), kHeaderSize);
+        return kHeaderSize;
+    }
+
+    // The data and the trailer, as pread.
+    ssize_t read_body(size_t size) {
+        const int64_t at = int64_t{at_.offset} + kHeaderSize;
+        if (!side_ || side_->ahead.held(at) < size) return pread(fd_, data(), size, at);
+        std::memcpy(data(), side_->ahead.at(at), size);
+        return static_cast<ssize_t>(size);
+    }
+
     // The queue's own seeks fail for what is no file one can go about in (a pipe, a device).
     int seek_fault() const {
-        const off_t landed = lseek(file_.get(), at_.offset, SEEK_SET);
+        const off_t landed = lseek(fd_, at_.offset, SEEK_SET);
         if (landed == at_.offset) return 0;
         std::puts(landed < 0 ? "fq_read_item.lseek error " : "fq_read_item.lseek(2) error ");
         return -1;
@@ -75,7 +110,7 @@ private:
     // there. Looks twice: the writer may have made both in between.
     bool skips_missing_file() {
         struct stat found {};
-        return writer_has_gone_on() && stat(name_.text, &found) != 0 && errno == ENOENT;
+        return writer_has_gone_on() && stat(name().text, &found) != 0 && errno == ENOENT;
     }
 
     // The writer could not write the end item, on a full disk for instance, but has gone on to the
@@ -83,7 +118,7 @@ private:
     bool skips_file_without_end(ssize_t got) {
         if (got < 0 || at_.offset <= kFileLimit || !writer_has_gone_on()) return false;
         struct stat file {};
-        return fstat(file_.get(), &file) == 0 && file.st_size < at_.offset + off_t{kHeaderSize};
+        return fstat(fd_, &file) == 0 && file.st_size < at_.offset + off_t{kHeaderSize};
     }
 
     Look next_file() {
@@ -99,13 +134,13 @@ private:
         if (!header_.has_magic()) {
             std::printf(" WARNING...( QITM header not match. maybe retransaction )  in file %s "
                         "offset=%ld\n",
-                        name_.text, static_cast<long>(at_.offset));
+                        name().text, static_cast<long>(at_.offset));
             return answer(0);
         }
         if (header_.length > cap_ || header_.length > FQ_ITEM_MAX) {
             std::printf(" WARNING...buffer(%d bytes) is insufficient for data(%d bytes) in %s "
                         "offset=%ld\n",
-                        static_cast<int>(cap_), static_cast<int>(header_.length), name_.text,
+                        static_cast<int>(cap_), static_cast<int>(header_.length), name().text,
                         static_cast<long>(at_.offset));
             return answer(kTooLarge);
         }
@@ -114,7 +149,7 @@ private:
 
     Look read_data() {
         const size_t wanted = size_t{header_.length} + kTrailerSize;
-        const ssize_t got = pread(file_.get(), data(), wanted, int64_t{at_.offset} + kHeaderSize);
+        const ssize_t got = read_body(wanted);
         if (got < 0 || static_cast<size_t>(got) < wanted) return answer(incomplete());
         if (std::memcmp(data() + header_.length, kTrailer, kTrailerSize) != 0)
             return resynchronise();
@@ -142,7 +177,7 @@ private:
             const char *trailer = data() + header_.length;
             std::printf("복구불능오류.!!..( QBroken check(end) bit is false )  in file %s "
                         "xoffset=%ld ,%ld %2.2s\n",
-                        name_.text, static_cast<long>(at_.offset),
+                        name().text, static_cast<long>(at_.offset),
                         static_cast<long>(header_.length), trailer);
             return answer(-1);
         }
@@ -152,15 +187,17 @@ private:
         return again();
     }
 
+    FileName name() const { return data_file(path_, at_.order); }
     char *data() const { return buf_ + kHeaderSize; }
 
     const char *path_;
     fqtrans *trans_;
     char *buf_;
     unsigned cap_;
+    OpenSide *side_; // null for a record without one
+    DataFile own_;   // the data file then
+    int fd_ = -1;    // the data file
     Position at_;
-    FileName name_;
-    Descriptor file_;
     ItemHeader header_;
 };
 

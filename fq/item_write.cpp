@@ -8,7 +8,7 @@
 #include <ctime>
 #include <memory>
 
-#include "fq/files.h"
+#include "fq/open_files.h"
 #include "fq/position.h"
 
 using namespace halvo;
@@ -30,15 +30,12 @@ ItemHeader make_header(char state, uint32_t length) {
     return header;
 }
 
-// The whole item in one piece, so that a single write puts it on disk. Null without memory.
-Bytes make_item(char state, const void *data, uint32_t length) {
-    Bytes item(static_cast<char *>(std::malloc(size_t{length} + FQ_ITEM_EXTRA)));
-    if (!item) return item;
+// The whole item in one piece, so that a single write puts it on disk.
+void build_item(char *item, char state, const void *data, uint32_t length) {
     const ItemHeader header = make_header(state, length);
-    std::memcpy(item.get(), &header, kHeaderSize);
-    std::memcpy(item.get() + kHeaderSize, data, length);
-    std::memcpy(item.get() + kHeaderSize + length, kTrailer, kTrailerSize);
-    return item;
+    std::memcpy(item, &header, kHeaderSize);
+    std::memcpy(item + kHeaderSize, data, length);
+    std::memcpy(item + kHeaderSize + length, kTrailer, kTrailerSize);
 }
 
 ssize_t write_end_item(int fd, int64_t at) {
@@ -51,56 +48,78 @@ ssize_t write_end_item(int fd, int64_t at) {
 
 // What the base writer did.
 struct Written {
-    int result = -1; // bytes written, or the failure
-    Descriptor file; // still open after success
-    Position at;     // of curpos
-    int64_t end = 0; // file offset behind the item
+    int result = -1;          // bytes written, or the failure
+    OpenSide *side = nullptr; // of the transaction; its data file stays open
+    DataFile own;             // the data file of a record without a side
+    int fd = -1;              // the data file, still open after success
+    Position at;              // of curpos
+    int64_t end = 0;          // file offset behind the item
 };
 
-Written write_item(const char *path, fqtrans *trans, const void *data, unsigned len, char state,
-                   int open_flags) {
-    Written item;
+// Opens the data file of the item, if the transaction has not done so before.
+bool open_data(const char *path, const fqtrans *trans, int flags, Written &item) {
+    const bool append = flags & O_APPEND; // a descriptor of its own
+    item.side = append ? nullptr : running_side(trans->lockfd, path);
+    DataFile &data = item.side ? item.side->data : item.own;
+    if (!(item.side && item.side->has_data(item.at.order))) {
+        if (!data.open(path, item.at.order, flags)) {
+            std::printf("fq_write_item.open error %s\n", data_file(path, item.at.order).text);
+            return false;
+        }
+        if (item.side) item.side->data_seen = true;
+    }
+    item.fd = data.file.get();
+    return true;
+}
+
+// Where an uncommitted item is built to be kept for the commit; null when it is not kept.
+char *kept_place(const Written &item, const fqtrans *trans, char state, size_t size) {
+    if (!item.side || state != kWritten) return nullptr;
+    Batch &batch = item.side->batch;
+    if (trans->count == 0) batch.begin(item.at.order, item.at.offset);
+    return batch.room(item.at.order, item.at.offset, size);
+}
+
+void write_item(const char *path, fqtrans *trans, const void *data, unsigned len, char state,
+                int flags, Written &item) {
     if (!usable_path(path) || !trans || !data || len == 0 || len > FQ_ITEM_MAX) {
         item.result = ESMS_INVAL;
-        return item;
+        return;
     }
-    if (!checked_position(path, trans->curpos, item.at, "fq_write.lseek error ")) return item;
-    const bool append = open_flags & O_APPEND;
-    const int64_t size = int64_t{len} + FQ_ITEM_EXTRA;
-    item.end = item.at.offset + size;
+    if (!checked_position(path, trans->curpos, item.at, "fq_write.lseek error ")) return;
+    const bool append = flags & O_APPEND;
+    const size_t size = size_t{len} + FQ_ITEM_EXTRA;
+    item.end = item.at.offset + static_cast<int64_t>(size);
     if (!append && !fits_field(item.end)) {
         std::printf("fq_write_item: file queue %s cannot take %u bytes at offset %d\n", path, len,
                     static_cast<int>(item.at.offset));
-        return item;
+        return;
     }
-    const FileName name = data_file(path, item.at.order);
-    const Bytes bytes = make_item(state, data, len);
+    if (!open_data(path, trans, O_WRONLY | O_CREAT | flags, item)) return;
+    char *const kept = kept_place(item, trans, state, size);
+    const Bytes own(kept ? nullptr : static_cast<char *>(std::malloc(size)));
+    char *const bytes = kept ? kept : own.get();
     if (!bytes) {
         std::printf("fq_write_item: no memory for %u bytes\n", len);
-        return item;
+        return;
     }
-    item.file = open_queue_file(name, O_WRONLY | O_CREAT | open_flags);
-    if (!item.file) {
-        std::printf("fq_write_item.open error %s\n", name.text);
-        return item;
-    }
-    const int fd = item.file.get();
+    build_item(bytes, state, data, len);
     const ssize_t written =
-        append ? write(fd, bytes.get(), static_cast<size_t>(size))
-               : pwrite(fd, bytes.get(), static_cast<size_t>(size), item.at.offset);
-    if (written != size) {
-        if (!append && written < 0 && seek_fails(fd, item.at.offset))
+        append ? write(item.fd, bytes, size) : pwrite(item.fd, bytes, size, item.at.offset);
+    if (written != static_cast<ssize_t>(size)) {
+        if (!append && written < 0 && seek_fails(item.fd, item.at.offset))
             std::puts("fq_write.lseek error ");
         else
-            std::printf("fq_write_item.write error %s %ld != %ld\n", name.text,
-                        static_cast<long>(size), static_cast<long>(written));
-        return item;
+            std::printf("fq_write_item.write error %s %ld != %ld\n",
+                        data_file(path, item.at.order).text, static_cast<long>(size),
+                        static_cast<long>(written));
+        return;
     }
-    if (append) item.end = lseek(fd, 0, SEEK_CUR);
+    if (kept) item.side->batch.add(size);
+    if (append) item.end = lseek(item.fd, 0, SEEK_CUR);
     trans->itemlen = static_cast<int>(len);
     std::memcpy(trans->nextpos, trans->curpos, kRecordSize);
     item.result = static_cast<int>(size);
-    return item;
 }
 
 // Puts an end item behind an item that passed the limit; nextpos becomes the start of the file
@@ -108,17 +127,21 @@ Written write_item(const char *path, fqtrans *trans, const void *data, unsigned 
 int end_file(const char *path, fqtrans *trans, const Written &item, int32_t next_order) {
     // The end item's own write is not checked; a reader that finds none goes on when the next file
     // is there.
-    write_end_item(item.file.get(), item.end);
+    write_end_item(item.fd, item.end);
     return move_position(path, trans->nextpos, next_order, 0) ? item.result : -1;
+}
+
+// The write of a state failed: -1, after a line.
+int flip_failed(int fd, int64_t at) {
+    std::puts(seek_fails(fd, at) ? "fq_write_item_commit.lseek error "
+                                 : "fq_write_item_commit.write error ");
+    return -1;
 }
 
 // Turns the item at an offset readable. 0, or -1 after a line.
 int flip(int fd, int64_t item) {
     const int64_t at = item + kStateOffset;
-    if (pwrite(fd, &kCommitted, 1, at) == 1) return 0;
-    std::puts(seek_fails(fd, at) ? "fq_write_item_commit.lseek error "
-                                 : "fq_write_item_commit.write error ");
-    return -1;
+    return pwrite(fd, &kCommitted, 1, at) == 1 ? 0 : flip_failed(fd, at);
 }
 
 // Turns a batch readable, its first item last: readers stop at that one, so the batch appears to
@@ -139,6 +162,13 @@ int flip_batch(int fd, int64_t first, int count) {
     return flip(fd, first);
 }
 
+// The same for items that were kept.
+int flip_kept(int fd, Batch &batch, int64_t first) {
+    int64_t failed_at = 0;
+    if (batch.make_others_readable(fd, failed_at)) return flip(fd, first);
+    return flip_failed(fd, failed_at);
+}
+
 // Ends the file of a transaction that passed the limit.
 int roll_over(int fd, fqtrans *trans, const Position &next) {
     if (next.offset <= kFileLimit) return 0;
@@ -151,10 +181,15 @@ int roll_over(int fd, fqtrans *trans, const Position &next) {
     return 0;
 }
 
+int end_commit(int fd, int flipped, fqtrans *trans, const Position &next) {
+    return flipped < 0 ? flipped : roll_over(fd, trans, next);
+}
+
 } // namespace
 
 int fq_write_item(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
-    const Written item = write_item(path, trans, data, len, kWritten, 0);
+    Written item;
+    write_item(path, trans, data, len, kWritten, 0, item);
     if (item.result < 0) return item.result;
     ++trans->count;
     put_offset(trans->nextpos, static_cast<int32_t>(item.end));
@@ -162,7 +197,8 @@ int fq_write_item(const char *path, fqtrans *trans, const void *data, unsigned l
 }
 
 int fq_write_item_once(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
-    const Written item = write_item(path, trans, data, len, kCommitted, 0);
+    Written item;
+    write_item(path, trans, data, len, kCommitted, 0, item);
     if (item.result < 0) return item.result;
     ++trans->count;
     if (item.end > kFileLimit)
@@ -173,7 +209,8 @@ int fq_write_item_once(const char *path, fqtrans *trans, const void *data, unsig
 
 // Kept: an appended item is not counted.
 int fq_append_item(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
-    const Written item = write_item(path, trans, data, len, kCommitted, O_APPEND);
+    Written item;
+    write_item(path, trans, data, len, kCommitted, O_APPEND, item);
     if (item.result < 0) return item.result;
     if (item.end > kFileLimit)
         return end_file(path, trans, item, next_order_of_append(item.at.order));
@@ -200,6 +237,15 @@ int fq_write_item_commit(fqtrans *trans) noexcept {
         !checked_position(trans->path, trans->nextpos, next,
                           "fq_write_item_commit.write(eof) error "))
         return -1;
+    OpenSide *side = running_side(trans->lockfd, trans->path);
+    if (side && side->has_data(first.order)) {
+        const int fd = side->data.file.get();
+        if (!batch) return end_commit(fd, flip(fd, first.offset), trans, next);
+        // Somebody else may have cut the file: then one looks at each item.
+        if (side->batch.holds(first.order, first.offset, trans->count) &&
+            side->data.file.still_there() && side->data.file.size() >= next.offset)
+            return end_commit(fd, flip_kept(fd, side->batch, first.offset), trans, next);
+    }
     const FileName name = data_file(trans->path, first.order);
     const Descriptor file = open_queue_file(name, batch ? O_RDWR : O_WRONLY);
     if (!file) {
@@ -208,5 +254,5 @@ int fq_write_item_commit(fqtrans *trans) noexcept {
     }
     const int flipped =
         batch ? flip_batch(file.get(), first.offset, trans->count) : flip(file.get(), first.offset);
-    return flipped < 0 ? flipped : roll_over(file.get(), trans, next);
+    return end_commit(file.get(), flipped, trans, next);
 }

@@ -11,9 +11,10 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <utility>
 
-#include "fq/files.h"
+#include "fq/open_files.h"
 #include "fq/position.h"
 
 using namespace halvo;
@@ -30,7 +31,31 @@ OpenKey openkeys[256]; // entries are never released
 pthread_mutex_t mtxkeys = PTHREAD_MUTEX_INITIALIZER;
 pthread_once_t once_control = PTHREAD_ONCE_INIT;
 
-void init_once() { pthread_once(&once_control, fq_mtx_init); }
+void before_fork() {
+    lock_sides();
+    pthread_mutex_lock(&mtxkeys);
+}
+
+void after_fork() {
+    pthread_mutex_unlock(&mtxkeys);
+    unlock_sides();
+}
+
+// No thread of the parent's runs in the child, so nobody there would give these mutexes back. The
+// parent's file locks keep the child out.
+void after_fork_in_child() {
+    for (OpenKey &entry : openkeys)
+        if (entry.key != 0) pthread_mutex_init(&entry.mutex, nullptr);
+    forget_running_sides();
+    after_fork();
+}
+
+void init() {
+    fq_mtx_init();
+    pthread_atfork(before_fork, after_fork, after_fork_in_child);
+}
+
+void init_once() { pthread_once(&once_control, init); }
 
 // The entry with that key, or null.
 OpenKey *entry_with(int key) {
@@ -54,6 +79,67 @@ OpenKey *entry_for(int key) {
     if (key == 0) return nullptr;
     OpenKey *entry = entry_with(key);
     return entry ? entry : made_entry(key);
+}
+
+// A side in the hands of the call that locks it.
+struct CloseSide {
+    void operator()(OpenSide *side) const { close_side(side); }
+};
+using OwnSide = std::unique_ptr<OpenSide, CloseSide>;
+
+// Gets a side and takes both locks. 0 or a failure after its line. A side that was kept comes back
+// with the mutex only when its lock file is gone: it then has to be closed.
+int take_locks(char mode, fqtrans *trans, MutexLock &threads, OwnSide &side) {
+    side.reset(take_kept_side(trans->path, mode));
+    const bool kept = bool(side);
+    if (!kept) {
+        side.reset(make_side(trans->path, mode));
+        const FileName name = lock_file(trans->path, mode);
+        if (!side || !side->lock.open(name, O_WRONLY | O_CREAT)) {
+            std::printf("fq_enqueue.open error %s\n", name.text);
+            return -1;
+        }
+        side->key = ftok(name.text, 1);
+    }
+    trans->lockkey = side->key;
+    pthread_mutex_t *mutex = fq_key2mtx(side->key);
+    if (!mutex) {
+        std::puts("fq_lock.fq_key2mtx returns NULL ");
+        return -2;
+    }
+    if (threads.lock(*mutex) != 0) {
+        std::puts("fq_lock.pthread_mutex_lock error ");
+        return -3;
+    }
+    if (kept && !side->lock.still_there()) return 0;
+    return lockf(side->lock.get(), F_LOCK, 0) == 0 ? 0 : -4;
+}
+
+// Opens the position file, if it is not open from before, and reads the position.
+int open_log(char mode, fqtrans *trans, OpenSide &side, bool &made_first) {
+    const FileName name = position_file(trans->path, mode);
+    // A log without a record is written at the descriptor's offset: that of a new one.
+    const bool usable = side.log && side.log.still_named(name) && side.log.size() >= kRecordSize;
+    if (!usable && !side.log.open(name, O_RDWR | O_CREAT)) {
+        std::printf("fq_enqueue_away.open error %s\n", name.text);
+        return -5;
+    }
+    const int result = load_position(trans->path, side.log.get(), side.log.size(), trans->curpos,
+                                     mode, made_first);
+    if (result >= 0) {
+        side.log_size = made_first ? -1 : side.log.size();
+        return result;
+    }
+    std::puts("fq_enqueue_away.fq_get_pos error ");
+    return -6;
+}
+
+// Gives the file lock back, and the side whose lock it is. As lockf.
+int give_back_lock(int lockfd, OpenSide *side) {
+    const Descriptor unknown(side ? -1 : lockfd);
+    const int result = lockf(lockfd, F_ULOCK, 0);
+    if (side) result == 0 ? keep_side(side) : drop_side(side);
+    return result;
 }
 
 } // namespace
@@ -85,42 +171,23 @@ int halvo::fq::lock_side(char mode, fqtrans *trans, bool &made_first) noexcept {
     init_once();
     trans->lockfd = trans->posfd = -1;
     trans->mtx = nullptr;
-
+    const char known_mode = mode == 'w' ? 'w' : 'r';
     MutexLock threads; // declared before the files: it is given back after they are closed
-    const FileName lock_name = lock_file(trans->path, mode);
-    Descriptor lock = open_queue_file(lock_name, O_WRONLY | O_CREAT);
-    if (!lock) {
-        std::printf("fq_enqueue.open error %s\n", lock_name.text);
-        return -1;
-    }
-    trans->lockkey = ftok(lock_name.text, 1);
-    pthread_mutex_t *mutex = fq_key2mtx(trans->lockkey);
-    if (!mutex) {
-        std::puts("fq_lock.fq_key2mtx returns NULL ");
-        return -2;
-    }
-    if (threads.lock(*mutex) != 0) {
-        std::puts("fq_lock.pthread_mutex_lock error ");
-        return -3;
-    }
-    if (lockf(lock.get(), F_LOCK, 0) != 0) return -4;
-
-    const FileName position_name = position_file(trans->path, mode);
-    Descriptor position = open_queue_file(position_name, O_RDWR | O_CREAT);
-    if (!position) {
-        std::printf("fq_enqueue_away.open error %s\n", position_name.text);
-        return -5;
-    }
-    const int result = load_position(trans->path, position.get(), trans->curpos, mode, made_first);
-    if (result < 0) {
-        std::puts("fq_enqueue_away.fq_get_pos error ");
-        return -6;
-    }
+    OwnSide side;
+    do {
+        side.reset(); // one whose lock file is gone
+        threads.unlock();
+        const int result = take_locks(known_mode, trans, threads, side);
+        if (result < 0) return result;
+    } while (!side->lock);
+    const int result = open_log(known_mode, trans, *side, made_first);
+    if (result < 0) return result;
     std::memcpy(trans->startpos, trans->curpos, kRecordSize);
     // Kept: the locks stay taken until fq_unlock; the record owns them now.
-    trans->lockfd = lock.release();
-    trans->posfd = position.release();
+    trans->lockfd = side->lock.get();
+    trans->posfd = side->log.get();
     trans->mtx = threads.release();
+    start_side(side.release());
     return result;
 }
 
@@ -134,22 +201,20 @@ int fq_unlock(fqtrans *trans) noexcept {
     init_once();
     int result = 0;
     const bool held = holds_side(trans);
+    OpenSide *side = running_side(trans->lockfd);
     if (trans->posfd < 1) {
         std::puts("invalid stat(index fd) ");
         result = -1;
     } else {
-        Descriptor(trans->posfd).reset();
+        if (!side || side->log.get() != trans->posfd) Descriptor(trans->posfd).reset();
         trans->posfd = -1;
     }
     if (!held) {
         std::puts("invalid stat(lock fd) ");
         result = -5;
-    } else {
-        const Descriptor lock(std::exchange(trans->lockfd, -1));
-        if (lockf(lock.get(), F_ULOCK, 0) != 0) {
-            std::puts("unlock error ");
-            result = -4;
-        }
+    } else if (give_back_lock(std::exchange(trans->lockfd, -1), side) != 0) {
+        std::puts("unlock error ");
+        result = -4;
     }
     // Kept: mtx is not cleared. A record that was given back before has no claim on that mutex any
     // more, which another thread may hold by now.

@@ -8,6 +8,8 @@
 
 #include <cstdio>
 
+#include "fq/open_files.h"
+
 using namespace halvo;
 using namespace halvo::fq;
 
@@ -60,10 +62,9 @@ int64_t size_of(int fd) {
 
 } // namespace
 
-int halvo::fq::load_position(const char *path, int fd, char *record, char mode,
+int halvo::fq::load_position(const char *path, int fd, int64_t size, char *record, char mode,
                              bool &made_first) noexcept {
     made_first = false;
-    const int64_t size = size_of(fd);
     int64_t at = size - kRecordSize;
     if (size >= 0 && at < 0) {
         made_first = true;
@@ -107,7 +108,14 @@ bool halvo::fq::move_position(const char *path, char *record, int64_t order,
     return true;
 }
 
-bool halvo::fq::log_is_full(int fd) noexcept { return size_of(fd) > kFileLimit; }
+int64_t halvo::fq::locked_log_size(const fqtrans *trans) noexcept {
+    const OpenSide *side = running_side(trans->lockfd);
+    return side ? side->log_size : -1;
+}
+
+bool halvo::fq::log_is_full(int fd, int64_t size) noexcept {
+    return (size < 0 ? size_of(fd) : size) > kFileLimit;
+}
 
 int halvo::fq::write_record(int fd, char *record, int64_t at) noexcept {
     separate_numbers(record);
@@ -119,10 +127,16 @@ int halvo::fq::write_record(int fd, char *record, int64_t at) noexcept {
     return -1;
 }
 
+int halvo::fq::append_record(int fd, char *record, int64_t size) noexcept {
+    if (size < 0) return fq_set_pos(fd, record);
+    if (size % kRecordSize != 0) print_torn(kTornWrite, size);
+    return write_record(fd, record, size - size % kRecordSize);
+}
+
 int fq_get_pos(const char *path, int fd, char *record, char mode) noexcept {
     if (!usable_path(path) || !record) return -1;
     bool made_first = false;
-    return load_position(path, fd, record, mode, made_first);
+    return load_position(path, fd, size_of(fd), record, mode, made_first);
 }
 
 int fq_set_pos(int fd, char *record) noexcept {
@@ -132,6 +146,5 @@ int fq_set_pos(int fd, char *record) noexcept {
         std::puts("fq_set_pos.lseek error");
         return -1;
     }
-    if (size % kRecordSize != 0) print_torn(kTornWrite, size);
-    return write_record(fd, record, size - size % kRecordSize);
+    return append_record(fd, record, size);
 }

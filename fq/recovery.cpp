@@ -15,7 +15,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "fq/files.h"
+#include "fq/open_files.h"
 #include "fq/position.h"
 
 using namespace halvo;
@@ -83,30 +83,37 @@ bool follow_reader(const char *path, Position &at) {
     return true;
 }
 
+// Whether nothing stands behind the position in the file that the last transaction left open.
+bool left_at(DataFile &data, const Position &at) {
+    return data.is(at.order) && data.file.still_there() && data.file.size() == at.offset;
+}
+
 } // namespace
 
 int halvo::fq::settle_writer(fqtrans *trans) noexcept {
     Position at = position_in(trans->curpos);
     if (!at.valid()) return 0; // the first write says so
-    for (;;) {
-        const FileName name = data_file(trans->path, at.order);
-        const Descriptor file = open_queue_file(name, O_RDWR);
-        if (!file && errno == ENOENT) {
-            if (follow_reader(trans->path, at)) continue;
-            break;
-        }
-        if (!file) {
-            std::printf("fq_write_item.open error %s\n", name.text);
+    OpenSide *side = running_side(trans->lockfd);
+    DataFile own;
+    DataFile &data = side ? side->data : own;
+    while (!left_at(data, at)) {
+        if (!data.open(trans->path, at.order, O_RDWR)) {
+            const bool missing = errno == ENOENT;
+            data.file.close(); // of that order, but it has another name now
+            if (missing && follow_reader(trans->path, at)) continue;
+            if (missing) break;
+            std::printf("fq_write_item.open error %s\n", data_file(trans->path, at.order).text);
             return -1;
         }
-        const Found found = settle_in_file(file.get(), at);
+        const Found found = settle_in_file(data.file.get(), at);
         if (found == Found::failed) {
-            std::printf("fq_enqueue.recovery error %s\n", name.text);
+            std::printf("fq_enqueue.recovery error %s\n", data_file(trans->path, at.order).text);
             return -1;
         }
         if (found == Found::settled) break;
         at = {next_order_of_commit(at.order), 0};
     }
+    if (side) side->data_seen = true;
     put_order(trans->curpos, at.order);
     put_offset(trans->curpos, at.offset);
     std::memcpy(trans->startpos, trans->curpos, kRecordSize);

@@ -1,0 +1,66 @@
+// sms_fq: a piece of a data file, read ahead within a read transaction.
+//
+// Only a readable item that stands whole in the piece is taken from it: such an item does not change
+// any more. For everything else one looks at the file again.
+#pragma once
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "fq/format.h"
+
+namespace halvo::fq {
+
+class ReadAhead {
+public:
+    // Forgets what was read. A transaction begins with a small piece: it may have a single item.
+    void begin() noexcept {
+        forget();
+        next_ = sizeof small_;
+    }
+    void forget() noexcept { length_ = 0; }
+
+    // Bytes held from an offset on.
+    size_t held(int64_t offset) const noexcept {
+        const int64_t end = start_ + static_cast<int64_t>(length_);
+        return offset < start_ || offset >= end ? 0 : static_cast<size_t>(end - offset);
+    }
+    // They; only while there are any.
+    const char *at(int64_t offset) const noexcept { return bytes() + (offset - start_); }
+
+    bool holds_readable_item(int64_t offset) const noexcept {
+        const size_t size = held(offset);
+        if (size < FQ_ITEM_EXTRA) return false;
+        ItemHeader header;
+        std::memcpy(&header, at(offset), kHeaderSize);
+        return header.has_magic() && header.state == kCommitted && header.length > 0 &&
+               header.length <= size - FQ_ITEM_EXTRA &&
+               std::memcmp(at(offset) + kHeaderSize + header.length, kTrailer, kTrailerSize) == 0;
+    }
+
+    // Reads the piece at an offset, each one larger than the last. As pread.
+    ssize_t load(int fd, int64_t offset) noexcept {
+        if (next_ > sizeof small_ && !large_) large_.reset(new (std::nothrow) char[kLargest]);
+        const size_t size = large_ ? next_ : sizeof small_;
+        const ssize_t got = pread(fd, large_ ? large_.get() : small_, size, offset);
+        start_ = offset;
+        length_ = got < 0 ? 0 : static_cast<size_t>(got);
+        next_ = std::min(next_ * 4, kLargest);
+        return got;
+    }
+
+private:
+    static constexpr size_t kLargest = size_t{1} << 16;
+    const char *bytes() const noexcept { return large_ ? large_.get() : small_; }
+
+    char small_[4096];
+    std::unique_ptr<char[]> large_;
+    size_t length_ = 0, next_ = sizeof small_;
+    int64_t start_ = 0;
+};
+
+} // namespace halvo::fq
