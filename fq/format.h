@@ -106,12 +106,14 @@ struct Position {
 // Nine digits, or a minus sign and eight; anything else reads as -1, which is no valid number.
 inline int32_t number_in(const char *field) {
     const bool negative = field[0] == '-';
-    int32_t value = 0;
+    uint32_t value = 0, largest = 0; // digit
     for (int i = negative ? 1 : 0; i < kNumberWidth; ++i) {
-        if (field[i] < '0' || field[i] > '9') return -1;
-        value = value * 10 + (field[i] - '0');
+        const uint32_t digit = static_cast<uint8_t>(field[i]) - uint32_t{'0'};
+        largest = digit > largest ? digit : largest;
+        value = value * 10 + digit;
     }
-    return negative ? -value : value;
+    if (largest > 9) return -1;
+    return negative ? -static_cast<int32_t>(value) : static_cast<int32_t>(value);
 }
 
 inline Position position_in(const char *record) {

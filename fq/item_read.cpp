@@ -157,7 +157,7 @@ private:
         if (header_.state != kCommitted) return answer(0);
         const int64_t end = int64_t{at_.offset} + header_.length + FQ_ITEM_EXTRA;
         std::memcpy(trans_->nextpos, trans_->curpos, kRecordSize);
-        if (!move_position(path_, trans_->nextpos, at_.order, end)) return answer(-1);
+        if (!move_offset(path_, trans_->nextpos, at_.order, end)) return answer(-1);
         return answer(static_cast<int>(header_.length + kTrailerSize + 23));
     }
 

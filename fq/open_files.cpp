@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <array>
+#include <atomic>
 #include <cstring>
 #include <new>
 
@@ -17,6 +19,16 @@ constexpr int kMostIdle = 32;
 
 pthread_mutex_t mtxsides = PTHREAD_MUTEX_INITIALIZER;
 OpenSide *sides = nullptr; // the last used one first; guarded by mtxsides
+
+// Running sides by the descriptor of their lock. One beyond the table is searched for in the list.
+std::array<std::atomic<OpenSide *>, 1024> running;
+std::atomic<OpenSide *> *running_entry(int lockfd) noexcept {
+    const auto index = static_cast<size_t>(lockfd);
+    return lockfd >= 1 && index < running.size() ? &running[index] : nullptr;
+}
+void set_running(const OpenSide *side, OpenSide *now) noexcept {
+    if (auto *entry = running_entry(side->lock.get())) entry->store(now);
+}
 
 // What is known of a file. Asks for no times: a file whose times have been seen pays for new ones
 // at its next write.
@@ -161,10 +173,12 @@ void halvo::fq::start_side(OpenSide *side) noexcept {
     const MutexLock lock(mtxsides);
     side->running = true;
     push_front(side);
+    set_running(side, side);
 }
 
 OpenSide *halvo::fq::running_side(int lockfd) noexcept {
-    if (lockfd < 1) return nullptr;
+    const auto *entry = running_entry(lockfd);
+    if (entry || lockfd < 1) return entry ? entry->load(std::memory_order_acquire) : nullptr;
     const MutexLock lock(mtxsides);
     OpenSide *side = sides;
     while (side && !(side->running && side->lock.get() == lockfd)) side = side->next;
@@ -179,6 +193,7 @@ OpenSide *halvo::fq::running_side(int lockfd, const char *path) noexcept {
 void halvo::fq::keep_side(OpenSide *side) noexcept {
     side->batch.rest();
     const MutexLock lock(mtxsides);
+    set_running(side, nullptr);
     side->running = false;
     unlink_side(side);
     push_front(side);
@@ -188,6 +203,7 @@ void halvo::fq::keep_side(OpenSide *side) noexcept {
 void halvo::fq::drop_side(OpenSide *side) noexcept {
     {
         const MutexLock lock(mtxsides);
+        set_running(side, nullptr);
         unlink_side(side);
     }
     close_side(side);
@@ -198,9 +214,11 @@ void halvo::fq::unlock_sides() noexcept { pthread_mutex_unlock(&mtxsides); }
 
 void halvo::fq::forget_running_sides() noexcept {
     for (OpenSide **link = &sides; *link;) {
-        if ((*link)->running)
+        if ((*link)->running) {
+            set_running(*link, nullptr);
             *link = (*link)->next;
-        else
+        } else {
             link = &(*link)->next;
+        }
     }
 }

@@ -98,14 +98,20 @@ bool halvo::fq::checked_position(const char *path, char *record, Position &at,
 
 bool halvo::fq::move_position(const char *path, char *record, int64_t order,
                               int64_t offset) noexcept {
-    if (!fits_field(order) || !fits_field(offset)) {
-        std::printf("position %lld %lld of file queue %s is too large\n",
-                    static_cast<long long>(order), static_cast<long long>(offset), path);
-        return false;
-    }
+    if (!move_offset(path, record, order, offset)) return false;
     put_order(record, static_cast<int32_t>(order));
-    put_offset(record, static_cast<int32_t>(offset));
     return true;
+}
+
+bool halvo::fq::move_offset(const char *path, char *record, int64_t order,
+                            int64_t offset) noexcept {
+    if (fits_field(order) && fits_field(offset)) {
+        put_offset(record, static_cast<int32_t>(offset));
+        return true;
+    }
+    std::printf("position %lld %lld of file queue %s is too large\n", static_cast<long long>(order),
+                static_cast<long long>(offset), path);
+    return false;
 }
 
 int64_t halvo::fq::locked_log_size(const fqtrans *trans) noexcept {

@@ -23,6 +23,8 @@ bool checked_position(const char *path, char *record, Position &at,
 
 // Sets both numbers of a record. False, with a line, when one does not fit its field.
 bool move_position(const char *path, char *record, int64_t order, int64_t offset) noexcept;
+// The same for a record that has the order already.
+bool move_offset(const char *path, char *record, int64_t order, int64_t offset) noexcept;
 
 // Bytes in the log whose lock a record holds, as found when it was locked; -1 when unknown.
 int64_t locked_log_size(const fqtrans *trans) noexcept;

@@ -129,6 +129,12 @@ HALVO_TEST_EXPORT int stat(const char *name, struct stat *found) noexcept {
     return fails() ? -1 : call(name, found);
 }
 
+HALVO_TEST_EXPORT int statx(int at, const char *name, int flags, unsigned mask,
+                            struct statx *found) noexcept {
+    static const auto call = real<int(int, const char *, int, unsigned, struct statx *)>("statx");
+    return fails() ? -1 : call(at, name, flags, mask, found);
+}
+
 HALVO_TEST_EXPORT DIR *opendir(const char *name) {
     static const auto call = real<DIR *(const char *)>("opendir");
     return fails() ? nullptr : call(name);

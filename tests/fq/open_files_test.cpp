@@ -1,0 +1,226 @@
+// Open files are kept from one transaction to the next: nobody may notice.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include "tests/fq/queue_fixture.h"
+#include "tests/support/peer.h"
+
+using namespace halvo::test;
+using halvo::Descriptor;
+using halvo::Directory;
+
+namespace {
+
+int open_descriptors() {
+    int count = 0;
+    Directory directory("/proc/self/fd");
+    while (directory.next()) ++count;
+    return count;
+}
+
+class OpenFiles : public testing::Test {
+protected:
+    OpenFiles() {
+        EXPECT_EQ(queue.put({"old", "older"}), 0);
+        EXPECT_EQ(queue.take(), "old");
+    }
+    // Puts an item into many queues and takes it out again.
+    void use_queues(int number) {
+        for (int i = 0; i < number; ++i) {
+            const std::string path = queue.directory() + "/many" + std::to_string(i);
+            ASSERT_EQ(fq_enqueue_away(-1, -1, 1, path.c_str(), "x", 1), 0) << i;
+            fqtrans trans;
+            char buffer[23];
+            ASSERT_GT(fq_dequeue(-1, path.c_str(), buffer, 1, &trans), 0) << i;
+            ASSERT_EQ(fq_dequeue_commit(-1, &trans), 0);
+        }
+    }
+    // Whether another process finds the writer's side locked.
+    bool others_are_kept_out() {
+        Peer other([&] {
+            const Descriptor file(open(queue.file("wrlk").c_str(), O_WRONLY));
+            return lockf(file.get(), F_TLOCK, 0) == 0 ? 1 : 0;
+        });
+        return other.wait() == 0;
+    }
+    Queue queue;
+};
+
+} // namespace
+
+TEST_F(OpenFiles, all_removed_is_a_new_queue) {
+    queue.clear();
+    EXPECT_EQ(queue.take(), "[0]");
+    EXPECT_EQ(queue.put({"new"}), 0);
+    EXPECT_EQ(queue.picture(0), "F(new)");
+    EXPECT_EQ(queue.drain(), "new");
+    EXPECT_TRUE(queue.has("wrlk") && queue.has("rdlk"));
+}
+
+TEST_F(OpenFiles, each_one_removed_is_made_again) {
+    queue.remove("wrlk");
+    queue.remove("rdlk");
+    EXPECT_EQ(queue.put({"new"}), 0);
+    EXPECT_EQ(queue.take(), "older");
+    EXPECT_TRUE(queue.has("wrlk") && queue.has("rdlk"));
+    queue.remove("head");
+    EXPECT_EQ(queue.take(), "old") << "from the beginning";
+    queue.remove(0);
+    EXPECT_EQ(queue.take(), "[0]");
+    queue.put({"x"});
+    EXPECT_EQ(queue.bytes(0).size(), 77u + 23u) << "written into the file of that name";
+    queue.remove("tail");
+    EXPECT_EQ(queue.put({"y"}), 0);
+    EXPECT_EQ(queue.position("tail"), "000000000 000000023");
+}
+
+TEST_F(OpenFiles, a_renamed_log_is_lost_and_a_moved_directory_left_alone) {
+    ASSERT_EQ(rename(queue.file("tail").c_str(), queue.file("kept").c_str()), 0);
+    const std::string kept = queue.bytes("kept");
+    EXPECT_EQ(queue.put({"new"}), 0);
+    EXPECT_EQ(queue.bytes("kept"), kept);
+    EXPECT_EQ(queue.position("tail"), "000000000 000000025");
+
+    const std::string directory = queue.directory() + "/sub", path = directory + "/q";
+    const auto put = [&] { return fq_enqueue_away(-1, -1, 1, path.c_str(), "x", 1); };
+    ASSERT_EQ(mkdir(directory.c_str(), 0777), 0);
+    EXPECT_EQ(put(), 0);
+    ASSERT_EQ(rename(directory.c_str(), (queue.directory() + "/moved").c_str()), 0);
+    EXPECT_NE(put(), 0);
+    ASSERT_EQ(mkdir(directory.c_str(), 0777), 0);
+    EXPECT_EQ(put(), 0);
+    for (const std::string &each : {directory, queue.directory() + "/moved"}) {
+        struct stat found {};
+        EXPECT_EQ(stat((each + "/q.000000000").c_str(), &found), 0);
+        EXPECT_EQ(found.st_size, 23) << each;
+    }
+}
+
+TEST_F(OpenFiles, processes_that_take_turns_see_each_other) {
+    for (int i = 0; i < 3; ++i) {
+        Peer writer([&] { return queue.put({"theirs"}); });
+        EXPECT_EQ(writer.wait(), 0);
+        EXPECT_EQ(queue.put_away("ours"), 0);
+        Peer reader([&] { return queue.take() == (i == 0 ? "older" : "theirs") ? 0 : 1; });
+        EXPECT_EQ(reader.wait(), 0);
+        EXPECT_EQ(queue.take(), i == 0 ? "theirs" : "ours");
+        if (i == 0) {
+            EXPECT_EQ(queue.take(), "ours");
+        }
+    }
+    EXPECT_EQ(queue.take(), "[0]");
+}
+
+// Left by another process that died or rolled back: not seen in the log.
+TEST_F(OpenFiles, items_that_another_one_left_behind_are_cut_off) {
+    Peer other([&] {
+        fqtrans trans;
+        queue.begin(trans, {"dropped", "and dropped"});
+        return fq_enqueue_rollback(-1, &trans);
+    });
+    EXPECT_EQ(other.wait(), 0);
+    EXPECT_EQ(queue.put({"x"}), 0);
+    EXPECT_EQ(queue.picture(0), "F(old) F(older) F(x)");
+}
+
+TEST_F(OpenFiles, many_queues_do_not_use_up_the_descriptors) {
+    const int before = open_descriptors();
+    use_queues(100);
+    EXPECT_LE(open_descriptors(), before + 100);
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = static_cast<rlim_t>(open_descriptors()) + 2;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    use_queues(100);
+    EXPECT_EQ(queue.take(), "older");
+}
+
+// A lockf lock goes with any close of its file: also of one kept under another name.
+TEST_F(OpenFiles, closing_a_kept_file_does_not_take_the_lock_from_a_transaction) {
+    const std::string other_name = queue.directory() + "/./q";
+    ASSERT_EQ(fq_enqueue_away(-1, -1, 1, other_name.c_str(), "x", 1), 0);
+    fqtrans trans;
+    queue.begin(trans, {"held"});
+    use_queues(60);
+    EXPECT_TRUE(others_are_kept_out());
+    EXPECT_EQ(fq_enqueue_commit(-1, &trans), 0);
+}
+
+TEST_F(OpenFiles, a_process_that_closes_every_descriptor_writes_into_no_other_file) {
+    Peer daemon([&] {
+        EXPECT_EQ(queue.put({"before"}), 0);
+        for (int fd = 3; fd < 256; ++fd) close(fd);
+        std::vector<Descriptor> files;
+        for (int i = 0; i < 20; ++i)
+            files.emplace_back(open(queue.file("other").c_str(), O_RDWR | O_CREAT, 0666));
+        EXPECT_EQ(queue.put({"after"}), 0);
+        EXPECT_EQ(queue.take(), "older");
+        struct stat found {};
+        for (const Descriptor &file : files)
+            if (fstat(file.get(), &found) != 0 || found.st_size != 0) return 1;
+        return HasFailure() ? 2 : 0;
+    });
+    EXPECT_EQ(daemon.wait(), 0);
+    EXPECT_EQ(queue.drain(), "before after");
+}
+
+TEST_F(OpenFiles, a_forked_child_waits_for_its_parent_and_leaves_its_lock_alone) {
+    fqtrans trans;
+    queue.begin(trans, {"parent's"});
+    Peer reader([&] { return queue.take() == "older" ? 0 : 1; });
+    EXPECT_EQ(reader.wait(), 0) << "with the files that the parent has kept";
+    EXPECT_TRUE(others_are_kept_out());
+    Peer writer([&] { return queue.put({"child's"}); });
+    usleep(50000);
+    EXPECT_EQ(queue.picture(0), "F(old) F(older) W(parent's)");
+    EXPECT_EQ(fq_enqueue_commit(-1, &trans), 0);
+    EXPECT_EQ(writer.wait(), 0);
+    EXPECT_EQ(queue.put({"again"}), 0);
+    EXPECT_EQ(queue.drain(), "parent's child's again");
+}
+
+// ---- Blocks of items ---------------------------------------------------------------------------
+
+TEST_F(OpenFiles, what_was_read_ahead_is_looked_at_again_until_it_is_readable) {
+    fqtrans writer, reader;
+    char buffer[122];
+    queue.begin(writer, {"one", "two"});
+    ASSERT_GT(fq_dequeue(-1, queue.path(), buffer, 100, &reader), 0);
+    EXPECT_EQ(fq_dequeue_next(-1, queue.path(), &reader, buffer, 100), 0);
+    fq_enqueue_rollback(-1, &writer);
+    queue.put({"1", "2"});
+    for (const char expected : {'1', '2'}) {
+        EXPECT_GT(fq_dequeue_next(-1, queue.path(), &reader, buffer, 100), 0);
+        EXPECT_EQ(buffer[20], expected);
+    }
+    EXPECT_EQ(fq_dequeue_next(-1, queue.path(), &reader, buffer, 100), 0);
+    EXPECT_EQ(fq_dequeue_commit(-1, &reader), 0);
+}
+
+// Items near each other, far apart, of many sizes, and too many to be kept in memory.
+TEST_F(OpenFiles, a_batch_of_any_shape_is_readable_whole) {
+    const std::vector<std::vector<int>> shapes{{1, 2, 3, 4000, 5, 6},
+                                               {20000, 30000, 40000, 1},
+                                               {70000, 1, 1, 100000},
+                                               {500000, 500000, 500000, 1},
+                                               {1100000, 1}};
+    ASSERT_EQ(queue.take(), "older");
+    for (const std::vector<int> &shape : shapes) {
+        std::vector<std::string> items;
+        for (const int size : shape) items.push_back(filler(size) + std::to_string(items.size()));
+        ASSERT_EQ(queue.put(items), 0);
+        for (const std::string &item : items) EXPECT_TRUE(queue.take(1200000) == item);
+        EXPECT_EQ(queue.take(), "[0]");
+        ASSERT_EQ(queue.put(items), 0);
+        std::string all;
+        for (const std::string &item : items) all += (all.empty() ? "" : " ") + item;
+        fqtrans trans;
+        std::string got, buffer(1200022, '?');
+        int result = fq_dequeue(-1, queue.path(), buffer.data(), 1200000, &trans);
+        for (; result > 0;
+             result = fq_dequeue_next(-1, queue.path(), &trans, buffer.data(), 1200000))
+            got += (got.empty() ? "" : " ") + buffer.substr(20, static_cast<size_t>(trans.itemlen));
+        EXPECT_EQ(fq_dequeue_commit(-1, &trans), 0);
+        EXPECT_TRUE(got == all);
+    }
+}
