@@ -158,6 +158,7 @@ private:
         const int64_t end = int64_t{at_.offset} + header_.length + FQ_ITEM_EXTRA;
         std::memcpy(trans_->nextpos, trans_->curpos, kRecordSize);
         if (!move_offset(path_, trans_->nextpos, at_.order, end)) return answer(-1);
+        if (side_) side_->ahead.take(size_t{header_.length} + FQ_ITEM_EXTRA);
         return answer(static_cast<int>(header_.length + kTrailerSize + 23));
     }
 

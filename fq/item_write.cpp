@@ -122,12 +122,18 @@ void write_item(const char *path, fqtrans *trans, const void *data, unsigned len
     item.result = static_cast<int>(size);
 }
 
+// An ended file is not kept: its reader will delete it, and it would still take up the disk.
+void forget_ended_file(OpenSide *side) {
+    if (side) side->data.file.close();
+}
+
 // Puts an end item behind an item that passed the limit; nextpos becomes the start of the file
 // `next_order`.
 int end_file(const char *path, fqtrans *trans, const Written &item, int32_t next_order) {
     // The end item's own write is not checked; a reader that finds none goes on when the next file
     // is there.
     write_end_item(item.fd, item.end);
+    forget_ended_file(item.side);
     return move_position(path, trans->nextpos, next_order, 0) ? item.result : -1;
 }
 
@@ -178,6 +184,7 @@ int roll_over(int fd, fqtrans *trans, const Position &next) {
     }
     put_order(trans->nextpos, next_order_of_commit(next.order));
     put_offset(trans->nextpos, 0);
+    forget_ended_file(running_side(trans->lockfd));
     return 0;
 }
 

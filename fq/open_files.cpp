@@ -35,17 +35,23 @@ void set_running(const OpenSide *side, OpenSide *now) noexcept {
 struct State {
     State(int fd, const char *name, int flags) noexcept {
         struct statx seen;
-        found = statx(fd, name, flags, STATX_INO | STATX_NLINK | STATX_SIZE, &seen) == 0;
-        if (!found) return;
-        device = makedev(seen.stx_dev_major, seen.stx_dev_minor);
-        inode = seen.stx_ino;
-        links = seen.stx_nlink;
-        size = static_cast<int64_t>(seen.stx_size);
+        if (statx(fd, name, flags, STATX_INO | STATX_NLINK | STATX_SIZE, &seen) == 0)
+            set(makedev(seen.stx_dev_major, seen.stx_dev_minor), seen.stx_ino, seen.stx_nlink,
+                static_cast<int64_t>(seen.stx_size));
+        else if (struct stat old; fstatat(fd, name, &old, flags) == 0) // statx may be forbidden
+            set(old.st_dev, old.st_ino, static_cast<uint32_t>(old.st_nlink), old.st_size);
     }
-    bool found;
+    void set(uint64_t dev, uint64_t ino, uint32_t nlink, int64_t bytes) {
+        found = true;
+        device = dev;
+        inode = ino;
+        links = nlink;
+        size = bytes;
+    }
+    bool found = false;
     uint64_t device = 0, inode = 0;
     uint32_t links = 0;
-    int64_t size = 0;
+    int64_t size = -1;
 };
 State state_of(int fd) noexcept { return {fd, "", AT_EMPTY_PATH}; }
 State state_of(const FileName &name) noexcept { return {AT_FDCWD, name.text, 0}; }
@@ -103,6 +109,7 @@ bool KeptFile::open(const FileName &name, int flags) noexcept {
         opened = open_queue_file(name, flags);
     if (!opened) return false;
     const State state = state_of(opened.get());
+    if (!state.found) return false;
     close();
     file_ = std::move(opened);
     device_ = state.device;

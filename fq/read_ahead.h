@@ -17,11 +17,15 @@ namespace halvo::fq {
 
 class ReadAhead {
 public:
-    // Forgets what was read. A transaction begins with a small piece: it may have a single item.
+    // Forgets what was read. The first piece is as large as what the last transaction took: the
+    // next one is likely to be as long.
     void begin() noexcept {
         forget();
-        next_ = sizeof small_;
+        next_ = std::clamp(taken_, sizeof small_, kLargest);
+        taken_ = 0;
     }
+    // An item of so many bytes was read in this transaction.
+    void take(size_t size) noexcept { taken_ += size; }
     void forget() noexcept { length_ = 0; }
 
     // Bytes held from an offset on.
@@ -42,7 +46,7 @@ public:
                std::memcmp(at(offset) + kHeaderSize + header.length, kTrailer, kTrailerSize) == 0;
     }
 
-    // Reads the piece at an offset, each one larger than the last. As pread.
+    // Reads the piece at an offset, each one larger than the one before. As pread.
     ssize_t load(int fd, int64_t offset) noexcept {
         if (next_ > sizeof small_ && !large_) large_.reset(new (std::nothrow) char[kLargest]);
         const size_t size = large_ ? next_ : sizeof small_;
@@ -59,7 +63,7 @@ private:
 
     char small_[4096];
     std::unique_ptr<char[]> large_;
-    size_t length_ = 0, next_ = sizeof small_;
+    size_t length_ = 0, next_ = sizeof small_, taken_ = 0;
     int64_t start_ = 0;
 };
 

@@ -36,6 +36,9 @@
  *            nothing is read.
  *   results  0 or a positive number for success, negative for failure, with a line on standard
  *            output. Failures are not retried.
+ *   files    stay open for the next transaction, three to a side, of up to 32 sides that are idle; so
+ *            a deleted data file may take up its disk space until the next transaction on its side.
+ *            Files that are removed, replaced or moved between transactions are opened anew.
  *   waiting  fq_lock, fq_enqueue, fq_enqueue_away and fq_dequeue block without limit while another
  *            thread or process holds the side. Everything else returns at once.
  */
