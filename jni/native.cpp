@@ -27,18 +27,20 @@ bool has_room(JNIEnv *env, const ArrayRange &range) noexcept {
     return int64_t{range.offset} + range.length <= env->GetArrayLength(range.array);
 }
 
-BytesIn::BytesIn(JNIEnv *env, const ArrayRange &range) noexcept {
+BytesIn::BytesIn(JNIEnv *env, const ArrayRange &range) noexcept
+    : bytes_(range.length > 0 ? static_cast<size_t>(range.length) : 1) {
     if (!range.array || range.length < 0) {
         fault_ = ESMS_INVAL;
         return;
     }
     length_ = static_cast<uint32_t>(range.length);
-    bytes_ = zeroed<jbyte>(length_);
-    if (!bytes_) {
+    if (!bytes_.get()) {
         fault_ = ESMS_FAILED;
         return;
     }
-    env->GetByteArrayRegion(range.array, range.offset, range.length, bytes_.get());
+    env->GetByteArrayRegion(range.array, range.offset, range.length,
+                            reinterpret_cast<jbyte *>(bytes_.get()));
+    if (env->ExceptionCheck()) std::memset(bytes_.get(), 0, length_);
 }
 
 jint copy_out(JNIEnv *env, const ArrayRange &range, const void *from, uint32_t size) noexcept {

@@ -70,7 +70,7 @@ public:
     uint32_t length() const noexcept { return length_; }
 
 private:
-    Memory<jbyte> bytes_;
+    Block bytes_;
     uint32_t length_ = 0;
     jint fault_ = ESMS_OK;
 };

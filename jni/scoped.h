@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "core/end.h"
@@ -23,6 +24,22 @@ template <class T>
 Memory<T> zeroed(size_t size) noexcept {
     return Memory<T>(static_cast<T *>(std::calloc(size > 0 ? size : 1, 1)));
 }
+
+// Memory for a message: within itself when it is not large. Not cleared.
+class Block {
+public:
+    explicit Block(size_t size) noexcept
+        : memory_(size <= sizeof inside_ ? nullptr : static_cast<char *>(std::malloc(size))),
+          begin_(size <= sizeof inside_ ? inside_ : memory_.get()) {}
+    Block(const Block &) = delete;
+    Block &operator=(const Block &) = delete;
+    char *get() const noexcept { return begin_; } // null: there is no memory
+
+private:
+    alignas(qmsg) char inside_[2048];
+    Memory<char> memory_;
+    char *begin_;
+};
 
 // The characters of a Java string in the VM's UTF-8, given back at the end of the call.
 //
@@ -66,16 +83,19 @@ private:
     jclass class_;
 };
 
-// A heap image of one slot of a channel, zero-filled; false when there is no memory.
+// Room for an image of one slot of a channel, whose header is zeros at first; false when there is no
+// memory.
 class SlotImage {
 public:
     explicit SlotImage(const halvo_channel *q) noexcept
-        : slot_(zeroed<qmsg>(std::max<size_t>(slot_size(q), sizeof(qmsg)))) {}
-    explicit operator bool() const noexcept { return slot_ != nullptr; }
-    qmsg *get() const noexcept { return slot_.get(); }
+        : block_(std::max<size_t>(slot_size(q), sizeof(qmsg))) {
+        if (block_.get()) std::memset(block_.get(), 0, sizeof(qmsg));
+    }
+    explicit operator bool() const noexcept { return block_.get() != nullptr; }
+    qmsg *get() const noexcept { return reinterpret_cast<qmsg *>(block_.get()); }
 
 private:
-    Memory<qmsg> slot_;
+    Block block_;
 };
 
 } // namespace halvo
