@@ -74,7 +74,7 @@ int *channel_semaphores(const char *path) {
 bool attach_segment(const char *keyfile, bool usable) {
     const key_t key = usable ? ftok(keyfile, kSegmentProject) : -1;
     const int id = key == -1 ? -1 : shmget(key, 0, 0);
-    void *const failed = reinterpret_cast<void *>(-1);
+    void *const failed = reinterpret_cast<void *>(-1); // NOLINT(performance-no-int-to-ptr)
     shmblock = shmat(id, nullptr, 0);
     if (shmblock != failed) {
         shmid_ds found{};
