@@ -8,53 +8,53 @@ export PREFIX DESTDIR
 all: build
 
 setup: ## installs the packages that are missing
-	tools/setup.sh
+	dev/setup.sh
 
 build: setup ## builds the library and the tools of both word sizes
-	tools/build.sh $(PRESETS)
+	dev/build.sh $(PRESETS)
 
 demo: setup ## builds the 32-bit product and passes real messages through it
-	tools/build.sh i386
-	tools/demo.sh build/i386
+	dev/build.sh i386
+	dev/demo.sh build/i386
 
 test: build ## builds and passes all tests
-	tools/test.sh $(PRESETS)
+	dev/test.sh $(PRESETS)
 
 stress: setup ## passes the long form of the stress tests, feeds hostile input, prints every figure
-	tools/setup.sh fuzz
-	tools/build.sh i386
-	tools/stress.sh i386
+	dev/setup.sh fuzz
+	dev/build.sh i386
+	dev/stress.sh i386
 
 fuzz: ## feeds hostile input to the library for FUZZ_SECONDS (120) per target
-	tools/setup.sh fuzz
-	tools/fuzz.sh
+	dev/setup.sh fuzz
+	dev/fuzz.sh
 
 picture: setup ## draws the README's table anew, from a segment at work
-	tools/build.sh i386
-	tools/picture.sh build/i386 docs/table.svg
+	dev/build.sh i386
+	dev/picture.sh build/i386 docs/table.svg
 
 bench: ## measures the library beside its peers; QUICK=1 within two minutes, PLOT=1 draws docs/bench.svg
-	tools/setup.sh bench
+	dev/setup.sh bench
 	bench/run.sh
 
 install: ## installs what is built: make install PREFIX=/usr/local DESTDIR=
-	tools/install.sh $(PRESETS)
+	dev/install.sh $(PRESETS)
 
 packages: setup ## makes Debian packages of both word sizes in build/packages
-	tools/setup.sh package
-	tools/build.sh $(PRESETS)
-	tools/package.sh $(PRESETS)
+	dev/setup.sh package
+	dev/build.sh $(PRESETS)
+	dev/package.sh $(PRESETS)
 
 check-packages: packages ## installs them in a scratch root and does there what README.md says
-	tools/check_packages.sh
+	dev/check_packages.sh
 
 pictures: ## draws the pictures of the documents anew
-	tools/setup.sh pictures
-	tools/pictures.sh
+	dev/setup.sh pictures
+	dev/pictures.sh
 
 lint: ## checks format, includes, and what clang-tidy knows
-	tools/setup.sh lint
-	tools/lint.sh
+	dev/setup.sh lint
+	dev/lint.sh
 
 clean:
 	rm -rf build

@@ -6,7 +6,7 @@
 # failed; a goal that is short is no failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-tools/build.sh bench
+dev/build.sh bench
 out=build/bench
 quick=()
 [ -z "${QUICK-}" ] || quick=(--quick)

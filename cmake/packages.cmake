@@ -1,4 +1,4 @@
-# Debian packages of one word size: cpack in the build tree makes them. tools/package.sh makes those
+# Debian packages of one word size: cpack in the build tree makes them. dev/package.sh makes those
 # of both.
 if(NOT CMAKE_INSTALL_LIBDIR STREQUAL "lib/${halvo_triplet}")
   message(STATUS "CMAKE_INSTALL_LIBDIR is ${CMAKE_INSTALL_LIBDIR}: no Debian packages from here")
@@ -57,7 +57,7 @@ function(halvo_package component name section architecture)
 endfunction()
 
 # dpkg-shlibdeps knows no package for the VM's library, and the C++ runtime is inside ours; so the
-# dependencies stand here, and tools/check_packages.sh compares them with what the files need.
+# dependencies stand here, and dev/check_packages.sh compares them with what the files need.
 set(halvo_libc "libc6 (>= 2.35)")
 set(halvo_vm)
 if(HALVOIPC_JAVA)

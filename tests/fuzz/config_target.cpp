@@ -1,7 +1,7 @@
 #include "tests/fuzz/scratch.h"
 #include "tests/fuzz/targets.h"
-#include "tools/qm_config.h"
-#include "tools/qm_plan.h"
+#include "tools/qm/config.h"
+#include "tools/qm/plan.h"
 
 void halvo::fuzz::config(const uint8_t *data, size_t size) {
     static const std::string path = scratch_file("config.toml");

@@ -4,8 +4,8 @@
 #include <set>
 
 #include "tests/print/scenario.h"
-#include "tools/halvo_mon_check.h"
-#include "tools/halvo_mon_prometheus.h"
+#include "tools/mon/check.h"
+#include "tools/mon/prometheus.h"
 
 using namespace halvo::mon;
 using namespace halvo::test;

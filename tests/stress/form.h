@@ -3,7 +3,7 @@
 //     HALVO_STRESS=long   the long form, as `make stress` runs it; otherwise the short one
 //     HALVO_SEED=number   repeats the run that printed this seed
 //
-// Each figure is one line of four fields, which tools/stress.sh collects and judges:
+// Each figure is one line of four fields, which dev/stress.sh collects and judges:
 //     figure | what | asked for | measured
 // Asked for can be "-" (nothing), "at least N", "at most N", "below N"; anything else is the very
 // text that is to be measured.

@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "tools/qm_segment.h"
+#include "tools/qm/segment.h"
 
 namespace halvo::test {
 

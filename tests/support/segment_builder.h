@@ -16,7 +16,7 @@
 
 #include "core/posix.h"
 #include "halvo/queue.h"
-#include "tools/qm_segment.h"
+#include "tools/qm/segment.h"
 
 namespace halvo::test {
 

@@ -1,4 +1,4 @@
-#include "tools/qm_config.h"
+#include "tools/qm/config.h"
 
 #include <gtest/gtest.h>
 

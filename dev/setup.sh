@@ -1,0 +1,108 @@
+#!/bin/sh
+# Installs what is missing to build and test on Debian 12, as root or by sudo.
+#
+#     dev/setup.sh          compilers, build tools, libraries, 64-bit and 32-bit JDK
+#     dev/setup.sh lint     also the formatter and the checker
+#     dev/setup.sh fuzz     also the compiler that builds fuzzers
+#     dev/setup.sh bench    also what the benchmark compares with, and the plotter
+#     dev/setup.sh package  also what makes and checks Debian packages
+#     dev/setup.sh pictures what draws the pictures of the documents, alone
+#
+# Asks the package database only when nothing is missing. Ends with status 1 when something is
+# missing that the build needs, with one line that names it.
+# The lists of packages are meant to be split into words.
+# shellcheck disable=SC2086
+set -eu
+
+release=bookworm
+needed="g++ g++-multilib cmake ninja-build make
+    libgtest-dev libcli11-dev libtomlplusplus-dev
+    openjdk-17-jdk-headless openjdk-17-jdk-headless:i386 junit4 pkgconf"
+# Some tests use them; pandoc makes the manual pages.
+wanted="tmux libxml2-utils jq strace man-db pandoc"
+
+case "${1-}" in
+'') ;;
+lint) needed="$needed clang-format clang-tidy" ;;
+fuzz) needed="$needed clang-14 libclang-rt-14-dev" ;;
+bench)
+    # Headers of the native architecture serve both; 32-bit development packages would need the
+    # 32-bit C library's as well.
+    needed="$needed gnuplot-nox libboost-dev libsqlite3-dev libsqlite3-0:i386
+    libleveldb-dev libleveldb1d:i386"
+    ;;
+package) needed="$needed pandoc dpkg-dev file lintian debootstrap" ;;
+pictures) needed=graphviz wanted= ;;
+*)
+    echo "usage: $0 [lint|fuzz|bench|package|pictures]" >&2
+    exit 2
+    ;;
+esac
+
+say() { echo "setup: $*" >&2; }
+
+if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
+    say "no Debian packages here; install these in your own way:"
+    echo $needed $wanted >&2
+    exit 1
+fi
+
+native=$(dpkg --print-architecture)
+
+# Those of the given packages that are not installed.
+missing_of() {
+    installed=$(dpkg-query -W -f='${db:Status-Status} ${Package}:${Architecture}\n' |
+        sed -n 's/^installed //p')
+    for package in "$@"; do
+        case $package in
+        *:*) set -- -e "$package" ;;
+        *) set -- -e "$package:$native" -e "$package:all" ;;
+        esac
+        printf '%s\n' "$installed" | grep -Fqx "$@" || printf '%s ' "$package"
+    done
+}
+
+as_root() {
+    if [ "$(id -u)" = 0 ]; then
+        env DEBIAN_FRONTEND=noninteractive "$@"
+    else
+        sudo env DEBIAN_FRONTEND=noninteractive "$@"
+    fi
+}
+
+apt() { as_root apt-get -q -y -o DPkg::Lock::Timeout=300 "$@"; }
+
+# All of one release first: the 32-bit packages must have the versions of the 64-bit ones, and the
+# two may differ while an index of updates is not to be had. Nothing is ever removed for it.
+install() {
+    if apt-cache policy | grep -q "n=$release,"; then
+        apt install --no-install-recommends --no-remove -t "$release" "$@" && return
+    fi
+    apt install --no-install-recommends --no-remove "$@"
+}
+
+missing=$(missing_of $needed $wanted)
+if [ "$missing" ]; then
+    if [ "$(id -u)" != 0 ] && ! command -v sudo >/dev/null; then
+        say "cannot install without root or sudo: $missing"
+        exit 1
+    fi
+    say "installing $missing"
+    case " $native $(dpkg --print-foreign-architectures | tr '\n' ' ')" in
+    *" i386 "*) ;;
+    *) as_root dpkg --add-architecture i386 || say "cannot add the architecture i386" ;;
+    esac
+    apt update || say "some package index could not be loaded; going on without it"
+    if ! install $missing; then
+        # One that cannot be had must not keep the others away.
+        for package in $missing; do install "$package" || true; done
+    fi
+fi
+
+missing=$(missing_of $wanted)
+[ -z "$missing" ] || say "could not install (only some tests and the manual need it): $missing"
+missing=$(missing_of $needed)
+[ -z "$missing" ] || {
+    say "could not install: $missing"
+    exit 1
+}

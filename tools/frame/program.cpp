@@ -1,0 +1,197 @@
+#include "tools/frame/program.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "halvo/queue.h"
+
+namespace halvo::tools {
+
+namespace {
+
+volatile std::sig_atomic_t stop = 0;
+
+extern "C" void remember_stop(int number) { stop = number; }
+
+double now() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+// Waits and reads return when one of these comes; SIGPIPE becomes an error of write.
+void catch_stop_signals() {
+    struct sigaction action {};
+    action.sa_handler = remember_stop; // without SA_RESTART
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+}
+
+} // namespace
+
+std::string result_text(int code) {
+    switch (code) {
+#define HALVO_RESULT_TEXT(name, value, meaning)                                                    \
+    case value:                                                                                    \
+        return #name " (" meaning ")";
+        HALVO_RESULT_CODES(HALVO_RESULT_TEXT)
+#undef HALVO_RESULT_TEXT
+    default:
+        return "result " + std::to_string(code);
+    }
+}
+
+int stop_signal() { return stop; }
+
+LibraryMessages::LibraryMessages()
+    : standard_output_(dup(STDOUT_FILENO)), messages_(memfd_create("messages", MFD_CLOEXEC)) {
+    if (standard_output_ < 0 || messages_ < 0 || dup2(messages_, STDOUT_FILENO) < 0)
+        throw ToolError(kFailed, std::string("standard output: ") + std::strerror(errno));
+}
+
+void LibraryMessages::show() const {
+    std::fflush(stdout);
+    char block[4096];
+    off_t at = 0;
+    for (ssize_t got; (got = pread(messages_, block, sizeof block, at)) > 0; at += got)
+        std::fwrite(block, 1, static_cast<size_t>(got), stderr);
+}
+
+OpenEnd::OpenEnd(const std::string &key_file, const std::string &channel, char side,
+                 const std::string &client, int timeout) {
+    const int attached = frx_initialize(key_file.c_str());
+    if (attached != ESMS_OK)
+        throw ToolError(kUsage, key_file + ": no segment to attach to, " + result_text(attached) +
+                                    "; halvo-qm create makes one");
+    const int number = frx_channelByName(channel.c_str());
+    if (number < 0) throw ToolError(kUsage, channel + ": no channel of that name in " + key_file);
+    const int opened = frx_openChannel(&handle_, client.c_str(), number, side, timeout);
+    if (opened != ESMS_OK)
+        throw ToolError(kFailed, channel + ": the " + (side == 'w' ? "writer" : "reader") +
+                                     "'s end could not be opened, " + result_text(opened));
+    q_recover(number, side); // the last holder may have been killed
+}
+
+OpenEnd::~OpenEnd() { frx_closeChannel(&handle_); }
+
+halvo_channel *OpenEnd::header() const { return q_chnnl2q(handle_.channel); }
+
+uint32_t OpenEnd::slot_size() const {
+    return static_cast<uint32_t>(frx_sizeOfBlock(handle_.channel));
+}
+
+uint32_t OpenEnd::longest_message() const {
+    return static_cast<uint32_t>(frx_sizeOfData(handle_.channel));
+}
+
+void write_out(int descriptor, const std::string &name, const std::string &bytes) {
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t wrote = write(descriptor, bytes.data() + done, bytes.size() - done);
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote < 0) throw ToolError(kFailed, name + ": " + std::strerror(errno));
+        done += static_cast<size_t>(wrote);
+    }
+}
+
+namespace {
+
+uint64_t each_line(LineReader &lines, const std::string &name, bool keep_newline,
+                   const std::function<void(const std::string &)> &each) {
+    std::string line;
+    uint64_t empty = 0;
+    for (uint64_t number = 1;; ++number) {
+        LineReader::Read read;
+        do {
+            read = lines.next(line);
+            if (stop_signal()) throw ToolError(128 + stop_signal(), "stopped by a signal");
+        } while (read == LineReader::Read::interrupted);
+        if (read == LineReader::Read::end) return empty;
+        if (read == LineReader::Read::failed)
+            throw ToolError(kFailed, name + ": " + std::strerror(errno));
+        if (!keep_newline && line.back() == '\n') line.pop_back();
+        if (line.empty()) {
+            ++empty;
+            continue;
+        }
+        try {
+            each(line);
+        } catch (const ToolError &error) {
+            throw ToolError(error.status(), "line " + std::to_string(number) + ": " + error.what());
+        }
+    }
+}
+
+} // namespace
+
+uint64_t for_each_line(LineReader &lines, const std::string &name, bool keep_newline,
+                       const std::function<void(const std::string &)> &each,
+                       const std::function<void()> &commit) {
+    try {
+        const uint64_t empty = each_line(lines, name, keep_newline, each);
+        commit();
+        return empty;
+    } catch (const ToolError &) {
+        commit(); // the lines before the one that failed
+        throw;
+    }
+}
+
+Progress::Progress(const char *program, const char *noun, bool quiet)
+    : program_(program), noun_(noun), quiet_(quiet), terminal_(isatty(STDERR_FILENO) != 0),
+      began_(now()), shown_(began_) {}
+
+double Progress::seconds() const { return now() - began_; }
+
+std::string Progress::line() const {
+    const double took = seconds();
+    const double rate = took > 0 ? static_cast<double>(messages_) / took : 0;
+    char text[160];
+    std::snprintf(text, sizeof text, "%s: %llu %s, %llu bytes in %.2f s, %.0f %s/s", program_,
+                  static_cast<unsigned long long>(messages_), noun_,
+                  static_cast<unsigned long long>(bytes_), took, rate, noun_);
+    return text;
+}
+
+void Progress::add(uint64_t messages, uint64_t bytes) {
+    if (messages_ == 0) began_ = now(); // what counts is the transfer, not the wait for its start
+    messages_ += messages;
+    bytes_ += bytes;
+    if (quiet_ || !terminal_ || now() - shown_ < 0.2) return;
+    shown_ = now();
+    std::fprintf(stderr, "\r%s\033[K", line().c_str());
+}
+
+void Progress::finish() {
+    if (!quiet_) std::fprintf(stderr, "%s%s\n", terminal_ ? "\r\033[K" : "", line().c_str());
+}
+
+int run_tool(const char *program, const char *noun, bool quiet,
+             const std::function<void(int, Progress &)> &work) {
+    Progress progress(program, noun, quiet);
+    try {
+        const LibraryMessages messages;
+        try {
+            catch_stop_signals();
+            work(messages.standard_output(), progress);
+        } catch (const ToolError &) {
+            messages.show();
+            throw;
+        }
+    } catch (const ToolError &error) {
+        std::fprintf(stderr, "%s: %s\n", program, error.what());
+        if (error.status() != kUsage) progress.finish();
+        return error.status();
+    }
+    progress.finish();
+    return kDone;
+}
+
+} // namespace halvo::tools

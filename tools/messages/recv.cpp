@@ -1,0 +1,140 @@
+// halvo-recv: writes the messages of a channel to a file or to standard output, one a line.
+//
+// Messages are marked, written out and only then released, so that none is lost when this program
+// dies: the next reader gets what was not released again.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "tools/frame/program.h"
+
+using namespace halvo::tools;
+
+namespace {
+
+struct Options {
+    std::string key_file, channel, output = "-", client = "halvo-recv";
+    uint64_t count = 0; // 0: no end
+    int idle = -1;      // ms, below 0: no end
+    int batch = 64;
+    int timeout = 10000;
+    bool keep_newline = false, quiet = false;
+};
+
+// Longest single wait, so that a signal which comes between two waits is noticed soon.
+constexpr int kWaitMilliseconds = 500;
+
+class Receiver {
+public:
+    Receiver(const Options &options, int output, Progress &progress)
+        : options_(options), output_(output), progress_(progress),
+          end_(options.key_file, options.channel, 'r', options.client, options.timeout),
+          slot_(end_.slot_size()) {}
+    ~Receiver() { frx_readRollback(end_.handle()); }
+
+    void run() {
+        int quiet_for = 0; // ms
+        while (!stop_signal() && !(options_.count && progress_.messages() >= options_.count)) {
+            int wait = kWaitMilliseconds;
+            if (options_.idle >= 0) wait = std::min(wait, options_.idle - quiet_for);
+            const int marked = frx_readMark(end_.handle(), wanted(), wait);
+            if (marked > 0) {
+                pass_on(marked);
+                quiet_for = 0;
+            } else if (marked == 0) {
+                quiet_for += wait;
+                if (options_.idle >= 0 && quiet_for >= options_.idle) return;
+            } else if (marked != ESMS_JAVAINTR) {
+                throw ToolError(kFailed, options_.channel + ": " + result_text(marked));
+            }
+        }
+    }
+
+private:
+    int wanted() const {
+        if (options_.count == 0) return options_.batch;
+        const uint64_t left = options_.count - progress_.messages();
+        return static_cast<int>(std::min<uint64_t>(left, static_cast<uint64_t>(options_.batch)));
+    }
+
+    void pass_on(int marked) {
+        text_.clear();
+        uint64_t bytes = 0;
+        for (int i = 0; i < marked; ++i) {
+            const int result = frx_readMarked(end_.handle(), i, slot_.data());
+            if (result != ESMS_OK)
+                throw ToolError(kFailed, options_.channel + ": " + result_text(result));
+            const auto *message = reinterpret_cast<const qmsg *>(slot_.data());
+            const uint32_t length = std::min(message->len, end_.longest_message());
+            text_.append(reinterpret_cast<const char *>(slot_.data()) + offsetof(qmsg, data),
+                         length);
+            if (!options_.keep_newline) text_ += '\n';
+            bytes += length;
+        }
+        write_out(output_, options_.output, text_);
+        const int released = frx_readCommit(end_.handle(), marked);
+        if (released != marked)
+            throw ToolError(kFailed, options_.channel + ": released " + std::to_string(released) +
+                                         " of " + std::to_string(marked) + " messages");
+        progress_.add(static_cast<uint64_t>(marked), bytes);
+    }
+
+    const Options &options_;
+    int output_;
+    Progress &progress_;
+    OpenEnd end_;
+    std::vector<uint8_t> slot_;
+    std::string text_;
+};
+
+int open_output(const std::string &path, int standard_output) {
+    if (path == "-") return standard_output;
+    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (descriptor < 0) throw ToolError(kUsage, path + ": " + std::strerror(errno));
+    return descriptor;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    Options options;
+    CLI::App app("Writes the messages of a channel to standard output or to a file, one a line,\n"
+                 "until it is stopped (Ctrl-C), or as --count and --idle say.\n"
+                 "\nExample: halvo-recv --key /run/gateway.key MT01 --idle 2000 --output got.txt");
+    app.set_version_flag("--version", "halvo-recv " HALVOIPC_VERSION);
+    app.add_option("channel", options.channel, "Name of the channel")->required();
+    app.add_option("-k,--key", options.key_file, "Key file of the segment")->required();
+    app.add_option("-o,--output", options.output, "File to write; - is standard output")
+        ->capture_default_str();
+    app.add_option("-c,--count", options.count, "End after this many messages; 0 is no end")
+        ->capture_default_str();
+    app.add_option("-i,--idle", options.idle, "End when nothing came for this many ms")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("-b,--batch", options.batch, "Messages written out and released together")
+        ->check(CLI::Range(1, 1000000))
+        ->capture_default_str();
+    app.add_option("--timeout", options.timeout, "Longest wait for the channel's reader end, in ms")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    app.add_option("--name", options.client, "Name to show as the reader")->capture_default_str();
+    app.add_flag("-n,--keep-newline", options.keep_newline,
+                 "Messages hold their line feeds: add none");
+    app.add_flag("-q,--quiet", options.quiet, "No progress and no summary");
+    app.footer("Exit status: 0 ended as asked or by a signal, 1 failure, 2 wrong usage or no such\n"
+               "channel. A message is released only when it has been written out.");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? kDone : kUsage;
+    }
+    return run_tool(
+        "halvo-recv", "messages", options.quiet, [&](int standard_output, Progress &progress) {
+            Receiver(options, open_output(options.output, standard_output), progress).run();
+        });
+}

@@ -1,0 +1,47 @@
+#include "tools/qm/view.h"
+
+#include <sys/sem.h>
+#include <sys/shm.h>
+
+#include <algorithm>
+
+#include "core/ring.h"
+#include "tools/qm/segment.h"
+#include "tools/qm/text.h"
+
+namespace halvo::qm {
+
+SegmentView::SegmentView(int id) : attachment_(id, true) {
+    shmid_ds state{};
+    if (shmctl(id, IPC_STAT, &state) < 0) throw Error(system_text("segment %d", id));
+    size_ = state.shm_segsz;
+}
+
+int SegmentView::id_of(const Keys &keys) {
+    const int id = find_segment(keys.segment());
+    if (id < 0) throw Error(text("key file %s: no segment stands there", keys.file().c_str()));
+    return id;
+}
+
+const halvo_segment *SegmentView::header() const {
+    return holds(0, sizeof(halvo_segment)) ? static_cast<const halvo_segment *>(at(0)) : nullptr;
+}
+
+const halvo_channel *SegmentView::channel(uint32_t number) const {
+    if (!header() || number >= HALVO_CHANNELS_MAX) return nullptr;
+    const uint32_t offset = load(header()->qoffs[number]);
+    if (offset % alignof(halvo_channel) != 0 || !holds(offset, sizeof(halvo_channel)))
+        return nullptr;
+    return static_cast<const halvo_channel *>(at(offset));
+}
+
+uint32_t SegmentView::channels() const {
+    return header() ? std::min<uint32_t>(load(header()->nchnnl), HALVO_CHANNELS_MAX) : 0;
+}
+
+int semaphore_value(key_t key, int number) {
+    const int id = semget(key, 0, 0);
+    return id < 0 ? -1 : semctl(id, number, GETVAL);
+}
+
+} // namespace halvo::qm
