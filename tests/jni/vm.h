@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "tests/support/program.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 

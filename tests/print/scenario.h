@@ -9,7 +9,7 @@
 
 #include "halvo/status.h"
 #include "tests/support/capture.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 

@@ -9,7 +9,7 @@
 #include "tests/stress/kill_ledger.h"
 #include "tests/stress/stalls.h"
 #include "tests/support/peer.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 using namespace halvo::test;
 

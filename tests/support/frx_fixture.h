@@ -9,7 +9,7 @@
 #include "tests/support/capture.h"
 #include "tests/support/peer.h"
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 

@@ -4,11 +4,11 @@
 #include <cstring>
 #include <fstream>
 
-#include "tests/support/directory.h"
+#include "tools/fixture/directory.h"
 #include "tests/support/peer.h"
 #include "tests/support/program.h"
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 namespace {

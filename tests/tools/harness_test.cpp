@@ -10,7 +10,7 @@
 
 #include "tests/support/capture.h"
 #include "tests/support/program.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "tests/support/peer.h"
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::qm {
 namespace {

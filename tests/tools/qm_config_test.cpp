@@ -4,7 +4,7 @@
 
 #include <fstream>
 
-#include "tests/support/directory.h"
+#include "tools/fixture/directory.h"
 
 namespace halvo::qm {
 namespace {

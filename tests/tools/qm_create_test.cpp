@@ -7,8 +7,8 @@
 #include <ctime>
 #include <fstream>
 
-#include "tests/support/directory.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/directory.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::qm {
 namespace {

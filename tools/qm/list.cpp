@@ -1,3 +1,4 @@
+// halvo-qm list: what stands in a segment.
 #include "core/ring.h"
 #include "tools/qm/segment.h"
 #include "tools/qm/text.h"
