@@ -27,9 +27,11 @@ constexpr void take_for_granted(bool condition) {
 #include <map>
 #include <memory>
 
-#include "tools/qm/text.h"
+#include "tools/frame/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

@@ -12,12 +12,14 @@
 #include "core/posix.h"
 #include "core/ring.h"
 #include "halvo/segment.h"
+#include "tools/frame/text.h"
 #include "tools/qm/objects.h"
 #include "tools/qm/plan.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

@@ -1,9 +1,11 @@
 #include "core/ring.h"
+#include "tools/frame/text.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 #include "tools/qm/view.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

@@ -7,14 +7,14 @@
 #include <functional>
 
 #include "tools/frame/program.h"
+#include "tools/frame/text.h"
 #include "tools/qm/config.h"
 #include "tools/qm/repair.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 
 namespace {
 
-using halvo::qm::text;
+using halvo::tools::text;
 
 enum ExitStatus { kDone = 0, kRefused = 1, kFailed = 2 };
 

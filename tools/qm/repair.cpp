@@ -8,10 +8,12 @@
 #include "halvo/frx.h"
 #include "halvo/queue.h"
 #include "tools/frame/program.h"
+#include "tools/frame/text.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

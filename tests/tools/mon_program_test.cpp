@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "tests/print/scenario.h"
-#include "tests/print/terminal.h"
+#include "tests/support/terminal.h"
 #include "tests/support/fixed_clock.h"
 
 using namespace halvo::test;
