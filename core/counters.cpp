@@ -18,7 +18,7 @@ int64_t difference(const halvo_counter &put, const halvo_counter &got) {
 } // namespace
 
 int q_settime() noexcept {
-    halvo_segment *segment = attached_segment();
+    halvo_segment *segment = writable_segment();
     if (!segment) return -1;
     const auto now = static_cast<int32_t>(std::time(nullptr));
     store(segment->now, now);
