@@ -195,6 +195,15 @@ public final class Channel implements AutoCloseable {
     }
 
     /**
+     * The channel's name.
+     *
+     * @return the name by which it was opened
+     */
+    public String name() {
+        return end.name;
+    }
+
+    /**
      * The channel's number, for the natives.
      *
      * @return the number
