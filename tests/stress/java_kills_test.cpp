@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kPatience = 60000; // milliseconds
 
-void sleep_for(unsigned milliseconds) { usleep(milliseconds * 1000); }
+void sleep_for(uint64_t milliseconds) { usleep(static_cast<useconds_t>(milliseconds * 1000)); }
 
 // Makes a process another program.
 int become(const Words &words, const std::string &log) {
