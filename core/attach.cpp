@@ -24,6 +24,7 @@ namespace {
 halvo_segment *qm = nullptr; // set by a successful attach; stays after close_shm, but for a view
 void *shmblock = nullptr;    // the attach address, all bits set after a failed attach
 uint64_t segment_size = 0;   // bytes, at least those of the segment header
+int segment_id = -1;         // of the attached segment
 uint32_t first_channels = 0; // channels at the time of the attach, at most 269
 int *semPosts = nullptr;     // semaphore-set ids of those channels, -1 where there is none
 int *semRqsts = nullptr;
@@ -81,6 +82,7 @@ bool attach_segment(const char *keyfile, bool usable) {
     if (shmblock != failed) {
         shmid_ds found{};
         segment_size = shmctl(id, IPC_STAT, &found) == 0 ? found.shm_segsz : 0;
+        segment_id = id;
         if (segment_size >= sizeof(halvo_segment)) return true;
         shmdt(std::exchange(shmblock, failed));
     }
@@ -165,6 +167,8 @@ bool in_segment(const void *address, size_t bytes) noexcept {
         reinterpret_cast<uintptr_t>(address) - reinterpret_cast<uintptr_t>(attached);
     return attached && offset <= segment_size && bytes <= segment_size - offset;
 }
+
+int attached_id() noexcept { return segment_id; }
 
 int post_semaphore(int channel) noexcept { return id_of(semPosts, channel); }
 int request_semaphore(int channel) noexcept { return id_of(semRqsts, channel); }

@@ -75,7 +75,7 @@ TEST_F(CreateTest, a_new_segment_has_every_field_that_processes_rely_on) {
 }
 
 TEST_F(CreateTest, locks_stand_at_one_and_wake_ups_at_zero_under_the_agreed_keys) {
-    create(kTwoChannels, key_, false, 0640);
+    create(kTwoChannels, key_, false, {0640});
     for (const int set : sets()) {
         const bool locks = size_of_set(set) == 2;
         EXPECT_TRUE(locks || size_of_set(set) == 1);
