@@ -1,6 +1,7 @@
 // sms_shm: the blocking loop.
 #include "core/blocking.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -102,6 +103,7 @@ public:
         announced_ = false;
         leave_registry();
     }
+    const Waiter &waiter() const { return waiter_; }
 
 private:
     bool announce(bool wake_peer) {
@@ -135,32 +137,52 @@ Wait end_by_signal() {
     return getSignal() == SIGUSR2 ? Wait::timed_out : Wait::interrupted;
 }
 
+struct Sleeping {
+    Sleeper &sleeper;
+    Announced &wait;
+};
+
+// What a cancelled thread leaves to do. The unwinder comes here without destructors: files on the
+// way of a cancellation are compiled without exceptions.
+void leave(void *sleeping) {
+    const auto &left = *static_cast<Sleeping *>(sleeping);
+    left.sleeper.release();
+    left.wait.withdraw();
+}
+
+// One sleep, on the semaphore or, without one, for a while.
+Woken sleep(Sleeper &sleeper, Announced &wait, int semid) {
+    const Waiter &waiter = wait.waiter();
+    Sleeping sleeping{sleeper, wait};
+    Woken woken = Woken::never_slept;
+    pthread_cleanup_push(leave, &sleeping);
+    if (semid != -1)
+        woken = sleeper.take(semid, 0, 0, wanted_state(waiter.side, waiter.q), true);
+    else
+        woken = sleeper.pause(kPauseMilliseconds, true);
+    pthread_cleanup_pop(0);
+    return woken;
+}
+
 // What ended a registered wait.
 enum class End { settled, woken, by_signal, out_of_time };
 
 // Sleeps until the attempt settles it, or a signal, a post or the end of time ends the sleep.
 End sleep_registered(const Waiter &waiter, Sleeper &sleeper, Announced &wait, int64_t limit,
                      bool (*attempt)(void *), void *context) {
-    bool polls = false;
+    int semid = waiter.side.semaphore(waiter.channel);
     for (;;) {
-        const int semid = waiter.side.semaphore(waiter.channel);
-        polls = polls || semid == -1;
+        const bool polls = semid == -1;
         if (!polls) far_barrier();
         if (attempt(context)) return End::settled;
-        Woken woken = Woken::never_slept;
-        if (!polls) {
-            woken = sleeper.take(semid, 0, 0, wanted_state(waiter.side, waiter.q), true);
-            const bool took = woken == Woken::normally;
-            if (took && !sleeper.signalled() && !wait.in_progress().sent_to_look())
-                return End::woken;
-            if (took && sleeper.signalled()) return attempt(context) ? End::settled : End::by_signal;
-        }
-        if (woken == Woken::never_slept) {
-            polls = true; // there is no semaphore, or none any more
-            if (microseconds_now() >= limit) return End::out_of_time;
-            woken = sleeper.pause(kPauseMilliseconds, true);
-        }
+        const Woken woken = sleep(sleeper, wait, semid);
         if (woken == Woken::by_signal) return End::by_signal;
+        if (polls && microseconds_now() >= limit) return End::out_of_time;
+        if (woken == Woken::never_slept) semid = -1; // there is no semaphore any more
+        if (woken == Woken::normally && !polls) {
+            if (sleeper.signalled()) return attempt(context) ? End::settled : End::by_signal;
+            if (!wait.in_progress().sent_to_look()) return End::woken;
+        }
         sleeper.hold();
         wait.announce_again();
     }

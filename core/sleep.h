@@ -44,12 +44,14 @@ public:
     // Sleeps for so long; afterwards signals are kept away.
     Woken pause(int milliseconds, bool cancellable);
 
+    // Lets the signals in.
+    void release() noexcept;
+
     // While the thread sleeps or is about to: the words that show whether a handler has run since
     // the last moment at which that would have kept it from sleeping. Otherwise null.
     const SleepFrame &frame() const noexcept { return frame_; }
 
 private:
-    void release() noexcept;
     bool let_pending_in(int milliseconds);
     int cancellable_sleep();
 
