@@ -17,7 +17,9 @@
 #include "core/barrier.h"
 #include "core/end.h"
 #include "core/geometry.h"
+#include "core/mapping.h"
 #include "core/ring.h"
+#include "core/signals.h"
 
 namespace {
 
@@ -207,6 +209,7 @@ int init_shm(const char *keyfile) noexcept {
         attached = qm;
         learn_channels();
         join_far_barriers();
+        start_signal_service();
         result = ESMS_OK;
     }
     std::puts("SHM_INIT_FINISHED.");
@@ -222,6 +225,7 @@ int close_shm() noexcept {
     semPosts = semRqsts = nullptr;
     attached = nullptr;
     forget_channels();
+    wait_for_mapping_users();
     // Kept: qm, shmblock and the lock sets stay, so that a process attaches once for its lifetime.
     const int result = shmdt(segment) == 0 ? ESMS_OK : ESMS_SHMOP;
     if (std::exchange(view_id, -1) >= 0) qm = nullptr; // a view may come again
