@@ -109,7 +109,7 @@ public:
 
 private:
     void announce() {
-        int32_t &waiting = waiter_.q->*waiter_.side.waiting;
+        halvo_i32 &waiting = waiter_.q->*waiter_.side.waiting;
         store(waiting, static_cast<int32_t>(static_cast<uint32_t>(load(waiting)) + 1));
     }
     const Waiter &waiter_;

@@ -5,6 +5,7 @@
 
 #include "core/ring.h"
 #include "halvo/frx.h"
+#include "tests/support/ring.h"
 
 namespace halvo::test {
 
