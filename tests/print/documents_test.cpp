@@ -1,8 +1,8 @@
 #include <climits>
 #include <cstring>
 
-#include "core/ring.h"
 #include "tests/print/scenario.h"
+#include "tests/support/ring.h"
 
 using namespace halvo::test;
 
@@ -85,8 +85,8 @@ TEST_F(Documents, show_the_states_of_slots_and_buffers) {
     halvo::slot_at(mt, mt->wpos)->state = HALVO_SLOT_PENDING;
     mt->rpos += 4096;
     halvo::slot_at(mt, mt->rpos)->state = HALVO_SLOT_MARKED;
-    halvo::buffer_slot(mt, mt->wbufs, 1)->state = HALVO_SLOT_READABLE;
-    halvo::buffer_slot(mt, mt->rbufs, 4)->state = 7;
+    halvo::test::buffer_slot(mt, mt->wbufs, 1)->state = HALVO_SLOT_READABLE;
+    halvo::test::buffer_slot(mt, mt->rbufs, 4)->state = 7;
     EXPECT_EQ(element(0, "rwrw"), "WR _F_______X");
 }
 

@@ -32,6 +32,11 @@ inline int write_buf(halvo_channel *q, const std::string &text, int index) {
     return q_write_buf(q, 1, text.data(), static_cast<uint32_t>(text.size()), index);
 }
 
+// Buffer slot `index` of those at rbufs or wbufs.
+inline qmsg *buffer_slot(halvo_channel *q, uint32_t area, uint32_t index) {
+    return slot_at(q, area + index * q->qbsz);
+}
+
 // Room for one slot of a channel, as a reader has it.
 class Slot {
 public:

@@ -147,7 +147,7 @@ void add_ends(Exposition &out, const Image &image, int32_t now) {
 // The replies that another channel counts for a channel.
 struct Reply {
     const char *name;
-    int32_t halvo_channel::*type;
+    halvo_i32 halvo_channel::*type;
 };
 constexpr Reply kReplies[] = {{"ack", &halvo_channel::acktype},
                               {"result", &halvo_channel::rslttype}};
