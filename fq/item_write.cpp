@@ -245,23 +245,23 @@ int fq_write_item_commit(fqtrans *trans) noexcept {
                           "fq_write_item_commit.write(eof) error "))
         return -1;
     OpenSide *side = running_side(trans, trans->path);
-    const bool written_here = side && side->data_seen && side->data_order == first.order;
-    if (written_here && !side->is_still_the_queue()) return -1;
-    // Somebody else may have cut the file: then one looks at each item.
-    if (batch && written_here && side->batch.holds(first.order, first.offset, trans->count) &&
-        side->data.size() >= next.offset)
-        return end_commit(side->data.get(), flip_kept(side->data.get(), side->batch, first.offset),
-                          trans, next);
+    if (side && side->data_seen && side->data_order == first.order) {
+        if (!side->is_still_the_queue()) return -1;
+        const int fd = side->data.get();
+        if (!batch) return end_commit(fd, flip(fd, first.offset), trans, next);
+        // Somebody else may have cut the file: then one looks at each item.
+        if (side->batch.holds(first.order, first.offset, trans->count) &&
+            side->data.size() >= next.offset)
+            return end_commit(fd, flip_kept(fd, side->batch, first.offset), trans, next);
+    }
     const FileName name = data_file(trans->path, first.order);
-    Descriptor own;
-    if (!written_here || batch)
-        own = open_queue_file(side ? side->directory() : AT_FDCWD, name, batch ? O_RDWR : O_WRONLY);
-    const int fd = own ? own.get() : written_here ? side->data.get() : -1;
-    if (fd < 0 || (batch && !own)) {
+    const Descriptor file =
+        open_queue_file(side ? side->directory() : AT_FDCWD, name, batch ? O_RDWR : O_WRONLY);
+    if (!file) {
         std::printf("fq_write_item_commit.open error %s\n", name.text);
         return -1;
     }
-    return end_commit(fd,
-                      batch ? flip_batch(fd, first.offset, trans->count) : flip(fd, first.offset),
-                      trans, next);
+    const int flipped =
+        batch ? flip_batch(file.get(), first.offset, trans->count) : flip(file.get(), first.offset);
+    return end_commit(file.get(), flipped, trans, next);
 }

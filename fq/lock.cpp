@@ -103,7 +103,8 @@ int give_back_lock(int lockfd, OpenSide *side) {
 
 bool halvo::fq::begin_record(fqtrans *trans, const char *path) noexcept {
     if (!trans || !usable_path(path)) return false;
-    std::memset(trans, 0, sizeof *trans);
+    // Behind the path's end its array stays as it is.
+    std::memset(&trans->lockfd, 0, sizeof *trans - offsetof(fqtrans, lockfd));
     std::strcpy(trans->path, path);
     return true;
 }

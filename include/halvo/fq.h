@@ -36,11 +36,17 @@
  *            nothing is read.
  *   results  0 or a positive number for success, negative for failure, with a line on standard
  *            output. Failures are not retried.
- *   files    stay open for the next transaction, three to a side, of up to 32 sides that are idle; so
- *            a deleted data file may take up its disk space until the next transaction on its side.
- *            Files that are removed, replaced or moved between transactions are opened anew.
+ *   files    What the path names when a transaction begins is the queue, for lock file, position
+ *            file and data file; a relative path counts from the directory where it was begun. A
+ *            commit answers 0 only for items in the file that the path still names. Files stay open
+ *            for the next transaction, three to a side, of up to 32 sides that are idle, with
+ *            descriptors in the upper half of what the process may open; so a deleted data file may
+ *            take up its disk space until the next transaction on its side.
  *   waiting  fq_lock, fq_enqueue, fq_enqueue_away and fq_dequeue block without limit while another
- *            thread or process holds the side. Everything else returns at once.
+ *            thread or process holds the side. Everything else returns at once. What the system
+ *            takes for a deadlock of processes is waited for as well, unless the calling thread
+ *            holds a side itself and that has lasted ten seconds: that is a failure (-4). A thread
+ *            that begins a transaction on a side that it holds waits until another ends the first.
  */
 #ifndef HALVO_FQ_H
 #define HALVO_FQ_H
@@ -140,7 +146,7 @@ HALVO_API int fq_dequeue_rollback(int chnnl, fqtrans *trans) HALVO_NOEXCEPT;
  * returns  31; ESMS_INVAL for a null record or too long a path; -1 the lock file could not be
  *          opened; -2 more than 256 lock files in this process; -3 mutex; -4 file lock, or a signal
  *          ended the wait for it; -5 position file; -6 the position could not be read. Nothing is
- *          held after a failure. */
+ *          held after a failure. A last record that cannot be read gives way to the one before. */
 HALVO_API int fq_lock(char mode, fqtrans *trans) HALVO_NOEXCEPT;
 /* Gives a side back: position file, file lock, mutex; each step is tried.
  * returns  0, or the code of the last failure: -1 no position file, -5 no lock file, -4 file lock,
