@@ -9,7 +9,7 @@
  * One writer and one reader work on a queue at the same time; further ones, threads and processes
  * alike, wait for their side. Items of a transaction become readable all at once at its commit, and
  * are consumed only by the reader's commit: a reader that dies gets them again. Nothing is forced
- * to the disk (no fsync).
+ * to the disk (no fsync), unless a process asks for it: see fq_set_durability.
  *
  *     fqtrans t;
  *     if (fq_enqueue(-1, "/var/q/mo", a, alen, &t) > 0 && fq_enqueue_next(-1, b, blen, &t) > 0)
@@ -61,6 +61,12 @@ enum {
     FQ_POSITION_SIZE = 31,  /* bytes of a position record */
     FQ_ITEM_EXTRA = 22,     /* bytes of an item besides its data: header and trailer */
     FQ_ITEM_MAX = 999999977 /* bytes of data in an item: its end must be a 9-digit offset */
+};
+
+enum {
+    FQ_DURABILITY_NONE = 0, /* nothing is forced to the disk */
+    FQ_DURABILITY_COMMIT =
+        1 /* a transaction that was answered with success survives a power loss */
 };
 
 /* A transaction: one side of a queue, locked. Between the calls the position records hold a NUL
@@ -137,6 +143,18 @@ HALVO_API int fq_dequeue_next(int chnnl, const char *path, fqtrans *trans, void 
 HALVO_API int fq_dequeue_commit(int chnnl, fqtrans *trans) HALVO_NOEXCEPT;
 /* Gives the side back; the same items are read again. returns fq_unlock's result, -1 for null. */
 HALVO_API int fq_dequeue_rollback(int chnnl, fqtrans *trans) HALVO_NOEXCEPT;
+
+/* ---- Durability -------------------------------------------------------------------------- */
+
+/* What the transactions of this process promise from now on, on all queues and threads; at first
+ * what the environment variable HALVO_FQ_DURABILITY says ("none", "commit"), else nothing is forced.
+ * With FQ_DURABILITY_COMMIT every commit and single shot waits for the disk: once for a single item
+ * and for a reader's commit, three times for a batch, more where a data file begins or ends. Both
+ * sides of a queue must ask for it. A failure to force is the failure of the call: -1, and items
+ * that were written may be readable all the same. The item functions below force nothing on a
+ * record that fq_lock has not filled.
+ * returns  0, or ESMS_INVAL for any other mode. Any thread, at any time. */
+HALVO_API int fq_set_durability(int mode) HALVO_NOEXCEPT;
 
 /* ---- Locks ------------------------------------------------------------------------------- */
 
