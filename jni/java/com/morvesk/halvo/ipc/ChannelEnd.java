@@ -71,20 +71,22 @@ final class ChannelEnd {
         if (Thread.interrupted()) {
             throw new InterruptedException(name);
         }
-        long until = deadline(timeout);
-        if (!turn.tryLock()
-                && !turn.tryLock(until - System.nanoTime(), TimeUnit.NANOSECONDS)) {
+        boolean atOnce = turn.tryLock(); // then nobody looks at the clock until there is a wait
+        long until = atOnce ? 0 : deadline(timeout);
+        if (!atOnce && !turn.tryLock(until - System.nanoTime(), TimeUnit.NANOSECONDS)) {
             return IPCFunctions.ESMS_TIMEOUT;
         }
         try {
-            if (marked != null && !awaitRelease(until)) {
-                return IPCFunctions.ESMS_TIMEOUT;
+            if (marked == null && !closing) {
+                long result = call.run(null, 0);
+                if (result != notYet) {
+                    return result;
+                }
             }
-            if (closing) {
-                throw new ChannelClosedException(name);
+            if (atOnce) {
+                until = deadline(timeout);
             }
-            long result = call.run(null, 0);
-            return result == notYet ? await(until, call) : result;
+            return awaitRelease(until) ? await(until, call) : IPCFunctions.ESMS_TIMEOUT;
         } finally {
             turn.unlock();
         }
