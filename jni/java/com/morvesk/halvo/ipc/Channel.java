@@ -45,6 +45,7 @@ public final class Channel implements AutoCloseable {
     private final ChannelEnd end;
     private final byte[] scratch; // for the message that is being read, in its turn
     private byte[] slots = {}; // for marked messages
+    private final Into into = new Into();
     private volatile int lastType = -1;
 
     /** A message that was read. */
@@ -288,7 +289,7 @@ public final class Channel implements AutoCloseable {
     /**
      * Takes the next message into an array, waiting for one. Nothing is allocated.
      *
-     * @param into    receives the message
+     * @param array   receives the message
      * @param offset  where in the array it begins
      * @param length  the room for it
      * @param timeout the longest wait; 0 or less does not wait
@@ -297,39 +298,65 @@ public final class Channel implements AutoCloseable {
      *     message is longer than the room, and stays
      * @throws InterruptedException when the thread is interrupted
      */
-    public int read(byte[] into, int offset, int length, Duration timeout)
+    public int read(byte[] array, int offset, int length, Duration timeout)
             throws HalvoException, InterruptedException {
-        checkRange(into, offset, length);
-        long taken = end().inTime(timeout, IPCFunctions.ESMS_EMPTY, (cell, millis) ->
-                ChannelCalls.read(cell, end.number, into, offset, length, millis));
-        return taken(taken, length);
+        checkRange(array, offset, length);
+        return readInto(array, offset, length, null, timeout);
     }
 
     /**
      * Takes the next message into a buffer, waiting for one. Nothing is allocated. The message begins
      * at the buffer's position, which then stands behind it.
      *
-     * @param into    receives the message
+     * @param buffer  receives the message
      * @param timeout the longest wait; 0 or less does not wait
      * @return the message's length; {@link #lastType} tells its type
      * @throws HalvoException as {@link #read(byte[], int, int, Duration)}
      * @throws InterruptedException when the thread is interrupted
      */
-    public int read(ByteBuffer into, Duration timeout)
+    public int read(ByteBuffer buffer, Duration timeout)
             throws HalvoException, InterruptedException {
-        int room = into.remaining();
-        if (into.isReadOnly()) {
+        int room = buffer.remaining();
+        if (buffer.isReadOnly()) {
             throw new IllegalArgumentException("the buffer cannot be written to");
         }
-        long taken = end().inTime(timeout, IPCFunctions.ESMS_EMPTY, (cell, millis) -> {
-            long got = ChannelCalls.read(
-                    cell, end.number, scratch, 0, Math.min(room, scratch.length), millis);
-            if (got >= 0) {
-                into.put(scratch, 0, (int) got);
+        return readInto(scratch, 0, Math.min(room, scratch.length), buffer, timeout);
+    }
+
+    private int readInto(byte[] array, int offset, int length, ByteBuffer copy, Duration timeout)
+            throws HalvoException, InterruptedException {
+        if (!end().take(timeout)) {
+            return taken(IPCFunctions.ESMS_TIMEOUT, length);
+        }
+        try {
+            into.set(array, offset, length);
+            long taken = end.inTurn(timeout, IPCFunctions.ESMS_EMPTY, into);
+            if (taken >= 0 && copy != null) {
+                copy.put(array, 0, (int) taken);
             }
-            return got;
-        });
-        return taken(taken, room);
+            return taken(taken, length);
+        } finally {
+            into.array = null;
+            end.give();
+        }
+    }
+
+    /** The one call that reads into the caller's memory, for whoever has the turn. */
+    private final class Into implements WakeableCall.Call {
+        private byte[] array;
+        private int offset;
+        private int length;
+
+        void set(byte[] into, int from, int room) {
+            array = into;
+            offset = from;
+            length = room;
+        }
+
+        @Override
+        public long run(ByteBuffer cell, int millis) {
+            return ChannelCalls.read(cell, end.number, array, offset, length, millis);
+        }
     }
 
     private int taken(long taken, int room) throws HalvoException {
