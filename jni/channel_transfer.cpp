@@ -111,7 +111,9 @@ COMPANION_NATIVE(jint, ChannelCalls, mark)
         {
             const PinnedBytes bytes(env, slots, 0);
             while (bytes.get() && copied < marked &&
-                   q_read_markedmsg(q, copied, bytes.get() + copied * size) == ESMS_OK)
+                   q_read_markedmsg(q, copied,
+                                    bytes.get() + size_t{size} * static_cast<size_t>(copied)) ==
+                       ESMS_OK)
                 ++copied;
         }
         if (copied == marked) return marked;
