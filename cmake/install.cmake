@@ -21,12 +21,7 @@ endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(halvo_tools)
-foreach(tool IN ITEMS halvo-qm halvo-send halvo-recv halvo-fq halvo-mon)
-  if(TARGET ${tool})
-    list(APPEND halvo_tools ${tool})
-  endif()
-endforeach()
+get_property(halvo_tools GLOBAL PROPERTY HALVO_PROGRAMS)
 set(halvo_docs ${CMAKE_INSTALL_DATADIR}/doc/halvo-tools)
 
 # ---- Library

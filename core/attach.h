@@ -10,6 +10,9 @@ namespace halvo {
 extern halvo_segment *attached __attribute__((visibility("hidden")));
 inline halvo_segment *attached_segment() noexcept { return attached; }
 
+// The same, but null while q_attach_view() attached it: then nothing of it may be stored to.
+halvo_segment *writable_segment() noexcept;
+
 // The kernel's id of the segment that was attached last; -1 before.
 int attached_id() noexcept;
 

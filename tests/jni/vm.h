@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "tests/support/program.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 

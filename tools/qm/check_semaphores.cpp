@@ -1,11 +1,14 @@
+// halvo-qm check: the semaphore sets, their sizes and values.
 #include <sys/sem.h>
 
 #include "core/ring.h"
+#include "tools/frame/text.h"
 #include "tools/qm/check.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

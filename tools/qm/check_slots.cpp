@@ -1,13 +1,16 @@
+// halvo-qm check: slot states and positions of rings that stand still.
 #include <unistd.h>
 
 #include <array>
 #include <optional>
 
 #include "core/ring.h"
+#include "tools/frame/text.h"
 #include "tools/qm/check.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

@@ -1,13 +1,16 @@
+// halvo-qm remove: the segment, its semaphores and key files.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "tools/frame/text.h"
 #include "tools/qm/objects.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

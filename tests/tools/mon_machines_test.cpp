@@ -1,0 +1,147 @@
+// What halvo-mon tells programs: metrics and the answer to a check.
+#include <cstring>
+#include <regex>
+#include <set>
+
+#include "tests/print/scenario.h"
+#include "tools/mon/check.h"
+#include "tools/mon/prometheus.h"
+
+using namespace halvo::mon;
+using namespace halvo::test;
+
+namespace {
+
+class Machines : public Status {
+protected:
+    Answer answer(const CheckOptions &options) const {
+        return check(Sampler(segment.key_file()).take(), options);
+    }
+    static std::string metrics() { return prometheus_text(Image::of_segment(), kNow); }
+};
+
+bool has_line(const std::string &text, const std::string &line) {
+    return ("\n" + text).find("\n" + line + "\n") != std::string::npos;
+}
+
+// The rules of the exposition format, line by line. Returns the first line that breaks one.
+std::string fault_of(const std::string &text) {
+    static const std::regex help("# HELP ([a-zA-Z_:][a-zA-Z0-9_:]*) [^\\n]+");
+    static const std::regex type("# TYPE ([a-zA-Z_:][a-zA-Z0-9_:]*) (counter|gauge)");
+    static const std::regex sample("([a-zA-Z_:][a-zA-Z0-9_:]*)"
+                                   "(\\{([a-z_]+=\"([^\"\\\\]|\\\\[\\\\\"n])*\",?)+\\})? -?[0-9]+");
+    std::set<std::string> families, samples;
+    std::string helped, typed;
+    std::smatch match;
+    for (const std::string &line : lines(text)) {
+        if (std::regex_match(line, match, help)) {
+            helped = match[1];
+            if (!families.insert(helped).second) return "family twice: " + line;
+        } else if (std::regex_match(line, match, type)) {
+            typed = match[1];
+            if (typed != helped) return "type without help: " + line;
+            if ((match[2] == "counter") != (typed.find("_total") != std::string::npos))
+                return "counters alone end in _total: " + line;
+        } else if (std::regex_match(line, match, sample)) {
+            if (match[1] != typed) return "outside its family: " + line;
+            if (!samples.insert(line.substr(0, line.rfind(' '))).second) return "twice: " + line;
+        } else {
+            return "no line of the format: " + line;
+        }
+    }
+    return text.empty() || text.back() != '\n' ? "no newline at the end" : "";
+}
+
+} // namespace
+
+TEST_F(Machines, metrics_keep_to_the_format_whatever_a_channel_is_called) {
+    std::memcpy(mt->qname, "a\"b\\c\nd", 8);
+    std::memset(xcn->qname, 'x', sizeof xcn->qname);
+    const std::string text = metrics();
+    EXPECT_EQ(fault_of(text), "");
+    EXPECT_TRUE(has_line(
+        text, "halvo_channel_ring_backlog{channel=\"a\\\"b\\\\c\\nd\",number=\"0\",type=\"M\"} 2"));
+    EXPECT_NE(text.find("{channel=\"" + std::string(24, 'x') + "\","), std::string::npos);
+}
+
+TEST_F(Machines, metrics_hold_the_figures_of_the_tables) {
+    const std::string text = metrics();
+    const std::string file = "{channel=\"XCN1\",number=\"1\",type=\"F\"";
+    EXPECT_TRUE(has_line(text, "halvo_channels 3"));
+    EXPECT_TRUE(has_line(text, "halvo_channel_done_total" + file + "} 7500"));
+    EXPECT_TRUE(has_line(text, "halvo_channel_backlog" + file + "} 500"));
+    EXPECT_TRUE(has_line(text, "halvo_channel_throttled" + file + "} 1"));
+    EXPECT_TRUE(has_line(text, "halvo_channel_active" + file + ",end=\"file-writer\"} 1"));
+    EXPECT_TRUE(has_line(text, "halvo_channel_active" + file + ",end=\"file-reader\"} 0"));
+    EXPECT_TRUE(has_line(text, "halvo_channel_process_id" + file + ",end=\"file-reader\"} 5102"));
+    EXPECT_TRUE(has_line(text, "halvo_channel_replies_total" + file + ",reply=\"ack\"} 40"));
+    EXPECT_TRUE(has_line(text, "halvo_channel_reply_errors_total" + file + ",reply=\"ack\"} 10"));
+    EXPECT_TRUE(has_line(text, utf8("halvo_channel_type_messages_total{channel=\"한국\","
+                                    "number=\"2\",type=\"D\",message_type=\"5\","
+                                    "type_name=\"submit\"} 40")));
+}
+
+TEST_F(Machines, metrics_of_replies_that_point_nowhere_are_left_out) {
+    xcn->ackq = 3;
+    EXPECT_EQ(metrics().find("reply="), std::string::npos);
+    xcn->ackq = 2;
+    xcn->acktype = -1;
+    xcn->rslttype = 4096;
+    EXPECT_EQ(metrics().find("reply="), std::string::npos);
+}
+
+TEST_F(Machines, a_check_judges_backlogs_above_their_limits) {
+    CheckOptions options;
+    const auto health = [&] { return answer(options).health; };
+    EXPECT_EQ(health(), Health::ok);
+    options.demands.backlog = {500, 501}; // XCN1 has 500
+    EXPECT_EQ(health(), Health::ok);
+    options.demands.backlog = {499, 500};
+    EXPECT_EQ(health(), Health::warning);
+    options.demands.backlog = {-1, 499};
+    EXPECT_EQ(health(), Health::critical);
+    options.channels = {"MT01", utf8("한국")};
+    EXPECT_EQ(health(), Health::ok);
+    options.channels = {"MT01", "NOBODY"};
+    EXPECT_EQ(answer(options).line, "HALVO UNKNOWN - no channel named NOBODY");
+    EXPECT_EQ(health(), Health::unknown);
+}
+
+TEST_F(Machines, a_check_judges_the_ends_that_the_channel_uses) {
+    CheckOptions options;
+    options.demands.age = {5, 10};
+    options.channels = {"MT01"};
+    EXPECT_EQ(answer(options).line,
+              "HALVO OK - 1 channels, backlog 2 | 'MT01 backlog'=2;;;0 'MT01 writer'=2s;5;10;0 "
+              "'MT01 reader'=3s;5;10;0");
+    mt->rtime = kNow - 11;
+    EXPECT_EQ(answer(options).health, Health::critical);
+    options.readers = false;
+    EXPECT_EQ(answer(options).health, Health::ok);
+    // Of type F it is the file queue's: writer 10 seconds ago, its ring was never used.
+    options.channels = {"XCN1"};
+    EXPECT_EQ(answer(options).health, Health::warning);
+    xcn->fwtime = 0;
+    EXPECT_EQ(answer(options).line,
+              "HALVO CRITICAL - XCN1 writer never seen | 'XCN1 backlog'=500;;;0 "
+              "'XCN1 writer'=U;5;10;0");
+}
+
+TEST_F(Machines, a_check_answers_in_one_line_with_the_worst_first) {
+    std::memcpy(korea->qname, "|'=\n", 5);
+    xcn->fpcnt.count = 7501;
+    CheckOptions options;
+    options.demands.backlog = {0, 2};
+    EXPECT_EQ(answer(options).line,
+              "HALVO CRITICAL - ____ backlog 3; MT01 backlog 2; XCN1 backlog 1 | "
+              "'MT01 backlog'=2;0;2;0 'XCN1 backlog'=1;0;2;0 '____ backlog'=3;0;2;0");
+}
+
+TEST_F(Machines, a_damaged_channel_is_critical_and_has_no_metrics) {
+    mt->qend = 0xFFFFFFF0u;
+    const Answer found = answer({});
+    EXPECT_EQ(found.health, Health::critical);
+    EXPECT_EQ(found.line.find("HALVO CRITICAL - channel 0 is damaged |"), 0u);
+    EXPECT_EQ(metrics().find("MT01"), std::string::npos);
+    EXPECT_EQ(fault_of(metrics()), "");
+}
