@@ -23,7 +23,13 @@ jint once_or_waiting(const Waiter &waiter, WakeCell *cell, jint not_yet, Attempt
     }
     const WakeableWait wakeable(cell);
     if (!wakeable.may_wait()) return ESMS_JAVAINTR;
-    const Wait wait = wait_until(waiter, settled);
+    // A wait forgets the signals that came before it registers, and then tries once more.
+    const Wait wait = wait_until(waiter, [&] {
+        if (settled()) return true;
+        if (!wakeable.is_called()) return false;
+        result = ESMS_JAVAINTR;
+        return true;
+    });
     return wait == Wait::settled ? result : code_of(wait);
 }
 

@@ -13,9 +13,9 @@ namespace {
 pthread_mutex_t waits_mutex = PTHREAD_MUTEX_INITIALIZER; // guards the list and the cells' words
 WakeableWait *waits = nullptr;
 
-// A wait that was just about to sleep gets another signal soon, before the monitor's pass.
-constexpr int kMoreSignals = 5;
-constexpr long kPause = 300000; // nanoseconds
+// A wait that was just about to sleep gets more signals before the monitor's pass. Nanoseconds.
+constexpr long kFirstPause = 250000;
+constexpr long kLastPause = 16000000;
 
 } // namespace
 
@@ -48,7 +48,7 @@ void WakeableWait::signal() const noexcept { pthread_kill(thread_, SIGUSR2); }
 // Signals the waits with that cell. Whether there were any.
 bool signal_waits(WakeCell *cell) noexcept {
     const MutexLock lock(waits_mutex);
-    cell->called = 1;
+    store(cell->called, 1);
     bool any = false;
     for (const WakeableWait *wait = waits; wait; wait = wait->next_) {
         if (wait->cell_ != cell) continue;
@@ -60,9 +60,9 @@ bool signal_waits(WakeCell *cell) noexcept {
 
 void call_cell(WakeCell *cell) noexcept {
     if (!cell || !signal_waits(cell)) return;
-    for (int i = 0; i < kMoreSignals; ++i) {
-        const timespec pause{0, kPause};
-        nanosleep(&pause, nullptr);
+    for (long pause = kFirstPause; pause <= kLastPause; pause *= 2) {
+        const timespec limit{0, pause};
+        nanosleep(&limit, nullptr);
         if (!signal_waits(cell)) return;
     }
 }
@@ -70,7 +70,7 @@ void call_cell(WakeCell *cell) noexcept {
 void reset_cell(WakeCell *cell) noexcept {
     if (!cell) return;
     const MutexLock lock(waits_mutex);
-    cell->called = 0;
+    store(cell->called, 0);
 }
 
 void call_again() noexcept {

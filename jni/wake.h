@@ -13,6 +13,8 @@
 
 #include <cstdint>
 
+#include "core/ring.h"
+
 namespace halvo {
 
 struct WakeCell {
@@ -32,6 +34,7 @@ public:
 
     // False when the cell was called before: then there must be no wait.
     bool may_wait() const noexcept { return listed_; }
+    bool is_called() const noexcept { return load(cell_->called) != 0; }
 
 private:
     friend bool signal_waits(WakeCell *cell) noexcept;
