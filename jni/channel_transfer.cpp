@@ -23,7 +23,13 @@ jint once_or_waiting(const Waiter &waiter, WakeCell *cell, jint not_yet, Attempt
     }
     const WakeableWait wakeable(cell);
     if (!wakeable.may_wait()) return ESMS_JAVAINTR;
-    const Wait wait = wait_until(waiter, settled);
+    // A wait forgets the signals that came before it registers, and then tries once more.
+    const Wait wait = wait_until(waiter, [&] {
+        if (settled()) return true;
+        if (!wakeable.is_called()) return false;
+        result = ESMS_JAVAINTR;
+        return true;
+    });
     return wait == Wait::settled ? result : code_of(wait);
 }
 
@@ -111,7 +117,9 @@ COMPANION_NATIVE(jint, ChannelCalls, mark)
         {
             const PinnedBytes bytes(env, slots, 0);
             while (bytes.get() && copied < marked &&
-                   q_read_markedmsg(q, copied, bytes.get() + copied * size) == ESMS_OK)
+                   q_read_markedmsg(q, copied,
+                                    bytes.get() + size_t{size} * static_cast<size_t>(copied)) ==
+                       ESMS_OK)
                 ++copied;
         }
         if (copied == marked) return marked;

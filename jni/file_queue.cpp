@@ -24,12 +24,13 @@ public:
     fqtrans *record() const noexcept {
         jlong handle = 0;
         env_->GetLongArrayRegion(words_, 0, 1, &handle);
-        return reinterpret_cast<fqtrans *>(static_cast<uintptr_t>(handle));
+        const auto address = static_cast<uintptr_t>(handle);
+        return reinterpret_cast<fqtrans *>(address); // NOLINT(performance-no-int-to-ptr)
     }
     void begin(Memory<fqtrans> record) const noexcept {
         const jlong words[] = {static_cast<jlong>(reinterpret_cast<uintptr_t>(record.get())),
                                record->lockkey};
-        record.release();
+        static_cast<void>(record.release()); // it is Java's now
         env_->SetLongArrayRegion(words_, 0, 2, words);
     }
     void end() const noexcept {

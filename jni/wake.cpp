@@ -2,6 +2,7 @@
 #include "jni/wake.h"
 
 #include <csignal>
+#include <ctime>
 
 #include "core/posix.h"
 
@@ -11,6 +12,10 @@ namespace {
 
 pthread_mutex_t waits_mutex = PTHREAD_MUTEX_INITIALIZER; // guards the list and the cells' words
 WakeableWait *waits = nullptr;
+
+// A wait that was just about to sleep gets more signals before the monitor's pass. Nanoseconds.
+constexpr long kFirstPause = 250000;
+constexpr long kLastPause = 16000000;
 
 } // namespace
 
@@ -40,18 +45,32 @@ WakeableWait::~WakeableWait() {
 // The monitor's signal: the thread cannot tell the two apart, and Java knows what it asked for.
 void WakeableWait::signal() const noexcept { pthread_kill(thread_, SIGUSR2); }
 
-void call_cell(WakeCell *cell) noexcept {
-    if (!cell) return;
+// Signals the waits with that cell. Whether there were any.
+bool signal_waits(WakeCell *cell) noexcept {
     const MutexLock lock(waits_mutex);
-    cell->called = 1;
-    for (const WakeableWait *wait = waits; wait; wait = wait->next_)
-        if (wait->cell_ == cell) wait->signal();
+    store(cell->called, 1);
+    bool any = false;
+    for (const WakeableWait *wait = waits; wait; wait = wait->next_) {
+        if (wait->cell_ != cell) continue;
+        wait->signal();
+        any = true;
+    }
+    return any;
+}
+
+void call_cell(WakeCell *cell) noexcept {
+    if (!cell || !signal_waits(cell)) return;
+    for (long pause = kFirstPause; pause <= kLastPause; pause *= 2) {
+        const timespec limit{0, pause};
+        nanosleep(&limit, nullptr);
+        if (!signal_waits(cell)) return;
+    }
 }
 
 void reset_cell(WakeCell *cell) noexcept {
     if (!cell) return;
     const MutexLock lock(waits_mutex);
-    cell->called = 0;
+    store(cell->called, 0);
 }
 
 void call_again() noexcept {

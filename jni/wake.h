@@ -4,13 +4,16 @@
 // Java owns a wake cell per channel: memory whose first word is 0 until it is called. A wait with a
 // cell stands in a list while it is in the library. A call marks the cell and signals the waits that
 // have it; a wait that comes later with a called cell does not begin. A signal that comes just before
-// the thread sleeps would be lost: each pass of the timeout monitor signals again.
+// the thread sleeps would be lost: the caller looks some more times, and each pass of the timeout monitor
+// signals again.
 #pragma once
 
 #include <jni.h>
 #include <pthread.h>
 
 #include <cstdint>
+
+#include "core/ring.h"
 
 namespace halvo {
 
@@ -31,9 +34,10 @@ public:
 
     // False when the cell was called before: then there must be no wait.
     bool may_wait() const noexcept { return listed_; }
+    bool is_called() const noexcept { return load(cell_->called) != 0; }
 
 private:
-    friend void call_cell(WakeCell *cell) noexcept;
+    friend bool signal_waits(WakeCell *cell) noexcept;
     friend void call_again() noexcept;
     void signal() const noexcept;
 
@@ -44,6 +48,7 @@ private:
     WakeableWait **link_ = nullptr; // what points to this one
 };
 
+bool signal_waits(WakeCell *cell) noexcept;
 // Ends the waits with that cell and all that come until it is reset.
 void call_cell(WakeCell *cell) noexcept;
 void reset_cell(WakeCell *cell) noexcept;

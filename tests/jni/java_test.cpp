@@ -143,10 +143,10 @@ TEST_P(Vm, ExchangeTest) {
 }
 
 // The example of the documents, with the library found by the VM's own search.
-TEST(jni, Hello) {
+TEST_P(Vm, Hello) {
     const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
     const Outcome outcome = run_vm(s, {"-Djava.library.path=" HALVO_LIBRARY_DIRECTORY},
-                                   {"Hello", s.key_file(), "MT01"});
+                                   {"Hello", s.key_file(), "MT01"}, java_);
     EXPECT_EQ(outcome.status, 0);
     EXPECT_NE(outcome.out.find("7: Hello, gateway\n"), std::string::npos) << outcome.out;
     EXPECT_NE(outcome.out.find("SHM_INIT_FINISHED.\n"), std::string::npos)

@@ -99,7 +99,8 @@ public final class Batch implements AutoCloseable {
      * Writes the messages if there is room for all of them at once. The batch is empty then. Without
      * a message it does nothing.
      *
-     * @throws HalvoException {@code ESMS_FULL} when there is no room; the messages stay in the batch
+     * @throws HalvoException {@code ESMS_FULL} when there is no room, or another thread uses the
+     *     channel; the messages stay in the batch
      */
     public void commit() throws HalvoException {
         requireOpen();

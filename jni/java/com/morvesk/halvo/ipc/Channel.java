@@ -40,19 +40,16 @@ public final class Channel implements AutoCloseable {
     private static final int BODY = 14;
     private static final int MOST_TYPE = 0xffff;
     private static final int HANDED_OVER_AT_ONCE = 100;
-    private static final int MOST_MARKED_BYTES = 1 << 30;
 
     private final ChannelEnd end;
-    private final byte[] scratch; // for the message that is being read, in its turn
-    private byte[] slots = {}; // for marked messages
-    private volatile int lastType = -1;
+    private final ChannelReads reads;
 
     /** A message that was read. */
     public static final class Message {
         private final int type;
         private final byte[] body;
 
-        private Message(int type, byte[] body) {
+        Message(int type, byte[] body) {
             this.type = type;
             this.body = body;
         }
@@ -103,7 +100,7 @@ public final class Channel implements AutoCloseable {
 
     private Channel(ChannelEnd end) {
         this.end = end;
-        scratch = new byte[end.longest + 2];
+        reads = new ChannelReads(end);
     }
 
     // ---- Attaching
@@ -248,8 +245,7 @@ public final class Channel implements AutoCloseable {
      * @throws InterruptedException when the thread is interrupted
      */
     public Message poll(Duration timeout) throws HalvoException, InterruptedException {
-        Taken taken = new Taken();
-        return taken.message(end().inTime(timeout, IPCFunctions.ESMS_EMPTY, taken));
+        return reading().poll(timeout);
     }
 
     /**
@@ -259,36 +255,13 @@ public final class Channel implements AutoCloseable {
      * @throws HalvoException when the channel cannot be read
      */
     public Message tryRead() throws HalvoException {
-        Taken taken = new Taken();
-        return taken.message(end().atOnce(IPCFunctions.ESMS_EMPTY, taken));
-    }
-
-    /** Reads into the scratch array and, still in turn, makes a message of it. */
-    private final class Taken implements WakeableCall.Call {
-        private byte[] body;
-
-        @Override
-        public long run(ByteBuffer cell, int millis) {
-            long taken = ChannelCalls.read(cell, end.number, scratch, 0, scratch.length, millis);
-            if (taken >= 0) {
-                body = Arrays.copyOf(scratch, (int) taken);
-            }
-            return taken;
-        }
-
-        Message message(long result) throws HalvoException {
-            if (result == IPCFunctions.ESMS_TIMEOUT || result == IPCFunctions.ESMS_EMPTY) {
-                return null;
-            }
-            end.check("read from", result);
-            return new Message((int) (result >> 32), body);
-        }
+        return reading().tryRead();
     }
 
     /**
      * Takes the next message into an array, waiting for one. Nothing is allocated.
      *
-     * @param into    receives the message
+     * @param array   receives the message
      * @param offset  where in the array it begins
      * @param length  the room for it
      * @param timeout the longest wait; 0 or less does not wait
@@ -297,49 +270,28 @@ public final class Channel implements AutoCloseable {
      *     message is longer than the room, and stays
      * @throws InterruptedException when the thread is interrupted
      */
-    public int read(byte[] into, int offset, int length, Duration timeout)
+    public int read(byte[] array, int offset, int length, Duration timeout)
             throws HalvoException, InterruptedException {
-        checkRange(into, offset, length);
-        long taken = end().inTime(timeout, IPCFunctions.ESMS_EMPTY, (cell, millis) ->
-                ChannelCalls.read(cell, end.number, into, offset, length, millis));
-        return taken(taken, length);
+        checkRange(array, offset, length);
+        return reading().into(array, offset, length, timeout);
     }
 
     /**
      * Takes the next message into a buffer, waiting for one. Nothing is allocated. The message begins
      * at the buffer's position, which then stands behind it.
      *
-     * @param into    receives the message
+     * @param buffer  receives the message
      * @param timeout the longest wait; 0 or less does not wait
      * @return the message's length; {@link #lastType} tells its type
      * @throws HalvoException as {@link #read(byte[], int, int, Duration)}
      * @throws InterruptedException when the thread is interrupted
      */
-    public int read(ByteBuffer into, Duration timeout)
+    public int read(ByteBuffer buffer, Duration timeout)
             throws HalvoException, InterruptedException {
-        int room = into.remaining();
-        if (into.isReadOnly()) {
+        if (buffer.isReadOnly()) {
             throw new IllegalArgumentException("the buffer cannot be written to");
         }
-        long taken = end().inTime(timeout, IPCFunctions.ESMS_EMPTY, (cell, millis) -> {
-            long got = ChannelCalls.read(
-                    cell, end.number, scratch, 0, Math.min(room, scratch.length), millis);
-            if (got >= 0) {
-                into.put(scratch, 0, (int) got);
-            }
-            return got;
-        });
-        return taken(taken, room);
-    }
-
-    private int taken(long taken, int room) throws HalvoException {
-        if (taken == IPCFunctions.ESMS_EXEED) {
-            throw new HalvoException("read from " + end.name, (int) taken,
-                    "the next message is longer than " + room + " bytes");
-        }
-        end.check("read from", taken);
-        lastType = (int) (taken >> 32);
-        return (int) taken;
+        return reading().into(buffer, timeout);
     }
 
     /**
@@ -348,7 +300,7 @@ public final class Channel implements AutoCloseable {
      * @return 0 to 65535; -1 before the first
      */
     public int lastType() {
-        return lastType;
+        return reads.lastType;
     }
 
     /**
@@ -364,37 +316,7 @@ public final class Channel implements AutoCloseable {
         if (max < 1) {
             throw new IllegalArgumentException("mark " + max + " messages");
         }
-        int slotSize = IPCFunctions.sizeOfBlock(end.number);
-        int most = Math.min(Math.min(max, end().slots()), MOST_MARKED_BYTES / slotSize);
-        Marking marking = new Marking(slotSize, most);
-        long result = end.inTime(timeout, IPCFunctions.ESMS_EMPTY, marking);
-        if (result == IPCFunctions.ESMS_TIMEOUT) {
-            return new Marked(end, slots, slotSize, marking.owner);
-        }
-        end.check("mark messages of", result);
-        return marking.marked;
-    }
-
-    /** Only one set is marked at a time, and so the array for its slots is used again. */
-    private final class Marking implements WakeableCall.Call {
-        private final int slotSize;
-        private final int most;
-        private final Thread owner = Thread.currentThread();
-        private Marked marked;
-
-        Marking(int slotSize, int most) {
-            this.slotSize = slotSize;
-            this.most = most;
-        }
-
-        @Override
-        public long run(ByteBuffer cell, int millis) {
-            if (slots.length / slotSize < most) {
-                slots = new byte[slotSize * most];
-            }
-            marked = new Marked(end, slots, slotSize, owner);
-            return marked.begin(cell, most, millis);
-        }
+        return reading().mark(max, timeout);
     }
 
     /**
@@ -418,25 +340,9 @@ public final class Channel implements AutoCloseable {
                 if (messages.size() == 0) {
                     return handled;
                 }
-                handled += handle(messages, handler);
+                handled += messages.handle(handler);
             }
         }
-    }
-
-    private static <X extends Exception> int handle(Marked messages, Handler<? extends X> handler)
-            throws HalvoException, X {
-        int handled = 0;
-        try {
-            for (Message message : messages) {
-                handler.handle(message);
-                handled++;
-            }
-        } finally {
-            if (handled > 0) {
-                messages.commit(handled);
-            }
-        }
-        return handled;
     }
 
     // ---- Writing
@@ -500,9 +406,9 @@ public final class Channel implements AutoCloseable {
 
     // ---- Checks
 
-    private ChannelEnd end() {
+    private ChannelReads reading() {
         end.require(false);
-        return end;
+        return reads;
     }
 
     private ChannelEnd writing() {

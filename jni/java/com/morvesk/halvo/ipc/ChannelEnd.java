@@ -11,6 +11,7 @@ import java.util.concurrent.locks.ReentrantLock;
 final class ChannelEnd {
     private static final int HEADER = 16; // bytes of a slot that no message can have
     private static final int PAUSE_MILLIS = 5;
+    private static final long AT_ONCE = 0; // the turn came without a wait
     final String name;
     final int number;
     final boolean forWrite;
@@ -18,6 +19,7 @@ final class ChannelEnd {
     private final ReentrantLock turn = new ReentrantLock();
     private final Condition released = turn.newCondition();
     private final WakeableCall waits = new WakeableCall();
+    private long turnUntil; // the deadline of who has the turn
     private volatile boolean closing;
     private boolean closed;
     private Marked marked; // holds the reading end while it is open
@@ -67,27 +69,52 @@ final class ChannelEnd {
     /** Waits for the turn, tries, waits. A result that is not {@code notYet}, or ESMS_TIMEOUT. */
     long inTime(Duration timeout, int notYet, WakeableCall.Call call)
             throws HalvoException, InterruptedException {
+        if (!take(timeout)) {
+            return IPCFunctions.ESMS_TIMEOUT;
+        }
+        try {
+            return inTurn(timeout, notYet, call);
+        } finally {
+            give();
+        }
+    }
+
+    /** Takes the turn; false when it did not come in time. */
+    boolean take(Duration timeout) throws InterruptedException {
         requireOpen();
         if (Thread.interrupted()) {
             throw new InterruptedException(name);
         }
+        if (turn.tryLock()) {
+            turnUntil = AT_ONCE;
+            return true;
+        }
         long until = deadline(timeout);
-        if (!turn.tryLock()
-                && !turn.tryLock(until - System.nanoTime(), TimeUnit.NANOSECONDS)) {
-            return IPCFunctions.ESMS_TIMEOUT;
+        if (!turn.tryLock(until - System.nanoTime(), TimeUnit.NANOSECONDS)) {
+            return false;
         }
-        try {
-            if (marked != null && !awaitRelease(until)) {
-                return IPCFunctions.ESMS_TIMEOUT;
-            }
-            if (closing) {
-                throw new ChannelClosedException(name);
-            }
+        turnUntil = until == AT_ONCE ? AT_ONCE + 1 : until;
+        return true;
+    }
+
+    void give() {
+        turn.unlock();
+    }
+
+    /** {@link #inTime} for who has the turn. */
+    long inTurn(Duration timeout, int notYet, WakeableCall.Call call)
+            throws HalvoException, InterruptedException {
+        long until = turnUntil;
+        if (marked == null && !closing) {
             long result = call.run(null, 0);
-            return result == notYet ? await(until, call) : result;
-        } finally {
-            turn.unlock();
+            if (result != notYet) {
+                return result;
+            }
         }
+        if (until == AT_ONCE) { // nobody has looked at the clock so far
+            until = deadline(timeout);
+        }
+        return awaitRelease(until) ? await(until, call) : IPCFunctions.ESMS_TIMEOUT;
     }
 
     private long await(long until, WakeableCall.Call call)

@@ -11,6 +11,7 @@ final class FileQueueTransaction {
     private final boolean forWrite;
     /** The handle, and the key of its lock. */
     final long[] words = new long[2];
+    private Thread holder;
     private boolean closed;
 
     FileQueueTransaction(String path, boolean forWrite) {
@@ -28,7 +29,14 @@ final class FileQueueTransaction {
         }
         if (!isOpen()) {
             refuseOwnLock(path, forWrite);
+        } else if (holder != Thread.currentThread()) { // it was handed over
+            hold();
         }
+    }
+
+    private void hold() {
+        holder = Thread.currentThread();
+        HOLDERS.put((int) words[1], holder);
     }
 
     static void refuseOwnLock(String path, boolean forWrite) {
@@ -42,7 +50,7 @@ final class FileQueueTransaction {
     /** Behind a call that may have begun it. */
     void begun(boolean wasOpen) {
         if (!wasOpen && isOpen()) {
-            HOLDERS.put((int) words[1], Thread.currentThread());
+            hold();
         }
     }
 

@@ -136,6 +136,23 @@ public final class Marked implements Iterable<Channel.Message>, AutoCloseable {
         }
     }
 
+    /** Hands each message to a handler, and commits those that it has handled. Returns their number. */
+    <X extends Exception> int handle(Channel.Handler<? extends X> handler)
+            throws HalvoException, X {
+        int handled = 0;
+        try {
+            for (Channel.Message message : this) {
+                handler.handle(message);
+                handled++;
+            }
+        } finally {
+            if (handled > 0) {
+                commit(handled);
+            }
+        }
+        return handled;
+    }
+
     /** The native counts the errors of a commit once for each message. */
     private int release(int n, boolean errors) {
         if (!errors) {

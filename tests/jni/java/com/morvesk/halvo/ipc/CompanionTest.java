@@ -283,6 +283,31 @@ public class CompanionTest {
     }
 
     @Test
+    public void readsIntoTheCallersMemoryAllocateNothing() throws Exception {
+        com.sun.management.ThreadMXBean memory = (com.sun.management.ThreadMXBean)
+                java.lang.management.ManagementFactory.getThreadMXBean();
+        long thread = Thread.currentThread().getId();
+        byte[] array = new byte[LONGEST];
+        ByteBuffer buffer = ByteBuffer.allocateDirect(LONGEST);
+        try (Channel out = Channel.openWriter("test", name, SHORT);
+                Channel in = Channel.openReader("test", name, SHORT)) {
+            long least = Long.MAX_VALUE;
+            for (int round = 0; round < 5; round++) {
+                long before = memory.getThreadAllocatedBytes(thread);
+                for (int i = 0; i < 1000; i++) {
+                    IPCFunctions.write(out.number(), 1, array, 0, 8, -1);
+                    in.read(array, 0, LONGEST, SHORT);
+                    IPCFunctions.write(out.number(), 1, array, 0, 8, -1);
+                    buffer.clear();
+                    in.read(buffer, SHORT);
+                }
+                least = Math.min(least, memory.getThreadAllocatedBytes(thread) - before);
+            }
+            assertTrue(least + " bytes for 2000 messages", least < 1000);
+        }
+    }
+
+    @Test
     public void aClosedEndIsFreeAndUnusable() throws Exception {
         Channel first = Channel.openWriter("test", name, SHORT);
         first.close();

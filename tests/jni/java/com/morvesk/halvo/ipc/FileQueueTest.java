@@ -235,11 +235,16 @@ public class FileQueueTest {
         assertThrows(IllegalStateException.class, () -> files.put(1, bytes("would wait for itself")));
         assertThrows(IllegalStateException.class, () -> files.writer().put(bytes("likewise")));
         new FileQueue(queue + 2).put(1, bytes("another queue"));
-        writer.commit();
+        FutureTask<Void> elsewhere = new FutureTask<>(() -> {
+            writer.put(bytes("two"));
+            assertThrows(IllegalStateException.class, () -> files.put(1, bytes("itself")));
+            writer.commit();
+            return null;
+        });
+        new Thread(elsewhere).start(); // it has the transaction now
+        elsewhere.get(10, TimeUnit.SECONDS);
         writer.put(bytes("dropped"));
         writer.rollback();
-        writer.put(bytes("two"));
-        writer.commit();
         writer.close();
         assertThrows(IllegalStateException.class, () -> writer.put(bytes("late")));
         assertThrows(IllegalStateException.class, writer::commit);
