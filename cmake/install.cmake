@@ -73,7 +73,7 @@ if(HALVOIPC_JAVA)
   install(FILES ${PROJECT_BINARY_DIR}/cmake/halvoipc.jar ${PROJECT_BINARY_DIR}/java/halvoipc-sources.jar
     ${PROJECT_BINARY_DIR}/java/halvoipc-javadoc.jar
     DESTINATION ${CMAKE_INSTALL_DATADIR}/java COMPONENT java)
-  install(FILES docs/examples/Hello.java ${PROJECT_BINARY_DIR}/java/halvoipc-examples.jar
+  install(FILES docs/examples/Hello.java docs/examples/Gateway.java ${PROJECT_BINARY_DIR}/java/halvoipc-examples.jar
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libhalvoipc-java/examples COMPONENT java)
   install(DIRECTORY jni/examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libhalvoipc-java/examples
     COMPONENT java)

@@ -7,6 +7,7 @@
 #include <sys/shm.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -16,18 +17,22 @@
 #include "core/barrier.h"
 #include "core/end.h"
 #include "core/geometry.h"
+#include "core/mapping.h"
 #include "core/ring.h"
+#include "core/signals.h"
 
 namespace {
 
-halvo_segment *qm = nullptr; // set by a successful attach; stays after close_shm
+halvo_segment *qm = nullptr; // set by a successful attach; stays after close_shm, but for a view
 void *shmblock = nullptr;    // the attach address, all bits set after a failed attach
 uint64_t segment_size = 0;   // bytes, at least those of the segment header
+int segment_id = -1;         // of the attached segment
 uint32_t first_channels = 0; // channels at the time of the attach, at most 269
 int *semPosts = nullptr;     // semaphore-set ids of those channels, -1 where there is none
 int *semRqsts = nullptr;
 int semReadLock = -1; // sets of one semaphore per channel
 int semWriteLock = -1;
+int view_id = -1; // segment that is attached to be looked at; then shmblock is null
 
 // Error-checking, because a failed attach leaves it locked: the thread must not hang on itself.
 pthread_mutex_t mtx_service = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
@@ -79,6 +84,7 @@ bool attach_segment(const char *keyfile, bool usable) {
     if (shmblock != failed) {
         shmid_ds found{};
         segment_size = shmctl(id, IPC_STAT, &found) == 0 ? found.shm_segsz : 0;
+        segment_id = id;
         if (segment_size >= sizeof(halvo_segment)) return true;
         shmdt(std::exchange(shmblock, failed));
     }
@@ -95,6 +101,43 @@ void find_semaphores(const char *keyfile, const KeyPath &posts, const KeyPath &r
     const auto channels = static_cast<int>(first_channels);
     semReadLock = set_id(keyfile, kReadLockProject, channels);
     semWriteLock = set_id(keyfile, kWriteLockProject, channels);
+}
+
+// Gives up looking at a segment.
+void drop_view() {
+    if (view_id < 0) return;
+    halvo::attached = nullptr;
+    shmdt(std::exchange(qm, nullptr));
+    view_id = -1;
+}
+
+// Looks at a segment that is large enough; errno tells why not.
+bool look_at(int id) {
+    void *const address = shmat(id, nullptr, SHM_RDONLY);
+    if (reinterpret_cast<intptr_t>(address) == -1) return false;
+    shmid_ds found{};
+    if (shmctl(id, IPC_STAT, &found) != 0 || found.shm_segsz < sizeof(halvo_segment)) {
+        shmdt(address);
+        errno = EINVAL;
+        return false;
+    }
+    segment_size = found.shm_segsz;
+    halvo::attached = qm = static_cast<halvo_segment *>(address);
+    view_id = id;
+    return true;
+}
+
+int view(const char *keyfile) {
+    const key_t key = ftok(keyfile, kSegmentProject);
+    const int id = key == -1 ? -1 : shmget(key, 0, 0);
+    const bool seen = id >= 0 && id == view_id;
+    const int reason = errno;
+    if (!seen) drop_view();
+    errno = reason;
+    if (!seen && (id < 0 || !look_at(id))) return ESMS_SHMOP;
+    // The queue manager stores the number last, so that it may have been 0 before.
+    first_channels = std::min<uint32_t>(halvo::load(qm->nchnnl), HALVO_CHANNELS_MAX);
+    return seen ? ESMS_ALREADY : ESMS_OK;
 }
 
 int id_of(const int *ids, int channel) {
@@ -119,11 +162,15 @@ halvo_channel *checked_channel(int channel) noexcept {
     return room != 0 && is_sound(q, room) ? q : nullptr;
 }
 
+halvo_segment *writable_segment() noexcept { return view_id < 0 ? attached : nullptr; }
+
 bool in_segment(const void *address, size_t bytes) noexcept {
     const auto offset =
         reinterpret_cast<uintptr_t>(address) - reinterpret_cast<uintptr_t>(attached);
     return attached && offset <= segment_size && bytes <= segment_size - offset;
 }
+
+int attached_id() noexcept { return segment_id; }
 
 int post_semaphore(int channel) noexcept { return id_of(semPosts, channel); }
 int request_semaphore(int channel) noexcept { return id_of(semRqsts, channel); }
@@ -152,6 +199,7 @@ int init_shm(const char *keyfile) noexcept {
     if (!lock_service()) return ESMS_MTXLOCK;
     int result = ESMS_ALREADY;
     if (!shmblock) {
+        drop_view();
         // Kept: a failed attach returns with the service lock taken and shmblock at the failed
         // value, so that init_shm(NULL) answers ESMS_OK although nothing is attached.
         if (!attach_segment(keyfile, posts.text[0] != '\0')) return ESMS_SHMOP;
@@ -161,6 +209,7 @@ int init_shm(const char *keyfile) noexcept {
         attached = qm;
         learn_channels();
         join_far_barriers();
+        start_signal_service();
         result = ESMS_OK;
     }
     std::puts("SHM_INIT_FINISHED.");
@@ -176,16 +225,28 @@ int close_shm() noexcept {
     semPosts = semRqsts = nullptr;
     attached = nullptr;
     forget_channels();
+    wait_for_mapping_users();
     // Kept: qm, shmblock and the lock sets stay, so that a process attaches once for its lifetime.
     const int result = shmdt(segment) == 0 ? ESMS_OK : ESMS_SHMOP;
+    if (std::exchange(view_id, -1) >= 0) qm = nullptr; // a view may come again
     return unlock_service() ? result : ESMS_MTXUNLOCK;
+}
+
+int q_attach_view(const char *keyfile) noexcept {
+    if (!keyfile) return ESMS_INVAL;
+    if (!lock_service()) return ESMS_MTXLOCK;
+    const int result = shmblock ? ESMS_ALREADY : view(keyfile);
+    const int reason = errno;
+    if (!unlock_service()) return ESMS_MTXUNLOCK;
+    errno = reason;
+    return result;
 }
 
 halvo_segment *q_0() noexcept { return qm; }
 
 halvo_channel *q_chnnl2q(int channel) noexcept {
     if (!qm) return nullptr;
-    return reinterpret_cast<halvo_channel *>(static_cast<char *>(shmblock) + qm->qoffs[channel]);
+    return reinterpret_cast<halvo_channel *>(reinterpret_cast<char *>(qm) + qm->qoffs[channel]);
 }
 
 int q_name2chnnl(const char *name) noexcept {

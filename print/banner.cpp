@@ -36,8 +36,10 @@ int32_t snapshot_time() {
 int uptime_days(int32_t now) {
     halvo_segment *segment = attached_segment();
     if (!segment) return 0;
-    if (load(segment->uptime) == 0) store(segment->uptime, now);
-    return age(now, load(segment->uptime)) / kDay;
+    const int32_t began = load(segment->uptime);
+    if (began != 0) return age(now, began) / kDay;
+    if (halvo_segment *writable = writable_segment()) store(writable->uptime, now);
+    return 0;
 }
 
 void print_stars(bool colours) {

@@ -46,6 +46,23 @@ HALVO_API int init_shm(const char *keyfile) HALVO_NOEXCEPT;
  *          ESMS_MTXLOCK, ESMS_MTXUNLOCK. */
 HALVO_API int close_shm(void) HALVO_NOEXCEPT;
 
+/* Looks at the segment that stands under a key file now, without any right to change it: for
+ * programs that show it. Read permission is enough. Afterwards q_0(), q_chnnl2q(), q_name2chnnl(),
+ * q_snapshot() and the printers of status.h serve, and nothing else of this header: no end can be
+ * opened, q_settime() answers -1, and for init_shm(NULL) this process is not attached.
+ *
+ * Call it again, as often as the status is shown, to notice that the segment was removed or replaced:
+ * then the old one is detached, and addresses in it become invalid. No other thread may be in any
+ * function of the library meanwhile.
+ *
+ * keyfile  path of the key file.
+ * returns  ESMS_OK when a segment was attached that was not before; ESMS_ALREADY when it is the same
+ *          one still, or when this process has attached by init_shm(), which counts; ESMS_SHMOP when
+ *          there is nothing to look at, with errno: ENOENT no key file or no segment, EACCES no right
+ *          to read it, EINVAL no segment of queues; ESMS_INVAL for null; ESMS_MTXLOCK, ESMS_MTXUNLOCK.
+ * init_shm() ends the view and attaches in its usual way; close_shm() ends it too. */
+HALVO_API int q_attach_view(const char *keyfile) HALVO_NOEXCEPT;
+
 /* The segment header, or null when not attached. */
 HALVO_API halvo_segment *q_0(void) HALVO_NOEXCEPT;
 

@@ -1,7 +1,8 @@
 /* Halvo IPC: the status of the whole segment, as documents, tables for a terminal, or a log line.
  *
  * The printers read the segment without any lock: a counter may be caught halfway through a change,
- * and a message while it is overwritten. They change nothing in it but `uptime`, when that is 0.
+ * and a message while it is overwritten. They change nothing in it but `uptime`, when that is 0
+ * and the process did not attach by q_attach_view().
  * They use process-wide state, so one thread at a time may be in any function of this header.
  *
  * A program that prints status again and again prepares this once, after init_shm():

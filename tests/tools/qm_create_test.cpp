@@ -75,7 +75,7 @@ TEST_F(CreateTest, a_new_segment_has_every_field_that_processes_rely_on) {
 }
 
 TEST_F(CreateTest, locks_stand_at_one_and_wake_ups_at_zero_under_the_agreed_keys) {
-    create(kTwoChannels, key_, false, 0640);
+    create(kTwoChannels, key_, false, {0640});
     for (const int set : sets()) {
         const bool locks = size_of_set(set) == 2;
         EXPECT_TRUE(locks || size_of_set(set) == 1);
@@ -143,8 +143,8 @@ TEST_F(CreateTest, left_over_semaphores_are_refused_and_everything_made_so_far_i
 
 TEST_F(CreateTest, a_failed_create_leaves_no_file_behind) {
     EXPECT_THROW(create(SegmentPlan(), key_, false), Error);
-    EXPECT_THROW(create(kTwoChannels, key_, false, 0400), Error);
-    EXPECT_THROW(create(kTwoChannels, key_, false, 01660), Error);
+    EXPECT_THROW(create(kTwoChannels, key_, false, {0400}), Error);
+    EXPECT_THROW(create(kTwoChannels, key_, false, {01660}), Error);
     EXPECT_FALSE(exists(key_));
 
     // The longest name a file can have leaves no room for a suffix.
@@ -168,6 +168,18 @@ TEST(PlanTest, sizes_beyond_32_bit_offsets_are_refused) {
     second.name = "B";
     third.name = "C";
     EXPECT_EQ(fault_of(plan_of({large, second, third})), "channel 2" + beyond);
+}
+
+TEST_F(CreateTest, permissions_are_those_asked_for) {
+    create(kTwoChannels, key_, false, {0640});
+    shmid_ds segment{};
+    ASSERT_EQ(shmctl(segment_under(key_), IPC_STAT, &segment), 0);
+    EXPECT_EQ(segment.shm_perm.mode & 0777U, 0640U);
+    for (const int set : sets()) {
+        semid_ds semaphores{};
+        ASSERT_EQ(semctl(set, 0, IPC_STAT, &semaphores), 0);
+        EXPECT_EQ(semaphores.sem_perm.mode & 0777U, 0640U);
+    }
 }
 
 TEST_F(CreateTest, remove_takes_everything_once_whatever_the_segment_holds) {

@@ -102,6 +102,11 @@ void each_channel(const Image &image, F f) {
         if (image.usable(i)) f(i, image.channel(i));
 }
 
+void add_up(Exposition &out, bool up) {
+    out.family("up", "gauge", "1 while there is a segment to look at.");
+    out.sample("", int{up});
+}
+
 void add_segment(Exposition &out, const Image &image) {
     out.family("channels", "gauge", "Channels of the segment.");
     out.sample("", image.channels());
@@ -180,12 +185,19 @@ void add_types(Exposition &out, const Image &image) {
 
 std::string prometheus_text(const Image &image, int32_t now) {
     Exposition out;
+    add_up(out, true);
     add_segment(out, image);
     add_families(out, image, kCounters, "counter");
     add_families(out, image, kGauges, "gauge");
     add_ends(out, image, now);
     add_replies(out, image);
     add_types(out, image);
+    return out.text();
+}
+
+std::string prometheus_text_of_nothing() {
+    Exposition out;
+    add_up(out, false);
     return out.text();
 }
 

@@ -1,12 +1,5 @@
 #include "tools/mon/text.h"
 
-#include <iconv.h>
-#include <string.h> // strcasestr
-
-#include <cerrno>
-#include <cstdlib>
-#include <stdexcept>
-
 namespace halvo::mon {
 
 namespace {
@@ -29,55 +22,7 @@ bool is_control(char c) {
 
 bool is_lead_byte(char c) { return static_cast<unsigned char>(c) > 0xA0; }
 
-class Converter {
-public:
-    Converter() : handle_(iconv_open("UTF-8", "EUC-KR")) {
-        if (handle_ == reinterpret_cast<iconv_t>(-1))
-            throw std::runtime_error("iconv does not know EUC-KR here; --no-utf8 does without");
-    }
-    ~Converter() { iconv_close(handle_); }
-    Converter(const Converter &) = delete;
-    Converter &operator=(const Converter &) = delete;
-
-    // Converts what can be; returns the number of bytes that could.
-    size_t convert(const char *from, size_t size, std::string &to) {
-        char *in = const_cast<char *>(from);
-        while (size > 0) {
-            char block[4096];
-            char *out = block;
-            size_t room = sizeof block;
-            const size_t result = iconv(handle_, &in, &size, &out, &room);
-            to.append(block, out);
-            if (result == static_cast<size_t>(-1) && errno != E2BIG) break;
-        }
-        return static_cast<size_t>(in - from);
-    }
-
-private:
-    iconv_t handle_;
-};
-
 } // namespace
-
-bool locale_is_utf8() {
-    for (const char *name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-        const char *value = std::getenv(name);
-        if (value && *value) return strcasestr(value, "UTF-8") || strcasestr(value, "UTF8");
-    }
-    return false;
-}
-
-std::string to_utf8(const std::string &euc_kr) {
-    Converter converter;
-    std::string text;
-    for (size_t at = 0; at < euc_kr.size();) {
-        at += converter.convert(euc_kr.data() + at, euc_kr.size() - at, text);
-        if (at == euc_kr.size()) break;
-        text += "\xEF\xBF\xBD"; // U+FFFD
-        ++at;
-    }
-    return text;
-}
 
 std::string for_terminal(const std::string &euc_kr, bool colours) {
     std::string text;

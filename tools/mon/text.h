@@ -4,13 +4,12 @@
 
 #include <string>
 
+#include "tools/frame/charset.h"
+
 namespace halvo::mon {
 
-// Whether the locale of the environment (LC_ALL, LC_CTYPE, LANG, the first that is set) is UTF-8.
-bool locale_is_utf8();
-
-// Bytes that are no EUC-KR become U+FFFD.
-std::string to_utf8(const std::string &euc_kr);
+using tools::locale_is_utf8;
+using tools::to_utf8;
 
 // Of all control characters only newlines, tabs and, when asked for, colours and other attributes
 // pass. Message texts and names come from anywhere and must not steer the terminal: the escape

@@ -4,10 +4,12 @@
 #include <cstring>
 
 #include "core/ring.h"
+#include "tools/frame/text.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

@@ -1,9 +1,11 @@
 // halvo-qm check: whether rings, buffers and headers lie where they may.
 #include "core/ring.h"
+#include "tools/frame/text.h"
 #include "tools/qm/check.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

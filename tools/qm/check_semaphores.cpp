@@ -2,11 +2,13 @@
 #include <sys/sem.h>
 
 #include "core/ring.h"
+#include "tools/frame/text.h"
 #include "tools/qm/check.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

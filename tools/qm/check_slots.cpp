@@ -5,10 +5,12 @@
 #include <optional>
 
 #include "core/ring.h"
+#include "tools/frame/text.h"
 #include "tools/qm/check.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

@@ -1,9 +1,11 @@
 #include "tools/qm/keys.h"
 
+#include "tools/frame/text.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

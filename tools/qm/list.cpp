@@ -1,10 +1,12 @@
 // halvo-qm list: what stands in a segment.
 #include "core/ring.h"
+#include "tools/frame/text.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 #include "tools/qm/view.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

@@ -7,10 +7,12 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "tools/frame/text.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

@@ -4,9 +4,11 @@
 #include <set>
 
 #include "halvo/segment.h"
-#include "tools/qm/text.h"
+#include "tools/frame/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

@@ -4,11 +4,13 @@
 
 #include <cerrno>
 
+#include "tools/frame/text.h"
 #include "tools/qm/objects.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
+
+using namespace tools;
 
 namespace {
 

@@ -6,12 +6,14 @@
 #include <algorithm>
 
 #include "core/ring.h"
+#include "tools/frame/text.h"
 #include "tools/qm/segment.h"
-#include "tools/qm/text.h"
 
 namespace halvo::qm {
 
-SegmentView::SegmentView(int id) : attachment_(id, true) {
+using namespace tools;
+
+SegmentView::SegmentView(int id) : id_(id), attachment_(id, true) {
     shmid_ds state{};
     if (shmctl(id, IPC_STAT, &state) < 0) throw Error(system_text("segment %d", id));
     size_ = state.shm_segsz;

@@ -14,6 +14,9 @@ class SegmentView {
 public:
     // Throws Error when the segment of the keys cannot be attached.
     explicit SegmentView(const Keys &keys) : SegmentView(id_of(keys)) {}
+    explicit SegmentView(int id);
+
+    int id() const { return id_; }
 
     uint64_t size() const { return size_; }
     bool holds(uint64_t offset, uint64_t length) const {
@@ -27,12 +30,12 @@ public:
     uint32_t channels() const;
 
 private:
-    explicit SegmentView(int id);
     static int id_of(const Keys &keys);
     const void *at(uint64_t offset) const {
         return static_cast<const char *>(attachment_.address()) + offset;
     }
 
+    int id_;
     Attachment attachment_;
     uint64_t size_;
 };

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string>
 
-namespace halvo::qm {
+namespace halvo::tools {
 
 // printf into a string.
 [[gnu::format(printf, 1, 2)]] std::string text(const char *format, ...);
@@ -16,4 +16,4 @@ namespace halvo::qm {
 // characters become '?'.
 std::string printable(const char *field, size_t size);
 
-} // namespace halvo::qm
+} // namespace halvo::tools

@@ -1,11 +1,11 @@
-#include "tools/qm/text.h"
+#include "tools/frame/text.h"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
-namespace halvo::qm {
+namespace halvo::tools {
 
 namespace {
 
@@ -47,4 +47,4 @@ std::string printable(const char *field, size_t size) {
     return out;
 }
 
-} // namespace halvo::qm
+} // namespace halvo::tools

@@ -1,0 +1,201 @@
+// What the monitor sees of a segment, read-only and whatever becomes of it.
+#include <sys/sem.h>
+#include <sys/shm.h>
+
+#include <cstring>
+
+#include "tests/print/scenario.h"
+#include "tests/support/fixed_clock.h"
+#include "tests/support/peer.h"
+#include "tests/support/ring.h"
+#include "tools/mon/tracker.h"
+
+using namespace halvo::mon;
+using namespace halvo::test;
+
+namespace {
+
+class Samples : public testing::Test {
+protected:
+    Segment segment =
+        SegmentBuilder().channel("MT01", 'M', 4, 64).channel("한국", 'F', 4, 64).build();
+    Sampler sampler{segment.key_file()};
+    Tracker tracker;
+
+    // A sample as if it were taken so many seconds later.
+    Sample look(double later = 0) {
+        Sample sample = sampler.take();
+        sample.taken += later;
+        sample.time += static_cast<int64_t>(later);
+        tracker.judge(sample);
+        return sample;
+    }
+    void chmod_segment(unsigned short mode) const {
+        const int id = shmget(ftok(segment.key_file().c_str(), 1), 0, 0);
+        shmid_ds state{};
+        ASSERT_EQ(shmctl(id, IPC_STAT, &state), 0);
+        state.shm_perm.mode = mode;
+        ASSERT_EQ(shmctl(id, IPC_SET, &state), 0);
+    }
+    // Makes the segment anew, with other channels.
+    void replace() const {
+        halvo::qm::SegmentPlan plan;
+        for (const char *name : {"A", "B", "C"}) plan.channels.push_back({name, 'M', 4, 64, 0});
+        halvo::qm::create(plan, segment.key_file(), true);
+    }
+};
+
+} // namespace
+
+TEST_F(Samples, tell_who_holds_an_end_and_whether_he_lives) {
+    Signal opened, closed, done;
+    Peer writer([&] {
+        segment.attach();
+        halvo_channel *q = segment.open("MT01", 'w');
+        std::strcpy(q->pname, "보냄");
+        write(q, "one");
+        q->wwait = 1;
+        opened.send();
+        return closed.wait() && q_close(0, 'w') == 0 && (done.send(), true) ? 0 : 1;
+    });
+    EXPECT_EQ(look().channels[0].writer.held, Held::no);
+    ASSERT_TRUE(opened.wait());
+    const ChannelSample mt = look().channels[0];
+    EXPECT_EQ(mt.writer.held, Held::yes);
+    EXPECT_EQ(mt.writer.pid, writer.pid());
+    EXPECT_TRUE(mt.writer.alive);
+    EXPECT_EQ(mt.writer.name, utf8("보냄"));
+    EXPECT_EQ(mt.reader.held, Held::no);
+    EXPECT_EQ(mt.ring_depth(), 1);
+    EXPECT_EQ(mt.fill(), 0.25);
+    EXPECT_EQ(mt.trouble, Trouble::no_reader);
+    EXPECT_EQ(look().channels[1].name, utf8("한국"));
+    closed.send();
+    EXPECT_EQ(writer.wait(), 0);
+    EXPECT_EQ(look().channels[0].writer.held, Held::no);
+    EXPECT_EQ(look().channels[0].writer.pid, writer.pid());
+    EXPECT_FALSE(look().channels[0].writer.alive);
+}
+
+TEST_F(Samples, an_end_that_a_dead_process_kept_is_told) {
+    Peer taker([&] { // as a program would that asks for no undo
+        sembuf take{1, -1, 0};
+        return semop(semget(ftok(segment.key_file().c_str(), 202), 2, 0), &take, 1);
+    });
+    EXPECT_EQ(taker.wait(), 0);
+    const ChannelSample channel = look().channels[1];
+    EXPECT_EQ(channel.writer.pid, taker.pid());
+    EXPECT_EQ(channel.trouble, Trouble::dead_holder);
+}
+
+TEST_F(Samples, outlive_the_segment_and_find_its_successor) {
+    EXPECT_EQ(look().channels.size(), 2u);
+    replace();
+    EXPECT_EQ(look().channels.size(), 3u);
+    halvo::qm::remove(segment.key_file());
+    const Sample gone = look();
+    EXPECT_FALSE(gone.up);
+    EXPECT_NE(gone.fault.find("no such key file"), std::string::npos) << gone.fault;
+    EXPECT_EQ(sampler.view(), nullptr);
+    replace();
+    EXPECT_EQ(look().channels.size(), 3u);
+}
+
+TEST_F(Samples, need_no_more_than_the_right_to_read) {
+    if (getuid() != 0) GTEST_SKIP() << "needs another user";
+    chmod_segment(0644);
+    const auto as_other_user = [&](auto work) {
+        return Peer([&] { return setgid(65534) || setuid(65534) || work() ? 1 : 0; }).wait();
+    };
+    ASSERT_EQ(chmod(segment.path("").c_str(), 0755), 0);
+    EXPECT_EQ(as_other_user([&] {
+                  const Sample sample = look();
+                  return !sample.up || sample.channels[0].writer.held != Held::unknown;
+              }),
+              0);
+    // The library's printers too, which store nothing then.
+    EXPECT_EQ(as_other_user([&] {
+                  if (q_attach_view(segment.key_file().c_str()) != ESMS_OK) return 2;
+                  EXPECT_NE(captured_stdout([] { q_statprint2('a'); }).find("MT01"),
+                            std::string::npos);
+                  EXPECT_EQ(q_settime(), -1);
+                  EXPECT_EQ(q_open(0, 'w'), nullptr);
+                  return 0;
+              }),
+              0);
+    chmod_segment(0600);
+    EXPECT_EQ(as_other_user([&] {
+                  EXPECT_NE(look().fault.find("permission denied"), std::string::npos);
+                  EXPECT_EQ(q_attach_view(segment.key_file().c_str()), ESMS_SHMOP);
+                  return errno != EACCES;
+              }),
+              0);
+}
+
+TEST_F(Samples, a_view_follows_a_segment_that_is_made_anew) {
+    const char *key = segment.key_file().c_str();
+    EXPECT_EQ(q_attach_view(key), ESMS_OK);
+    EXPECT_EQ(q_attach_view(key), ESMS_ALREADY);
+    EXPECT_EQ(init_shm(nullptr), ESMS_NOINIT);
+    replace();
+    EXPECT_EQ(q_attach_view(key), ESMS_OK);
+    EXPECT_EQ(q_name2chnnl("C"), 2);
+    halvo::qm::remove(key);
+    EXPECT_EQ(q_attach_view(key), ESMS_SHMOP);
+    EXPECT_EQ(q_0(), nullptr);
+    replace();
+    EXPECT_EQ(q_attach_view(key), ESMS_OK);
+    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(init_shm(key), ESMS_OK); }), "SHM_INIT_FINISHED.\n");
+    EXPECT_EQ(q_attach_view(key), ESMS_ALREADY);
+    EXPECT_GT(q_settime(), 0);
+    EXPECT_NE(q_open(0, 'w'), nullptr);
+}
+
+TEST_F(Samples, rates_are_of_real_intervals_and_troubles_have_their_reasons) {
+    segment.attach();
+    halvo_channel *mt = segment.channel("MT01"), *file = segment.channel("한국");
+    const auto trouble = [&](double later, int channel = 0) {
+        return word_of(look(later).channels[static_cast<size_t>(channel)].trouble);
+    };
+    // A burst of 50 every second is 50 a second, whenever one looks.
+    look(0);
+    for (int i = 1; i <= 4; ++i) {
+        mt->gcnt.count = mt->pcnt.count = static_cast<uint64_t>(50 * i);
+        EXPECT_NEAR(look(i).channels[0].out_rate, 50, 1);
+    }
+    EXPECT_STREQ(trouble(5), "ok");
+    ASSERT_NE(segment.open("MT01", 'r'), nullptr);
+    mt->pcnt.count += 3;
+    mt->lastin = 0;
+    EXPECT_STREQ(trouble(10), "ok");
+    EXPECT_STREQ(trouble(21), "stalled");
+    mt->gcnt.count += 1; // it lives, but slowly
+    EXPECT_STREQ(trouble(30), "ok");
+    mt->gcnt.count += 1;
+    EXPECT_STREQ(trouble(71), "old");
+    EXPECT_EQ(look(71).channels[0].oldest, 61);
+    mt->gcnt.count += 1;
+    EXPECT_STREQ(trouble(72), "ok");
+    for (int i = 0; i < 6; ++i) {
+        mt->pcnt.count += 10;
+        mt->gcnt.count += 9;
+        EXPECT_STREQ(trouble(80 + 10 * i), "ok");
+    }
+    mt->pcnt.count += 2;
+    mt->gcnt.count += 1;
+    EXPECT_STREQ(trouble(150), "growing");
+    mt->gcnt.count = mt->pcnt.count;
+    mt->throttled = 1;
+    EXPECT_STREQ(trouble(151), "throttled");
+    mt->wwait = 1;
+    EXPECT_STREQ(trouble(152), "throttled"); // nobody waits for room that is there
+    halvo::slot_at(mt, mt->wpos)->state = HALVO_SLOT_READABLE;
+    EXPECT_STREQ(trouble(153), "full");
+    file->fpcnt.count = 1;
+    EXPECT_STREQ(trouble(154, 1), "no reader");
+    file->frtime = static_cast<int32_t>(time(nullptr)) + 154;
+    EXPECT_STREQ(trouble(154, 1), "ok");
+    file->qend = 7;
+    EXPECT_STREQ(trouble(155, 1), "damaged");
+    EXPECT_EQ(look(156).in_trouble(), 2);
+}
