@@ -185,10 +185,8 @@ TEST_F(CreateTest, remove_takes_everything_once_whatever_the_segment_holds) {
     for (const int set : made) EXPECT_EQ(size_of_set(set), 0U);
     for (const char *suffix : {"", ".post", ".req"}) EXPECT_FALSE(exists(key_ + suffix));
     EXPECT_FALSE(remove(key_));
-}
 
-TEST_F(CreateTest, a_key_file_with_content_stays) {
-    write_file(key_, "mine");
+    write_file(key_, "a key file with content stays");
     create(kTwoChannels, key_, false);
     EXPECT_TRUE(remove(key_));
     EXPECT_TRUE(exists(key_));
