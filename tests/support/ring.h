@@ -69,6 +69,11 @@ inline std::string picture(const halvo_channel *q) {
     return letters;
 }
 
+// Channel 0 MT01 of type 'M', and channel 1 FQ01 of type 'F', which has no semaphores.
+inline Segment two_channels() {
+    return SegmentBuilder().channel("MT01", 'M', 4, 64).channel("FQ01", 'F', 4, 64).build();
+}
+
 // A process that has one end of a small ring open; it may call the other end's functions too.
 template <uint32_t kSlots, char kMode>
 class RingTest : public testing::Test {
