@@ -11,7 +11,7 @@ namespace halvo::mon {
 class Top {
 public:
     Top(Source &source, Terminal &terminal, double seconds)
-        : source_(source), terminal_(terminal), seconds_(seconds) {}
+        : source_(source), terminal_(terminal), seconds_(seconds), paused_(source.is_record()) {}
     void run();
 
 private:
@@ -39,10 +39,10 @@ private:
     Choice choice_;
     std::vector<size_t> rows_;
     Page page_ = Page::list;
-    int selected_number_ = -1;   // channel; it stays selected wherever it is sorted to
-    int cursor_ = 0, first_ = 0; // row of the selection, first row shown
-    int scrolled_ = 0;           // lines of details
-    bool paused_ = false, typing_ = false;
+    int selected_number_ = -1;     // channel; it stays selected wherever it is sorted to
+    int cursor_ = 0, first_ = 0;   // row of the selection, first row shown
+    int scrolled_ = 0;             // lines of details
+    bool paused_, typing_ = false; // a record stands still until it is played
 };
 
 } // namespace halvo::mon
