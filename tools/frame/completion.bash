@@ -23,12 +23,13 @@ _halvo() {
         esac
     done
     case $previous in
-    -k | --key | -o | --output | --options | -s | --snapshot)
+    -k | --key | -o | --output | -f | --options | -s | --snapshot | --from | --limits)
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         return
         ;;
     --color) mapfile -t COMPREPLY < <(compgen -W "auto always never" -- "$word") && return ;;
+    --held) mapfile -t COMPREPLY < <(compgen -W "reader writer both none" -- "$word") && return ;;
     --end) mapfile -t COMPREPLY < <(compgen -W "reader writer both" -- "$word") && return ;;
     esac
     if [[ $word == -* ]]; then
