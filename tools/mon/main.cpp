@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,14 +9,13 @@
 
 #include "tools/frame/program.h"
 #include "tools/mon/check.h"
-#include "tools/mon/prometheus.h"
+#include "tools/mon/publish.h"
 #include "tools/mon/screen.h"
 #include "tools/mon/segment.h"
 #include "tools/mon/text.h"
 
 using namespace halvo::mon;
 using halvo::tools::kDone;
-using halvo::tools::kFailed;
 using halvo::tools::kUsage;
 using halvo::tools::ToolError;
 using halvo::tools::write_out;
@@ -27,7 +25,7 @@ namespace {
 struct Options {
     SegmentOptions segment;
     CheckOptions check;
-    std::string end = "both", colour = "auto", needle, output = "-";
+    std::string end = "both", colour = "auto", needle;
     bool active = false, utf8 = locale_is_utf8();
     double sample = 0.5, watch = 0; // seconds; watch 0 is once
     int exit_status = kDone;        // of a command that answers with it
@@ -102,22 +100,6 @@ void show_document(const Options &options, const Document &document, int output)
 
 int32_t now() { return static_cast<int32_t>(std::time(nullptr)); }
 
-void expose(const Options &options, int output) {
-    once(options);
-    const Monitor monitor(options.segment);
-    const std::string text = prometheus_text(Image::of_segment(), now());
-    if (options.output == "-") return write_out(output, "standard output", text);
-    // A collector must never see half a file.
-    const std::string fresh = options.output + "." + std::to_string(getpid());
-    std::FILE *file = std::fopen(fresh.c_str(), "w");
-    bool written = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
-    if (file && std::fclose(file) != 0) written = false;
-    if (written && std::rename(fresh.c_str(), options.output.c_str()) == 0) return;
-    const std::string why = std::strerror(errno);
-    unlink(fresh.c_str());
-    throw ToolError(kFailed, options.output + ": " + why);
-}
-
 Answer answer_of(const Options &options) {
     try {
         once(options);
@@ -135,8 +117,6 @@ void answer_check(Options &options, int output) {
     write_out(output, "standard output", answer.line + "\n");
     options.exit_status = static_cast<int>(answer.health);
 }
-
-using Work = std::function<void(int)>; // takes the descriptor of the output
 
 void add_general(CLI::App &app, Options &options) {
     app.add_option("-k,--key", options.segment.key_file, "Key file of the segment")->required();
@@ -181,11 +161,6 @@ void add_views(CLI::App &app, Options &options, Work &work) {
 }
 
 void add_machines(CLI::App &app, Options &options, Work &work) {
-    CLI::App *prometheus = app.add_subcommand("prometheus", "Metrics for a textfile collector");
-    prometheus->add_option("--output", options.output, "File to replace; - is standard output")
-        ->capture_default_str();
-    prometheus->callback([&] { work = [&](int output) { expose(options, output); }; });
-
     CLI::App *check = app.add_subcommand("check", "Answer as a Nagios plugin");
     const auto limit = [&](const char *name, int64_t &value, const char *what) {
         check->add_option(name, value, what)->check(CLI::NonNegativeNumber);
@@ -213,7 +188,8 @@ constexpr char kFooter[] =
     "  halvo-mon types submit --key /tmp/halvo.key\n"
     "  halvo-mon log --key /tmp/halvo.key --snapshot midnight.snap --watch 60 >>status.log\n"
     "  halvo-mon prometheus --key /tmp/halvo.key --output /var/lib/node_exporter/halvo.prom\n"
-    "  halvo-mon check --key /tmp/halvo.key --warning 100 --critical 1000 --critical-age 60";
+    "  halvo-mon check --key /tmp/halvo.key --warning 100 --critical 1000 --critical-age 60\n"
+    "  halvo-mon serve --key /tmp/halvo.key --listen 127.0.0.1:9470";
 
 } // namespace
 
@@ -230,6 +206,7 @@ int main(int argc, char **argv) {
     add_timing(app, options);
     add_views(app, options, work);
     add_machines(app, options, work);
+    add_publishing(app, options.segment.key_file, work);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
