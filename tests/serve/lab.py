@@ -35,7 +35,7 @@ def eventually(condition, what, seconds=20):
 
 class Lab:
     def __init__(self, programs, channels):
-        self.programs = programs
+        self.programs = os.path.abspath(programs)
         self.channels = channels
         self.running = []
         self.url = self.server = None
