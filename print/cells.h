@@ -1,4 +1,5 @@
-// smsqm_print: pieces of the terminal tables. All print to standard output.
+// smsqm_print: pieces of the terminal tables, each printing some of the facts of facts.h to standard
+// output.
 #pragma once
 
 #include "print/facts.h"

@@ -1,4 +1,5 @@
-// smsqm_print: the rules by which single figures of a channel are read. Nothing but the header of the
+// smsqm_print: the rules by which single figures of a channel are read (facts.h collects them for a
+// row, cells.h prints them). Nothing but the header of the
 // channel goes in, so that programs beside the library can share them.
 #pragma once
 
@@ -29,8 +30,10 @@ inline bool is_active(const halvo_channel &q, const End &end, int32_t now) noexc
 
 // Kept: two questions on the type. Rates use the file count for 'F' alone, "done" and the process ids
 // use the ring for 'M' alone; a third type is measured on the ring and reports the file queue.
-inline bool rate_is_of_file(const halvo_channel &q) noexcept { return q.qtype == 'F'; }
-inline bool shows_ring(const halvo_channel &q) noexcept { return q.qtype == 'M'; }
+constexpr bool rate_is_of_file(char type) noexcept { return type == 'F'; }
+constexpr bool shows_ring(char type) noexcept { return type == 'M'; }
+inline bool rate_is_of_file(const halvo_channel &q) noexcept { return rate_is_of_file(q.qtype); }
+inline bool shows_ring(const halvo_channel &q) noexcept { return shows_ring(q.qtype); }
 
 inline int64_t difference(uint64_t count, uint64_t less) noexcept {
     return static_cast<int64_t>(count - less);

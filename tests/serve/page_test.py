@@ -5,7 +5,7 @@ import time
 import browser
 from lab import Lab, eventually, skip
 
-KOREAN, HOSTILE = "ZZ-01", "<script>x()</script>"
+KOREAN, HOSTILE = "한국-01", "<script>x()</script>"
 ORDER = "return [...document.querySelectorAll('#rows tr .name')].map(name => name.textContent)"
 CELL = """return [...document.querySelectorAll('#rows tr')].filter(
     tr => tr.querySelector('.name').textContent === arguments[0]).map(
@@ -49,7 +49,7 @@ def filters_and_sorts_stay_in_the_address(page):
     page.click("th[data-key=name] button")
     page.wait(f"return (() => {{ {ORDER} }})()[0] === arguments[0]", HOSTILE)
     page.click("th[data-key=name] button")
-    page.wait(f"return (() => {{ {ORDER} }})()[0] === arguments[0]", KOREAN)
+    page.wait(f"return (() => {{ {ORDER} }})()[0] === arguments[0]", "MT01")
     assert "sort=name" in page.url() and "dir=desc" in page.url()
     page.open(page.url().split("?")[0] + "?q=fq&type=F&sort=number")
     page.wait(f"return (() => {{ {ORDER} }})().join() === 'FQ01'")

@@ -14,10 +14,12 @@ namespace {
 
 class Machines : public Status {
 protected:
+    Answer answer(const CheckOptions &options) const {
+        return check(Sampler(segment.key_file()).take(), options);
+    }
     std::string metrics() const {
         Sampler sampler(segment.key_file());
-        Sample sample = sampler.take();
-        sample.time = kNow;
+        const Sample sample = sampler.take();
         return prometheus_text(sample, sampler.view());
     }
 };
@@ -95,38 +97,37 @@ TEST_F(Machines, metrics_of_replies_that_point_nowhere_are_left_out) {
 
 TEST_F(Machines, a_check_judges_backlogs_above_their_limits) {
     CheckOptions options;
-    const auto health = [&] { return check(Image::of_segment(), options, kNow).health; };
+    const auto health = [&] { return answer(options).health; };
     EXPECT_EQ(health(), Health::ok);
-    options.backlog = {500, 501}; // XCN1 has 500
+    options.demands.backlog = {500, 501}; // XCN1 has 500
     EXPECT_EQ(health(), Health::ok);
-    options.backlog = {499, 500};
+    options.demands.backlog = {499, 500};
     EXPECT_EQ(health(), Health::warning);
-    options.backlog = {-1, 499};
+    options.demands.backlog = {-1, 499};
     EXPECT_EQ(health(), Health::critical);
     options.channels = {"MT01", utf8("한국")};
     EXPECT_EQ(health(), Health::ok);
     options.channels = {"MT01", "NOBODY"};
-    EXPECT_EQ(check(Image::of_segment(), options, kNow).line,
-              "HALVO UNKNOWN - no channel named NOBODY");
+    EXPECT_EQ(answer(options).line, "HALVO UNKNOWN - no channel named NOBODY");
     EXPECT_EQ(health(), Health::unknown);
 }
 
 TEST_F(Machines, a_check_judges_the_ends_that_the_channel_uses) {
     CheckOptions options;
-    options.age = {5, 10};
+    options.demands.age = {5, 10};
     options.channels = {"MT01"};
-    EXPECT_EQ(check(Image::of_segment(), options, kNow).line,
+    EXPECT_EQ(answer(options).line,
               "HALVO OK - 1 channels, backlog 2 | 'MT01 backlog'=2;;;0 'MT01 writer'=2s;5;10;0 "
               "'MT01 reader'=3s;5;10;0");
     mt->rtime = kNow - 11;
-    EXPECT_EQ(check(Image::of_segment(), options, kNow).health, Health::critical);
+    EXPECT_EQ(answer(options).health, Health::critical);
     options.readers = false;
-    EXPECT_EQ(check(Image::of_segment(), options, kNow).health, Health::ok);
+    EXPECT_EQ(answer(options).health, Health::ok);
     // Of type F it is the file queue's: writer 10 seconds ago, its ring was never used.
     options.channels = {"XCN1"};
-    EXPECT_EQ(check(Image::of_segment(), options, kNow).health, Health::warning);
+    EXPECT_EQ(answer(options).health, Health::warning);
     xcn->fwtime = 0;
-    EXPECT_EQ(check(Image::of_segment(), options, kNow).line,
+    EXPECT_EQ(answer(options).line,
               "HALVO CRITICAL - XCN1 writer never seen | 'XCN1 backlog'=500;;;0 "
               "'XCN1 writer'=U;5;10;0");
 }
@@ -135,17 +136,17 @@ TEST_F(Machines, a_check_answers_in_one_line_with_the_worst_first) {
     std::memcpy(korea->qname, "|'=\n", 5);
     xcn->fpcnt.count = 7501;
     CheckOptions options;
-    options.backlog = {0, 2};
-    EXPECT_EQ(check(Image::of_segment(), options, kNow).line,
+    options.demands.backlog = {0, 2};
+    EXPECT_EQ(answer(options).line,
               "HALVO CRITICAL - ____ backlog 3; MT01 backlog 2; XCN1 backlog 1 | "
               "'MT01 backlog'=2;0;2;0 'XCN1 backlog'=1;0;2;0 '____ backlog'=3;0;2;0");
 }
 
 TEST_F(Machines, a_damaged_channel_is_critical_and_has_no_figures) {
     mt->qend = 0xFFFFFFF0u;
-    const Answer answer = check(Image::of_segment(), {}, kNow);
-    EXPECT_EQ(answer.health, Health::critical);
-    EXPECT_EQ(answer.line.find("HALVO CRITICAL - channel 0 is damaged |"), 0u);
+    const Answer found = answer({});
+    EXPECT_EQ(found.health, Health::critical);
+    EXPECT_EQ(found.line.find("HALVO CRITICAL - channel 0 is damaged |"), 0u);
     const std::string text = metrics(), mt01 = "{channel=\"MT01\",number=\"0\",type=\"M\"";
     EXPECT_TRUE(has_line(text, "halvo_channel_damaged" + mt01 + "} 1"));
     EXPECT_EQ(text.find("halvo_channel_backlog" + mt01), std::string::npos);

@@ -6,8 +6,8 @@
 #include <fstream>
 
 #include "tests/print/scenario.h"
-#include "tests/support/terminal.h"
 #include "tests/support/fixed_clock.h"
+#include "tests/support/terminal.h"
 
 using namespace halvo::test;
 
@@ -110,6 +110,52 @@ TEST_F(MonitorProgram, refuses_snapshots_that_are_not_of_this_segment) {
     EXPECT_EQ(run({"--snapshot", segment.path("no/such/place")}).status, 1);
 }
 
+TEST_F(MonitorProgram, refuses_a_snapshot_of_an_earlier_segment_of_the_same_channels) {
+    const std::string file = segment.path("snapshot");
+    EXPECT_EQ(run({"xml", "--snapshot", file}).status, 0);
+    halvo::qm::SegmentPlan plan;
+    for (const char *name : {"MT01", "XCN1", "한국"})
+        plan.channels.push_back({name, 'M', 4, 64, 0});
+    halvo::qm::create(plan, segment.key_file(), true); // within the same second
+    const Outcome outcome = run({"xml", "--snapshot", file});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_NE(outcome.err.find("older than the segment"), std::string::npos) << outcome.err;
+}
+
+TEST_F(MonitorProgram, tells_collectors_of_a_segment_that_is_gone) {
+    const std::string metrics = segment.path("halvo.prom");
+    EXPECT_EQ(run({"prometheus", "-o", metrics}).status, 0);
+    EXPECT_EQ(output_of("grep -x 'halvo_up 1' " + metrics), "halvo_up 1\n");
+    halvo::qm::remove(segment.key_file());
+    EXPECT_EQ(run({"prometheus", "-o", metrics}).status, 2);
+    EXPECT_EQ(output_of("grep "^halvo_[uc]" " + metrics), "halvo_up 0\n");
+}
+
+TEST_F(MonitorProgram, writes_documents_that_parse_whatever_a_channel_is_called) {
+    std::strcpy(mt->qname, "<a&\"b\\c\x01>");
+    std::strcpy(xcn->qname, "\" id=\"0\" type=\"M\">");
+    korea->qtype = '<';
+    const std::string xml = write_file("xml", run({"xml"}).out);
+    EXPECT_EQ(output_of("xmllint --xpath 'string(//q[1]/@name)' " + xml), "<a&\"b\\c?>\n");
+    EXPECT_EQ(output_of("xmllint --xpath 'string(//q[2]/@name)' " + xml),
+              "\" id=\"0\" type=\"M\">\n");
+    EXPECT_EQ(output_of("xmllint --xpath 'string(//q[3]/@type)' " + xml), "<\n");
+    const std::string json = write_file("json", run({"json"}).out);
+    EXPECT_EQ(output_of("jq -j '.smsqm[0].name' " + json), "<a&\"b\\c\x01>");
+    EXPECT_EQ(output_of("jq -j '.smsqm[1].name, .smsqm[2].name' " + json),
+              "\" id=\"0\" type=\"M\">" + utf8("한국"));
+}
+
+TEST_F(MonitorProgram, shows_types_in_lines_of_a_readable_length) {
+    size_t longest = 0;
+    const std::string out = run({"types"}).out;
+    for (const std::string &line : lines(out)) longest = std::max(longest, line.size());
+    EXPECT_LE(longest, 139u); // the banner
+    EXPECT_NE(out.find("\n한국                       5 submit                            40"),
+              std::string::npos)
+        << out;
+}
+
 TEST_F(MonitorProgram, follows_an_options_file) {
     const std::string file = write_file("options", "  한국 4\nMT01\n");
     const std::string out = run({"--options", file}).out;
@@ -148,13 +194,64 @@ TEST_F(MonitorProgram, answers_a_check_by_its_exit_status) {
     const Outcome nowhere = run_program({HALVO_MON, "check", "--key", segment.path("missing")});
     EXPECT_EQ(nowhere.status, 3);
     EXPECT_EQ(nowhere.out.find("HALVO UNKNOWN - "), 0u);
+    const Outcome full =
+        run_program({"/bin/sh", "-c",
+                     std::string(HALVO_MON) + " check -k " + segment.key_file() + " >/dev/full"});
+    EXPECT_EQ(full.status, 3);
+    EXPECT_LT(run({"check", "--critical", "-1"}).out.size(), 120u);
+}
+
+TEST_F(MonitorProgram, checks_each_channel_by_its_own_limits) {
+    const auto answer = [&](const std::string &limits, std::vector<std::string> more = {}) {
+        more.insert(more.begin(), {"check", "--limits", write_file("limits", limits)});
+        const std::string out = run(more).out;
+        return out.substr(6, out.find(" |") - 6);
+    };
+    EXPECT_EQ(answer("[default]\nwarning = 1\n[channel.XCN1]\ncritical = 1000\nwarning = 999\n"
+                     "[channel.'" +
+                     utf8("한국") + "']\nignore = true"),
+              "WARNING - MT01 backlog 2");
+    EXPECT_EQ(answer("[channel.MT01]\nheld = 'both'", {"--critical", "600"}),
+              "CRITICAL - MT01 writer is not there; MT01 reader is not there");
+    ASSERT_NE(segment.open("MT01", 'w'), nullptr);
+    EXPECT_EQ(answer("[channel.MT01]\nheld = 'writer'"), "OK - 3 channels, backlog 505");
+    EXPECT_EQ(answer("", {"--held", "writer", "--channel", "MT01"}), "OK - 1 channels, backlog 2");
+    const std::string where = "UNKNOWN - " + segment.path("limits");
+    EXPECT_EQ(answer("[channel.MT99]"), "UNKNOWN - no channel named MT99\n");
+    for (const auto &[text, fault] : std::vector<std::pair<const char *, const char *>>{
+             {"[default]\nwarnings = 1", ":2: unknown key \"warnings\"\n"},
+             {"[default]\nwarning = -1", ":2: warning must be a whole number from 0 on\n"},
+             {"[default]\nheld = 'me'",
+              ":2: held must be \"reader\", \"writer\", \"both\" or \"none\"\n"},
+             {"limits = 1", ":1: there are [default] and [channel.NAME]\n"}})
+        EXPECT_EQ(answer(text), where + fault);
+}
+
+TEST_F(MonitorProgram, answers_a_check_of_all_possible_channels_in_4_KB) {
+    SegmentBuilder builder;
+    for (int i = 0; i < HALVO_CHANNELS_MAX; ++i)
+        builder.channel("a_channel_named_" + std::to_string(i), 'M', 1, 64);
+    const Segment large = builder.build();
+    const Outcome outcome = run_program(
+        {HALVO_MON, "check", "--key", large.key_file(), "--critical-age", "1", "--held", "both"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_LT(outcome.out.size(), 4096u);
+    EXPECT_NE(outcome.out.find(" 'backlog'=0;;;0 "), std::string::npos) << outcome.out;
+}
+
+TEST_F(MonitorProgram, tells_all_options_of_a_view) {
+    for (const char *view : {"table", "check"}) {
+        const std::string help = run({view, "--help"}).out;
+        for (const char *option : {"-k,--key", "--snapshot", "--watch"})
+            EXPECT_NE(help.find(option), std::string::npos) << view;
+    }
 }
 
 TEST_F(MonitorProgram, tells_what_is_wrong) {
     EXPECT_EQ(run_program({HALVO_MON}).status, 2);
     const Outcome nowhere = run_program({HALVO_MON, "--key", segment.path("missing")});
     EXPECT_EQ(nowhere.status, 2);
-    EXPECT_NE(nowhere.err.find("no segment to attach to"), std::string::npos);
+    EXPECT_NE(nowhere.err.find("no such key file"), std::string::npos);
     EXPECT_EQ(run({"xml", "--watch", "1"}).status, 2);
     EXPECT_EQ(run({"sideways"}).status, 2);
     EXPECT_EQ(run({"--help"}).status, 0);

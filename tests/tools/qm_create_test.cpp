@@ -159,8 +159,8 @@ TEST_F(CreateTest, left_over_semaphores_are_refused_and_everything_made_so_far_i
 
 TEST_F(CreateTest, a_failed_create_leaves_no_file_behind) {
     EXPECT_THROW(create(SegmentPlan(), key_, false), Error);
-    EXPECT_THROW(create(kTwoChannels, key_, false, 0400), Error);
-    EXPECT_THROW(create(kTwoChannels, key_, false, 01660), Error);
+    EXPECT_THROW(create(kTwoChannels, key_, false, {0400}), Error);
+    EXPECT_THROW(create(kTwoChannels, key_, false, {01660}), Error);
     EXPECT_FALSE(file_exists(key_));
 
     // The longest name a file can have leaves no room for a suffix.
@@ -187,7 +187,7 @@ TEST_F(CreateTest, sizes_beyond_32_bit_offsets_are_refused) {
 }
 
 TEST_F(CreateTest, permissions_are_those_asked_for) {
-    create(kTwoChannels, key_, false, 0640);
+    create(kTwoChannels, key_, false, {0640});
     shmid_ds segment{};
     ASSERT_EQ(shmctl(segment_under(key_), IPC_STAT, &segment), 0);
     EXPECT_EQ(segment.shm_perm.mode & 0777U, 0640U);

@@ -22,6 +22,18 @@ bool write_all(int descriptor, const char *bytes, size_t size) {
 
 } // namespace
 
+std::optional<std::string> read_file(const std::string &path) {
+    const Descriptor file = open_file(path.c_str(), O_RDONLY);
+    if (!file) return std::nullopt;
+    std::string content;
+    char block[65536];
+    for (ssize_t got; (got = read(file.get(), block, sizeof block)) != 0;) {
+        if (got < 0 && errno != EINTR) return std::nullopt;
+        if (got > 0) content.append(block, static_cast<size_t>(got));
+    }
+    return content;
+}
+
 bool replace_file(const std::string &path, const void *bytes, size_t size) {
     const std::string fresh = path + "." + std::to_string(getpid());
     Descriptor file = open_file(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC);

@@ -4,35 +4,23 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
 #include "halvo/queue.h"
+#include "tools/frame/attachment.h"
+#include "tools/frame/charset.h"
+#include "tools/frame/text.h"
 
 namespace halvo::tools {
 
 namespace {
 
-volatile std::sig_atomic_t stop = 0;
-
-extern "C" void remember_stop(int number) { stop = number; }
-
 double now() {
     timespec time{};
     clock_gettime(CLOCK_MONOTONIC, &time);
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-// Waits and reads return when one of these comes; SIGPIPE becomes an error of write.
-void catch_stop_signals() {
-    struct sigaction action {};
-    action.sa_handler = remember_stop; // without SA_RESTART
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-    action.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &action, nullptr);
 }
 
 } // namespace
@@ -48,8 +36,6 @@ std::string result_text(int code) {
         return "result " + std::to_string(code);
     }
 }
-
-int stop_signal() { return stop; }
 
 LibraryMessages::LibraryMessages()
     : standard_output_(dup(STDOUT_FILENO)), messages_(memfd_create("messages", MFD_CLOEXEC)) {
@@ -67,13 +53,14 @@ void LibraryMessages::show() const {
 
 OpenEnd::OpenEnd(const std::string &key_file, const std::string &channel, char side,
                  const std::string &client, int timeout) {
+    if (const std::string fault = attach_fault(key_file, true); !fault.empty())
+        throw ToolError(kUsage, fault);
     const int attached = frx_initialize(key_file.c_str());
-    if (attached != ESMS_OK)
-        throw ToolError(kUsage, key_file + ": no segment to attach to, " + result_text(attached) +
-                                    "; halvo-qm create makes one");
-    const int number = frx_channelByName(channel.c_str());
+    if (attached != ESMS_OK) throw ToolError(kUsage, key_file + ": " + result_text(attached));
+    int number = frx_channelByName(channel.c_str());
+    if (number < 0) number = frx_channelByName(to_euc_kr(channel).value_or(channel).c_str());
     if (number < 0) throw ToolError(kUsage, channel + ": no channel of that name in " + key_file);
-    const int opened = frx_openChannel(&handle_, client.c_str(), number, side, timeout);
+    const int opened = frx_openChannel(&handle_, typed(client).c_str(), number, side, timeout);
     if (opened != ESMS_OK)
         throw ToolError(kFailed, channel + ": the " + (side == 'w' ? "writer" : "reader") +
                                      "'s end could not be opened, " + result_text(opened));
@@ -90,15 +77,6 @@ uint32_t OpenEnd::slot_size() const {
 
 uint32_t OpenEnd::longest_message() const {
     return static_cast<uint32_t>(frx_sizeOfData(handle_.channel));
-}
-
-void write_out(int descriptor, const std::string &name, const std::string &bytes) {
-    for (size_t done = 0; done < bytes.size();) {
-        const ssize_t wrote = write(descriptor, bytes.data() + done, bytes.size() - done);
-        if (wrote < 0 && errno == EINTR) continue;
-        if (wrote < 0) throw ToolError(kFailed, name + ": " + std::strerror(errno));
-        done += static_cast<size_t>(wrote);
-    }
 }
 
 namespace {
@@ -153,11 +131,9 @@ double Progress::seconds() const { return now() - began_; }
 std::string Progress::line() const {
     const double took = seconds();
     const double rate = took > 0 ? static_cast<double>(messages_) / took : 0;
-    char text[160];
-    std::snprintf(text, sizeof text, "%s: %llu %s, %llu bytes in %.2f s, %.0f %s/s", program_,
-                  static_cast<unsigned long long>(messages_), noun_,
-                  static_cast<unsigned long long>(bytes_), took, rate, noun_);
-    return text;
+    return text("%s: %ju %s, %ju bytes in %.2f s, %.0f %s/s", program_,
+                static_cast<uintmax_t>(messages_), noun_, static_cast<uintmax_t>(bytes_), took,
+                rate, noun_);
 }
 
 void Progress::add(uint64_t messages, uint64_t bytes) {
@@ -171,6 +147,13 @@ void Progress::add(uint64_t messages, uint64_t bytes) {
 
 void Progress::finish() {
     if (!quiet_) std::fprintf(stderr, "%s%s\n", terminal_ ? "\r\033[K" : "", line().c_str());
+}
+
+std::string at_least_zero(const std::string &word) {
+    const bool digits = word.find_first_not_of("0123456789") == std::string::npos;
+    return !word.empty() && word.size() <= 18 && digits
+               ? std::string()
+               : "\"" + word + "\" is no whole number from 0 on";
 }
 
 int run_tool(const char *program, const char *noun, bool quiet,
@@ -189,6 +172,9 @@ int run_tool(const char *program, const char *noun, bool quiet,
         std::fprintf(stderr, "%s: %s\n", program, error.what());
         if (error.status() != kUsage) progress.finish();
         return error.status();
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "%s: %s\n", program, error.what());
+        return kFailed;
     }
     progress.finish();
     return kDone;

@@ -4,31 +4,16 @@
 
 #include <cstdint>
 #include <functional>
-#include <stdexcept>
 #include <string>
 
 #include "halvo/frx.h"
 #include "tools/frame/line_reader.h"
+#include "tools/frame/output.h"
 
 namespace halvo::tools {
 
-// Exit statuses of the programs.
-enum Exit { kDone = 0, kFailed = 1, kUsage = 2 };
-
-// A failure as one line for the operator, and the exit status that goes with it.
-class ToolError : public std::runtime_error {
-public:
-    ToolError(int status, const std::string &line) : std::runtime_error(line), status_(status) {}
-    int status() const { return status_; }
-
-private:
-    int status_;
-};
-
 // "ESMS_TIMEOUT (a blocking wait ran out of time)".
 std::string result_text(int code);
-
-int stop_signal(); // 0, or the number of the signal (SIGINT, SIGTERM) that asked to stop
 
 // Keeps the library's own lines, which it prints on standard output, out of the data: they go to a
 // file in memory from now on, to the end of the process, for its threads print too. Throws ToolError.
@@ -46,7 +31,8 @@ private:
     int messages_;
 };
 
-// An end of a channel, open as long as this lives. Throws ToolError.
+// An end of a channel, open as long as this lives. Names are as the operator typed them. Throws
+// ToolError.
 class OpenEnd {
 public:
     OpenEnd(const std::string &key_file, const std::string &channel, char side,
@@ -63,9 +49,6 @@ public:
 private:
     FrxChannel handle_{};
 };
-
-// Writes everything; throws ToolError. `name` is what the descriptor is called in the error.
-void write_out(int descriptor, const std::string &name, const std::string &bytes);
 
 // Calls each(line) for every line, without its line feed unless keep_newline, and at the end, also
 // when it failed, commit(). Returns how many lines were empty, which nothing is called for. Throws
@@ -94,6 +77,10 @@ private:
     uint64_t messages_ = 0;
     uint64_t bytes_ = 0;
 };
+
+// For options that are whole numbers from 0 on: the fault of a word, or nothing. (The parser's own
+// check answers with all digits of the greatest number there is.)
+std::string at_least_zero(const std::string &word);
 
 // The frame of the programs: runs work(descriptor of the real standard output, progress), reports a
 // ToolError, and returns the exit status.

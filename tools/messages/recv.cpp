@@ -115,12 +115,12 @@ int main(int argc, char **argv) {
     app.add_option("-c,--count", options.count, "End after this many messages; 0 is no end")
         ->capture_default_str();
     app.add_option("-i,--idle", options.idle, "End when nothing came for this many ms")
-        ->check(CLI::NonNegativeNumber);
+        ->check(at_least_zero);
     app.add_option("-b,--batch", options.batch, "Messages written out and released together")
         ->check(CLI::Range(1, 1000000))
         ->capture_default_str();
     app.add_option("--timeout", options.timeout, "Longest wait for the channel's reader end, in ms")
-        ->check(CLI::NonNegativeNumber)
+        ->check(at_least_zero)
         ->capture_default_str();
     app.add_option("--name", options.client, "Name to show as the reader")->capture_default_str();
     app.add_flag("-n,--keep-newline", options.keep_newline,

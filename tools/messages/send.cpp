@@ -143,7 +143,7 @@ int main(int argc, char **argv) {
         ->check(CLI::Range(1, 1000000))
         ->capture_default_str();
     app.add_option("--timeout", options.timeout, "Longest wait for room or for the channel, in ms")
-        ->check(CLI::NonNegativeNumber)
+        ->check(at_least_zero)
         ->capture_default_str();
     app.add_option("--name", options.client, "Name to show as the writer")->capture_default_str();
     app.add_flag("-n,--keep-newline", options.keep_newline,

@@ -1,32 +1,16 @@
-// halvo-mon: what the served page and other programs get as JSON.
+// halvo-mon: the library's XML and JSON documents, made fit for parsers.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
-#include "tools/mon/sample.h"
+#include "tools/qm/view.h"
 
 namespace halvo::mon {
 
-constexpr int kApiVersion = 1; // grows when a member goes or changes its meaning
-
-// A text as a JSON string, quotes included. Bytes that are no UTF-8 become U+FFFD.
-std::string json_text(const std::string &utf8);
-
-// Of which serving a document is: a client begins anew when `server` or `epoch` changes.
-struct Serving {
-    std::string key_file;
-    int64_t server = 0;  // start of the server, milliseconds since the epoch
-    uint64_t epoch = 0;  // segments seen
-    uint64_t number = 0; // of the sample
-};
-
-// The members that every document begins with, from the brace on, without an end.
-std::string json_head(const Serving &serving, const Sample &sample);
-// All channels. Without a segment there are none, and "segment" tells why.
-std::string channels_json(const Serving &serving, const Sample &sample);
-// One channel with its types and clients, but no message.
-std::string channel_json(const Serving &serving, const Sample &sample, int number,
-                         const qm::SegmentView &view);
+// The library writes names and types as they stand in the segment. These put in place what the format
+// asks for: entities and escapes; control characters, which XML cannot hold, become '?'. The rest of
+// the document is as it was. `view` is of the segment that the document is of.
+std::string escaped_xml(const std::string &document, const qm::SegmentView &view);
+std::string escaped_json(const std::string &document, const qm::SegmentView &view);
 
 } // namespace halvo::mon

@@ -4,7 +4,7 @@
 #include <charconv>
 #include <cmath>
 
-#include "tools/mon/documents.h"
+#include "tools/mon/api.h"
 
 namespace halvo::mon {
 

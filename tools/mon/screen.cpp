@@ -22,9 +22,8 @@ using tools::write_out;
 
 namespace {
 
-volatile std::sig_atomic_t hung_up = 0, suspend_asked = 0;
+volatile std::sig_atomic_t suspend_asked = 0;
 
-extern "C" void note_hang_up(int) { hung_up = 1; }
 extern "C" void note_suspend(int) { suspend_asked = 1; }
 extern "C" void note_nothing(int) {} // a new size ends the wait, so that a frame follows
 
@@ -34,11 +33,11 @@ void handle(int number, void (*handler)(int)) {
     sigaction(number, &action, nullptr);
 }
 
-// Signals are held back but while the loop waits, so that none comes between a look and a wait.
+// Signals are held back but while the loop waits or writes, so that none comes between a look and a
+// wait.
 class HeldSignals {
 public:
     HeldSignals() {
-        handle(SIGHUP, note_hang_up);
         handle(SIGTSTP, note_suspend);
         handle(SIGWINCH, note_nothing);
         sigset_t held;
@@ -52,43 +51,71 @@ public:
     HeldSignals &operator=(const HeldSignals &) = delete;
     const sigset_t *open() const { return &open_; }
 
+    // write_out() with them let through: it ends by itself when one comes and nobody takes the output.
+    void write(int output, const char *name, const std::string &bytes) const {
+        sigset_t held;
+        sigprocmask(SIG_SETMASK, &open_, &held);
+        const Restore restore{held};
+        write_out(output, name, bytes);
+    }
+
 private:
+    struct Restore {
+        const sigset_t &held;
+        ~Restore() { sigprocmask(SIG_SETMASK, &held, nullptr); }
+    };
     sigset_t open_{};
 };
 
-// The keyboard without line editing and echo. A program in the background leaves it alone.
+// The keyboard without line editing and echo. A program in the background leaves it alone, and takes
+// it when it comes to the foreground.
 class Keyboard {
 public:
-    Keyboard() {
-        usable_ = isatty(STDIN_FILENO) && tcgetpgrp(STDIN_FILENO) == getpgrp() &&
-                  tcgetattr(STDIN_FILENO, &before_) == 0;
-        if (!usable_) return;
-        termios raw = before_;
-        raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-        raw.c_cc[VMIN] = 0;
-        raw.c_cc[VTIME] = 0;
-        tcsetattr(STDIN_FILENO, TCSANOW, &raw);
-    }
+    Keyboard() { take(); }
     ~Keyboard() {
-        if (usable_) tcsetattr(STDIN_FILENO, TCSANOW, &before_);
+        if (taken_ && in_foreground()) tcsetattr(STDIN_FILENO, TCSANOW, &before_);
     }
     Keyboard(const Keyboard &) = delete;
     Keyboard &operator=(const Keyboard &) = delete;
 
-    bool usable() const { return usable_; }
-    // True when a q is among the keys typed; an unusable keyboard is read no more.
-    bool quits() {
+    // What to wait for. A terminal that is closed answers in any case.
+    pollfd waiting() const {
+        const short events = taken_ ? POLLIN : 0;
+        return {is_terminal_ ? STDIN_FILENO : -1, events, 0};
+    }
+    // Whether it may have to be taken later.
+    bool may_come() const { return is_terminal_ && !taken_; }
+    void take() {
+        if (!may_come() || !in_foreground() || tcgetattr(STDIN_FILENO, &before_) != 0) return;
+        termios raw = before_;
+        raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        raw.c_cc[VMIN] = 1;
+        raw.c_cc[VTIME] = 0;
+        taken_ = tcsetattr(STDIN_FILENO, TCSANOW, &raw) == 0;
+    }
+
+    // Looks at what a wait found. True when a q was typed, or nobody will type any more.
+    bool quits(short found) {
+        if (found & (POLLHUP | POLLERR | POLLNVAL)) return true;
+        if (!(found & POLLIN)) return false;
+        if (!in_foreground()) { // reading would stop the program
+            taken_ = false;
+            return false;
+        }
         char keys[64];
         const ssize_t got = read(STDIN_FILENO, keys, sizeof keys);
-        if (got < 0 && errno != EINTR && errno != EAGAIN) usable_ = false;
+        if (got < 0) return errno != EINTR && errno != EAGAIN;
         for (ssize_t i = 0; i < got; ++i)
             if (keys[i] == 'q' || keys[i] == 'Q') return true;
-        return false;
+        return got == 0;
     }
 
 private:
+    static bool in_foreground() { return tcgetpgrp(STDIN_FILENO) == getpgrp(); }
+
     termios before_{};
-    bool usable_ = false;
+    const bool is_terminal_ = isatty(STDIN_FILENO) != 0;
+    bool taken_ = false;
 };
 
 struct Size {
@@ -128,7 +155,9 @@ std::vector<std::string> fitting(std::vector<std::string> lines, size_t rows) {
 // The alternate screen without a cursor.
 class Screen {
 public:
-    explicit Screen(const Watch &watch) : watch_(watch) { put("\x1b[?1049h\x1b[?25l\x1b[?7l"); }
+    Screen(const Watch &watch, const HeldSignals &signals) : watch_(watch), signals_(signals) {
+        put("\x1b[?1049h\x1b[?25l\x1b[?7l");
+    }
     ~Screen() {
         try {
             put("\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l");
@@ -153,8 +182,9 @@ public:
     }
 
 private:
-    void put(const std::string &bytes) const { write_out(watch_.output, "terminal", bytes); }
+    void put(const std::string &bytes) const { signals_.write(watch_.output, "terminal", bytes); }
     const Watch &watch_;
+    const HeldSignals &signals_;
 };
 
 timespec in_seconds(double seconds) {
@@ -182,17 +212,26 @@ timespec left_until(const timespec &due) {
 
 enum class Event { due, resized, suspended, end };
 
+constexpr timespec kKeyboardPause{0, 500000000}; // between looks whether it is ours again
+
+bool is_earlier(const timespec &one, const timespec &other) {
+    return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
+}
+
 // Waits for the next frame's time, or for what comes before it.
 Event wait_for_event(const timespec &due, Keyboard *keyboard, const HeldSignals &signals) {
     for (;;) {
-        if (stop_signal() || hung_up) return Event::end;
+        if (stop_signal()) return Event::end;
         if (suspend_asked) return Event::suspended;
-        pollfd key{keyboard && keyboard->usable() ? STDIN_FILENO : -1, POLLIN, 0};
+        if (keyboard) keyboard->take();
+        pollfd key = keyboard ? keyboard->waiting() : pollfd{-1, 0, 0};
         const timespec left = left_until(due);
-        const int ready = ppoll(&key, 1, &left, signals.open());
-        if (ready > 0 && keyboard->quits()) return Event::end;
-        if (ready == 0) return Event::due;
-        if (ready < 0 && !stop_signal() && !hung_up && !suspend_asked) return Event::resized;
+        const bool short_wait =
+            keyboard && keyboard->may_come() && is_earlier(kKeyboardPause, left);
+        const int ready = ppoll(&key, 1, short_wait ? &kKeyboardPause : &left, signals.open());
+        if (ready > 0 && keyboard->quits(key.revents)) return Event::end;
+        if (ready == 0 && !short_wait) return Event::due;
+        if (ready < 0 && !stop_signal() && !suspend_asked) return Event::resized;
     }
 }
 
@@ -202,7 +241,7 @@ void watch_terminal(const Watch &watch, const HeldSignals &signals) {
     for (;;) {
         {
             Keyboard keyboard;
-            const Screen screen(watch);
+            const Screen screen(watch, signals);
             Event event;
             do {
                 screen.show(frame);
@@ -227,8 +266,8 @@ void watch_elsewhere(const Watch &watch, const HeldSignals &signals) {
         if (event == Event::due) {
             due = in_seconds(watch.seconds);
             const std::string frame = watch.frame();
-            write_out(watch.output, "standard output",
-                      separator + (watch.utf8 ? to_utf8(frame) : frame));
+            signals.write(watch.output, "standard output",
+                          separator + (watch.utf8 ? to_utf8(frame) : frame));
             if (watch.redraw) separator = "\n";
         }
         event = wait_for_event(due, nullptr, signals);
@@ -239,10 +278,14 @@ void watch_elsewhere(const Watch &watch, const HeldSignals &signals) {
 
 void watch(const Watch &watch) {
     const HeldSignals signals;
-    if (watch.redraw && isatty(watch.output))
-        watch_terminal(watch, signals);
-    else
-        watch_elsewhere(watch, signals);
+    try {
+        if (watch.redraw && isatty(watch.output))
+            watch_terminal(watch, signals);
+        else
+            watch_elsewhere(watch, signals);
+    } catch (const tools::ToolError &) {
+        if (!stop_signal()) throw; // else it ended as asked, if in the middle of a frame
+    }
 }
 
 } // namespace halvo::mon

@@ -9,7 +9,7 @@
 
 #include "tools/frame/clock.h"
 #include "tools/frame/program.h"
-#include "tools/mon/documents.h"
+#include "tools/mon/api.h"
 #include "tools/mon/history.h"
 #include "tools/mon/prometheus.h"
 #include "tools/mon/tracker.h"

@@ -16,7 +16,7 @@ constexpr size_t kMostArrivals = 256;
 constexpr int32_t kOldSeconds = 60, kStalledSeconds = 10;
 constexpr int32_t kFileSilence = 10; // a file queue's reader that lives touches its heartbeat
 
-bool is_of_file(const ChannelSample &channel) { return channel.type == 'F'; }
+bool is_of_file(const ChannelSample &channel) { return rate_is_of_file(channel.type); }
 
 bool lacks_reader(const ChannelSample &channel, int32_t now) {
     if (is_of_file(channel) && channel.file_depth() > 0)

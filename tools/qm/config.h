@@ -4,7 +4,7 @@
 //     1 = "submit"
 //
 //     [[channel]]            # one for each channel, numbered 0, 1, ... in this order
-//     name = "MT01"          # 1 .. 23 bytes, stored as they stand here
+//     name = "MT01"          # 1 .. 23 bytes in EUC-KR, in which it is stored
 //     type = "M"             # optional, "M"
 //     slots = 1024
 //     slot_size = 2048       # bytes, 16-byte slot header included; a multiple of 4

@@ -46,9 +46,15 @@ void refuse_segment(const Keys &keys) {
                             description_of_segment(id).c_str()));
 }
 
+// The group is set afterwards, since the kernel takes the process's own.
+void give(ipc_perm &owner, const Access &access) {
+    if (access.group != static_cast<gid_t>(-1)) owner.gid = access.group;
+    owner.mode = static_cast<decltype(owner.mode)>(access.mode);
+}
+
 // Makes a set of semaphores that all have the same value.
-void make_set(key_t key, int count, unsigned short value, mode_t mode, Undo &undo) {
-    const int id = semget(key, count, IPC_CREAT | IPC_EXCL | static_cast<int>(mode));
+void make_set(key_t key, int count, unsigned short value, const Access &access, Undo &undo) {
+    const int id = semget(key, count, IPC_CREAT | IPC_EXCL | static_cast<int>(access.mode));
     if (id < 0 && errno == EEXIST)
         throw Standing(text("a semaphore set stands under key 0x%08x, without its segment",
                             static_cast<unsigned>(key)));
@@ -57,18 +63,25 @@ void make_set(key_t key, int count, unsigned short value, mode_t mode, Undo &und
     std::vector<unsigned short> values(static_cast<size_t>(count), value);
     if (semctl(id, 0, SETALL, values.data()) < 0)
         throw Error(system_text("cannot set %d semaphores", count));
+    if (access.group == static_cast<gid_t>(-1)) return;
+    semid_ds state{};
+    if (semctl(id, 0, IPC_STAT, &state) == 0) {
+        give(state.sem_perm, access);
+        if (semctl(id, 0, IPC_SET, &state) == 0) return;
+    }
+    throw Error(system_text("cannot set the group of semaphores %d", id));
 }
 
-void make_semaphores(const Keys &keys, const SegmentPlan &plan, mode_t mode, Undo &undo) {
+void make_semaphores(const Keys &keys, const SegmentPlan &plan, const Access &access, Undo &undo) {
     const int count = static_cast<int>(plan.channels.size());
-    make_set(keys.read_locks(), count, 1, mode, undo);
-    make_set(keys.write_locks(), count, 1, mode, undo);
+    make_set(keys.read_locks(), count, 1, access, undo);
+    make_set(keys.write_locks(), count, 1, access, undo);
     std::set<int> made;
     for (int i = 0; i < count; ++i) {
         if (plan.channels[static_cast<size_t>(i)].type != 'M') continue;
         if (!made.insert(i % kKeyPeriod).second) continue;
-        make_set(keys.post(i), 1, 0, mode, undo);
-        make_set(keys.request(i), 1, 0, mode, undo);
+        make_set(keys.post(i), 1, 0, access, undo);
+        make_set(keys.request(i), 1, 0, access, undo);
     }
 }
 
@@ -119,7 +132,7 @@ uint64_t size_of(const SegmentPlan &plan) {
 }
 
 // Others may attach only when the segment is filled.
-void make_segment(const Keys &keys, const SegmentPlan &plan, mode_t mode, Undo &undo) {
+void make_segment(const Keys &keys, const SegmentPlan &plan, const Access &access, Undo &undo) {
     const uint64_t size = size_of(plan);
     const int id = shmget(keys.segment(), static_cast<size_t>(size), IPC_CREAT | IPC_EXCL | 0600);
     if (id < 0 && errno == EEXIST) refuse_segment(keys);
@@ -132,15 +145,17 @@ void make_segment(const Keys &keys, const SegmentPlan &plan, mode_t mode, Undo &
     fill_segment(attachment.address(), plan);
     shmid_ds state{};
     if (shmctl(id, IPC_STAT, &state) < 0) throw Error(system_text("segment %d", id));
-    state.shm_perm.mode = static_cast<decltype(state.shm_perm.mode)>(mode);
+    give(state.shm_perm, access);
     if (shmctl(id, IPC_SET, &state) < 0)
         throw Error(system_text("cannot set the permissions of segment %d", id));
 }
 
 } // namespace
 
-void create(const SegmentPlan &plan, const std::string &key_file, bool replace, mode_t mode) {
+void create(const SegmentPlan &plan, const std::string &key_file, bool replace,
+            const Access &access) {
     if (std::string fault = fault_of(plan); !fault.empty()) throw Error(fault);
+    const mode_t mode = access.mode;
     if ((mode & 0600) != 0600 || (mode & ~static_cast<mode_t>(0666)) != 0)
         throw Error(text("permissions %04o: they must be within 0666 and have 0600",
                          static_cast<unsigned>(mode)));
@@ -156,8 +171,8 @@ void create(const SegmentPlan &plan, const std::string &key_file, bool replace, 
     } else {
         refuse_segment(keys);
     }
-    make_semaphores(keys, plan, mode, undo);
-    make_segment(keys, plan, mode, undo);
+    make_semaphores(keys, plan, access, undo);
+    make_segment(keys, plan, access, undo);
     undo.keep();
 }
 

@@ -1,11 +1,13 @@
 // halvo-qm: makes, lists, checks and removes a segment, for development and tests.
-#include <CLI/CLI.hpp>
+#include <grp.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 
+#include "tools/frame/charset.h"
 #include "tools/frame/program.h"
 #include "tools/frame/text.h"
 #include "tools/qm/config.h"
@@ -14,6 +16,7 @@
 
 namespace {
 
+using halvo::tools::for_locale;
 using halvo::tools::text;
 
 enum ExitStatus { kDone = 0, kRefused = 1, kFailed = 2 };
@@ -37,18 +40,29 @@ struct Arguments {
     std::string key_file;
     bool replace = false;
     bool repair = false;
-    std::string mode = "0660";
+    std::string mode = "0660", group;
 };
 
+// Names in it are the segment's.
 void complain(const std::string &message) {
-    std::fprintf(stderr, "halvo-qm: %s\n", message.c_str());
+    std::fprintf(stderr, "halvo-qm: %s\n", for_locale(message).c_str());
+}
+
+// A name, or a number for a group without one; -1 when none is asked for.
+gid_t group_of(const std::string &word) {
+    if (word.empty()) return static_cast<gid_t>(-1);
+    if (const struct group *found = getgrnam(word.c_str())) return found->gr_gid;
+    if (word.size() > 9 || word.find_first_not_of("0123456789") != std::string::npos)
+        throw halvo::qm::Error("there is no group named " + word);
+    return static_cast<gid_t>(std::stoul(word));
 }
 
 int run_create(const Arguments &arguments) {
-    const auto mode = static_cast<mode_t>(std::stoul(arguments.mode, nullptr, 8));
+    const halvo::qm::Access access{static_cast<mode_t>(std::stoul(arguments.mode, nullptr, 8)),
+                                   group_of(arguments.group)};
     const halvo::qm::SegmentPlan plan = halvo::qm::load_config(arguments.config);
     try {
-        halvo::qm::create(plan, arguments.key_file, arguments.replace, mode);
+        halvo::qm::create(plan, arguments.key_file, arguments.replace, access);
     } catch (const halvo::qm::Standing &standing) {
         complain(std::string(standing.what()) + "; --replace removes it first");
         return kRefused;
@@ -60,7 +74,8 @@ int run_check(const Arguments &arguments) {
     if (arguments.repair) {
         const halvo::tools::LibraryMessages messages;
         for (const std::string &line : halvo::qm::repair(arguments.key_file))
-            halvo::tools::write_out(messages.standard_output(), "standard output", line + "\n");
+            halvo::tools::write_out(messages.standard_output(), "standard output",
+                                    for_locale(line) + "\n");
     }
     const std::vector<std::string> faults = halvo::qm::check(arguments.key_file);
     for (const std::string &fault : faults) complain(fault);
@@ -104,7 +119,7 @@ void print(const std::vector<Row> &table) {
             line += row[i];
             if (i + 1 < row.size()) line.append(widths[i] - row[i].size() + 2, ' ');
         }
-        std::puts(line.c_str());
+        std::puts(for_locale(line).c_str()); // widths are EUC-KR's, whose bytes are columns
     }
 }
 
@@ -139,7 +154,7 @@ int main(int argc, char **argv) {
     const auto command = [&](const char *name, const char *what,
                              int (*function)(const Arguments &)) {
         CLI::App *sub = app.add_subcommand(name, what);
-        sub->add_option("--key", arguments.key_file,
+        sub->add_option("-k,--key", arguments.key_file,
                         "Key file; two more beside it are named FILE.post "
                         "and FILE.req")
             ->required()
@@ -155,6 +170,10 @@ int main(int argc, char **argv) {
     create->add_option("--mode", arguments.mode, "Permissions of segment and semaphores, octal")
         ->check(fault_of_mode)
         ->capture_default_str();
+    create
+        ->add_option("--group", arguments.group,
+                     "Group that the group's permissions are for; your own without")
+        ->type_name("NAME");
     command("list", "Show the channels; * marks a process that holds its end now", run_list);
     command("check", "Look for faults in a segment", run_check)
         ->add_flag("--repair", arguments.repair,

@@ -7,6 +7,7 @@
 #include "core/ring.h"
 #include "halvo/frx.h"
 #include "halvo/queue.h"
+#include "tools/frame/attachment.h"
 #include "tools/frame/program.h"
 #include "tools/frame/text.h"
 #include "tools/qm/segment.h"
@@ -42,10 +43,9 @@ int repair_end(int channel, char mode) {
 } // namespace
 
 std::vector<std::string> repair(const std::string &key_file) {
-    const int attached = frx_initialize(key_file.c_str());
-    if (attached != ESMS_OK)
-        throw Error(text("key file %s: no segment to attach to, %s", key_file.c_str(),
-                         tools::result_text(attached).c_str()));
+    if (const std::string fault = attach_fault(key_file, true); !fault.empty()) throw Error(fault);
+    if (const int attached = frx_initialize(key_file.c_str()); attached != ESMS_OK)
+        throw Error(text("key file %s: %s", key_file.c_str(), result_text(attached).c_str()));
     std::vector<std::string> lines;
     for (int channel = 0; channel < HALVO_CHANNELS_MAX; ++channel) {
         if (frx_sizeOfBlock(channel) <= 0) continue; // no channel, or not one that can be used

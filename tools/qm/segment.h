@@ -56,12 +56,19 @@ Fault first_fault(const SegmentPlan &plan);
 // The same as one line, or an empty string.
 std::string fault_of(const SegmentPlan &plan);
 
+// Who may use what create() makes.
+struct Access {
+    mode_t mode = 0660;                   // permission bits, at least 0600
+    gid_t group = static_cast<gid_t>(-1); // -1: the process's own
+};
+
 // Makes the key files that are missing, the post and request semaphores of 'M' channels, the two
-// lock sets and, last and complete, the segment. mode: permission bits, at least 0600. On failure
+// lock sets and, last and complete, the segment. On failure
 // throws Error and leaves nothing behind that it made. What stands under the keys is refused with
 // Standing, unless replace is set: then it is removed first (processes that are attached to it
 // keep their old segment until they detach).
-void create(const SegmentPlan &plan, const std::string &key_file, bool replace, mode_t mode = 0660);
+void create(const SegmentPlan &plan, const std::string &key_file, bool replace,
+            const Access &access = {});
 
 // Removes segment, semaphores and those key files that are empty. Returns false when there was
 // nothing to remove. Throws Error when something could not be removed, after it has tried the

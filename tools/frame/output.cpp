@@ -1,0 +1,58 @@
+#include "tools/frame/output.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+namespace halvo::tools {
+
+namespace {
+
+volatile std::sig_atomic_t stop = 0;
+
+extern "C" void remember_stop(int number) {
+    const int error = errno;
+    stop = number;
+    const itimerval again{{0, 200000}, {0, 200000}};
+    setitimer(ITIMER_REAL, &again, nullptr);
+    errno = error;
+}
+extern "C" void interrupt(int) {}
+
+void handle(int number, void (*handler)(int)) {
+    struct sigaction action {};
+    if (sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) return;
+    action.sa_handler = handler; // without SA_RESTART
+    action.sa_flags = 0;
+    sigaction(number, &action, nullptr);
+}
+
+} // namespace
+
+void catch_stop_signals() {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) handle(number, remember_stop);
+    handle(SIGALRM, interrupt);
+    handle(SIGPIPE, SIG_IGN);
+}
+
+int stop_signal() { return stop; }
+
+void write_out(int descriptor, const std::string &name, const std::string &bytes) {
+    int without_progress = 0;
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t wrote = write(descriptor, bytes.data() + done, bytes.size() - done);
+        if (wrote >= 0) {
+            done += static_cast<size_t>(wrote);
+            without_progress = 0;
+        } else if (errno != EINTR) {
+            throw ToolError(kFailed, name + ": " + std::strerror(errno));
+        } else if (stop_signal() && ++without_progress > 1) {
+            throw ToolError(128 + stop_signal(), name + ": stopped while it took nothing");
+        }
+    }
+}
+
+} // namespace halvo::tools

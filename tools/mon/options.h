@@ -1,0 +1,47 @@
+// halvo-mon: what the command line says, and the work that a command stands for.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "tools/frame/charset.h"
+#include "tools/frame/output.h"
+#include "tools/mon/check.h"
+#include "tools/mon/monitor.h"
+
+namespace CLI {
+class App;
+}
+
+namespace halvo::mon {
+
+struct Options {
+    SegmentOptions segment;
+    CheckOptions check;
+    std::string end = "both", held = "none", limits, colour = "auto", needle, output = "-";
+    bool active = false, utf8 = tools::locale_is_utf8();
+    bool document_utf8 = true;      // documents are UTF-8 unless told otherwise
+    double sample = 2, watch = 0;   // seconds; watch 0 is once
+    int exit_status = tools::kDone; // of a command that answers with it
+    bool answers_as_plugin = false; // failures end with 3
+
+    // Of the printers: all chosen channels with counts since the snapshot, or the active ones alone.
+    char mode() const { return active ? 'f' : 's'; }
+    std::string in_charset(const std::string &euc_kr) const {
+        return utf8 ? tools::to_utf8(euc_kr) : euc_kr;
+    }
+    // Throws ToolError when --watch was given, for a command that it is not for.
+    void once() const;
+};
+
+using Work = std::function<void(int)>; // takes the descriptor of the output
+
+// Each adds commands; a command that is chosen sets `work`.
+void add_views(CLI::App &app, Options &options, Work &work);    // tables and documents
+void add_machines(CLI::App &app, Options &options, Work &work); // prometheus and check
+void add_serve(CLI::App &app, Options &options, Work &work);
+
+// The view without a name.
+void show_first_table(const Options &options, int output);
+
+} // namespace halvo::mon
