@@ -34,13 +34,13 @@ def eventually(condition, what, seconds=20):
 
 
 class Lab:
-    def __init__(self, programs, channels):
+    def __init__(self, programs, channels, prefix="halvo-test-serve-"):
         self.programs = os.path.abspath(programs)
         self.channels = channels
         self.running = []
         self.url = self.server = None
-        self.folder = tempfile.mkdtemp(prefix="halvo-test-serve-")
-        self.key = os.path.join(self.folder, "key")
+        self.folder = tempfile.mkdtemp(prefix=prefix)
+        self.key = os.path.join(self.folder, "halvo.key")
         try:
             self.create()
         except BaseException:

@@ -94,7 +94,7 @@ def a_bar_tells_that_figures_are_old(lab, page):
     page.wait("return document.getElementById('bar').hidden")
     page.wait("return (() => { %s })() === '0'" % "return document.getElementById('total-depth').textContent")
     lab.end(lab.server)
-    page.wait(bar, "No new data for")
+    page.wait(bar, "No new data")
 
 
 def fits_a_narrow_screen(page):

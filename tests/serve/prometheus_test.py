@@ -137,10 +137,28 @@ def units_start_what_is_there(lab):
         assert done.returncode == 0 and not done.stderr.strip(), done.stderr
 
 
+def nagios_example_answers(lab):
+    with open(os.path.join(SHARE, "nagios.cfg"), encoding="utf-8") as file:
+        text = file.read()
+    commands = dict(re.findall(r"command_name +(\S+)\n +command_line +(.*)", text))
+    calls = [call.split("!") for call in re.findall(r"check_command +(.*)", text)]
+    assert len(commands) == len(calls) == 2
+    # Nothing was passed, so that ends are older than any limit, and nobody holds the reader's end.
+    for name, *arguments in calls:
+        words = commands[name]
+        for number, argument in enumerate(arguments, 1):
+            words = words.replace(f"$ARG{number}$", argument)
+        words = (words.replace("/usr/bin", lab.programs).replace("/var/lib/gateway/halvo.key", lab.key)
+                 .replace("/etc/halvo", SHARE))
+        done = subprocess.run(shlex.split(words), capture_output=True, text=True, check=False)
+        assert done.returncode == 2 and "HALVO CRITICAL - MT01 reader" in done.stdout, done
+
+
 def main():
     with Lab(sys.argv[1], [{"name": "MT01"}, {"name": "MO01"}, {"name": "FQ01", "type": "F"}]) as lab:
         lab.serve()
         units_start_what_is_there(lab)
+        nagios_example_answers(lab)
         if not shutil.which("prometheus") or not shutil.which("promtool"):
             skip("no prometheus and no promtool")
         rules_pass_promtool(lab)

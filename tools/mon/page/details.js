@@ -29,7 +29,7 @@ const endLines = (channel, now) => ["writer", "reader", "file_writer", "file_rea
   .map(end => [end.kind, end.name || "–", end.pid || "–", endWords(end), since(end.heartbeat, now)]);
 
 const figures = (channel, now) => [
-  ["waiting", count(channel.depth)], ["% of slots", `${percent(channel.ring_depth, channel.slots)} %`],
+  ["waiting", count(channel.depth)], ["% of slots", percent(channel.fill)],
   ["in the ring", count(channel.ring_depth)], ["in the file queue", count(channel.file_depth)],
   ["in/s", rate(channel.in)], ["out/s", rate(channel.out)],
   ["put", count(channel.put)], ["got", count(channel.got)],
@@ -111,7 +111,7 @@ const loadChart = async wanted => {
 
 const openDetails = async name => {
   const row = name === null ? null : [...rows.values()].find(each => each.channel && each.channel.name === name);
-  for (const each of rows.values()) each.tr.setAttribute("aria-selected", String(each === row));
+  for (const each of rows.values()) each.tr.ariaCurrent = each === row ? "true" : null;
   const before = opened;
   opened = row ? { number: row.number, name, series: new Series(900) } : null;
   panel.hidden = !opened;

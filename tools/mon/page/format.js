@@ -12,7 +12,7 @@ const seconds = value => {
 };
 // Time since a stamp in seconds; 0 is never.
 const since = (stamp, now) => stamp > 0 ? seconds(now - stamp) : "never";
-const percent = (depth, slots) => slots > 0 ? Math.min(999, Math.floor(depth * 100 / slots)) : 0;
+const percent = part => `${Math.floor(part * 100)} %`;
 const clock = stamp => new Date(stamp * 1000).toLocaleString("sv-SE");
 
 const make = (tag, className, text) => {

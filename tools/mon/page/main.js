@@ -105,7 +105,7 @@ const show = async next => {
     const gap = restarted || next.sample !== shown.sample + 1;
     if (gap) {
       const from = restarted ? Math.max(0, next.sample - kPoints) : shown.sample;
-      await loadHistory(from);
+      next = { ...next, sample: await loadHistory(from) };
     }
     for (const channel of next.channels) {
       const row = rows.get(channel.number);
@@ -134,8 +134,8 @@ const showAge = () => {
   by("age").classList.toggle("live", shown !== null && age < 3);
   const bar = by("bar");
   let why = "";
-  if (shown && !shown.segment.up) why = `The segment is gone: ${shown.segment.why}. The last figures are shown.`;
-  if (age > 3) why = shown ? `No new data for ${seconds(age)}. The last figures are shown.` : "The server does not answer.";
+  if (shown && !shown.segment.up) why = `The segment is gone, the last figures are shown. ${shown.segment.why}`;
+  if (age > 3) why = shown ? "No new data: the last figures are shown." : "The server does not answer.";
   bar.hidden = !why;
   if (why) put(bar, why);
   document.body.classList.toggle("stale", Boolean(why));

@@ -73,8 +73,8 @@ const fillRow = (row, channel, now) => {
   put(row.depth, count(channel.depth));
   dress(row.depth, channel.depth ? "" : "zero");
   dress(row.cells.depth, channel.depth ? "n depth" : "n depth none");
-  put(row.share, channel.slots ? `${percent(channel.depth, channel.slots)} %` : "");
-  const part = Math.min(1, channel.slots ? channel.depth / channel.slots : 0).toFixed(3);
+  put(row.share, channel.slots ? percent(channel.fill) : "");
+  const part = channel.fill.toFixed(3);
   if (row.part !== part) row.fill.style.setProperty("--part", row.part = part);
   for (const way of ["in", "out"]) {
     put(row.cells[way], rate(channel[way]));
