@@ -15,9 +15,12 @@
 set -eu
 
 release=bookworm
+# Headers of the native architecture serve both word sizes; 32-bit development packages would need the
+# 32-bit C library's as well.
 needed="g++ g++-multilib cmake ninja-build make
     libgtest-dev libcli11-dev libtomlplusplus-dev
     libmicrohttpd-dev libmicrohttpd12:i386 nlohmann-json3-dev
+    libncurses-dev libncursesw6:i386 libtinfo6:i386 libsqlite3-dev libsqlite3-0:i386
     openjdk-17-jdk-headless openjdk-17-jdk-headless:i386 junit4 pkgconf"
 # Some tests use them; pandoc makes the manual pages. The browser and Prometheus look at the served
 # page and its figures.
@@ -29,10 +32,7 @@ case "${1-}" in
 lint) needed="$needed clang-format clang-tidy" ;;
 fuzz) needed="$needed clang-14 libclang-rt-14-dev" ;;
 bench)
-    # Headers of the native architecture serve both; 32-bit development packages would need the
-    # 32-bit C library's as well.
-    needed="$needed gnuplot-nox libboost-dev libsqlite3-dev libsqlite3-0:i386
-    libleveldb-dev libleveldb1d:i386"
+    needed="$needed gnuplot-nox libboost-dev libleveldb-dev libleveldb1d:i386"
     ;;
 package) needed="$needed pandoc dpkg-dev file lintian debootstrap" ;;
 pictures) needed=graphviz wanted= ;;

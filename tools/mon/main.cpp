@@ -48,6 +48,7 @@ constexpr char kFooter[] =
     "segment\n"
     "or file. check: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.\n\n"
     "Examples:\n"
+    "  halvo-mon top --key /tmp/halvo.key\n"
     "  halvo-mon --key /tmp/halvo.key\n"
     "  halvo-mon table --key /tmp/halvo.key --options night.opt --snapshot midnight.snap --watch "
     "2\n"
@@ -89,6 +90,7 @@ int main(int argc, char **argv) {
     app.require_subcommand(0, 1);
     add_general(app, options);
     add_timing(app, options);
+    add_live(app, options, work);
     add_views(app, options, work);
     add_machines(app, options, work);
     add_serve(app, options, work);

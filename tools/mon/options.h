@@ -22,6 +22,7 @@ struct Options {
     bool active = false, utf8 = tools::locale_is_utf8();
     bool document_utf8 = true;      // documents are UTF-8 unless told otherwise
     double sample = 2, watch = 0;   // seconds; watch 0 is once
+    double every = 1;               // seconds between two looks of the live screen
     int exit_status = tools::kDone; // of a command that answers with it
     bool answers_as_plugin = false; // failures end with 3
 
@@ -30,6 +31,8 @@ struct Options {
     std::string in_charset(const std::string &euc_kr) const {
         return utf8 ? tools::to_utf8(euc_kr) : euc_kr;
     }
+    // Colours only where somebody sees them, unless the operator says otherwise.
+    bool wants_colours(int descriptor) const;
     // Throws ToolError when --watch was given, for a command that it is not for.
     void once() const;
 };
@@ -40,6 +43,7 @@ using Work = std::function<void(int)>; // takes the descriptor of the output
 void add_views(CLI::App &app, Options &options, Work &work);    // tables and documents
 void add_machines(CLI::App &app, Options &options, Work &work); // prometheus and check
 void add_serve(CLI::App &app, Options &options, Work &work);
+void add_live(CLI::App &app, Options &options, Work &work);     // top
 
 // The view without a name.
 void show_first_table(const Options &options, int output);
