@@ -26,11 +26,13 @@ FLOWS = [("발송-01", 256, 420, 80), ("발송-02", 256, 260, 130), ("발송-03"
 REST = ["국제-01", "광고-01", "야간-01", "MT23", "MO23", "RPT1", "RPT2"] + [f"GW{i:02}" for i in range(1, 25)]
 
 
-def feed(pipes, ended):
-    """Writes lines into the senders, in waves and bursts."""
+def feed(pipes, slow, ended):
+    """Writes lines into the senders, in waves and bursts; `slow` gets more than its limit."""
     owed = [0.0] * len(FLOWS)
     while not ended.wait(0.05):
         now = time.monotonic()
+        slow.write("offer\n" if random.random() < 0.5 else "")
+        slow.flush()
         for i, (_, _, rate, wave) in enumerate(FLOWS):
             owed[i] += 0.05 * rate * max(0, 0.75 + 0.5 * math.sin(now * 2 * math.pi / wave + i) + random.gauss(0, 0.3))
             lines, owed[i] = int(owed[i]), owed[i] % 1
@@ -54,13 +56,9 @@ def work(lab, seconds):
     slow = lab.start(lab.program("halvo-send"), "--key", lab.key, "--quiet", "--timeout", "3600000",
                      "광고-01", stdin=subprocess.PIPE, text=True)
     ended = threading.Event()
-    feeder = threading.Thread(target=feed, args=(pipes, ended))
+    feeder = threading.Thread(target=feed, args=(pipes, slow.stdin, ended))
     feeder.start()
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        slow.stdin.write("offer\n" * 9)
-        slow.stdin.flush()
-        time.sleep(1)
+    time.sleep(seconds)
     return lambda: (ended.set(), feeder.join())
 
 

@@ -68,7 +68,7 @@ const draw = (canvas, series, slots, level, rates) => {
   const most = Math.max(slots, peak(series.depth), 1);
   box.pen.fillStyle = colours.line;
   box.pen.fillRect(0, box.height - 1, box.width, 1);
-  area(box, series.depth, series.limit, most, colours[level] || colours.wait);
+  if (peak(series.depth) > 0) area(box, series.depth, series.limit, most, colours[level] || colours.wait);
   const fastest = Math.max(peak(series.in), peak(series.out), 1);
   if (rates) line(box, series.out, series.limit, fastest, colours.dim, 1);
   if (rates || peak(series.in) > 0) line(box, series.in, series.limit, fastest, colours.flow, 1.2);
