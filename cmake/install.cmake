@@ -89,6 +89,11 @@ if(halvo_tools)
       DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
   endforeach()
   install(FILES tools/qm/example.toml DESTINATION ${halvo_docs}/examples COMPONENT tools)
+  # For those who watch: rules, dashboard and examples; units under the prefix's own directory.
+  install(DIRECTORY tools/mon/share/ DESTINATION ${CMAKE_INSTALL_DATADIR}/halvo COMPONENT tools
+    PATTERN "*@.*" EXCLUDE)
+  install(DIRECTORY tools/mon/share/ DESTINATION lib/systemd/system COMPONENT tools
+    FILES_MATCHING PATTERN "*@.*")
   install(PROGRAMS dev/demo.sh DESTINATION ${halvo_docs}/examples COMPONENT tools)
 endif()
 include(${CMAKE_CURRENT_LIST_DIR}/man.cmake)

@@ -83,7 +83,7 @@ halvo_package(java libhalvoipc-java java all MULTIARCH foreign
   TEXT "${halvo_about}This package holds the jars of classes, sources and\n\
 documentation.")
 halvo_package(tools halvo-tools utils ${halvo_architecture} MULTIARCH foreign
-  DEPENDS "libhalvoipc1 ${same}, ${halvo_libc}, libgcc-s1, libstdc++6 (>= 12), libncursesw6 (>= 6), libsqlite3-0 (>= 3.35), libtinfo6 (>= 6)"
+  DEPENDS "libhalvoipc1 ${same}, ${halvo_libc}, libgcc-s1, libstdc++6 (>= 12), libmicrohttpd12, libncursesw6 (>= 6), libsqlite3-0 (>= 3.35), libtinfo6 (>= 6)"
   SYNOPSIS "message queues between processes - programs"
   TEXT "${halvo_about}This package holds the development queue manager, the monitor,\n\
 programs that send and receive messages and work on file queues, and the\n\

@@ -19,10 +19,13 @@ release=bookworm
 # 32-bit C library's as well.
 needed="g++ g++-multilib cmake ninja-build make
     libgtest-dev libcli11-dev libtomlplusplus-dev
+    libmicrohttpd-dev libmicrohttpd12:i386 nlohmann-json3-dev
     libncurses-dev libncursesw6:i386 libtinfo6:i386 libsqlite3-dev libsqlite3-0:i386
     openjdk-17-jdk-headless openjdk-17-jdk-headless:i386 junit4 pkgconf"
-# Some tests use them; pandoc makes the manual pages.
-wanted="tmux libxml2-utils jq strace man-db pandoc"
+# Some tests use them; pandoc makes the manual pages. The browser and Prometheus look at the served
+# page and its figures.
+wanted="tmux libxml2-utils jq strace man-db pandoc
+    curl python3 chromium chromium-driver fonts-nanum prometheus"
 
 case "${1-}" in
 '') ;;
