@@ -86,7 +86,8 @@ void log_library_lines() {
             if (read == tools::LineReader::Read::interrupted) continue;
             if (read != tools::LineReader::Read::line) return;
             while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) line.pop_back();
-            if (!line.empty()) log(Level::info, "", "library", line);
+            const bool ornament = line.rfind("/*", 0) == 0;
+            if (!line.empty() && !ornament) log(Level::info, "", "library", line);
         }
     }).detach();
 }
