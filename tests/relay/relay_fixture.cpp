@@ -117,17 +117,16 @@ bool Machine::logs(const std::string &text, int seconds) const {
     return false;
 }
 
-int64_t Machine::figure(const std::string &name) const {
+int64_t Machine::figure(const std::string &name, const std::string &route) const {
     const std::string text = tool("status", "--metrics").out;
-    const size_t at = text.find("halvo_relay_" + name + "{route=\"r\"");
+    const size_t at = text.find("halvo_relay_" + name + "{route=\"" + route + "\"");
     if (at == std::string::npos) return -2;
     return std::atoll(text.c_str() + text.find("} ", at) + 2);
 }
 
-bool Machine::reaches(const std::string &name, int64_t least, int seconds) const {
-    for (const int64_t end = milliseconds_now() + seconds * 1000; milliseconds_now() < end;
-         usleep(50000))
-        if (figure(name) >= least) return true;
+bool Machine::reaches(const std::string &name, int64_t least, const std::string &route) const {
+    for (const int64_t end = milliseconds_now() + 20000; milliseconds_now() < end; usleep(50000))
+        if (figure(name, route) >= least) return true;
     return false;
 }
 

@@ -71,8 +71,9 @@ public:
     int wait() const { return relay_->wait(); }                 // the exit status
     std::string log() const;                                    // since the first start
     bool logs(const std::string &text, int seconds = 20) const; // waits for it
-    int64_t figure(const std::string &name) const;              // of route r, as metrics call it
-    bool reaches(const std::string &name, int64_t least, int seconds = 20) const;
+    int64_t figure(const std::string &name, const std::string &route = "r") const; // of the metrics
+    bool reaches(const std::string &name, int64_t least,
+                 const std::string &route = "r") const; // waits
     const Segment &segment() const { return segment_; }
     std::string path(const std::string &name) const { return segment_.path(name); }
 
