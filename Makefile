@@ -3,7 +3,7 @@ PRESETS ?= i386 x86_64
 PREFIX ?= /usr/local
 export PREFIX DESTDIR
 
-.PHONY: all setup build demo test install packages check-packages stress fuzz bench picture pictures lint clean
+.PHONY: all setup build demo demo-relay test install packages check-packages stress fuzz bench picture pictures lint clean
 
 all: build
 
@@ -16,6 +16,11 @@ build: setup ## builds the library and the tools of both word sizes
 demo: setup ## builds the 32-bit product and passes real messages through it
 	dev/build.sh i386
 	dev/demo.sh build/i386
+
+demo-relay: ## passes messages from a segment through a broker into another one
+	dev/setup.sh relay
+	dev/build.sh i386 x86_64
+	dev/demo_relay.sh build/i386 build/x86_64
 
 test: build ## builds and passes all tests
 	dev/test.sh $(PRESETS)
