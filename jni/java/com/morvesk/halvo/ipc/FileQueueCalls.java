@@ -1,8 +1,9 @@
 package com.morvesk.halvo.ipc;
 
 /**
- * The natives of {@link FileQueue}. A transaction is two words: its handle, 0 for none, and the key of
- * the lock that it holds. Results are the library's own; a failure n to lock is {@link #LOCK} + n.
+ * The natives of {@link FileQueue}. A transaction is two words: its handle, 0 for none, and the key
+ * of the lock that it holds. Results are the library's own; a failure n to lock is {@link #LOCK} +
+ * n.
  */
 final class FileQueueCalls {
     static {

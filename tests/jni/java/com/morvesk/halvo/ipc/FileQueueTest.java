@@ -232,7 +232,7 @@ public class FileQueueTest {
         FileQueue.Writer writer = files.writer();
         writer.put(bytes("one"));
         failed("ESMS_INVAL", () -> writer.put(new byte[0]));
-        assertThrows(IllegalStateException.class, () -> files.put(1, bytes("would wait for itself")));
+        assertThrows(IllegalStateException.class, () -> files.put(1, bytes("for itself")));
         assertThrows(IllegalStateException.class, () -> files.writer().put(bytes("likewise")));
         new FileQueue(queue + 2).put(1, bytes("another queue"));
         FutureTask<Void> elsewhere = new FutureTask<>(() -> {
