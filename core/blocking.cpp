@@ -113,7 +113,7 @@ private:
         return reg_wait_thread(waiter_.timeout) >= 0;
     }
     void count_up() {
-        int32_t &waiting = waiter_.q->*waiter_.side.waiting;
+        halvo_i32 &waiting = waiter_.q->*waiter_.side.waiting;
         store(waiting, static_cast<int32_t>(static_cast<uint32_t>(load(waiting)) + 1));
     }
     double end() const {

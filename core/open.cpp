@@ -40,7 +40,7 @@ halvo_channel *hold(const Side &side, int channel, const char *failure, Opening 
         return nullptr;
     }
     halvo_channel *q = q_chnnl2q(channel);
-    forget_heartbeat(q, &side == &kWriter ? &KnownChannel::writer : &KnownChannel::reader);
+    expect_ring(q, &side == &kWriter ? expected_of_writers : expected_of_readers);
     store(q->*side.pid, process_id());
     return q;
 }

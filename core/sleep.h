@@ -8,12 +8,13 @@
 #pragma once
 
 #include "core/sleep_instructions.h"
+#include "halvo/segment.h"
 
 namespace halvo {
 
 // A slot's state word, and what a wait wants it to be.
 struct WantedState {
-    const int32_t *state = nullptr;
+    const halvo_i32 *state = nullptr;
     int32_t wanted = 0;
 };
 

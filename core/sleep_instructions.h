@@ -16,6 +16,8 @@
 #include <csignal>
 #include <cstdint>
 
+#include "halvo/segment.h"
+
 namespace halvo {
 
 constexpr uint32_t kMarkWord = 0x5A17C0DE;
@@ -27,7 +29,7 @@ struct SleepFrame {
     int32_t semid = -1;
     const sigset_t *everything = nullptr; // the signals that are kept away, 8 bytes of each set count
     sigset_t *outside = nullptr;          // the thread's mask but for that
-    const int32_t *state = nullptr;
+    const halvo_i32 *state = nullptr;
     int32_t wanted = 0;
     int32_t looks = 0;
     const uint32_t *marks = nullptr; // while the thread is about to sleep or asleep: kMarkWords

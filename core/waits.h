@@ -17,8 +17,8 @@ namespace halvo {
 // Seconds since the epoch, by the clock on the wall.
 double wall_clock() noexcept;
 
-// The state word of the slot that a side works on next, and what the side waits for there. Without
-// a word when a damaged header leads out of the segment.
+// The state word of the slot that a side works on next, and what the side waits for there. With a
+// damaged header a word that is never what the side waits for.
 WantedState wanted_state(const Side &side, halvo_channel *q) noexcept;
 
 // A wait that is going on, from its registration to its end, on the waiting thread's stack.

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "fq/durable.h"
 #include "fq/names.h"
 #include "fq/open_files.h"
 #include "fq/position.h"
@@ -135,7 +136,11 @@ private:
         return state_of(fd_).found && state_of(fd_).size < at_.offset + int64_t{kHeaderSize};
     }
 
-    Look next_file() { return go_on_with(next_order_of_commit(at_.order)); }
+    // What was read of this file must be on the disk before a position behind it is.
+    Look next_file() {
+        if (side_ && trans_->count > 0 && !sync_file(fd_)) return answer(-1);
+        return go_on_with(next_order_of_commit(at_.order));
+    }
 
     Look go_on_with(int32_t order) {
         put_order(trans_->curpos, order);

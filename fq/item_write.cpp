@@ -9,6 +9,8 @@
 #include <ctime>
 #include <memory>
 
+#include "fq/durable.h"
+#include "fq/item_write.h"
 #include "fq/open_files.h"
 #include "fq/position.h"
 
@@ -39,14 +41,6 @@ void build_item(char *item, char state, const void *data, uint32_t length) {
     std::memcpy(item + kHeaderSize + length, kTrailer, kTrailerSize);
 }
 
-ssize_t write_end_item(int fd, int64_t at) {
-    char item[FQ_ITEM_EXTRA];
-    const ItemHeader header = make_header(kEnd, 0);
-    std::memcpy(item, &header, kHeaderSize);
-    std::memcpy(item + kHeaderSize, kTrailer, kTrailerSize);
-    return pwrite(fd, item, sizeof item, at); // O_APPEND writes to the end whatever the offset
-}
-
 // What the base writer did.
 struct Written {
     DataFile data;   // still open after success
@@ -66,7 +60,8 @@ char *kept_place(const Written &item, const fqtrans *trans, char state, size_t s
 bool open_data(const char *path, int flags, Written &item) {
     const bool opened = item.data.open(item.at.order, flags);
     if (!opened) std::printf("fq_write_item.open error %s\n", data_file(path, item.at.order).text);
-    return opened;
+    const bool is_new = opened && item.data.side() && item.data.file().size() == 0;
+    return opened && (!is_new || sync_names(item.data.directory(), path));
 }
 
 ssize_t write_bytes(Written &item, const char *bytes, size_t size, int flags) {
@@ -130,6 +125,7 @@ int end_file(const char *path, fqtrans *trans, Written &item, int32_t next_order
     // The end item's own write is not checked; a reader that finds none goes on when the next file
     // is there.
     write_end_item(item.data.get(), item.end);
+    if (item.data.side() && !sync_file(item.data.get())) return -1;
     forget_ended_file(item.data.side());
     return move_position(path, trans->nextpos, next_order, 0) ? item.result : -1;
 }
@@ -151,6 +147,7 @@ int flip(int fd, int64_t item) {
 // them all at once.
 int flip_batch(int fd, int64_t first, int count) {
     int64_t at = first;
+    if (!sync_file(fd)) return -1;
     for (int i = 0; i < count; ++i) {
         ItemHeader header;
         const ssize_t got = pread(fd, &header, kHeaderSize, at);
@@ -162,14 +159,15 @@ int flip_batch(int fd, int64_t first, int count) {
         if (i > 0 && flip(fd, at) < 0) return -1;
         at += size_of_item(header);
     }
-    return flip(fd, first);
+    return sync_file(fd) ? flip(fd, first) : -1;
 }
 
 // The same for items that were kept.
 int flip_kept(int fd, Batch &batch, int64_t first) {
     int64_t failed_at = 0;
-    if (batch.make_others_readable(fd, failed_at)) return flip(fd, first);
-    return flip_failed(fd, failed_at);
+    if (!sync_file(fd)) return -1;
+    if (!batch.make_others_readable(fd, failed_at)) return flip_failed(fd, failed_at);
+    return sync_file(fd) ? flip(fd, first) : -1;
 }
 
 // Ends the file of a transaction that passed the limit.
@@ -179,6 +177,7 @@ int roll_over(int fd, fqtrans *trans, const Position &next) {
         std::puts("fq_write_item_commit.write(eof) error ");
         return -1;
     }
+    if (!sync_file(fd)) return -1;
     put_order(trans->nextpos, next_order_of_commit(next.order));
     put_offset(trans->nextpos, 0);
     forget_ended_file(running_side(trans));
@@ -186,10 +185,19 @@ int roll_over(int fd, fqtrans *trans, const Position &next) {
 }
 
 int end_commit(int fd, int flipped, fqtrans *trans, const Position &next) {
-    return flipped < 0 ? flipped : roll_over(fd, trans, next);
+    if (flipped < 0) return flipped;
+    return sync_file(fd) ? roll_over(fd, trans, next) : -1;
 }
 
 } // namespace
+
+ssize_t halvo::fq::write_end_item(int fd, int64_t at) noexcept {
+    char item[FQ_ITEM_EXTRA];
+    const ItemHeader header = make_header(kEnd, 0);
+    std::memcpy(item, &header, kHeaderSize);
+    std::memcpy(item + kHeaderSize, kTrailer, kTrailerSize);
+    return pwrite(fd, item, sizeof item, at); // O_APPEND writes to the end whatever the offset
+}
 
 int fq_write_item(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
     if (!is_usable(path, trans, data, len)) return ESMS_INVAL;
@@ -204,8 +212,14 @@ int fq_write_item(const char *path, fqtrans *trans, const void *data, unsigned l
 int fq_write_item_once(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
     if (!is_usable(path, trans, data, len)) return ESMS_INVAL;
     Written item{DataFile(trans, path)};
-    write_item(path, trans, data, len, kCommitted, 0, item);
+    const int64_t from = position_in(trans->curpos).offset;
+    const bool in_two_steps =
+        item.data.side() && is_durable() && may_get_holes(from, from + len + FQ_ITEM_EXTRA);
+    write_item(path, trans, data, len, in_two_steps ? kWritten : kCommitted, 0, item);
     if (item.result < 0) return item.result;
+    const int fd = item.data.get();
+    if (in_two_steps && (!sync_file(fd) || flip(fd, from) < 0)) return -1;
+    if (item.data.side() && !sync_file(fd)) return -1;
     ++trans->count;
     if (item.end > kFileLimit)
         return end_file(path, trans, item, next_order_of_single_shot(item.at.order));
@@ -245,23 +259,24 @@ int fq_write_item_commit(fqtrans *trans) noexcept {
                           "fq_write_item_commit.write(eof) error "))
         return -1;
     OpenSide *side = running_side(trans, trans->path);
-    const bool written_here = side && side->data_seen && side->data_order == first.order;
-    if (written_here && !side->is_still_the_queue()) return -1;
-    // Somebody else may have cut the file: then one looks at each item.
-    if (batch && written_here && side->batch.holds(first.order, first.offset, trans->count) &&
-        side->data.size() >= next.offset)
-        return end_commit(side->data.get(), flip_kept(side->data.get(), side->batch, first.offset),
-                          trans, next);
+    if (side && side->data_seen && side->data_order == first.order) {
+        if (!side->is_still_the_queue()) return -1;
+        const int fd = side->data.get();
+        if (!batch && may_get_holes(first.offset, next.offset) && !sync_file(fd)) return -1;
+        if (!batch) return end_commit(fd, flip(fd, first.offset), trans, next);
+        // Somebody else may have cut the file: then one looks at each item.
+        if (side->batch.holds(first.order, first.offset, trans->count) &&
+            side->data.size() >= next.offset)
+            return end_commit(fd, flip_kept(fd, side->batch, first.offset), trans, next);
+    }
     const FileName name = data_file(trans->path, first.order);
-    Descriptor own;
-    if (!written_here || batch)
-        own = open_queue_file(side ? side->directory() : AT_FDCWD, name, batch ? O_RDWR : O_WRONLY);
-    const int fd = own ? own.get() : written_here ? side->data.get() : -1;
-    if (fd < 0 || (batch && !own)) {
+    const Descriptor file =
+        open_queue_file(side ? side->directory() : AT_FDCWD, name, batch ? O_RDWR : O_WRONLY);
+    if (!file) {
         std::printf("fq_write_item_commit.open error %s\n", name.text);
         return -1;
     }
-    return end_commit(fd,
-                      batch ? flip_batch(fd, first.offset, trans->count) : flip(fd, first.offset),
-                      trans, next);
+    const int flipped =
+        batch ? flip_batch(file.get(), first.offset, trans->count) : flip(file.get(), first.offset);
+    return end_commit(file.get(), flipped, trans, next);
 }

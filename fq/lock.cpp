@@ -15,6 +15,7 @@
 #include <memory>
 #include <utility>
 
+#include "fq/durable.h"
 #include "fq/open_files.h"
 #include "fq/position.h"
 
@@ -84,7 +85,10 @@ int open_log(fqtrans *trans, OpenSide &side, bool &made_first) {
     for (;; kept = false) {
         if (!kept && !open_log_file(side)) return kNoLog;
         const int result = load_position(side, trans->curpos, made_first);
-        if (result >= 0) return result;
+        const bool lasts =
+            result >= 0 &&
+            (!made_first || (sync_file(side.log.get()) && sync_names(side.directory(), side.path)));
+        if (lasts) return result;
         if (kept && errno == EBADF) continue; // closed behind our back
         std::puts("fq_enqueue_away.fq_get_pos error ");
         return kNoPosition;
@@ -103,7 +107,8 @@ int give_back_lock(int lockfd, OpenSide *side) {
 
 bool halvo::fq::begin_record(fqtrans *trans, const char *path) noexcept {
     if (!trans || !usable_path(path)) return false;
-    std::memset(trans, 0, sizeof *trans);
+    // Behind the path's end its array stays as it is.
+    std::memset(&trans->lockfd, 0, sizeof *trans - offsetof(fqtrans, lockfd));
     std::strcpy(trans->path, path);
     return true;
 }

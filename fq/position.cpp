@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "fq/durable.h"
 #include "fq/names.h"
 #include "fq/open_files.h"
 
@@ -123,39 +124,11 @@ int begin_again(fqtrans *trans, bool reader) {
         at = kRecordSize;
     }
     if (write_record(trans->posfd, trans->nextpos, at) < 0) return -1;
-    return ftruncate(trans->posfd, at + kRecordSize) == 0 ? kRecordSize : 0;
+    const bool cut = sync_file(trans->posfd) && ftruncate(trans->posfd, at + kRecordSize) == 0;
+    return cut && sync_file(trans->posfd) ? kRecordSize : 0;
 }
 
 } // namespace
-
-ssize_t halvo::fq::read_last_record(int fd, int64_t size, char *record, LastRecord &last) noexcept {
-    char pair[2 * kRecordSize];
-    last.at = (size / kRecordSize - 1) * kRecordSize;
-    const int64_t before = last.at > 0 ? kRecordSize : 0;
-    const ssize_t wanted = static_cast<ssize_t>(kRecordSize + before);
-    const ssize_t got = pread(fd, pair, static_cast<size_t>(wanted), last.at - before);
-    if (got != wanted)
-        return got < 0 ? got : std::max<ssize_t>(got - static_cast<ssize_t>(before), 0);
-    std::memcpy(record, pair + before, kRecordSize);
-    last.found = position_in(record).valid();
-    if (before > 0) last.left_order = position_in(pair).order;
-    if (last.found) return kRecordSize;
-    // Steps back over what cannot be read.
-    const auto is_blank = [](const char *bytes) {
-        return std::all_of(bytes, bytes + kRecordSize, [](char c) { return c == '\0'; });
-    };
-    last.blank = is_blank(record);
-    for (int64_t at = last.at - kRecordSize; at >= 0; at -= kRecordSize) {
-        if (pread(fd, pair, kRecordSize, at) != kRecordSize) break;
-        last.blank = last.blank && is_blank(pair);
-        if (!position_in(pair).valid()) continue;
-        std::memcpy(record, pair, kRecordSize);
-        last.found = last.stepped = true;
-        last.left_order = -1;
-        break;
-    }
-    return kRecordSize;
-}
 
 int halvo::fq::load_position(OpenSide &side, char *record, bool &made_first) noexcept {
     LastRecord last;

@@ -1,24 +1,11 @@
 // sms_fq: reading and saving the position of a side.
 #pragma once
 
-#include "fq/format.h"
+#include "fq/last_record.h"
 
 namespace halvo::fq {
 
 struct OpenSide;
-
-// Where in a log the position was found.
-struct LastRecord {
-    bool found = false; // a record that can be read
-    bool blank = false; // no record holds anything but zeros: a log that never reached the disk
-    int64_t at = 0;     // offset of the last whole record
-    int32_t left_order = -1; // the data file that the record before it names; -1: not known
-    bool stepped = false;    // the last record cannot be read, and the one found is an earlier one
-};
-// Reads the last whole record of a log of `size` bytes, or the last that can be read: what a power
-// failure has left behind it was never acknowledged. Without one, the last as it is. Bytes read of
-// it; below 31 when it could not be read from the file.
-ssize_t read_last_record(int fd, int64_t size, char *record, LastRecord &last) noexcept;
 
 // As fq_get_pos, for the log of a side just locked. `made_first`: the file held no record, so that
 // the position is not one that a transaction saved but the intended start. errno is that of a

@@ -19,6 +19,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "fq/durable.h"
+#include "fq/item_write.h"
 #include "fq/open_files.h"
 #include "fq/position.h"
 
@@ -34,7 +36,9 @@ bool read_whole(int fd, void *data, size_t size, int64_t at) {
     return pread(fd, data, size, at) == static_cast<ssize_t>(size);
 }
 
-Found cut(int fd, int64_t at) { return ftruncate(fd, at) == 0 ? Found::settled : Found::failed; }
+Found cut(int fd, int64_t at) {
+    return ftruncate(fd, at) == 0 && sync_file(fd) ? Found::settled : Found::failed;
+}
 
 Found settle_in_file(int fd, int64_t size, Position &at) {
     while (at.offset + int64_t{kHeaderSize} <= size) {
@@ -46,7 +50,7 @@ Found settle_in_file(int fd, int64_t size, Position &at) {
         case ItemKind::strange:
             return Found::settled;
         case ItemKind::end:
-            return Found::next_file;
+            return sync_file(fd) ? Found::next_file : Found::failed;
         case ItemKind::written:
             return cut(fd, at.offset);
         case ItemKind::readable:
@@ -59,6 +63,25 @@ Found settle_in_file(int fd, int64_t size, Position &at) {
     }
     // The beginning of an item.
     return at.offset < size ? cut(fd, at.offset) : Found::settled;
+}
+
+// The file ends before the position that was saved: a loss of power took what had been written. Its
+// whole items stay, and an end item behind them leads readers into the next file.
+Found end_short_file(int fd, int64_t size, const FileName &name) {
+    Position end{0, 0};
+    std::printf("data file %s ends before the writer's position; the next one goes on\n",
+                name.text);
+    const Found found = settle_in_file(fd, size, end);
+    if (found != Found::settled || write_end_item(fd, end.offset) < 0 || !sync_file(fd))
+        return found == Found::next_file ? found : Found::failed;
+    return Found::next_file;
+}
+
+Found settle(int fd, const struct stat &file, Position &at, const char *path) {
+    if (!S_ISREG(file.st_mode)) return Found::settled;
+    if (is_durable() && file.st_size < at.offset)
+        return end_short_file(fd, file.st_size, data_file(path, at.order));
+    return settle_in_file(fd, file.st_size, at);
 }
 
 // The data file is gone. A reader removes one only when it has gone on to a later one; then the
@@ -96,9 +119,7 @@ int halvo::fq::settle_writer(fqtrans *trans) noexcept {
         }
         struct stat file {};
         const bool known = fstat(data.get(), &file) == 0;
-        const Found found = !known                   ? Found::failed
-                            : !S_ISREG(file.st_mode) ? Found::settled
-                                                     : settle_in_file(data.get(), file.st_size, at);
+        const Found found = known ? settle(data.get(), file, at, trans->path) : Found::failed;
         if (found == Found::failed) {
             std::printf("fq_enqueue.recovery error %s\n", data_file(trans->path, at.order).text);
             return -1;

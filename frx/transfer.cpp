@@ -1,4 +1,4 @@
-// sms_shmC: the six calls that wait. The lock is held around each core call and never during a
+// sms_shmC: the seven calls that wait. The lock is held around each core call and never during a
 // wait, so that other threads of the end go on meanwhile.
 #include <cstring>
 
@@ -103,6 +103,16 @@ int frx_writeMark(FrxChannel *handle, int type, const void *data, uint32_t lengt
     if (end.fault != ESMS_OK) return end.fault;
     return code_of(write_one(handle, end.q, timeout, "snd error .....", [=](halvo_channel *q) {
         return q_write_mark(q, type, data, length);
+    }));
+}
+
+// Wakes nobody either: the batch appears with its commit.
+int frx_writeMarkAt(FrxChannel *handle, int type, const void *data, uint32_t length, int index,
+                    int timeout) {
+    const CheckedEnd end = check_end(kWriter, handle, data != nullptr && index >= 0);
+    if (end.fault != ESMS_OK) return end.fault;
+    return code_of(write_one(handle, end.q, timeout, "snd error .....", [=](halvo_channel *q) {
+        return q_write_mark_at(q, type, data, length, static_cast<uint32_t>(index));
     }));
 }
 

@@ -104,10 +104,19 @@ HALVO_API int frx_write(FrxChannel *handle, int type, const void *data, uint32_t
  * ESMS_PENDING while another mark stands. Wakes nobody. */
 HALVO_API int frx_writeMark(FrxChannel *handle, int type, const void *data, uint32_t length,
                             int timeout);
+/* The same for message `index` of a batch: mark 0 .. n-1, then call frx_writeCommitAll() or
+ * frx_writeRollbackAll(). As q_write_mark_at(), which tells the limits. */
+HALVO_API int frx_writeMarkAt(FrxChannel *handle, int type, const void *data, uint32_t length,
+                              int index, int timeout) HALVO_NOEXCEPT;
 /* Makes the marked message readable and wakes a waiting reader. ESMS_OK or ESMS_NOTARGET. */
 HALVO_API int frx_writeCommit(FrxChannel *handle) HALVO_NOEXCEPT;
+/* Makes all marked messages readable, in order, and wakes a waiting reader. ESMS_OK, whatever their
+ * number. */
+HALVO_API int frx_writeCommitAll(FrxChannel *handle) HALVO_NOEXCEPT;
 /* Frees the marked message's slot. ESMS_OK or ESMS_NOTARGET. */
 HALVO_API int frx_writeRollback(FrxChannel *handle) HALVO_NOEXCEPT;
+/* Frees the slots of all marked messages. Returns how many. */
+HALVO_API int frx_writeRollbackAll(FrxChannel *handle) HALVO_NOEXCEPT;
 /* Parks a message in write buffer `index` (0..4) with a ring slot reserved for it. Results as
  * frx_write(), ESMS_PENDING when the buffer is taken. A mutex that cannot be locked answers
  * ESMS_MTXUNLOCK here. */

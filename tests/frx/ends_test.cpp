@@ -24,6 +24,34 @@ TEST(FrxStart, an_unusable_key_file_leaves_the_service_locked) {
     captured_stdout([] { EXPECT_EQ(frx_initialize("/nonexistent/key"), ESMS_MTXLOCK); });
 }
 
+TEST(FrxStart, a_channel_whose_ring_comes_right_later_is_served_as_by_the_core) {
+    const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    Peer damage([&] {
+        s.attach();
+        q_chnnl2q(0)->qend = UINT32_MAX;
+        return 0;
+    });
+    ASSERT_EQ(damage.wait(), 0);
+    ASSERT_EQ(initialise(s), ESMS_OK);
+    halvo_channel *q = q_chnnl2q(0);
+    FrxChannel writer, reader;
+    EXPECT_EQ(frx_openChannel(&writer, "late", 0, 'w', 0), ESMS_INVAL);
+    const uint32_t end = q->qstart + q->qcnt * q->qbsz;
+    q->qend = end;
+    ASSERT_EQ(frx_openChannel(&writer, "late", 0, 'w', 0), ESMS_OK);
+    ASSERT_EQ(frx_openChannel(&reader, "late", 0, 'r', 0), ESMS_OK);
+    for (int round = 0; round < 2; ++round) { // the second one behind a change with both ends open
+        EXPECT_EQ(write(q, "core"), ESMS_OK);
+        EXPECT_EQ(frx_write(&writer, "frx", 0), ESMS_OK);
+        EXPECT_EQ(read(q), "core");
+        EXPECT_EQ(frx_read(&reader, Slot(q).data(), 0), 3);
+        q->qend = UINT32_MAX;
+        EXPECT_EQ(write(q, "core"), ESMS_INVAL);
+        EXPECT_EQ(frx_write(&writer, "frx", 0), ESMS_INVAL);
+        q->qend = end;
+    }
+}
+
 TEST_F(FrxEnds, record_the_client_cut_to_23_bytes) {
     EXPECT_STREQ(q->pname, "the writer");
     EXPECT_STREQ(q->gname, "the reader");

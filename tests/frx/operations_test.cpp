@@ -59,6 +59,24 @@ TEST_F(FrxOperations, marks_commits_and_rollbacks_of_the_writer) {
     EXPECT_EQ(read(), "b");
 }
 
+TEST_F(FrxOperations, a_batch_of_the_writer_appears_or_vanishes_as_one) {
+    const auto mark = [&](int index) {
+        return frx_writeMarkAt(&writer, 1, std::to_string(index).data(), 1, index, -1);
+    };
+    EXPECT_EQ(mark(-1), ESMS_INVAL);
+    for (const int index : {0, 1, 2}) EXPECT_EQ(mark(index), ESMS_OK);
+    EXPECT_EQ(picture(q), "><WWW_");
+    EXPECT_EQ(frx_writeRollbackAll(&writer), 3);
+    EXPECT_EQ(frx_writeRollbackAll(&writer), 0);
+    for (const int index : {0, 1}) EXPECT_EQ(mark(index), ESMS_OK);
+    std::string got;
+    std::thread waiting([&] { got = read(); }); // the commit wakes it
+    while (q->rwait == 0) usleep(1000);
+    EXPECT_EQ(frx_writeCommitAll(&writer), ESMS_OK);
+    waiting.join();
+    EXPECT_EQ(got + read(), "01");
+}
+
 TEST_F(FrxOperations, marks_commits_and_rollbacks_of_the_reader) {
     fill(3);
     EXPECT_EQ(frx_readMark(&reader, 2, 0), 2);

@@ -95,7 +95,7 @@ Memory exactly(size_t size) { return Memory(new char[size]()); }
 void use_body(const halvo_channel *q, const Memory &slot) {
     const auto *image = reinterpret_cast<const qmsg *>(slot.get());
     const Memory copy = exactly(q->qbsz);
-    std::memcpy(copy.get(), body(image), body_length(q, image));
+    std::memcpy(copy.get(), body(image), body_length(q->qbsz, image));
 }
 
 struct Message {

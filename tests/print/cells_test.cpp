@@ -17,8 +17,6 @@ std::string elapsed(int32_t seconds) {
 
 class Banner : public Status {
 protected:
-    ~Banner() override { qoptTitle = nullptr; }
-
     // What stands between the two rules, without line breaks.
     static std::string title(char mode) {
         const std::string rule(139, '=');
@@ -29,7 +27,6 @@ protected:
         all.erase(std::remove(all.begin(), all.end(), '\n'), all.end());
         return all;
     }
-    halvo_print_option colours{HALVO_OPTION_SPECIAL, 0, 1, 36};
 };
 
 } // namespace
@@ -76,19 +73,11 @@ TEST_F(Banner, without_a_snapshot) {
     const std::string plain =
         "☆    HALVO Queue Monitor Release1.02 Uptime: 3days 현재:2023.11.16 02:00:00 ";
     EXPECT_EQ(title('f'), plain + "\x1b[0m");
+    halvo_print_option colours{HALVO_OPTION_SPECIAL, 0, 1, 36};
     qoptTitle = &colours;
     EXPECT_EQ(title('w'), "\x1b[1m\x1b[36m" + plain);
     take_snapshot(0); // never taken
     EXPECT_EQ(title('w'), "\x1b[1m\x1b[36m" + plain);
-}
-
-TEST_F(Banner, with_a_snapshot_and_colours) {
-    take_snapshot(kNow - 119);
-    qoptTitle = &colours;
-    const std::string text =
-        "   HALVO Queue Monitor Release1.02 Uptime: 3days  현재:2023.11.16 02:00:00  경과 1분.";
-    EXPECT_EQ(title('w'), "☆ " + text);
-    EXPECT_EQ(title('f'), "☆ \x1b[0m\x1b[1m\x1b[36m" + text + "\x1b[0m");
 }
 
 TEST_F(Banner, stars_of_a_real_host_change_places_and_colours) {

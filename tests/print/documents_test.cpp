@@ -1,8 +1,8 @@
 #include <climits>
 #include <cstring>
 
-#include "core/ring.h"
 #include "tests/print/scenario.h"
+#include "tests/support/ring.h"
 
 using namespace halvo::test;
 
@@ -10,8 +10,6 @@ namespace {
 
 class Documents : public Status {
 protected:
-    ~Documents() override { qprtopts = nullptr; }
-
     // The text of an element of one channel.
     std::string element(int channel, const std::string &tag, char mode = 'a') const {
         const std::string document = xml(mode);
@@ -85,25 +83,9 @@ TEST_F(Documents, show_the_states_of_slots_and_buffers) {
     halvo::slot_at(mt, mt->wpos)->state = HALVO_SLOT_PENDING;
     mt->rpos += 4096;
     halvo::slot_at(mt, mt->rpos)->state = HALVO_SLOT_MARKED;
-    halvo::buffer_slot(mt, mt->wbufs, 1)->state = HALVO_SLOT_READABLE;
-    halvo::buffer_slot(mt, mt->rbufs, 4)->state = 7;
+    halvo::test::buffer_slot(mt, mt->wbufs, 1)->state = HALVO_SLOT_READABLE;
+    halvo::test::buffer_slot(mt, mt->rbufs, 4)->state = 7;
     EXPECT_EQ(element(0, "rwrw"), "WR _F_______X");
-}
-
-TEST_F(Documents, follow_the_options_list) {
-    std::vector<halvo_print_option> options(HALVO_PRINT_OPTIONS, {HALVO_OPTION_UNUSED, 0, -1, -1});
-    options[0].channel = 2;
-    options[1].channel = 0;
-    qprtopts = options.data();
-    const std::string chosen = xml('s');
-    EXPECT_LT(chosen.find("한국"), chosen.find("MT01"));
-    EXPECT_FALSE(contains(chosen, "XCN1"));
-    EXPECT_TRUE(contains(xml('a'), "XCN1"));
-    options[1].channel = 300;
-    std::string damaged;
-    EXPECT_EQ(captured_stdout([&] { damaged = xml('s'); }), "WARNNING! 300th q is null\n");
-    EXPECT_TRUE(contains(damaged, "한국"));
-    EXPECT_EQ(damaged.substr(damaged.size() - 13), "</q>\n</smsqm>");
 }
 
 TEST_F(Documents, fit_the_room_that_the_header_asks_for) {

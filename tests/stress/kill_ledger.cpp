@@ -11,6 +11,7 @@
 #include "halvo/frx.h"
 #include "halvo/queue.h"
 #include "tests/support/messages.h"
+#include "tests/support/ring.h"
 
 namespace halvo::test {
 

@@ -264,7 +264,7 @@ private:
         return false;
     }
 
-    Stage &stage_ = shared_stage();
+    Stage &stage_ = shared_object<Stage>();
     SingleStep process_;
     unsigned long begin_ = 0, sleep_ = 0;
 };

@@ -1,6 +1,7 @@
 #include "tests/stress/survivor.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace halvo::test {
 
@@ -15,6 +16,10 @@ struct Between {
     std::vector<int> taken, added;
 };
 
+void append(std::vector<int> &all, const std::vector<int> &more) {
+    all.insert(all.end(), more.begin(), more.end());
+}
+
 void reader_at_work(SmallRing &ring, const Filling &filling, Between &between) {
     if (filling.peer_marks) {
         Slot slot(ring.q);
@@ -22,27 +27,22 @@ void reader_at_work(SmallRing &ring, const Filling &filling, Between &between) {
             between.taken.push_back(number_in(slot.data(), kRoom));
         q_read_commit(ring.q, 1, 0);
     }
-    const std::vector<int> rest = ring.drain();
-    between.taken.insert(between.taken.end(), rest.begin(), rest.end());
+    append(between.taken, ring.drain());
+}
+
+void writer_commits(SmallRing &ring, const Filling &filling, Between &between) {
+    if (filling.peer_marks && q_write_commit(ring.q) == ESMS_OK) between.added.push_back(kPeerMark);
 }
 
 void writer_at_work(SmallRing &ring, const Filling &filling, Between &between) {
-    if (filling.peer_marks && q_write_commit(ring.q) == ESMS_OK) between.added.push_back(kPeerMark);
+    writer_commits(ring, filling, between);
     for (int n = kPeerNew; n < kPeerNew + SmallRing::kSlots && ring.write(n) == ESMS_OK; ++n)
         between.added.push_back(n);
 }
 
-void settle_marks_of_peer(SmallRing &ring, char side, const Filling &filling, Between &between) {
-    if (!filling.peer_marks) return;
-    if (side == 'w')
-        q_read_rollback(ring.q);
-    else if (q_write_commit(ring.q) == ESMS_OK)
-        between.added.push_back(kPeerMark);
-}
-
 bool is_torn(const Found &found) {
     const auto torn = [](const std::vector<int> &numbers) {
-        return std::find(numbers.begin(), numbers.end(), kTorn) != numbers.end();
+        return std::count(numbers.begin(), numbers.end(), kTorn) > 0;
     };
     return torn(found.ring) || torn(found.parked) || torn(found.held);
 }
@@ -64,19 +64,9 @@ bool strip(std::vector<int> &ring, const std::vector<int> &added) {
 }
 
 std::vector<int> first_numbers(int messages) {
-    std::vector<int> numbers;
-    for (int n = 1; n <= messages; ++n) numbers.push_back(n);
+    std::vector<int> numbers(static_cast<size_t>(messages));
+    std::iota(numbers.begin(), numbers.end(), 1);
     return numbers;
-}
-
-std::string text(const Found &found) {
-    const auto list = [](const std::vector<int> &numbers) {
-        std::string all;
-        for (int n : numbers) all += " " + std::to_string(n);
-        return all;
-    };
-    return "ring" + list(found.ring) + "; parked" + list(found.parked) + "; held" +
-           list(found.held) + "; delivered " + std::to_string(found.delivered);
 }
 
 } // namespace
@@ -166,12 +156,12 @@ Faults survive(SmallRing &ring, const RingOperation &operation, const Filling &f
 
     if (!q_open(0, side)) return faults.stuck = 1, faults;
     EXPECT_GE(q_recover(0, side), 0);
-    if (!at_work) settle_marks_of_peer(ring, side, filling, between);
+    if (!at_work && side == 'w') q_read_rollback(ring.q);
+    if (!at_work && side == 'r') writer_commits(ring, filling, between);
 
     Found found;
     found.ring = between.taken;
-    const std::vector<int> rest = ring.drain();
-    found.ring.insert(found.ring.end(), rest.begin(), rest.end());
+    append(found.ring, ring.drain());
     const bool in_place = strip(found.ring, between.added);
     found.parked = parked_messages(ring);
     found.held = held_messages(ring);
@@ -183,7 +173,9 @@ Faults survive(SmallRing &ring, const RingOperation &operation, const Filling &f
     if (is_torn(found)) faults.torn = 1;
     if (!legal || !in_place) {
         faults.lost = 1;
-        ADD_FAILURE() << operation.name << ", found: " << text(found);
+        ADD_FAILURE() << operation.name << ", ring " << testing::PrintToString(found.ring)
+                      << ", parked " << testing::PrintToString(found.parked) << ", held "
+                      << testing::PrintToString(found.held) << ", given " << found.delivered;
     } else {
         faults.most_doubled = legal->doubled;
     }

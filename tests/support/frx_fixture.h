@@ -25,11 +25,10 @@ inline int frx_write(FrxChannel *end, const std::string &text, int timeout) {
     return ::frx_write(end, 1, text.data(), static_cast<uint32_t>(text.size()), timeout);
 }
 
-// Channel 0 MT01 ('M') and channel 1 FQ01 ('F', no semaphores), both ends of MT01 open.
+// Two channels, both ends of the first open.
 class FrxTest : public testing::Test {
 protected:
-    Segment segment =
-        SegmentBuilder().channel("MT01", 'M', 4, 64).channel("FQ01", 'F', 4, 64).build();
+    Segment segment = two_channels();
     FrxChannel writer{}, reader{};
     halvo_channel *q = nullptr;
 

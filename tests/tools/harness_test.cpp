@@ -7,7 +7,6 @@
 #include <csignal>
 #include <fstream>
 
-#include "tests/support/capture.h"
 #include "tests/support/program.h"
 #include "tools/fixture/segment_builder.h"
 
@@ -81,39 +80,12 @@ TEST(Harness, a_peer_ends_with_its_result_its_signal_or_its_failure) {
     sleeper.kill(SIGTERM);
     EXPECT_EQ(sleeper.wait(), 128 + SIGTERM);
     EXPECT_EQ(sleeper.wait(), 128 + SIGTERM);
-    const auto throws = []() -> int {
-        close(STDERR_FILENO);
-        throw std::runtime_error("x");
-    };
-    EXPECT_EQ(Peer(throws).wait(), Peer::kThrew);
     const auto expects = [] {
         close(STDOUT_FILENO);
         EXPECT_EQ(1, 2);
         return 0;
     };
     EXPECT_EQ(Peer(expects).wait(), Peer::kFailed);
-    const auto attaches_in_vain = [] {
-        const Segment s = SegmentBuilder().channel("A", 'M', 1, 20).build();
-        qm::remove(s.key_file());
-        close(STDOUT_FILENO), close(STDERR_FILENO);
-        s.attach();
-        return 0;
-    };
-    EXPECT_EQ(Peer(attaches_in_vain).wait(), 1);
-}
-
-TEST(Harness, captures_what_is_printed_either_way) {
-    EXPECT_EQ(captured_stdout([] {
-                  std::printf("by stdio ");
-                  std::fflush(stdout);
-                  EXPECT_EQ(write(STDOUT_FILENO, "direct ", 7), 7);
-                  std::puts("again");
-              }),
-              "by stdio direct again\n");
-    const Outcome outcome = run_program({"/bin/sh", "-c", "cat; echo error >&2; exit 3"}, "in\n");
-    EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.out, "in\n");
-    EXPECT_EQ(outcome.err, "error\n");
 }
 
 } // namespace

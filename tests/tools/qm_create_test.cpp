@@ -170,18 +170,6 @@ TEST(PlanTest, sizes_beyond_32_bit_offsets_are_refused) {
     EXPECT_EQ(fault_of(plan_of({large, second, third})), "channel 2" + beyond);
 }
 
-TEST_F(CreateTest, permissions_are_those_asked_for) {
-    create(kTwoChannels, key_, false, {0640});
-    shmid_ds segment{};
-    ASSERT_EQ(shmctl(segment_under(key_), IPC_STAT, &segment), 0);
-    EXPECT_EQ(segment.shm_perm.mode & 0777U, 0640U);
-    for (const int set : sets()) {
-        semid_ds semaphores{};
-        ASSERT_EQ(semctl(set, 0, IPC_STAT, &semaphores), 0);
-        EXPECT_EQ(semaphores.sem_perm.mode & 0777U, 0640U);
-    }
-}
-
 TEST_F(CreateTest, remove_takes_everything_once_whatever_the_segment_holds) {
     EXPECT_FALSE(remove(key_));
     create(kTwoChannels, key_, false);
@@ -197,10 +185,8 @@ TEST_F(CreateTest, remove_takes_everything_once_whatever_the_segment_holds) {
     for (const int set : made) EXPECT_EQ(size_of_set(set), 0U);
     for (const char *suffix : {"", ".post", ".req"}) EXPECT_FALSE(exists(key_ + suffix));
     EXPECT_FALSE(remove(key_));
-}
 
-TEST_F(CreateTest, a_key_file_with_content_stays) {
-    write_file(key_, "mine");
+    write_file(key_, "a key file with content stays");
     create(kTwoChannels, key_, false);
     EXPECT_TRUE(remove(key_));
     EXPECT_TRUE(exists(key_));

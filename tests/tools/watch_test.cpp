@@ -55,7 +55,7 @@ protected:
 
 // Whether the kernel's signal reaches it or not: a closed terminal has nobody at it.
 TEST_F(Watching, ends_when_its_terminal_is_closed) {
-    for (const char *view : {"plain --watch 60", "plain --watch 0.1"})
+    for (const char *view : {"plain --watch 60", "plain --watch 0.1", "top --every 60"})
         for (const bool hears : {true, false}) {
             const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
             ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);

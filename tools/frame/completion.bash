@@ -1,4 +1,4 @@
-# Completion for halvo-qm, halvo-send, halvo-recv, halvo-fq and halvo-mon. What the programs know
+# Completion for halvo-qm, halvo-send, halvo-recv, halvo-fq, halvo-mon and halvo-relay. What the programs know
 # themselves is asked of them: subcommands and options from --help, channels from the segment.
 
 # Prints the words of a --help text: subcommands for "subcommands", else options.
@@ -23,12 +23,13 @@ _halvo() {
         esac
     done
     case $previous in
-    -k | --key | -o | --output | --options | -s | --snapshot)
+    -k | --key | -o | --output | -f | --options | -s | --snapshot | --from | --limits)
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         return
         ;;
     --color) mapfile -t COMPREPLY < <(compgen -W "auto always never" -- "$word") && return ;;
+    --held) mapfile -t COMPREPLY < <(compgen -W "reader writer both none" -- "$word") && return ;;
     --end) mapfile -t COMPREPLY < <(compgen -W "reader writer both" -- "$word") && return ;;
     esac
     if [[ $word == -* ]]; then
@@ -45,4 +46,4 @@ _halvo() {
         mapfile -t COMPREPLY < <(compgen -W "$channels" -- "$word"; compgen -f -- "$word")
     fi
 }
-complete -F _halvo halvo-qm halvo-send halvo-recv halvo-fq halvo-mon
+complete -F _halvo halvo-qm halvo-send halvo-recv halvo-fq halvo-mon halvo-relay

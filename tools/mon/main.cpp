@@ -12,7 +12,8 @@ using halvo::tools::kUsage;
 namespace {
 
 void add_general(CLI::App &app, Options &options) {
-    app.add_option("-k,--key", options.segment.key_file, "Key file of the segment")->required();
+    app.add_option("-k,--key", options.segment.key_file,
+                   "Key file of the segment; all but records need it");
     app.add_option("-f,--options", options.segment.options_file,
                    "File that chooses, orders, indents and colours channels");
     CLI::Option *file = app.add_option(
@@ -48,13 +49,17 @@ constexpr char kFooter[] =
     "segment\n"
     "or file. check: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.\n\n"
     "Examples:\n"
+    "  halvo-mon top --key /tmp/halvo.key\n"
+    "  halvo-mon record /var/lib/halvo/night.rec --every 10s --key /tmp/halvo.key\n"
+    "  halvo-mon top --from /var/lib/halvo/night.rec --at 02:30\n"
     "  halvo-mon --key /tmp/halvo.key\n"
     "  halvo-mon table --key /tmp/halvo.key --options night.opt --snapshot midnight.snap --watch "
     "2\n"
     "  halvo-mon types submit --key /tmp/halvo.key\n"
     "  halvo-mon log --key /tmp/halvo.key --snapshot midnight.snap --watch 60 >>status.log\n"
     "  halvo-mon prometheus --key /tmp/halvo.key --output /var/lib/node_exporter/halvo.prom\n"
-    "  halvo-mon check --key /tmp/halvo.key --warning 100 --critical 1000 --critical-age 60";
+    "  halvo-mon check --key /tmp/halvo.key --warning 100 --critical 1000 --critical-age 60\n"
+    "  halvo-mon serve --key /tmp/halvo.key --listen 127.0.0.1:9470";
 
 // The general options stand behind a command's own.
 class WholeHelp : public CLI::Formatter {
@@ -88,10 +93,14 @@ int main(int argc, char **argv) {
     app.require_subcommand(0, 1);
     add_general(app, options);
     add_timing(app, options);
+    add_live(app, options, work);
     add_views(app, options, work);
     add_machines(app, options, work);
+    add_serve(app, options, work);
     try {
         app.parse(argc, argv);
+        if (options.needs_key && options.segment.key_file.empty())
+            throw CLI::RequiredError("--key");
     } catch (const CLI::ParseError &error) {
         return end(app, error);
     }

@@ -77,13 +77,6 @@ constexpr Document kDocuments[] = {
      escaped_json},
 };
 
-// Colours only where somebody sees them, unless the operator says otherwise.
-bool wants_colours(const Options &options, int output) {
-    if (options.colour != "auto") return options.colour == "always";
-    const char *none = std::getenv("NO_COLOR");
-    return isatty(output) && !(none && *none);
-}
-
 std::string clock_text() {
     const time_t now = std::time(nullptr);
     tm local{};
@@ -96,7 +89,7 @@ std::string clock_text() {
 void show_table(const Options &options, const Table &table, int output) {
     Monitor monitor(options.segment);
     monitor.note_start();
-    const bool colours = wants_colours(options, output);
+    const bool colours = options.wants_colours(output);
     std::string gone_since;
     const auto frame = [&] {
         std::string fault = monitor.refresh();
@@ -129,6 +122,12 @@ void show_document(const Options &options, const Document &document, int output)
 }
 
 } // namespace
+
+bool Options::wants_colours(int descriptor) const {
+    if (colour != "auto") return colour == "always";
+    const char *none = std::getenv("NO_COLOR");
+    return isatty(descriptor) && !(none && *none);
+}
 
 void show_first_table(const Options &options, int output) {
     show_table(options, kTables[0], output);

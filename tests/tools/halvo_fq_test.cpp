@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <random>
 
+#include <sys/resource.h>
+
 #include "tests/fq/queue_fixture.h"
 #include "tests/support/program.h"
 
@@ -184,4 +186,111 @@ TEST_F(FqTool, verify_finds_no_damage_after_a_hundred_killed_writers) {
         ASSERT_EQ(end - at, 31u);
         at = end + 1;
     }
+}
+
+TEST_F(FqTool, no_command_makes_a_queue_but_put) {
+    for (const char *command : {"get", "peek", "stat", "verify", "dump"}) {
+        const Outcome outcome = run({command});
+        EXPECT_EQ(outcome.status, 2) << command;
+        EXPECT_NE(outcome.err.find(": no queue of that name"), std::string::npos) << outcome.err;
+    }
+    EXPECT_TRUE(halvo::test::run_program({"/bin/ls", directory}).out.empty());
+}
+
+TEST_F(FqTool, peek_and_dump_show_and_consume_nothing) {
+    run({"put"}, "one\ntwo\nthree\n");
+    run({"get", "--max", "1"});
+    std::ofstream(file(), std::ios::app | std::ios::binary) << item_bytes('W', "\xb0\xa1\"");
+    EXPECT_EQ(run({"peek", "--max", "1"}).out, "two\n");
+    EXPECT_EQ(run({"peek"}).out, "two\nthree\n");
+    const std::string lines = run({"dump"}).out;
+    EXPECT_NE(lines.find("000000000        77 uncommitted          3  ..\"\n"), std::string::npos)
+        << lines;
+    const std::string json = run({"dump", "--json"}).out;
+    EXPECT_EQ(json.find("{\"queue\":\"" + queue + "\",\"items\":[\n{\"file\":0,\"offset\":0,"), 0u);
+    EXPECT_NE(json.find("\"state\":\"uncommitted\",\"stamp\":0,\"length\":3,"
+                        "\"data\":\"\\u00b0\\u00a1\\\"\"}\n]}\n"),
+              std::string::npos)
+        << json;
+    EXPECT_EQ(run({"get", "--max-bytes", "3"}).out, "two\n");
+    EXPECT_EQ(run({"get"}).out, "three\n");
+}
+
+TEST_F(FqTool, get_removes_every_file_that_it_has_gone_through) {
+    const std::string end = item_bytes('E', "");
+    for (int order = 0; order < 4; ++order)
+        std::ofstream(queue + ".00000000" + std::to_string(order), std::ios::binary)
+            << (order == 1 ? "" : item_bytes('F', std::to_string(order)))
+            << (order == 3 ? "" : end);
+    EXPECT_EQ(run({"get"}).out, "0\n2\n3\n");
+    for (int order = 0; order < 3; ++order)
+        EXPECT_NE(access((queue + ".00000000" + std::to_string(order)).c_str(), F_OK), 0) << order;
+}
+
+TEST_F(FqTool, get_stops_when_the_position_cannot_be_saved) {
+    run({"put"}, "one\ntwo\n");
+    std::ofstream(queue + ".head") << "";
+    const Outcome got = [&] {
+        rlimit limit{};
+        getrlimit(RLIMIT_FSIZE, &limit);
+        const rlimit none{0, limit.rlim_max};
+        signal(SIGXFSZ, SIG_IGN);
+        const ScratchFile out, err;
+        Peer program([&] {
+            setrlimit(RLIMIT_FSIZE, &none);
+            int to_out[2], to_err[2]; // files could not be written
+            if (pipe(to_out) != 0 || pipe(to_err) != 0) return 127;
+            const int child = fork();
+            if (child == 0) {
+                dup2(to_out[1], 1);
+                dup2(to_err[1], 2);
+                execl(kFq.c_str(), "halvo-fq", "get", queue.c_str(), "-q", nullptr);
+                _exit(127);
+            }
+            close(to_out[1]);
+            close(to_err[1]);
+            int status = 0;
+            waitpid(child, &status, 0);
+            char text[4096];
+            const ssize_t got_out = read(to_out[0], text, sizeof text);
+            if (got_out != 8) return 1; // each item once
+            const ssize_t got_err = read(to_err[0], text, sizeof text);
+            const std::string said(text, got_err > 0 ? static_cast<size_t>(got_err) : 0);
+            if (said.find(".head: the position could not be saved") == std::string::npos) return 2;
+            return WEXITSTATUS(status) == 1 ? 0 : 3;
+        });
+        return Outcome{program.wait(), "", ""};
+    }();
+    EXPECT_EQ(got.status, 0);
+}
+
+TEST_F(FqTool, a_position_without_a_file_is_told_and_many_files_are_read_fast) {
+    run({"put"}, "one\n");
+    std::ofstream(queue + ".head") << record(7, 25);
+    std::ofstream(queue + ".tail") << record(9, 25);
+    EXPECT_NE(run({"stat"}).out.find("reader       file 000000007 offset 25 (no such file)\n"),
+              std::string::npos);
+    const Outcome verified = run({"verify"});
+    EXPECT_EQ(verified.status, 1);
+    EXPECT_NE(verified.out.find("the reader's saved position names file 000000007, which is not "
+                                "there\n"),
+              std::string::npos)
+        << verified.out;
+    std::ofstream(queue + ".head") << record(0, 0);
+    std::ofstream(queue + ".tail") << record(4999, 25);
+    const std::string bytes = item_bytes('F', "one");
+    for (int order = 0; order < 5000; ++order)
+        std::ofstream(halvo::fq::data_file(queue.c_str(), order).text, std::ios::binary)
+            << bytes << (order < 4999 ? item_bytes('E', "") : "");
+    rusage before{}, after{};
+    getrusage(RUSAGE_CHILDREN, &before);
+    EXPECT_NE(run({"stat"}).out.find("backlog      5000 items, 15000 bytes\n"), std::string::npos);
+    EXPECT_EQ(run({"verify"}).status, 0);
+    getrusage(RUSAGE_CHILDREN, &after);
+    // Time of the processor, for the machine may be busy: two runs.
+    const auto seconds = [](const rusage &used) {
+        return static_cast<double>(used.ru_utime.tv_sec + used.ru_stime.tv_sec) +
+               static_cast<double>(used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1e6;
+    };
+    EXPECT_LT(seconds(after) - seconds(before), 0.6);
 }

@@ -1,0 +1,139 @@
+// halvo-mon top as its users see it, and the rules of its rows and columns.
+#include <cstring>
+
+#include "tests/print/scenario.h"
+#include "tests/support/terminal.h"
+#include "tools/mon/details.h"
+#include "tools/mon/terminal.h"
+#include "tools/mon/top_rows.h"
+
+using namespace halvo::mon;
+using namespace halvo::test;
+
+namespace {
+
+Sample sample_of(std::vector<std::pair<const char *, int>> channels) {
+    Sample sample;
+    sample.up = true;
+    for (const auto &[name, depth] : channels) {
+        ChannelSample channel;
+        channel.number = static_cast<int>(sample.channels.size());
+        channel.name = name;
+        channel.type = channel.number % 2 ? 'F' : 'M';
+        channel.put = static_cast<uint64_t>(depth);
+        sample.channels.push_back(channel);
+    }
+    return sample;
+}
+
+std::string order(const Sample &sample, const Choice &choice) {
+    std::string names;
+    for (const size_t row : rows_of(sample, choice)) names += sample.channels[row].name;
+    return names;
+}
+
+} // namespace
+
+TEST(TopRows, are_sorted_and_filtered_as_chosen) {
+    Sample sample = sample_of({{"a", 1}, {"b", 3}, {"C", 2}, {"d", 3}});
+    sample.channels[2].trouble = Trouble::full;
+    sample.channels[0].reader.name = "Billing";
+    EXPECT_EQ(order(sample, {}), "Cbda"); // trouble, then depth
+    const auto by_name = [&](bool reversed, const char *filter = "", char type = 0,
+                             bool trouble = false) {
+        return order(sample, {kNameColumn, reversed, filter, type, trouble});
+    };
+    EXPECT_EQ(by_name(false), "Cabd");
+    EXPECT_EQ(by_name(true), "dbaC");
+    EXPECT_EQ(by_name(false, "BILL"), "a");
+    EXPECT_EQ(by_name(false, "", 'F'), "bd");
+    EXPECT_EQ(by_name(false, "", 0, true), "C");
+    EXPECT_EQ(next_type(sample, 0), 'F');
+    EXPECT_EQ(next_type(sample, 'F'), 'M');
+    EXPECT_EQ(next_type(sample, 'M'), 0);
+}
+
+TEST(TopRows, columns_fit_every_width_and_the_sorted_one_is_there) {
+    for (int width = 40; width <= 250; ++width)
+        for (size_t sorted = 0; sorted < columns().size(); ++sorted) {
+            int used = -1;
+            bool there = false;
+            for (const Placed &place : placed(width, static_cast<int>(sorted))) {
+                used += place.width + 1;
+                there |= place.column == static_cast<int>(sorted);
+            }
+            EXPECT_LE(used, width);
+            EXPECT_TRUE(there) << width << ' ' << columns()[sorted].title;
+        }
+    EXPECT_EQ(placed(250, 0).size(), columns().size());
+}
+
+TEST(TopRows, texts_keep_to_their_cells) {
+    EXPECT_EQ(short_number(1234567, 7), "1234567");
+    EXPECT_EQ(short_number(12345678, 7), "12346k");
+    EXPECT_EQ(short_number(-12345678, 7), "-12346k");
+    EXPECT_LE(short_number(1e19, 5).size(), 5u);
+    EXPECT_EQ(short_age(119) + short_age(7199) + short_age(86400) + short_age(172800),
+              "119s119m24h2d");
+    EXPECT_EQ(escaped_message("한\n\\\x1b[2J\xff"), utf8("한") + "\\n\\\\\\x1b[2J\\xff");
+    setlocale(LC_CTYPE, "C.UTF-8");
+    EXPECT_EQ(field(utf8("한국어"), 5), L"\ud55c\uad6d ");
+    EXPECT_EQ(field("a\xff\n\x1b", 5, false), L"a??? ");
+}
+
+namespace {
+
+class OnScreen : public testing::Test {
+protected:
+    Segment segment = SegmentBuilder()
+                          .channel("MT01", 'M', 4, 64)
+                          .channel("한국", 'M', 4, 64)
+                          .channel("FQ01", 'F', 4, 64)
+                          .build();
+    static void put(halvo_channel *q, const std::string &text) {
+        ASSERT_EQ(q_write(q, 1, text.data(), static_cast<uint32_t>(text.size())), ESMS_OK);
+    }
+    void SetUp() override {
+        if (!halvo::test::Terminal::available()) GTEST_SKIP() << "needs tmux";
+        segment.attach();
+        put(segment.open("한국", 'w'), "wait\ning");
+    }
+};
+
+} // namespace
+
+TEST_F(OnScreen, shows_sorts_filters_and_follows_the_segment) {
+    const halvo::test::Terminal terminal(segment.path(""), 80, 24);
+    terminal.type(HALVO_MON " top --every 0.2 --utf8 -k " + segment.key_file() +
+                  "; echo status $?");
+    terminal.press("Enter");
+    ASSERT_TRUE(terminal.wait_for("3 channels  depth 1 "));
+    EXPECT_EQ(lines(terminal.screen())[4].find(utf8("no reader 한국 ")), 0u) << terminal.screen();
+    EXPECT_NE(terminal.screen().find(std::to_string(getpid()) + "*"), std::string::npos);
+    put(segment.channel("한국"), "more");
+    EXPECT_TRUE(terminal.wait_for("3 channels  depth 2 "));
+
+    terminal.resize(200, 50);
+    EXPECT_TRUE(terminal.wait_for("W-NAME"));
+    terminal.press("Right"); // by name
+    EXPECT_TRUE(terminal.wait_for("sorted by CHANNEL"));
+    EXPECT_NE(lines(terminal.screen())[4].find("FQ01"), std::string::npos);
+    terminal.type("/" + utf8("국"));
+    EXPECT_TRUE(terminal.wait_for("1 shown"));
+    terminal.press("Enter");
+    terminal.press("Enter");
+    EXPECT_TRUE(terminal.wait_for("type 1, 8 bytes: wait\\ning"));
+    terminal.press("q");
+    terminal.press("Escape");
+    EXPECT_TRUE(terminal.wait_for("MT01"));
+
+    halvo::qm::SegmentPlan plan;
+    plan.channels.push_back({"NEW1", 'M', 4, 64, 0});
+    halvo::qm::create(plan, segment.key_file(), true);
+    EXPECT_TRUE(terminal.wait_for("NEW1"));
+    halvo::qm::remove(segment.key_file());
+    EXPECT_TRUE(terminal.wait_for("waiting for a segment"));
+    terminal.press("q");
+    EXPECT_TRUE(terminal.wait_for("status 0"));
+    EXPECT_EQ(terminal.state("#{alternate_on} #{cursor_flag}"), "0 1\n");
+}
