@@ -60,6 +60,20 @@ public final class FileQueue {
     }
 
     /**
+     * Chooses what this process's file queues promise from now on, on all paths and threads. Durable, a
+     * put and a commit that have returned survive a loss of power: each waits for the disk. Otherwise
+     * they survive the death of any process. At first that is what the environment variable {@code
+     * HALVO_FQ_DURABILITY} says ({@code none} or {@code commit}), else not durable. Both sides of a
+     * queue must ask for it. A failure to reach the disk is an {@link HalvoException} of the call,
+     * whose items may be readable all the same.
+     *
+     * @param durable whether to wait for the disk
+     */
+    public static void setDurable(boolean durable) {
+        FileQueueCalls.setDurable(durable);
+    }
+
+    /**
      * Puts one item, readable at once.
      *
      * @param type 0 to 4095 counts the item for that type; any other does not

@@ -28,6 +28,8 @@ final class FileQueueCalls {
 
     static native int endRead(int channel, long[] transaction, int errors, boolean commit);
 
+    static native int setDurable(boolean durable);
+
     /** The key of a side's lock, or -1. */
     static native int lockKey(String path, boolean forWrite);
 }

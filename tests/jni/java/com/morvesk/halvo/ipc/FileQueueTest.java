@@ -316,4 +316,39 @@ public class FileQueueTest {
             assertThrows(InterruptedException.class, () -> reader.poll(Duration.ofSeconds(30)));
         }
     }
+
+    /** That the disk is waited for shows in the tests of the file queue itself. */
+    @Test
+    public void durableTransactionsAreTransactionsToo() throws Exception {
+        FileQueue files = new FileQueue(queue);
+        FileQueue.setDurable(true);
+        try (FileQueue.Writer writer = files.writer(); FileQueue.Reader reader = files.reader()) {
+            files.put(1, bytes("one"));
+            writer.put(bytes("two"));
+            writer.put(bytes("three"));
+            writer.commit();
+            for (String item : new String[] {"one", "two", "three"}) {
+                assertArrayEquals(bytes(item), reader.next());
+            }
+            reader.commit();
+            assertNull(reader.next());
+        } finally {
+            FileQueue.setDurable(false);
+        }
+    }
+
+    @Test
+    public void aCommitThatCannotBeKeptThrows() throws Exception {
+        FileQueue files = new FileQueue(queue);
+        files.put(1, bytes("one"));
+        try (FileQueue.Reader reader = files.reader(); FileQueue.Writer writer = files.writer()) {
+            assertArrayEquals(bytes("one"), reader.next());
+            writer.put(bytes("two"));
+            for (File file : directory.listFiles()) {
+                assertTrue(file.delete());
+            }
+            assertTrue(directory.delete());
+            failed("FQ_FAILED", writer::commit);
+        }
+    }
 }
