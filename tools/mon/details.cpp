@@ -5,7 +5,7 @@
 #include <ctime>
 #include <utility>
 
-#include "core/ring.h"
+#include "core/segment.h"
 #include "tools/frame/charset.h"
 #include "tools/frame/text.h"
 #include "tools/mon/top_rows.h"
@@ -99,7 +99,9 @@ std::string message_text(const halvo_channel *q, uint32_t slot_bytes, uint32_t o
 
 // Slots whose geometry the sample found sound.
 void add_messages(std::vector<std::string> &lines, const ChannelSample &c, const halvo_channel *q) {
-    const Geometry at = geometry_of(q);
+    const Ring at = ring_of(q);
+    if (!lies_within(at, room_behind(q))) return; // changed since the sample was taken
+    const uint64_t slots = capacity(at);
     const uint32_t first = position_in(at, load(q->rpos));
     const auto waiting = static_cast<int>(std::clamp<int64_t>(c.ring_depth(), 0, kMostMessages));
     if (waiting > 0) lines.insert(lines.end(), {"", "messages that wait, the next one first"});
@@ -108,12 +110,13 @@ void add_messages(std::vector<std::string> &lines, const ChannelSample &c, const
         lines.push_back(message_text(q, at.size, offset));
     const uint64_t read = std::min<uint64_t>(
         {c.got, kMostMessages,
-         at.slots - std::min<uint64_t>(
-                        at.slots, static_cast<uint64_t>(std::max<int64_t>(c.ring_depth(), 0)))});
+         slots - std::min(slots, static_cast<uint64_t>(std::max<int64_t>(c.ring_depth(), 0)))});
     if (read > 0) lines.insert(lines.end(), {"", "messages read last, the latest first"});
     offset = first;
     for (uint64_t i = 0; i < read; ++i) {
-        offset = offset - at.start < at.size ? at.end - at.size : offset - at.size;
+        offset = offset - at.start < at.size
+                     ? at.start + (static_cast<uint32_t>(slots) - 1) * at.size
+                     : offset - at.size;
         lines.push_back(message_text(q, at.size, offset));
     }
 }

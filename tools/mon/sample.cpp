@@ -9,7 +9,7 @@
 #include <ctime>
 #include <map>
 
-#include "core/ring.h"
+#include "core/segment.h"
 #include "tools/frame/attachment.h"
 #include "tools/frame/charset.h"
 #include "tools/frame/text.h"
@@ -119,7 +119,8 @@ void read_ring(ChannelSample &out, const halvo_channel &q) {
     out.put = q.pcnt.count;
     out.file_put = q.fpcnt.count;
     out.errors = q.gcnt.ecount;
-    out.full = load_state(slot_at(&q, position_in(&q, load(q.wpos)))) != HALVO_SLOT_FREE;
+    const qmsg *next = ring_slot(&q, load(q.wpos));
+    out.full = next && load_state(next) != HALVO_SLOT_FREE;
     out.parked = load(q.pbuffs);
     out.waiting_writers = load(q.wwait);
     out.waiting_readers = load(q.rwait);
