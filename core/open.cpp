@@ -21,14 +21,14 @@ namespace {
 // A wait for an end: as every wait, one sleep that the first signal ends; not cancelled, or the end
 // might stay taken by a thread that is gone.
 struct Opening {
-    Sleeper sleeper;
+    Sleeper sleeper{false};
     double limit = std::numeric_limits<double>::infinity(); // seconds since the epoch
 };
 
 // Takes an end's lock. Returns 0, or -1 with errno.
 int lock_end(const Side &side, int channel, Opening &opening) {
     const WaitInProgress wait(opening.sleeper, opening.limit, side, nullptr, channel);
-    if (opening.sleeper.take(side.lock_set(), channel, SEM_UNDO, {}, false) == Woken::normally)
+    if (opening.sleeper.take(side.lock_set(), channel, SEM_UNDO, {}) == Woken::normally)
         return 0;
     if (opening.sleeper.signalled()) errno = EINTR;
     return -1;
