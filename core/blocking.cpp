@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <limits>
 #include <utility>
 
 #include "core/barrier.h"
@@ -79,12 +78,15 @@ class Announced {
 public:
     Announced(const Waiter &waiter, const Sleeper &sleeper, bool wake_peer) noexcept
         : waiter_(waiter), registered_(announce(wake_peer)),
-          in_progress_(sleeper, end(), waiter.side, waiter.q, waiter.channel) {}
+          in_progress_(sleeper, registered_ ? end_ : kNever, waiter.side, waiter.q,
+                       waiter.channel) {}
     Announced(const Announced &) = delete;
     Announced &operator=(const Announced &) = delete;
     ~Announced() { withdraw(); }
 
     bool registered() const { return registered_; }
+    // Of a withdrawn wait: whether the monitor has sent the thread a signal.
+    bool fired() const { return fired_; }
     WaitInProgress &in_progress() { return in_progress_; }
 
     // Several threads of one side share the announcement, and each clears it when it wakes.
@@ -108,24 +110,22 @@ private:
         count_up();
         if (wake_peer && load(waiter_.q->*waiter_.side.peer_waiting) != 0)
             waiter_.side.wake_peer(waiter_.channel);
+        // Not after the registry's deadline: the visits must not take its signal for another one.
+        end_ = wall_clock() + waiter_.timeout / 1000.0;
         return reg_wait_thread(waiter_.timeout) >= 0;
     }
     void count_up() {
         int32_t &waiting = waiter_.q->*waiter_.side.waiting;
         store(waiting, static_cast<int32_t>(static_cast<uint32_t>(load(waiting)) + 1));
     }
-    double end() const {
-        return registered_ ? wall_clock() + waiter_.timeout / 1000.0
-                           : std::numeric_limits<double>::infinity();
-    }
     void leave_registry() {
-        const bool fired = unreg_wait_thread() < 0 && registered_;
-        in_progress_.leave();
-        if (fired) getppid(); // the signal, if it is still on its way, is delivered by a system call
+        fired_ = unreg_wait_thread() < 0 && registered_;
+        fired_ = in_progress_.leave() || fired_;
     }
 
     const Waiter &waiter_;
-    bool announced_ = true;
+    bool announced_ = true, fired_ = false;
+    double end_ = 0; // seconds since the epoch
     const bool registered_;
     WaitInProgress in_progress_;
 };
@@ -207,6 +207,7 @@ Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) {
         }
         const End end = sleep_registered(waiter, sleeper, wait, limit, attempt, context);
         wait.withdraw();
+        if (wait.fired()) sleeper.take_sent_signals();
         if (end == End::settled) return Wait::settled;
         // The monitor's signal stood for the one that the sleep had missed.
         if (wait.in_progress().signal_missed()) forget_signal();

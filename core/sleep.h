@@ -45,6 +45,8 @@ public:
 
     // Lets the signals in.
     void release() noexcept;
+    // The same, and those that another thread has sent before have been handled when it returns.
+    void take_sent_signals() noexcept;
 
     // While the thread sleeps or is about to: the words that show whether a handler has run since
     // the last moment at which that would have kept it from sleeping. Otherwise null.
