@@ -285,8 +285,10 @@ TEST_F(SignalArrival, at_each_20_microseconds) {
         Sweep sweep, first;
         Arrival arrival(call);
         arrival.at(3000, stalls, first); // the first call goes through the dynamic linker
-        for (int round = 0; round < length(2, 200); ++round)
-            for (int at = 0; at <= 1000; at += 20) arrival.at(at, stalls, sweep);
+        for (int round = 0; round < length(2, 200); ++round) {
+            q_set_spin(round % 2 * 500); // in half of them the thread looks for a while, and then sleeps
+            for (int at = 20; at <= 1000; at += 20) arrival.at(at, stalls, sweep);
+        }
         // The monitor comes by every 100 ms.
         for (int at = 99900; at <= 100500; at += length(60, 20)) arrival.at(at, stalls, sweep);
         tell(std::string("each 20 microseconds of ") + call.name, sweep);
