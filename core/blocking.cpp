@@ -131,9 +131,7 @@ private:
 };
 
 // What a signal that ended a wait means.
-Wait end_by_signal() {
-    return getSignal() == SIGUSR2 ? Wait::timed_out : Wait::interrupted;
-}
+Wait end_by_signal() { return getSignal() == SIGUSR2 ? Wait::timed_out : Wait::interrupted; }
 
 struct Sleeping {
     Sleeper &sleeper;

@@ -172,7 +172,8 @@ TEST_F(FrxWaiting, a_message_or_room_that_nobody_told_of_is_found) {
         EXPECT_LT(milliseconds_now() - start, 2000) << "or the machine is very busy";
         later.join();
     };
-    wait_beside([this] { halvo::test::write(q, "silent"); }, [this] { EXPECT_EQ(read(10000), "silent"); });
+    wait_beside([this] { halvo::test::write(q, "silent"); },
+                [this] { EXPECT_EQ(read(10000), "silent"); });
     fill(4);
     wait_beside([this] { halvo::test::read(q); },
                 [this] { EXPECT_EQ(frx_write(&writer, "x", 10000), ESMS_OK); });

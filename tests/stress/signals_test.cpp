@@ -17,10 +17,10 @@ using namespace halvo::test;
 
 namespace {
 
-constexpr int kLimit = 20000;          // milliseconds, of the waits
-constexpr int64_t kOutlived = 400000;  // microseconds: two passes of the monitor, and some more
+constexpr int kLimit = 20000;         // milliseconds, of the waits
+constexpr int64_t kOutlived = 400000; // microseconds: two passes of the monitor, and some more
 constexpr int64_t kSteppedOutlived = 3000000; // where many processes share one processor
-constexpr int64_t kAtOnce = 50000;     // microseconds: without the monitor
+constexpr int64_t kAtOnce = 50000;            // microseconds: without the monitor
 
 long switches() { // of the calling thread, made by the system
     rusage usage{};
@@ -82,7 +82,8 @@ public:
         // the wait began.
         const bool clear = signals_handled > handled && switches_at_signal == switches_before_;
         if (outlived) ++(clear ? sweep.outlived : sweep.unclear);
-        if (took > kAtOnce && stalls.without_stalls(sent, sent + took) > kAtOnce) ++sweep.by_monitor;
+        if (took > kAtOnce && stalls.without_stalls(sent, sent + took) > kAtOnce)
+            ++sweep.by_monitor;
         while (state_ == State::calling) {
             pthread_kill(thread_.native_handle(), SIGUSR1);
             usleep(1000);
@@ -131,8 +132,8 @@ protected:
     FrxChannel reader{}, writer{}, poller{}, second{};
     const std::vector<Call> calls = {
         {"frx_read", [this] { return read(reader); }, ESMS_JAVAINTR},
-        {"frx_write on a full ring", [this] { return halvo::test::frx_write(&writer, "x", kLimit); },
-         ESMS_JAVAINTR},
+        {"frx_write on a full ring",
+         [this] { return halvo::test::frx_write(&writer, "x", kLimit); }, ESMS_JAVAINTR},
         {"frx_openChannel", [this] { return frx_openChannel(&second, "second", 0, 'r', kLimit); },
          ESMS_ACCESS},
         {"frx_read without a semaphore", [this] { return read(poller); }, ESMS_JAVAINTR},
@@ -286,7 +287,8 @@ TEST_F(SignalArrival, at_each_20_microseconds) {
         Arrival arrival(call);
         arrival.at(3000, stalls, first); // the first call goes through the dynamic linker
         for (int round = 0; round < length(2, 200); ++round) {
-            q_set_spin(round % 2 * 500); // in half of them the thread looks for a while, and then sleeps
+            q_set_spin(round % 2 *
+                       500); // in half of them the thread looks for a while, and then sleeps
             for (int at = 20; at <= 1000; at += 20) arrival.at(at, stalls, sweep);
         }
         // The monitor comes by every 100 ms.
