@@ -14,10 +14,6 @@
 #include "core/signals.h"
 #include "core/waits.h"
 
-#ifdef __SANITIZE_ADDRESS__
-extern "C" void __asan_handle_no_return();
-#endif
-
 namespace halvo {
 
 namespace {
@@ -145,9 +141,6 @@ struct Sleeping {
 // What a cancelled thread leaves to do. The unwinder comes here without destructors: files on the
 // way of a cancellation are compiled without exceptions.
 void leave(void *sleeping) {
-#ifdef __SANITIZE_ADDRESS__ // which takes the frames that were jumped over for living ones
-    __asan_handle_no_return();
-#endif
     const auto &left = *static_cast<Sleeping *>(sleeping);
     left.sleeper.release();
     left.wait.withdraw();
