@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <limits>
 #include <utility>
 
 #include "core/barrier.h"
@@ -21,20 +20,19 @@ namespace {
 
 constexpr int kPauseMilliseconds = 1; // between tries while there is no semaphore to sleep on
 
-int64_t microseconds_now() {
+int64_t nanoseconds_now() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
 }
 
 // ---- Looking for a while before sleeping: to fall asleep and to be woken takes many times as long as
 // the other side needs for its answer.
 
 constexpr int kMostSpin = 1000; // microseconds
-constexpr int kFirstLooks = 32; // with the signals let in: a microsecond or two
-constexpr int kLooksPerClock = 16; // looks between two looks at the clock
 constexpr int kNotAsked = -1;
 std::atomic<int> spin_limit{kNotAsked}; // microseconds
+std::atomic<int> looks_per_microsecond{0};
 
 int learn_spin_limit() {
     constexpr int kDefault = 20;
@@ -50,30 +48,29 @@ int spin_microseconds() {
     return limit;
 }
 
-void pause_processor() { __builtin_ia32_pause(); }
-
-bool is_there(WantedState slot) { return load(*slot.state) == slot.wanted; }
-
-bool comes_within(WantedState slot, int microseconds) {
-    const int64_t end = microseconds_now() + microseconds;
-    do {
-        for (int i = 0; i < kLooksPerClock; ++i) {
-            if (is_there(slot)) return true;
-            pause_processor();
-        }
-    } while (microseconds_now() < end);
-    return false;
+// A look is little more than a pause of the processor, which takes ten times as long on some
+// processors as on others.
+int learn_looks() {
+    constexpr int kTries = 5, kPauses = 100;
+    int64_t shortest = 1000; // nanoseconds for each would be very long
+    for (int i = 0; i < kTries; ++i) {
+        const int64_t start = nanoseconds_now();
+        for (int j = 0; j < kPauses; ++j) __builtin_ia32_pause();
+        shortest = std::min(shortest, (nanoseconds_now() - start) / kPauses);
+    }
+    looks_per_microsecond = static_cast<int>(1000 / std::max<int64_t>(shortest, 1));
+    return looks_per_microsecond;
 }
 
 // Looks whether the slot at this side's position becomes what the side waits for. A slot that is so
-// already, and yet not given out (a rate limit, parked messages), ends the look at once. To keep the
-// signals away costs a system call, which a quick answer of the other side spares.
+// already, and yet not given out (a rate limit, parked messages), ends the look at once. Afterwards
+// signals are kept away, unless it came.
 bool slot_comes(const Waiter &waiter, Sleeper &sleeper) {
     const WantedState slot = wanted_state(waiter.side, waiter.q);
-    const bool looks = slot.state && spin_limit.load(std::memory_order_relaxed) > 0;
-    if (sleeper.look_and_hold(slot, looks ? kFirstLooks : 0)) return true;
-    const int limit = slot.state ? spin_microseconds() : 0;
-    return limit != 0 && !sleeper.signalled() && comes_within(slot, limit);
+    const int known = looks_per_microsecond.load(std::memory_order_relaxed);
+    if (known == 0) sleeper.hold(); // to learn takes a while
+    const int looks = spin_microseconds() * (known != 0 ? known : learn_looks());
+    return sleeper.look_and_hold(slot, slot.state ? looks : 0);
 }
 
 // One announced and registered wait; withdrawn when it goes.
@@ -81,12 +78,15 @@ class Announced {
 public:
     Announced(const Waiter &waiter, const Sleeper &sleeper, bool wake_peer) noexcept
         : waiter_(waiter), registered_(announce(wake_peer)),
-          in_progress_(sleeper, end(), waiter.side, waiter.q, waiter.channel) {}
+          in_progress_(sleeper, registered_ ? end_ : kNever, waiter.side, waiter.q,
+                       waiter.channel) {}
     Announced(const Announced &) = delete;
     Announced &operator=(const Announced &) = delete;
     ~Announced() { withdraw(); }
 
     bool registered() const { return registered_; }
+    // Of a withdrawn wait: whether the monitor has sent the thread a signal.
+    bool fired() const { return fired_; }
     WaitInProgress &in_progress() { return in_progress_; }
 
     // Several threads of one side share the announcement, and each clears it when it wakes.
@@ -110,32 +110,28 @@ private:
         count_up();
         if (wake_peer && load(waiter_.q->*waiter_.side.peer_waiting) != 0)
             waiter_.side.wake_peer(waiter_.channel);
+        // Not after the registry's deadline: the visits must not take its signal for another one.
+        end_ = wall_clock() + waiter_.timeout / 1000.0;
         return reg_wait_thread(waiter_.timeout) >= 0;
     }
     void count_up() {
         halvo_i32 &waiting = waiter_.q->*waiter_.side.waiting;
         store(waiting, static_cast<int32_t>(static_cast<uint32_t>(load(waiting)) + 1));
     }
-    double end() const {
-        return registered_ ? wall_clock() + waiter_.timeout / 1000.0
-                           : std::numeric_limits<double>::infinity();
-    }
     void leave_registry() {
-        const bool fired = unreg_wait_thread() < 0 && registered_;
-        in_progress_.leave();
-        if (fired) getppid(); // the signal, if it is still on its way, is delivered by a system call
+        fired_ = unreg_wait_thread() < 0 && registered_;
+        fired_ = in_progress_.leave() || fired_;
     }
 
     const Waiter &waiter_;
-    bool announced_ = true;
+    bool announced_ = true, fired_ = false;
+    double end_ = 0; // seconds since the epoch
     const bool registered_;
     WaitInProgress in_progress_;
 };
 
 // What a signal that ended a wait means.
-Wait end_by_signal() {
-    return getSignal() == SIGUSR2 ? Wait::timed_out : Wait::interrupted;
-}
+Wait end_by_signal() { return getSignal() == SIGUSR2 ? Wait::timed_out : Wait::interrupted; }
 
 struct Sleeping {
     Sleeper &sleeper;
@@ -157,9 +153,9 @@ Woken sleep(Sleeper &sleeper, Announced &wait, int semid) {
     Woken woken = Woken::never_slept;
     pthread_cleanup_push(leave, &sleeping);
     if (semid != -1)
-        woken = sleeper.take(semid, 0, 0, wanted_state(waiter.side, waiter.q), true);
+        woken = sleeper.take(semid, 0, 0, wanted_state(waiter.side, waiter.q));
     else
-        woken = sleeper.pause(kPauseMilliseconds, true);
+        woken = sleeper.pause(kPauseMilliseconds);
     pthread_cleanup_pop(0);
     return woken;
 }
@@ -177,7 +173,7 @@ End sleep_registered(const Waiter &waiter, Sleeper &sleeper, Announced &wait, in
         if (attempt(context)) return End::settled;
         const Woken woken = sleep(sleeper, wait, semid);
         if (woken == Woken::by_signal) return End::by_signal;
-        if (polls && microseconds_now() >= limit) return End::out_of_time;
+        if (polls && nanoseconds_now() >= limit) return End::out_of_time;
         if (woken == Woken::never_slept) semid = -1; // there is no semaphore any more
         if (woken == Woken::normally && !polls) {
             if (sleeper.signalled()) return attempt(context) ? End::settled : End::by_signal;
@@ -192,9 +188,9 @@ End sleep_registered(const Waiter &waiter, Sleeper &sleeper, Announced &wait, in
 
 Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) {
     forget_signal();
-    Sleeper sleeper;
+    Sleeper sleeper{true};
     if (slot_comes(waiter, sleeper) && attempt(context)) return Wait::settled;
-    const int64_t limit = microseconds_now() + std::max(waiter.timeout, 0) * int64_t{1000};
+    const int64_t limit = nanoseconds_now() + std::max(waiter.timeout, 0) * int64_t{1000000};
     // The other side is woken once: were it woken at every round, a full ring under a read-rate
     // limit would have both sides wake each other.
     bool wake_peer = true;
@@ -209,6 +205,7 @@ Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) {
         }
         const End end = sleep_registered(waiter, sleeper, wait, limit, attempt, context);
         wait.withdraw();
+        if (wait.fired()) sleeper.take_sent_signals();
         if (end == End::settled) return Wait::settled;
         // The monitor's signal stood for the one that the sleep had missed.
         if (wait.in_progress().signal_missed()) forget_signal();

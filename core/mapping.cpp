@@ -25,8 +25,8 @@ MappingUse::MappingUse() noexcept {
 MappingUse::~MappingUse() { users.fetch_sub(1, std::memory_order_release); }
 
 void wait_for_mapping_users() noexcept {
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    while (users.load(std::memory_order_seq_cst) != 0) usleep(50);
+    // Adds nothing, but orders the look behind the caller's store.
+    while (users.fetch_add(0, std::memory_order_seq_cst) != 0) usleep(50);
 }
 
 } // namespace halvo

@@ -2,12 +2,9 @@
 // see to that, with undo, so that a dead holder's end is free again.
 #include <sys/sem.h>
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <limits>
 
 #include "core/end.h"
 #include "core/process.h"
@@ -21,17 +18,19 @@ namespace {
 // A wait for an end: as every wait, one sleep that the first signal ends; not cancelled, or the end
 // might stay taken by a thread that is gone.
 struct Opening {
-    Sleeper sleeper;
-    double limit = std::numeric_limits<double>::infinity(); // seconds since the epoch
+    Sleeper sleeper{false};
+    double limit = kNever; // seconds since the epoch
 };
 
 // Takes an end's lock. Returns 0, or -1 with errno.
 int lock_end(const Side &side, int channel, Opening &opening) {
-    const WaitInProgress wait(opening.sleeper, opening.limit, side, nullptr, channel);
-    if (opening.sleeper.take(side.lock_set(), channel, SEM_UNDO, {}, false) == Woken::normally)
-        return 0;
-    if (opening.sleeper.signalled()) errno = EINTR;
-    return -1;
+    Sleeper &sleeper = opening.sleeper;
+    WaitInProgress wait(sleeper, opening.limit, side, nullptr, channel);
+    const Woken woken = sleeper.take(side.lock_set(), channel, SEM_UNDO, {});
+    const int error = woken == Woken::by_signal ? EINTR : errno;
+    if (wait.leave()) sleeper.take_sent_signals();
+    errno = error;
+    return woken == Woken::normally ? 0 : -1;
 }
 
 halvo_channel *hold(const Side &side, int channel, const char *failure, Opening &opening) {
@@ -79,9 +78,10 @@ halvo_channel *q_open(int channel, char mode) noexcept {
 halvo_channel *q_open_wait(int channel, char mode, int limit) noexcept {
     Opening opening;
     opening.sleeper.hold();
-    if (reg_wait_thread(limit) >= 0) opening.limit = wall_clock() + limit / 1000.0;
+    const double end = wall_clock() + limit / 1000.0; // as in core/blocking.cpp
+    if (reg_wait_thread(limit) >= 0) opening.limit = end;
     halvo_channel *q = open_end(channel, mode, opening);
-    if (unreg_wait_thread() < 0) getppid(); // the signal is delivered by a system call, at the latest
+    if (unreg_wait_thread() < 0) opening.sleeper.take_sent_signals();
     return q;
 }
 

@@ -20,21 +20,18 @@ sigset_t all_but_faults() {
 }
 const sigset_t everything = all_but_faults();
 
-// Allows a cancellation while it stands, at the calls of the system that are a point for one.
-class Cancellable {
-public:
-    explicit Cancellable(bool wanted) noexcept : wanted_(wanted) {
-        if (wanted_) pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+// Whether the thread's handlers may run on a stack of their own, where they leave no marks below
+// this one. A thread seldom gets such a stack after its first wait.
+bool has_other_stack() {
+    constexpr unsigned kAskAgain = 256; // waits
+    thread_local bool known = false;
+    thread_local unsigned asked = 0;
+    if (asked++ % kAskAgain == 0) {
+        stack_t found{};
+        known = sigaltstack(nullptr, &found) == 0 && (found.ss_flags & SS_DISABLE) == 0;
     }
-    Cancellable(const Cancellable &) = delete;
-    Cancellable &operator=(const Cancellable &) = delete;
-    ~Cancellable() {
-        if (wanted_) pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    }
-
-private:
-    const bool wanted_;
-};
+    return known;
+}
 
 // The thread sanitizer holds signals back until a call that it knows.
 void let_sanitizer_signal() {
@@ -47,26 +44,33 @@ void let_sanitizer_signal() {
 
 } // namespace
 
+Sleeper::Sleeper(bool cancellable) noexcept : cancellable_(cancellable) {
+    frame_.everything = &everything;
+    frame_.outside = &before_;
+    if (!cancellable_) pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
+}
+
 Sleeper::~Sleeper() {
     release();
-    if (cancel_state_ != kUnknown) pthread_setcancelstate(cancel_state_, nullptr);
+    if (!cancellable_) pthread_setcancelstate(cancel_state_, nullptr);
 }
 
 bool Sleeper::look_and_hold(WantedState slot, int looks) noexcept {
-    frame_.everything = &everything;
-    frame_.outside = &before_;
     frame_.state = slot.state;
     frame_.wanted = slot.wanted;
     frame_.looks = looks;
-    if (halvo::look_and_hold(frame_) != 0) return true;
-    if (cancel_state_ == kUnknown) pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
-    return false;
+    return halvo::look_and_hold(frame_) != 0;
 }
 
 void Sleeper::release() noexcept {
     if (!frame_.held) return;
     frame_.held = 0;
     pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
+
+void Sleeper::take_sent_signals() noexcept {
+    release();
+    getppid(); // a signal is delivered with a system call, at the latest
 }
 
 // Sleeps with the signals let in: whether one came. They are kept away again behind it.
@@ -77,40 +81,31 @@ bool Sleeper::let_pending_in(int milliseconds) {
     return came;
 }
 
-Woken Sleeper::pause(int milliseconds, bool cancellable) {
+Woken Sleeper::pause(int milliseconds) {
     hold();
-    if (frame_.signalled) return Woken::by_signal;
-    const Cancellable sleep(cancellable && cancel_state_ == PTHREAD_CANCEL_ENABLE);
-    return let_pending_in(milliseconds) ? Woken::by_signal : Woken::normally;
+    if (frame_.signalled || let_pending_in(milliseconds)) return Woken::by_signal;
+    return Woken::normally;
 }
 
-int Sleeper::cancellable_sleep() {
-    const Cancellable sleep(true);
-    return let_in_and_sleep_cancellable(frame_);
-}
-
-Woken Sleeper::take(int semid, int n, int flags, WantedState slot, bool cancellable) {
+Woken Sleeper::take(int semid, int n, int flags, WantedState slot) {
     hold();
-    if (frame_.signalled) return Woken::by_signal;
-    // What has come is taken here already, because a handler on a stack of its own would not be
-    // noticed behind this.
-    if (let_pending_in(0)) return Woken::by_signal;
+    if (frame_.signalled || (has_other_stack() && let_pending_in(0))) return Woken::by_signal;
     frame_.operation.sem_num = static_cast<unsigned short>(n);
     frame_.operation.sem_op = -1;
     frame_.operation.sem_flg = static_cast<short>(flags);
     frame_.semid = semid;
     frame_.state = slot.state;
     frame_.wanted = slot.wanted;
-    const bool may_cancel = cancellable && cancel_state_ == PTHREAD_CANCEL_ENABLE;
-    const int result = may_cancel ? cancellable_sleep() : let_in_and_sleep(frame_);
+    const int result =
+        cancellable_ ? let_in_and_sleep_cancellable(frame_) : let_in_and_sleep(frame_);
     let_sanitizer_signal();
     if (result == 0) return Woken::normally;
     errno = -result;
     return errno == EINTR ? Woken::by_signal : Woken::never_slept;
 }
 
-[[gnu::no_sanitize("address", "thread")]]
-bool slept_past_a_signal(const SleepFrame &frame) noexcept {
+[[gnu::no_sanitize("address", "thread")]] bool
+slept_past_a_signal(const SleepFrame &frame) noexcept {
     const auto *marks = static_cast<const volatile SleepFrame &>(frame).marks;
     if (!marks) return false;
     bool changed = false;

@@ -20,11 +20,10 @@ struct WantedState {
 
 enum class Woken { normally, by_signal, never_slept };
 
-// From the first time that it keeps signals away, it also puts a cancellation of the thread off, but
-// for the sleeps that allow it.
 class Sleeper {
 public:
-    Sleeper() noexcept = default;
+    // A sleep that is not cancellable puts a cancellation off from here on until the Sleeper goes.
+    explicit Sleeper(bool cancellable) noexcept;
     Sleeper(const Sleeper &) = delete;
     Sleeper &operator=(const Sleeper &) = delete;
     ~Sleeper();
@@ -41,12 +40,14 @@ public:
     // Takes 1 from semaphore n of a set. `flags` as for semop. never_slept: the semaphore failed,
     // and errno tells why. When it took the semaphore and the slot is not as wanted, signals are
     // kept away again.
-    Woken take(int semid, int n, int flags, WantedState slot, bool cancellable);
+    Woken take(int semid, int n, int flags, WantedState slot);
     // Sleeps for so long; afterwards signals are kept away.
-    Woken pause(int milliseconds, bool cancellable);
+    Woken pause(int milliseconds);
 
     // Lets the signals in.
     void release() noexcept;
+    // The same, and those that another thread has sent before have been handled when it returns.
+    void take_sent_signals() noexcept;
 
     // While the thread sleeps or is about to: the words that show whether a handler has run since
     // the last moment at which that would have kept it from sleeping. Otherwise null.
@@ -54,12 +55,10 @@ public:
 
 private:
     bool let_pending_in(int milliseconds);
-    int cancellable_sleep();
 
-    static constexpr int kUnknown = -1;
-
+    const bool cancellable_;
+    int cancel_state_ = 0; // the thread's own, while it is put off
     sigset_t before_;
-    int cancel_state_ = kUnknown; // the thread's own, while it is put off
     SleepFrame frame_;
 };
 

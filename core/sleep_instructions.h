@@ -5,8 +5,8 @@
 // signals are kept from the thread from its last look on, and let in again right before the sleep.
 // What is left are a few instructions, and there a handler leaves marks: the kernel stores the
 // thread's registers below the stack's end, and the floating-point state, which ends with a number
-// of the kernel's own, right below it. Both functions fill that place with words of theirs, call
-// nothing, and find those words changed when a handler has run.
+// of the kernel's own, first of all. Both functions fill the place of that number with words of
+// theirs, call nothing, and find those words changed when a handler has run.
 //
 // A handler on a stack of its own (sigaltstack) leaves no marks; see core/sleep.cpp.
 #pragma once
@@ -21,7 +21,7 @@
 namespace halvo {
 
 constexpr uint32_t kMarkWord = 0x5A17C0DE;
-constexpr int kMarkWords = 18; // the kernel's number lies less than 68 bytes below the stack's end
+constexpr int kMarkWords = 8;
 
 // What a sleep is about. The state is that of the slot which the wait is for; null: of none.
 struct SleepFrame {
@@ -33,6 +33,7 @@ struct SleepFrame {
     int32_t wanted = 0;
     int32_t looks = 0;
     const uint32_t *marks = nullptr; // while the thread is about to sleep or asleep: kMarkWords
+    void *stack = nullptr;           // where it ended before
     int32_t held = 0;                // whether the signals are kept away
     int32_t signalled = 0;           // whether a handler has run
 };

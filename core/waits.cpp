@@ -2,9 +2,8 @@
 
 #include <signal.h>
 #include <sys/time.h>
-#include <unistd.h>
 
-#include <limits>
+#include <utility>
 
 #include "core/end.h"
 #include "core/mapping.h"
@@ -51,16 +50,13 @@ WaitInProgress::WaitInProgress(const Sleeper &sleeper, double end, const Side &s
     first_wait = this;
 }
 
-void WaitInProgress::leave() noexcept {
-    if (!linked_) return;
-    linked_ = false;
-    {
-        const MutexLock lock(lock_of_waits);
-        if (generation_ != generation) return; // this is the child of a fork in a signal handler
-        (previous_ ? previous_->next_ : first_wait) = next_;
-        if (next_) next_->previous_ = previous_;
-    }
-    if (signal_sent_) getppid(); // a signal that was sent is delivered with the next system call
+bool WaitInProgress::leave() noexcept {
+    if (!std::exchange(linked_, false)) return signal_sent_;
+    const MutexLock lock(lock_of_waits);
+    if (generation_ != generation) return false; // this is the child of a fork in a signal handler
+    (previous_ ? previous_->next_ : first_wait) = next_;
+    if (next_) next_->previous_ = previous_;
+    return signal_sent_;
 }
 
 void WaitInProgress::signal() noexcept {
@@ -93,7 +89,7 @@ void WaitInProgress::visit(double now, const halvo_segment *segment) noexcept {
     was_ready_ = ready;
 }
 
-void WaitInProgress::lose_limit() noexcept { end_ = std::numeric_limits<double>::infinity(); }
+void WaitInProgress::lose_limit() noexcept { end_ = kNever; }
 
 void visit_waits() noexcept {
     const double now = wall_clock();

@@ -8,6 +8,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <limits>
 
 #include "core/side.h"
 #include "core/sleep.h"
@@ -16,6 +17,7 @@ namespace halvo {
 
 // Seconds since the epoch, by the clock on the wall.
 double wall_clock() noexcept;
+constexpr double kNever = std::numeric_limits<double>::infinity();
 
 // The state word of the slot that a side works on next, and what the side waits for there. With a
 // damaged header a word that is never what the side waits for.
@@ -24,7 +26,7 @@ WantedState wanted_state(const Side &side, halvo_channel *q) noexcept;
 // A wait that is going on, from its registration to its end, on the waiting thread's stack.
 class WaitInProgress {
 public:
-    // `end`: seconds since the epoch; infinite for a wait that the registry has no room for.
+    // `end`: seconds since the epoch, not after the registry's deadline; kNever when it has none.
     // q null: a wait for an end, which no slot can end.
     WaitInProgress(const Sleeper &sleeper, double end, const Side &side, halvo_channel *q,
                    int channel) noexcept;
@@ -32,8 +34,8 @@ public:
     WaitInProgress &operator=(const WaitInProgress &) = delete;
     ~WaitInProgress() { leave(); }
 
-    // Ends the visits. Afterwards no signal of theirs is on its way.
-    void leave() noexcept;
+    // Ends the visits. Whether one has sent the thread a signal, which may still be on its way.
+    bool leave() noexcept;
 
     // Whether a visit woke the thread to look at its slot; asking forgets it.
     bool sent_to_look() noexcept { return sent_to_look_.exchange(false); }

@@ -86,8 +86,7 @@ int frx_readMark(FrxChannel *handle, int n, int timeout) {
     return wait == Wait::settled ? last.code() : code_of(wait);
 }
 
-int frx_write(FrxChannel *handle, int type, const void *data, uint32_t length,
-              int timeout) {
+int frx_write(FrxChannel *handle, int type, const void *data, uint32_t length, int timeout) {
     const CheckedEnd end = check_end(kWriter, handle, data != nullptr);
     if (end.fault != ESMS_OK) return end.fault;
     const Written written =
@@ -97,8 +96,7 @@ int frx_write(FrxChannel *handle, int type, const void *data, uint32_t length,
 }
 
 // Kept: a mark neither ends the announcement of waiting writers nor wakes the reader.
-int frx_writeMark(FrxChannel *handle, int type, const void *data, uint32_t length,
-                  int timeout) {
+int frx_writeMark(FrxChannel *handle, int type, const void *data, uint32_t length, int timeout) {
     const CheckedEnd end = check_end(kWriter, handle, data != nullptr);
     if (end.fault != ESMS_OK) return end.fault;
     return code_of(write_one(handle, end.q, timeout, "snd error .....", [=](halvo_channel *q) {

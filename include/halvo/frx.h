@@ -19,6 +19,8 @@
  *             slot; ESMS_MTXLOCK and ESMS_MTXUNLOCK when the end's mutex fails. Blocking calls
  *             also answer ESMS_TIMEOUT, and ESMS_JAVAINTR when a signal other than SIGUSR2
  *             interrupted the wait.
+ *   cancel    the reads and writes that wait are cancellation points while they sleep: a thread that
+ *             is cancelled there withdraws its wait. No other function here is one on purpose.
  */
 #ifndef HALVO_FRX_H
 #define HALVO_FRX_H

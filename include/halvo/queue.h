@@ -40,8 +40,8 @@ HALVO_BEGIN_DECLS
  * in the same thread, after about a second in others), and init_shm(NULL) answers ESMS_OK. */
 HALVO_API int init_shm(const char *keyfile) HALVO_NOEXCEPT;
 
-/* Detaches. No function that takes a channel may run in another thread meanwhile. A process does
- * not attach again: init_shm() keeps answering ESMS_ALREADY.
+/* Detaches. No function that takes a channel may run in another thread meanwhile; the monitor and
+ * q_settime() may. A process does not attach again: init_shm() keeps answering ESMS_ALREADY.
  * returns  ESMS_OK; ESMS_NOINIT when never attached; ESMS_SHMOP when already detached;
  *          ESMS_MTXLOCK, ESMS_MTXUNLOCK. */
 HALVO_API int close_shm(void) HALVO_NOEXCEPT;
@@ -268,14 +268,15 @@ HALVO_API void signal_handler2(int number) HALVO_NOEXCEPT;
 /* The signal caught on this thread since its last registration: 12 after the monitor ended its
  * wait, otherwise 0. */
 HALVO_API int getSignal(void) HALVO_NOEXCEPT;
-/* Registers the calling thread with a deadline `timeout` milliseconds from now (0 or less: due at
- * the next scan). Returns the entry's index, 0..1023, or -1 when all are taken: the wait then has
- * no time limit. */
+/* Registers the calling thread with a deadline `timeout` milliseconds from now by the wall clock (0
+ * or less: due at the next scan). Installs the handler if nobody has. Returns the entry's index,
+ * 0..1023, or -1 when all are taken: the wait then has no time limit. */
 HALVO_API int reg_wait_thread(int timeout) HALVO_NOEXCEPT;
 /* Removes the calling thread's first registration. Returns its index, or -1 when it has none, as
  * after the monitor has fired it. */
 HALVO_API int unreg_wait_thread(void) HALVO_NOEXCEPT;
-/* One scan of the registry: signals every overdue thread. Always 0. */
+/* One scan of the registry: signals every overdue thread. Then makes good what waits in progress
+ * have lost: a signal, a post. Always 0. */
 HALVO_API int monitorTimeout(void) HALVO_NOEXCEPT;
 
 HALVO_END_DECLS

@@ -172,7 +172,8 @@ TEST_F(FrxWaiting, a_message_or_room_that_nobody_told_of_is_found) {
         EXPECT_LT(milliseconds_now() - start, 2000) << "or the machine is very busy";
         later.join();
     };
-    wait_beside([this] { halvo::test::write(q, "silent"); }, [this] { EXPECT_EQ(read(10000), "silent"); });
+    wait_beside([this] { halvo::test::write(q, "silent"); },
+                [this] { EXPECT_EQ(read(10000), "silent"); });
     fill(4);
     wait_beside([this] { halvo::test::read(q); },
                 [this] { EXPECT_EQ(frx_write(&writer, "x", 10000), ESMS_OK); });
@@ -189,6 +190,7 @@ TEST_F(FrxWaiting, whoever_begins_to_wait_wakes_the_other_side) {
     EXPECT_EQ(value_of(segment, ".post"), 1);
 }
 
+#ifndef __SANITIZE_ADDRESS__ // which takes the frames that a cancellation leaves for living ones
 TEST_F(FrxWaiting, a_cancelled_thread_withdraws_its_wait) {
     FrxChannel file_end{};
     ASSERT_EQ(frx_openChannel(&file_end, "f", 1, 'r', 1000), ESMS_OK);
@@ -209,6 +211,7 @@ TEST_F(FrxWaiting, a_cancelled_thread_withdraws_its_wait) {
     fill(1);
     EXPECT_EQ(read(), "0");
 }
+#endif
 
 TEST_F(FrxWaiting, a_throttled_reader_and_a_blocked_writer_do_not_wake_each_other_for_ever) {
     fill(4);
