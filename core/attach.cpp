@@ -96,6 +96,7 @@ void find_semaphores(const char *keyfile, const KeyPath &posts, const KeyPath &r
 void drop_view() {
     if (view_id < 0) return;
     attached = nullptr;
+    is_view = false;
     shmdt(std::exchange(segment_ever, nullptr));
     view_id = -1;
 }
@@ -118,6 +119,7 @@ bool look_at(int id) {
     }
     segment_size = static_cast<size_t>(found.shm_segsz);
     attached = segment_ever = static_cast<halvo_segment *>(address);
+    is_view = true;
     view_id = id;
     return true;
 }
@@ -142,7 +144,6 @@ int id_of(const int *ids, int channel) {
 
 namespace halvo {
 
-halvo_segment *writable_segment() noexcept { return view_id < 0 ? attached : nullptr; }
 int attached_id() noexcept { return segment_id; }
 
 int post_semaphore(int channel) noexcept { return id_of(semPosts, channel); }
@@ -200,6 +201,7 @@ int close_shm() noexcept {
     // Kept: segment_ever, shmblock and the lock sets stay: a process attaches once for its lifetime.
     const int result = shmdt(segment) == 0 ? ESMS_OK : ESMS_SHMOP;
     if (std::exchange(view_id, -1) >= 0) segment_ever = nullptr; // a view may come again
+    is_view = false;
     return unlock_service() ? result : ESMS_MTXUNLOCK;
 }
 

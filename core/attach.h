@@ -5,10 +5,6 @@
 
 namespace halvo {
 
-// The attached segment, but null while q_attach_view() attached it: then nothing of it may be stored
-// to.
-halvo_segment *writable_segment() noexcept;
-
 // The kernel's id of the segment that was attached last; -1 before.
 int attached_id() noexcept;
 

@@ -2,7 +2,7 @@
 // clock and the monitor. close_shm() unmaps when the last of them is done.
 #pragma once
 
-#include "core/attach.h"
+#include "core/segment.h"
 
 namespace halvo {
 

@@ -17,9 +17,12 @@ extern halvo_segment *segment_ever
     HALVO_HIDDEN;                        // set by a successful attach; stays after close_shm
 extern size_t segment_size HALVO_HIDDEN; // bytes, at least those of the segment header
 extern int first_channels HALVO_HIDDEN;  // channels at the time of the attach, at most 269
+extern bool is_view HALVO_HIDDEN;        // attached by q_attach_view(), without a right to store
 #undef HALVO_HIDDEN
 
 inline halvo_segment *attached_segment() noexcept { return attached; }
+// The same, but null for one that only may be looked at.
+inline halvo_segment *writable_segment() noexcept { return is_view ? nullptr : attached; }
 
 // Channels of a segment: nchnnl, or as many as the table of offsets holds when that claims more. Of
 // the attached one never more than at the attach: tables of that many records were made then.

@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "core/wait_registry.h"
 #include "halvo/queue.h"
 
 namespace {
@@ -30,25 +29,21 @@ struct Caught {
 };
 [[gnu::tls_model("initial-exec")]] thread_local constinit Caught caught{kNoKey, 0};
 
-constexpr char kRule[] = "/*************************************************************/";
-static_assert(sizeof kRule == 1 + 61 + 1 + 1);
+} // namespace
 
-int thread_number() { return static_cast<int>(pthread_self()); }
+namespace halvo {
 
-bool make_key() {
+bool make_signal_key() noexcept {
+    started = true;
     pthread_key_t key = 0;
     if (pthread_key_create(&key, nullptr) != 0) return false;
     keySig = key;
     return true;
 }
 
-} // namespace
-
-namespace halvo {
-
 void start_signal_service() noexcept {
     if (started.exchange(true)) return;
-    make_key();
+    make_signal_key();
     struct sigaction found {};
     if (sigaction(SIGUSR2, nullptr, &found) == 0 && found.sa_handler == SIG_DFL) install_handler();
 }
@@ -56,18 +51,6 @@ void start_signal_service() noexcept {
 void forget_signal() noexcept { caught.number = 0; }
 
 } // namespace halvo
-
-void init_sig() noexcept {
-    // Kept: every call makes a new key and wipes the registry; the old key is abandoned.
-    started = true;
-    if (!make_key()) std::printf("pthread_key_create error at %dline in %s/\n", 255, "sms_sig");
-    halvo::clear_wait_registry();
-    install_handler();
-    std::puts(kRule);
-    std::printf("/*             Signal Service Initialized at #%d             */\n",
-                thread_number());
-    std::puts(kRule);
-}
 
 int install_handler() noexcept {
     struct sigaction action {};
@@ -86,7 +69,7 @@ void signal_handler(int number) noexcept {
 
 void signal_handler2(int number) noexcept {
     signal_handler(number);
-    std::printf("signal(%d) handled2 at #%d \n", number, thread_number());
+    std::printf("signal(%d) handled2 at #%d \n", number, static_cast<int>(pthread_self()));
 }
 
 int getSignal() noexcept {

@@ -7,6 +7,10 @@ namespace halvo {
 // left SIGUSR2 alone, which would end it otherwise.
 void start_signal_service() noexcept;
 
+// Makes a key anew; what getSignal() reports under the one before is gone. False when there is none to
+// be had.
+bool make_signal_key() noexcept;
+
 // Clears what getSignal() reports for the calling thread.
 void forget_signal() noexcept;
 

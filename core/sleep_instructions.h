@@ -27,8 +27,9 @@ constexpr int kMarkWords = 8;
 struct SleepFrame {
     sembuf operation{};
     int32_t semid = -1;
-    const sigset_t *everything = nullptr; // the signals that are kept away, 8 bytes of each set count
-    sigset_t *outside = nullptr;          // the thread's mask but for that
+    const sigset_t *everything =
+        nullptr;                 // the signals that are kept away, 8 bytes of each set count
+    sigset_t *outside = nullptr; // the thread's mask but for that
     const halvo_i32 *state = nullptr;
     int32_t wanted = 0;
     int32_t looks = 0;

@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "core/attach.h"
+#include "core/segment.h"
 #include "halvo/status.h"
 
 namespace halvo {
