@@ -38,10 +38,17 @@ struct QueueStore {
     char buffer[kItemSize + FQ_ITEM_EXTRA];
 };
 
-// In a process of its own.
+// In a process of its own. The queue's files are made before it is timed, as the tables of others are.
 struct DurableStore : QueueStore {
     explicit DurableStore(const std::string &directory) : QueueStore(directory) {
         fq_set_durability(FQ_DURABILITY_COMMIT);
+        const std::vector<char> item(kItemSize, 'x');
+        begin_put();
+        put(item.data());
+        commit_put();
+        begin_get(1);
+        get();
+        commit_get();
     }
 };
 
