@@ -1,7 +1,5 @@
 // What the path names is the queue, whatever operators do to the files: between two transactions,
 // while a transaction runs, and to the descriptors that are kept.
-#include <sys/resource.h>
-
 #include <filesystem>
 
 #include "tests/fq/queue_fixture.h"
@@ -83,15 +81,6 @@ protected:
 INSTANTIATE_TEST_SUITE_P(, ByName, testing::Bool(),
                          [](const auto &kind) { return kind.param ? "at_rest" : "at_once"; });
 
-TEST_P(ByName, a_directory_moved_away_and_made_anew_is_a_new_queue) {
-    fs::rename(dir, moved);
-    fs::create_directory(dir);
-    EXPECT_EQ(put("new"), 0);
-    EXPECT_EQ(others_take(path), "new");
-    EXPECT_EQ(take((moved + "/q").c_str()), "two") << "untouched";
-    EXPECT_EQ(take((moved + "/q").c_str()), "[0]");
-}
-
 TEST_P(ByName, a_directory_replaced_by_a_copy_is_the_copy) {
     fs::copy(dir, moved);
     fs::rename(dir, dir + ".old");
@@ -168,8 +157,7 @@ TEST_P(ByName, a_lock_file_replaced_by_rename_is_the_new_one) {
     EXPECT_EQ(take(), "ours");
 }
 
-// Whatever was replaced after the begin: 0 is not answered for items that are in no queue, or that
-// another holder may overwrite.
+// 0 is not answered for items that are in no queue, or that another holder may overwrite.
 TEST_P(ByName, a_commit_into_a_file_that_is_not_the_queues_any_more_fails) {
     const std::vector<std::pair<const char *, std::function<void()>>> faults = {
         {"unlinked", [&] { fs::remove(file("000000000")); }},
@@ -241,13 +229,4 @@ TEST_P(ByName, a_daemon_that_closes_all_and_uses_another_queue_first) {
     EXPECT_EQ(daemon.wait(), 0);
     EXPECT_EQ(take(), "three");
     EXPECT_EQ(take((dir + "/other").c_str()), "elsewhere");
-}
-
-TEST_P(ByName, with_few_descriptors_left_nothing_is_kept_and_all_goes_on) {
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    limit.rlim_cur = 24;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    for (int i = 0; i < 40; ++i) ASSERT_EQ(put("x", (dir + "/n" + std::to_string(i)).c_str()), 0);
-    EXPECT_EQ(take(), "two");
 }

@@ -74,28 +74,6 @@ TEST_F(OpenFiles, each_one_removed_is_made_again) {
     EXPECT_EQ(queue.position("tail"), "000000000 000000023");
 }
 
-TEST_F(OpenFiles, a_renamed_log_is_lost_and_a_moved_directory_left_alone) {
-    ASSERT_EQ(rename(queue.file("tail").c_str(), queue.file("kept").c_str()), 0);
-    const std::string kept = queue.bytes("kept");
-    EXPECT_EQ(queue.put({"new"}), 0);
-    EXPECT_EQ(queue.bytes("kept"), kept);
-    EXPECT_EQ(queue.position("tail"), "000000000 000000025");
-
-    const std::string directory = queue.directory() + "/sub", path = directory + "/q";
-    const auto put = [&] { return fq_enqueue_away(-1, -1, 1, path.c_str(), "x", 1); };
-    ASSERT_EQ(mkdir(directory.c_str(), 0777), 0);
-    EXPECT_EQ(put(), 0);
-    ASSERT_EQ(rename(directory.c_str(), (queue.directory() + "/moved").c_str()), 0);
-    EXPECT_NE(put(), 0);
-    ASSERT_EQ(mkdir(directory.c_str(), 0777), 0);
-    EXPECT_EQ(put(), 0);
-    for (const std::string &each : {directory, queue.directory() + "/moved"}) {
-        struct stat found {};
-        EXPECT_EQ(stat((each + "/q.000000000").c_str(), &found), 0);
-        EXPECT_EQ(found.st_size, 23) << each;
-    }
-}
-
 TEST_F(OpenFiles, processes_that_take_turns_see_each_other) {
     for (int i = 0; i < 3; ++i) {
         Peer writer([&] { return queue.put({"theirs"}); });

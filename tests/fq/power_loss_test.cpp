@@ -74,13 +74,14 @@ private:
         now_.call = record_.calls();
         known_.push_back(now_);
     }
+    unsigned below(unsigned limit) { return static_cast<unsigned>(random_() % limit); }
     std::string next_item() {
-        const unsigned length = random_() % 12 == 0 ? 4000 + random_() % 5000 : random_() % 60;
+        const unsigned length = below(12) == 0 ? 4000 + below(5000) : below(60);
         lengths_.push_back(length);
         return data(static_cast<int>(lengths_.size()) - 1);
     }
     void write() {
-        const unsigned kind = random_() % 6;
+        const unsigned kind = below(6);
         std::vector<std::string> items;
         for (unsigned i = 0; i < (kind < 3 ? 2 + random_() % 3 : 1); ++i)
             items.push_back(next_item());
