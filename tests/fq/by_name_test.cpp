@@ -214,19 +214,3 @@ TEST_P(ByName, a_kept_descriptor_closed_by_the_host_is_opened_again) {
     for (const char *suffix : {"wrlk", "tail", "000000000", "rdlk", "head"})
         EXPECT_EQ(take(), suffix);
 }
-
-TEST_P(ByName, a_daemon_that_closes_all_and_uses_another_queue_first) {
-    Peer daemon([&] {
-        const std::string other = dir + "/other";
-        if (put("x", other.c_str()) != 0) return 1;
-        closefrom(3);
-        EXPECT_EQ(put("elsewhere", other.c_str()), 0);
-        EXPECT_EQ(put("three"), 0);
-        EXPECT_EQ(take(), "two");
-        EXPECT_EQ(take(other.c_str()), "x");
-        return 0;
-    });
-    EXPECT_EQ(daemon.wait(), 0);
-    EXPECT_EQ(take(), "three");
-    EXPECT_EQ(take((dir + "/other").c_str()), "elsewhere");
-}
