@@ -65,7 +65,6 @@ protected:
         return fq_enqueue(-1, path.c_str(), data.data(), static_cast<unsigned>(data.size()),
                           &trans);
     }
-    // The open descriptor of a file of the queue.
     int descriptor_of(const char *suffix) const {
         for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
             std::error_code gone;
@@ -157,7 +156,6 @@ TEST_P(ByName, a_lock_file_replaced_by_rename_is_the_new_one) {
     EXPECT_EQ(take(), "ours");
 }
 
-// 0 is not answered for items that are in no queue, or that another holder may overwrite.
 TEST_P(ByName, a_commit_into_a_file_that_is_not_the_queues_any_more_fails) {
     const std::vector<std::pair<const char *, std::function<void()>>> faults = {
         {"unlinked", [&] { fs::remove(file("000000000")); }},
@@ -199,7 +197,6 @@ TEST_P(ByName, a_commit_into_a_file_that_is_not_the_queues_any_more_fails) {
         }
 }
 
-// A host closes what is not its own, and its next files may get the numbers.
 TEST_P(ByName, a_kept_descriptor_closed_by_the_host_is_opened_again) {
     for (const char *suffix : {"wrlk", "tail", "000000000", "rdlk", "head"}) {
         SCOPED_TRACE(suffix);

@@ -261,7 +261,6 @@ TEST(PowerLoss, takes_nothing_from_a_durable_queue) {
     EXPECT_GE(losses.states, length(2000, 100000));
 }
 
-// For the documents: nothing is promised here but that the run ends.
 TEST(PowerLoss, of_a_queue_that_forces_nothing_is_counted) {
     const Losses losses = measured(FQ_DURABILITY_NONE, length(200, 20000));
     report("default", losses, "-");
