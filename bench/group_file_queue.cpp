@@ -23,9 +23,10 @@ Contender contender(const char *name, Measured (*store)(const StoreJob &), uint3
 }
 
 void against(const Settings &settings, Report &report, uint32_t batch,
-             const std::vector<Peer> &peers) {
-    const std::string size = batch == 1 ? "single" : "batch " + std::to_string(batch);
-    std::vector<Contender> all{contender("fq_", store_halvo, batch)};
+             const std::vector<Peer> &peers, const Peer &ours = {"fq_", store_halvo, 0, 0},
+             const char *mode = "") {
+    const std::string size = mode + (batch == 1 ? "single" : "batch " + std::to_string(batch));
+    std::vector<Contender> all{contender(ours.name, ours.store, batch)};
     for (const Peer &peer : peers) all.push_back(contender(peer.name, peer.store, batch));
     race(all, settings, report, "file queue " + size);
     Row row{};
@@ -46,7 +47,9 @@ void against(const Settings &settings, Report &report, uint32_t batch,
 } // namespace
 
 void measure_file_queue(const Settings &settings, Report &report) {
-    report.begin("file", "items of 500 bytes per second, nothing forced to the disk");
+    report.begin(
+        "file",
+        "items of 500 bytes per second; nothing forced to the disk, but in the durable rows");
     against(settings, report, 1,
             {{"fewest calls", store_calls, 0.6, 0.6},
              {"sqlite", store_sqlite, 1.9, 3.6},
@@ -59,6 +62,11 @@ void measure_file_queue(const Settings &settings, Report &report) {
              {"sqlite", store_sqlite, 1.5, 5.5},
              {"leveldb", store_leveldb, 0.85, 2.6},
              {"raw write/read", store_raw, 0, 0}});
+    for (const uint32_t batch : {1u, 100u})
+        against(settings, report, batch,
+                {{"sqlite, FULL", store_sqlite_durable, 1, 1},
+                 {"leveldb, sync", store_leveldb_durable, 1, 1}},
+                {"fq_ durable", store_halvo_durable, 0, 0}, "durable ");
 }
 
 } // namespace halvo::bench

@@ -1,4 +1,4 @@
-// SQLite as a queue: a table by number, in WAL mode with synchronous off.
+// SQLite as a queue: a table by number, in WAL mode.
 #include <sqlite3.h>
 
 #include "bench/store_runs.h"
@@ -9,10 +9,10 @@ namespace {
 
 class Database {
 public:
-    explicit Database(const std::string &file) {
+    Database(const std::string &file, const char *synchronous) {
         if (sqlite3_open(file.c_str(), &db_) != SQLITE_OK) throw Failure("sqlite3_open");
         execute("PRAGMA journal_mode=WAL");
-        execute("PRAGMA synchronous=OFF");
+        execute((std::string("PRAGMA synchronous=") + synchronous).c_str());
         execute("CREATE TABLE q(id INTEGER PRIMARY KEY, data BLOB)");
     }
     Database(const Database &) = delete;
@@ -53,8 +53,8 @@ private:
 };
 
 struct SqliteStore {
-    explicit SqliteStore(const std::string &directory)
-        : database(directory + "/q.db"), begin(database, "BEGIN IMMEDIATE"),
+    explicit SqliteStore(const std::string &directory, const char *synchronous = "OFF")
+        : database(directory + "/q.db", synchronous), begin(database, "BEGIN IMMEDIATE"),
           commit(database, "COMMIT"), insert(database, "INSERT INTO q(data) VALUES(?)"),
           take_one(database, "DELETE FROM q WHERE id=(SELECT min(id) FROM q) RETURNING data"),
           oldest(database, "SELECT id, data FROM q ORDER BY id LIMIT ?"),
@@ -100,8 +100,13 @@ struct SqliteStore {
     sqlite3_int64 last = 0;
 };
 
+struct DurableStore : SqliteStore {
+    explicit DurableStore(const std::string &directory) : SqliteStore(directory, "FULL") {}
+};
+
 } // namespace
 
+Measured store_sqlite_durable(const StoreJob &job) { return time_store<DurableStore>(job); }
 Measured store_sqlite(const StoreJob &job) { return time_store<SqliteStore>(job); }
 
 } // namespace halvo::bench

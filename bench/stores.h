@@ -32,6 +32,12 @@ Measured store_sqlite(const StoreJob &);
 // Without sync.
 Measured store_leveldb(const StoreJob &);
 
+// The same, when every transaction is on the disk before it is answered: FQ_DURABILITY_COMMIT,
+// synchronous=FULL, sync.
+Measured store_halvo_durable(const StoreJob &);
+Measured store_sqlite_durable(const StoreJob &);
+Measured store_leveldb_durable(const StoreJob &);
+
 // Halvo again: fills a queue once, then puts and gets single items by turns.
 void fill_queue(const std::string &path, int64_t items);
 Measured turn_over(const std::string &path, uint32_t count);

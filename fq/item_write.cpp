@@ -260,7 +260,7 @@ int fq_write_item_commit(fqtrans *trans) noexcept {
         return -1;
     OpenSide *side = running_side(trans, trans->path);
     if (side && side->data_seen && side->data_order == first.order) {
-        if (!side->is_still_the_queue()) return -1;
+        if (!side->is_still_the_queue(batch)) return -1;
         const int fd = side->data.get();
         if (!batch && may_get_holes(first.offset, next.offset) && !sync_file(fd)) return -1;
         if (!batch) return end_commit(fd, flip(fd, first.offset), trans, next);

@@ -11,9 +11,9 @@ namespace halvo::fq {
 
 // Where in a log the position was found.
 struct LastRecord {
-    bool found = false; // a record that can be read
-    bool blank = false; // no record holds anything but zeros: a log that never reached the disk
-    int64_t at = 0;     // offset of the last whole record
+    bool found = false;      // a record that can be read
+    bool blank = false;      // no record has reached the disk to its end, which is a line feed
+    int64_t at = 0;          // offset of the last whole record
     int32_t left_order = -1; // the data file that the record before it names; -1: not known
     bool stepped = false;    // the last record cannot be read, and the one found is an earlier one
 };
@@ -33,9 +33,7 @@ inline ssize_t read_last_record(int fd, int64_t size, char *record, LastRecord &
     if (before > 0) last.left_order = position_in(pair).order;
     if (last.found) return kRecordSize;
     // Steps back over what cannot be read.
-    const auto is_blank = [](const char *bytes) {
-        return std::all_of(bytes, bytes + kRecordSize, [](char c) { return c == '\0'; });
-    };
+    const auto is_blank = [](const char *bytes) { return bytes[kRecordSize - 1] == '\0'; };
     last.blank = is_blank(record);
     for (int64_t at = last.at - kRecordSize; at >= 0; at -= kRecordSize) {
         if (pread(fd, pair, kRecordSize, at) != kRecordSize) break;
@@ -43,6 +41,7 @@ inline ssize_t read_last_record(int fd, int64_t size, char *record, LastRecord &
         if (!position_in(pair).valid()) continue;
         std::memcpy(record, pair, kRecordSize);
         last.found = last.stepped = true;
+        last.blank = false;
         last.left_order = -1;
         break;
     }

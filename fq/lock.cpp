@@ -67,7 +67,9 @@ int take_locks(fqtrans *trans, OpenSide &side, MutexLock &threads) {
     }
     const int error = wait_for_lock(side.lock.get());
     if (error != 0 && !(kept && error == EBADF)) return kFileNotLocked;
-    if (error != 0 || !side.lock.is_named(side.directory(), side.lock_name)) side.lock.close();
+    side.names.ask(side.directory());
+    if (error != 0 || !side.lock.is_named(side.directory(), side.lock_name, side.names, false))
+        side.lock.close();
     return 0;
 }
 
@@ -80,8 +82,13 @@ bool open_log_file(OpenSide &side) {
 // Opens the position file, if it is not open from before, and reads the position.
 int open_log(fqtrans *trans, OpenSide &side, bool &made_first) {
     // A log without a record is written at the descriptor's offset: that of a new one.
-    bool kept =
-        side.log.is_named(side.directory(), side.log_name) && side.log.size() >= kRecordSize;
+    bool kept = side.log.is_named(side.directory(), side.log_name, side.names, false);
+    if (kept && read_guessed_position(side, trans->curpos)) {
+        made_first = false;
+        return kRecordSize;
+    }
+    kept = kept && side.log.is_named(side.directory(), side.log_name, side.names, true) &&
+           side.log.size() >= kRecordSize;
     for (;; kept = false) {
         if (!kept && !open_log_file(side)) return kNoLog;
         const int result = load_position(side, trans->curpos, made_first);

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <new>
 
 using namespace halvo;
@@ -72,6 +73,31 @@ struct AtExit {
 
 } // namespace
 
+// ---- Names -------------------------------------------------------------------------------------
+
+void Names::in_directory_of(const char *path) noexcept {
+    fq_dirof(path, directory_);
+    if (!*directory_) std::strcpy(directory_, "/");
+}
+
+void Names::ask(int start) noexcept {
+    struct statx seen;
+    const bool found = statx(start, directory_, 0, STATX_INO | STATX_CTIME, &seen) == 0;
+    const FileId id{makedev(seen.stx_dev_major, seen.stx_dev_minor), seen.stx_ino};
+    held_ = found && certain_ && id == id_ && seen.stx_ctime.tv_sec == seconds_ &&
+            seen.stx_ctime.tv_nsec == nanoseconds_;
+    if (held_) return;
+    ++round_;
+    id_ = id;
+    seconds_ = seen.stx_ctime.tv_sec;
+    nanoseconds_ = seen.stx_ctime.tv_nsec;
+    // The clock of the directory's next change must have gone on.
+    timespec now{};
+    certain_ = found && nanoseconds_ != 0 && clock_gettime(CLOCK_REALTIME_COARSE, &now) == 0 &&
+               (now.tv_sec > seconds_ ||
+                (now.tv_sec == seconds_ && static_cast<uint32_t>(now.tv_nsec) > nanoseconds_));
+}
+
 // ---- Files -------------------------------------------------------------------------------------
 
 FileState halvo::fq::state_of(int fd) noexcept { return state(fd, "", AT_EMPTY_PATH); }
@@ -90,13 +116,21 @@ bool KeptFile::open(int directory, const FileName &name, int flags) noexcept {
     file_ = std::move(opened);
     id_ = found.id;
     size_ = found.size;
+    asked_ = 0;
     kept_ = false;
     return true;
 }
 
-bool KeptFile::is_named(int directory, const FileName &name) noexcept {
+bool KeptFile::is_named(int directory, const FileName &name, const Names &names,
+                        bool sized) noexcept {
     if (!file_) return false;
-    const FileState found = state_of(directory, name.text);
+    const bool known = names.hold_since(asked_);
+    if (known && !sized) return true;
+    // A name that leads elsewhere is asked every time: what it leads to has another directory.
+    FileState found =
+        known ? state_of(file_.get()) : state(directory, name.text, AT_SYMLINK_NOFOLLOW);
+    asked_ = found.found && found.id == id_ ? names.round() : 0;
+    if (asked_ == 0 && !known) found = state_of(directory, name.text);
     size_ = found.size;
     return found.found && found.id == id_;
 }
@@ -124,7 +158,8 @@ bool KeptFile::keep() noexcept {
 }
 
 bool OpenSide::has_data(int32_t order) noexcept {
-    data_seen = data_order == order && data && (data_seen || data.is_named(directory(), data_name));
+    data_seen = data_order == order && data &&
+                (data_seen || data.is_named(directory(), data_name, names, mode == 'w'));
     return data_seen;
 }
 
@@ -141,9 +176,10 @@ bool OpenSide::open_data(int32_t order, int flags) noexcept {
     return true;
 }
 
-bool OpenSide::is_still_the_queue() noexcept {
+bool OpenSide::is_still_the_queue(bool sized) noexcept {
+    names.ask(directory());
     for (const auto &[file, name] : {std::pair(&lock, &lock_name), std::pair(&data, &data_name)}) {
-        if (file->is_named(directory(), *name)) continue;
+        if (file->is_named(directory(), *name, names, sized && file == &data)) continue;
         std::printf("fq_write_item_commit.open error %s\n", name->text);
         return false;
     }
@@ -168,6 +204,7 @@ OpenSide *made_side(const char *path, char mode, const FileId &start) {
     if (!side) return nullptr;
     std::strcpy(side->path, path);
     side->mode = mode;
+    side->names.in_directory_of(path);
     side->lock_name = lock_file(path, mode);
     side->log_name = position_file(path, mode);
     if (path[0] == '/') return side;

@@ -3,7 +3,7 @@
 // A transaction has its open side to itself and gives it back at its end; another one on the same
 // side, of another thread, opens its own meanwhile. Only open files are kept, no content: other
 // processes write in between. A kept file serves only while its name is that file's: each
-// transaction asks once for each file, and a commit asks again.
+// transaction asks, and a commit asks again.
 //
 // Kept descriptors have high numbers, which no open() of the host's gives out: a host that closes
 // what is not its own leaves a number that is not in use, and the next call on it says so. A file
@@ -19,6 +19,28 @@
 #include "fq/read_ahead.h"
 
 namespace halvo::fq {
+
+// The names in a queue's directory. Every change of one marks the directory's time, so that a
+// directory of the same path, device, inode and time has the names that it had: what was asked of
+// each file since then holds. A time of which the clock may still make another equal one does not
+// count, nor does one without a fraction, as file systems have that count seconds.
+class Names {
+public:
+    void in_directory_of(const char *path) noexcept;
+    // Asks the directory, by its name. `start`: what a relative path counts from.
+    void ask(int start) noexcept;
+    // Whether the answer for a file holds that was given in such a round of asking.
+    bool hold_since(uint64_t round) const noexcept { return held_ && round == round_; }
+    uint64_t round() const noexcept { return round_; }
+
+private:
+    char directory_[FQ_NAME_SIZE];
+    FileId id_;
+    int64_t seconds_ = 0;
+    uint32_t nanoseconds_ = 0;
+    bool certain_ = false, held_ = false;
+    uint64_t round_ = 0;
+};
 
 class KeptFile {
 public:
@@ -42,8 +64,8 @@ public:
     int get() const noexcept { return file_.get(); }
     const FileId &id() const noexcept { return id_; }
 
-    // Whether the file is open and `name` names it.
-    bool is_named(int directory, const FileName &name) noexcept;
+    // Whether the file is open and `name` names it. `sized`: size() is wanted too.
+    bool is_named(int directory, const FileName &name, const Names &names, bool sized) noexcept;
     // Bytes in the file when it was opened or asked for last.
     int64_t size() const noexcept { return size_; }
 
@@ -51,6 +73,7 @@ private:
     Descriptor file_;
     FileId id_;
     int64_t size_ = 0;
+    uint64_t asked_ = 0; // the round in which its name was last found to be its own
     bool kept_ = false;
 };
 
@@ -60,10 +83,12 @@ struct OpenSide {
     // What a relative path counts from.
     Descriptor start;
     FileId start_id;
+    Names names;
     FileName lock_name, log_name, data_name;
     KeptFile lock, log, data;
     OpenKey *entry = nullptr; // of the lock file
     int64_t log_size = -1;    // bytes in the log since it was locked; -1: unknown
+    int64_t log_guess = -1;   // what the log will hold after the last commit, if nobody else writes
     int32_t left_order = -1;  // the log's record before its last names this data file
     int32_t data_order = -1;  // of `data`
     bool data_seen = false;   // the transaction has asked whether `data` has its name
@@ -76,7 +101,7 @@ struct OpenSide {
     bool has_data(int32_t order) noexcept;
     bool open_data(int32_t order, int flags) noexcept;
     // Asks whether lock file and data file still have their names; a line when not.
-    bool is_still_the_queue() noexcept;
+    bool is_still_the_queue(bool sized) noexcept;
 };
 
 // A side that an earlier transaction has given back, now the caller's; else a new one, nothing open.

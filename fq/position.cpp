@@ -136,8 +136,21 @@ int halvo::fq::load_position(OpenSide &side, char *record, bool &made_first) noe
         load({side.directory(), side.path, side.log.get(), side.log.size(), side.mode}, record,
              last, made_first);
     side.log_size = made_first ? -1 : side.log.size();
+    side.log_guess = side.log_size;
     side.left_order = last.left_order;
     return result;
+}
+
+bool halvo::fq::read_guessed_position(OpenSide &side, char *record) noexcept {
+    constexpr ssize_t pair = 2 * kRecordSize;
+    char bytes[pair + 1]; // one more: the log must end there
+    if (side.log_guess < pair) return false;
+    if (pread(side.log.get(), bytes, sizeof bytes, side.log_guess - pair) != pair) return false;
+    std::memcpy(record, bytes + kRecordSize, kRecordSize);
+    if (!position_in(record).valid()) return false;
+    side.left_order = position_in(bytes).order;
+    side.log_size = side.log_guess;
+    return true;
 }
 
 bool halvo::fq::checked_position(const char *path, char *record, Position &at,
@@ -170,13 +183,14 @@ bool halvo::fq::move_offset(const char *path, char *record, int64_t order,
 }
 
 Saved halvo::fq::save_position(fqtrans *trans, void (*tell_uncut)(const fqtrans *)) noexcept {
-    const OpenSide *side = running_side(trans);
+    OpenSide *side = running_side(trans);
     const int fd = trans->posfd;
     const int64_t size = side ? side->log_size : -1;
     const bool reader = side && side->mode == 'r';
     const bool full = (size < 0 ? size_of(fd) : size) > kFileLimit;
     if (!full) {
         const int appended = append_record(fd, trans->nextpos, size);
+        if (side) side->log_guess = appended < 0 ? -1 : size - size % kRecordSize + kRecordSize;
         if (appended >= 0) return {appended, false};
         return {begin_again(trans, reader) > 0 ? kRecordSize : -1, false};
     }

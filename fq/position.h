@@ -12,6 +12,10 @@ struct OpenSide;
 // failed read.
 int load_position(OpenSide &side, char *record, bool &made_first) noexcept;
 
+// The same when the log ends where the last commit left it, which is read from the log. False when it
+// does not, or nothing is known of it.
+bool read_guessed_position(OpenSide &side, char *record) noexcept;
+
 // The position in a held record, whose numbers it terminates. False for a damaged record (not nine
 // digits, or negative): that and then `seek_message`, when the offset is at fault, are printed.
 bool checked_position(const char *path, char *record, Position &at,

@@ -1,7 +1,5 @@
 // What the path names is the queue, whatever operators do to the files: between two transactions,
 // while a transaction runs, and to the descriptors that are kept.
-#include <sys/resource.h>
-
 #include <filesystem>
 
 #include "tests/fq/queue_fixture.h"
@@ -13,7 +11,8 @@ namespace fs = std::filesystem;
 namespace {
 
 // A queue in a directory of its own, which may be moved; both sides have been used.
-class ByName : public testing::Test {
+// Right after the files were made, and when their directory has been left alone for a while.
+class ByName : public testing::TestWithParam<bool> {
 protected:
     Queue place;
     const std::string dir = place.directory() + "/live", moved = place.directory() + "/moved";
@@ -24,6 +23,19 @@ protected:
         EXPECT_EQ(put("one"), 0);
         EXPECT_EQ(put("two"), 0);
         EXPECT_EQ(take(), "one");
+        rest();
+    }
+    // Lets the directory's time pass, and each side look at it then.
+    void rest() const {
+        if (!GetParam()) return;
+        usleep(20000);
+        for (const char mode : {'w', 'r'}) {
+            fqtrans trans{};
+            std::strcpy(trans.path, path.c_str());
+            EXPECT_EQ(fq_lock(mode, &trans), 31);
+            EXPECT_EQ(fq_unlock(&trans), 0);
+        }
+        usleep(20000);
     }
     int put(const std::string &data, const char *queue = nullptr) const {
         return fq_enqueue_away(-1, -1, 1, queue ? queue : path.c_str(), data.data(),
@@ -53,7 +65,6 @@ protected:
         return fq_enqueue(-1, path.c_str(), data.data(), static_cast<unsigned>(data.size()),
                           &trans);
     }
-    // The open descriptor of a file of the queue.
     int descriptor_of(const char *suffix) const {
         for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
             std::error_code gone;
@@ -66,16 +77,10 @@ protected:
 
 } // namespace
 
-TEST_F(ByName, a_directory_moved_away_and_made_anew_is_a_new_queue) {
-    fs::rename(dir, moved);
-    fs::create_directory(dir);
-    EXPECT_EQ(put("new"), 0);
-    EXPECT_EQ(others_take(path), "new");
-    EXPECT_EQ(take((moved + "/q").c_str()), "two") << "untouched";
-    EXPECT_EQ(take((moved + "/q").c_str()), "[0]");
-}
+INSTANTIATE_TEST_SUITE_P(, ByName, testing::Bool(),
+                         [](const auto &kind) { return kind.param ? "at_rest" : "at_once"; });
 
-TEST_F(ByName, a_directory_replaced_by_a_copy_is_the_copy) {
+TEST_P(ByName, a_directory_replaced_by_a_copy_is_the_copy) {
     fs::copy(dir, moved);
     fs::rename(dir, dir + ".old");
     fs::rename(moved, dir);
@@ -86,7 +91,7 @@ TEST_F(ByName, a_directory_replaced_by_a_copy_is_the_copy) {
     EXPECT_EQ(take((dir + ".old/q").c_str()), "[0]");
 }
 
-TEST_F(ByName, a_relative_path_counts_with_its_directory) {
+TEST_P(ByName, a_relative_path_counts_with_its_directory) {
     fs::create_directory(moved);
     const auto in = [&](const std::string &directory) { fs::current_path(directory); };
     in(dir);
@@ -109,7 +114,7 @@ TEST_F(ByName, a_relative_path_counts_with_its_directory) {
     in("/");
 }
 
-TEST_F(ByName, a_data_file_renamed_or_replaced_is_left_alone) {
+TEST_P(ByName, a_data_file_renamed_or_replaced_is_left_alone) {
     fs::rename(file("000000000"), file("away"));
     const auto size = fs::file_size(file("away"));
     EXPECT_EQ(put("three"), 0);
@@ -129,7 +134,7 @@ TEST_F(ByName, a_data_file_renamed_or_replaced_is_left_alone) {
     EXPECT_EQ(others_take(path), "four");
 }
 
-TEST_F(ByName, a_lock_file_replaced_by_rename_is_the_new_one) {
+TEST_P(ByName, a_lock_file_replaced_by_rename_is_the_new_one) {
     for (const char *suffix : {"wrlk", "rdlk"}) {
         fs::create_hard_link(file(suffix), file(suffix) + ".link"); // the old one has a name still
         std::ofstream(file("new")) << "";
@@ -151,9 +156,7 @@ TEST_F(ByName, a_lock_file_replaced_by_rename_is_the_new_one) {
     EXPECT_EQ(take(), "ours");
 }
 
-// Whatever was replaced after the begin: 0 is not answered for items that are in no queue, or that
-// another holder may overwrite.
-TEST_F(ByName, a_commit_into_a_file_that_is_not_the_queues_any_more_fails) {
+TEST_P(ByName, a_commit_into_a_file_that_is_not_the_queues_any_more_fails) {
     const std::vector<std::pair<const char *, std::function<void()>>> faults = {
         {"unlinked", [&] { fs::remove(file("000000000")); }},
         {"renamed", [&] { fs::rename(file("000000000"), file("away")); }},
@@ -179,6 +182,7 @@ TEST_F(ByName, a_commit_into_a_file_that_is_not_the_queues_any_more_fails) {
             SCOPED_TRACE(what);
             fs::remove_all(moved + ".old");
             fqtrans trans;
+            rest();
             ASSERT_GT(begin(trans, "lost"), 0);
             ASSERT_TRUE(!batch || fq_enqueue_next(-1, "too", 3, &trans) > 0);
             fault();
@@ -193,8 +197,7 @@ TEST_F(ByName, a_commit_into_a_file_that_is_not_the_queues_any_more_fails) {
         }
 }
 
-// A host closes what is not its own, and its next files may get the numbers.
-TEST_F(ByName, a_kept_descriptor_closed_by_the_host_is_opened_again) {
+TEST_P(ByName, a_kept_descriptor_closed_by_the_host_is_opened_again) {
     for (const char *suffix : {"wrlk", "tail", "000000000", "rdlk", "head"}) {
         SCOPED_TRACE(suffix);
         const int fd = descriptor_of(suffix);
@@ -207,29 +210,4 @@ TEST_F(ByName, a_kept_descriptor_closed_by_the_host_is_opened_again) {
     EXPECT_EQ(take(), "two");
     for (const char *suffix : {"wrlk", "tail", "000000000", "rdlk", "head"})
         EXPECT_EQ(take(), suffix);
-}
-
-TEST_F(ByName, a_daemon_that_closes_all_and_uses_another_queue_first) {
-    Peer daemon([&] {
-        const std::string other = dir + "/other";
-        if (put("x", other.c_str()) != 0) return 1;
-        closefrom(3);
-        EXPECT_EQ(put("elsewhere", other.c_str()), 0);
-        EXPECT_EQ(put("three"), 0);
-        EXPECT_EQ(take(), "two");
-        EXPECT_EQ(take(other.c_str()), "x");
-        return 0;
-    });
-    EXPECT_EQ(daemon.wait(), 0);
-    EXPECT_EQ(take(), "three");
-    EXPECT_EQ(take((dir + "/other").c_str()), "elsewhere");
-}
-
-TEST_F(ByName, with_few_descriptors_left_nothing_is_kept_and_all_goes_on) {
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    limit.rlim_cur = 24;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    for (int i = 0; i < 40; ++i) ASSERT_EQ(put("x", (dir + "/n" + std::to_string(i)).c_str()), 0);
-    EXPECT_EQ(take(), "two");
 }

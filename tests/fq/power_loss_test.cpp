@@ -26,6 +26,8 @@ struct Known {
 
 struct Losses {
     int64_t states = 0, lost = 0, doubled = 0, stuck = 0, altered = 0;
+    int64_t faults() const { return lost + doubled + stuck + altered; }
+    std::string first; // the first disk with a fault, and what came out of it
 };
 
 std::string data_of(int item, unsigned length) {
@@ -72,13 +74,14 @@ private:
         now_.call = record_.calls();
         known_.push_back(now_);
     }
+    unsigned below(unsigned limit) { return static_cast<unsigned>(random_() % limit); }
     std::string next_item() {
-        const unsigned length = random_() % 12 == 0 ? 4000 + random_() % 5000 : random_() % 60;
+        const unsigned length = below(12) == 0 ? 4000 + below(5000) : below(60);
         lengths_.push_back(length);
         return data(static_cast<int>(lengths_.size()) - 1);
     }
     void write() {
-        const unsigned kind = random_() % 6;
+        const unsigned kind = below(6);
         std::vector<std::string> items;
         for (unsigned i = 0; i < (kind < 3 ? 2 + random_() % 3 : 1); ++i)
             items.push_back(next_item());
@@ -154,6 +157,8 @@ void judge(const Run &run, const Known &known, std::vector<std::string> got, Los
         return;
     }
     got.resize(got.size() - 3);
+    // A single item that was not forced may be torn: damage to a reader, until a writer removes it.
+    std::erase(got, "[-1]");
     std::set<int> seen;
     for (const std::string &data : got) {
         const int item = item_of(data);
@@ -175,6 +180,33 @@ void judge(const Run &run, const Known &known, std::vector<std::string> got, Los
                       under_way + std::max(0, known.read - known.written) != known.under_way;
 }
 
+// What stands in the files, without the hole at the beginning of a data file.
+std::string pictures(const Queue &queue) {
+    std::string text;
+    for (const int order : {0, 1, 3, 4}) {
+        if (!queue.has(order)) continue;
+        const std::string bytes = queue.bytes(order);
+        const size_t hole = std::min(bytes.find_first_not_of('\0'), bytes.size());
+        text += std::to_string(order) + " from " + std::to_string(hole) + ": " +
+                picture_of(bytes.substr(hole)) + "\n";
+    }
+    for (const char *log : {"tail", "head"}) {
+        std::string bytes = queue.bytes(log);
+        bytes.erase(0, std::min(bytes.find_first_not_of('\0'), bytes.size()));
+        std::replace(bytes.begin(), bytes.end(), '\0', '?');
+        text += std::string(log) + ":\n" + bytes + "\n";
+    }
+    return text;
+}
+
+std::string told(const Known &known, const std::vector<std::string> &got) {
+    std::string text = "written " + std::to_string(known.written) + ", under way " +
+                       std::to_string(known.under_way) + ", read " + std::to_string(known.read) +
+                       ", being saved " + std::to_string(known.being_saved) + "; came out:";
+    for (const std::string &data : got) text += " " + data.substr(0, data.find(' '));
+    return text + "\n";
+}
+
 Losses fail_everywhere(int states, std::minstd_rand &random) {
     Losses losses;
     const Queue running, after;
@@ -184,10 +216,19 @@ Losses fail_everywhere(int states, std::minstd_rand &random) {
         for (size_t calls = 0; calls <= run.record().calls(); ++calls)
             for (const auto rest : {Recorder::nothing, Recorder::all, Recorder::anything,
                                     Recorder::anything, Recorder::anything}) {
+                std::minstd_rand again = random;
                 after.clear();
                 run.record().build(after.path(), calls, rest, random);
                 alarm(60); // stuck for good
-                judge(run, run.known_after(calls), go_on(after, random() % 2), losses);
+                const bool writer_first = random() % 2;
+                const std::vector<std::string> got = go_on(after, writer_first);
+                judge(run, run.known_after(calls), got, losses);
+                if (losses.faults() == 0 || !losses.first.empty()) continue;
+                after.clear();
+                run.record().build(after.path(), calls, rest, again);
+                losses.first = pictures(after) +
+                               (writer_first ? "a writer first\n" : "a reader first\n") +
+                               told(run.known_after(calls), got);
             }
     }
     alarm(0);
@@ -204,6 +245,7 @@ void report(const std::string &mode, const Losses &losses, const char *asked) {
 }
 
 Losses measured(int mode, int states) {
+    setenv("TMPDIR", "/dev/shm", 0); // the disks are built by the ten thousand
     std::minstd_rand random(seed());
     EXPECT_EQ(fq_set_durability(mode), 0);
     const StdoutCapture unseen;
@@ -215,11 +257,10 @@ Losses measured(int mode, int states) {
 TEST(PowerLoss, takes_nothing_from_a_durable_queue) {
     const Losses losses = measured(FQ_DURABILITY_COMMIT, length(2000, 100000));
     report("durable", losses, "0");
-    EXPECT_EQ(losses.lost + losses.doubled + losses.altered + losses.stuck, 0);
+    EXPECT_EQ(losses.faults(), 0) << losses.first;
     EXPECT_GE(losses.states, length(2000, 100000));
 }
 
-// For the documents: nothing is promised here but that the run ends.
 TEST(PowerLoss, of_a_queue_that_forces_nothing_is_counted) {
     const Losses losses = measured(FQ_DURABILITY_NONE, length(200, 20000));
     report("default", losses, "-");

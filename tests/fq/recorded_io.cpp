@@ -184,16 +184,13 @@ void Recorder::build(const std::string &path, size_t calls, Rest rest,
         if (is_name) there[call.file] = call.kind == DiskCall::create;
         if (call.kind == DiskCall::cut) real_truncate(fd, call.offset);
         if (call.kind != DiskCall::write) continue;
-        // A torn write: its beginning, with or without zeros in place of the rest.
-        std::string bytes = call.bytes;
-        if (!safe && rest == anything && random() % 4 == 0) {
-            const size_t whole = random() % bytes.size();
-            if (random() % 2)
-                std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(whole), bytes.end(), '\0');
-            else
-                bytes.resize(whole);
-        }
-        real_pwrite(fd, bytes.data(), bytes.size(), call.offset);
+        // A torn write: its beginning. Where it made the file longer, this may have come through,
+        // with zeros in place of the rest.
+        const bool torn = !safe && rest == anything && random() % 4 == 0;
+        const size_t whole = torn ? random() % call.bytes.size() : call.bytes.size();
+        real_pwrite(fd, call.bytes.data(), whole, call.offset);
+        const off_t end = call.offset + static_cast<off_t>(call.bytes.size());
+        if (torn && random() % 2 && lseek(fd, 0, SEEK_END) < end) real_truncate(fd, end);
     }
     // The lock files stay: their inodes are the keys of the process's table of mutexes.
     for (size_t file = 0; file < files_.size(); ++file)

@@ -94,7 +94,6 @@ TEST_P(Settling, a_gap_before_the_position_stays_one) {
     EXPECT_EQ(picture_of(queue.bytes(0).substr(100)), "F(new)");
 }
 
-// What no reader may still want is cut off: an item that was not committed. Nothing else is.
 TEST(LostLog, of_the_writer_overwrites_and_leaves_unread_items_until_they_are_reached) {
     const Queue queue;
     for (int i = 0; i < 1001; ++i) ASSERT_EQ(queue.put({"item" + std::to_string(i)}), 0);
