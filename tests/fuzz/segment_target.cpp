@@ -133,7 +133,14 @@ void write_slots(Input &input, halvo_channel *q) {
     const Message message = any_message(input, q->qbsz);
     const int type = input.number<uint16_t>();
     const int index = input.number<int8_t>();
-    switch (input.below(10)) {
+    switch (input.below(11)) {
+    case 9: {
+        qmsg *slot = nullptr;
+        if (q_reserve(q, message.length, &slot) == ESMS_OK)
+            std::memcpy(body(slot), message.data.get(), message.length);
+        q_publish(q, type, static_cast<uint32_t>(index));
+        break;
+    }
     case 0:
         q_write_mark(q, type, message.data.get(), message.length);
         break;
@@ -171,7 +178,19 @@ void write_slots(Input &input, halvo_channel *q) {
 void read_slots(Input &input, halvo_channel *q) {
     const Memory slot = exactly(q->qbsz);
     const int n = input.number<int8_t>();
-    switch (input.below(8)) {
+    switch (input.below(10)) {
+    case 7: {
+        const qmsg *next = nullptr;
+        if (q_peek(q, &next) == ESMS_OK)
+            std::memcpy(slot.get(), body(next), body_length(q->qbsz, next));
+        q_release(q, n);
+        break;
+    }
+    case 8: {
+        const auto capacity = static_cast<uint32_t>(n) % q->qbsz;
+        q_read_body(q, nullptr, exactly(capacity).get(), capacity, nullptr);
+        break;
+    }
     case 0:
         q_read_mark(q, n);
         break;
@@ -252,7 +271,27 @@ void guarded_operation(Input &input, int channel) {
     frx_stat(handle);
     frx_statBuf(handle, n);
     frx_isCountpartAlive(handle, n);
-    switch (input.below(12)) {
+    FrxMessage batch[] = {{n, message.length, slot_size, message.data.get()},
+                          {n, message.length, slot_size, message.data.get()}};
+    const qmsg *next = nullptr;
+    qmsg *room = nullptr;
+    switch (input.below(15)) {
+    case 11:
+        frx_writeMany(handle, batch, 2, n);
+        break;
+    case 12:
+        batch[0].data = batch[1].data = slot.get();
+        frx_readMany(handle, batch, 2, n);
+        break;
+    case 13:
+        frx_peek(handle, &next, n);
+        frx_release(handle, n);
+        frx_readBody(handle, nullptr, slot.get(), slot_size, n);
+        break;
+    case 14:
+        frx_reserve(handle, message.length, &room, n);
+        frx_publish(handle, n, message.length);
+        break;
     case 0:
         frx_write(handle, n, message.data.get(), message.length, n);
         break;
