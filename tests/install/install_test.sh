@@ -66,6 +66,7 @@ configure() {
 configure "$width" || { cat "$work/log"; exit 1; }
 cmake --build "$work/$width" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
 hello "$work/$width/hello"
+hello "$work/$width/in_place"
 if configure $((96 - width)); then
     echo "a program of $((96 - width)) bits was given the library of $width bits"
     exit 1

@@ -22,7 +22,7 @@ std::string content(const std::string &path) {
 
 TEST(Examples, in_c_and_cpp_pass_a_message) {
     const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 256).build();
-    for (const char *name : {"/hello_c", "/hello_cpp"}) {
+    for (const char *name : {"/hello_c", "/hello_cpp", "/in_place_c", "/in_place_cpp"}) {
         const Outcome outcome = run_program({std::string(HALVO_BIN) + name, s.key_file()});
         EXPECT_EQ(outcome.status, 0) << outcome.err;
         EXPECT_NE(outcome.out.find("\nhello, world\n"), std::string::npos) << outcome.out;
