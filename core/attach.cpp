@@ -15,7 +15,9 @@
 
 #include "core/barrier.h"
 #include "core/end.h"
+#include "core/mapping.h"
 #include "core/segment.h"
+#include "core/signals.h"
 
 using namespace halvo;
 
@@ -129,6 +131,7 @@ int init_shm(const char *keyfile) noexcept {
         attached = segment_ever;
         expect_channels();
         join_far_barriers();
+        start_signal_service();
         result = ESMS_OK;
     }
     std::puts("SHM_INIT_FINISHED.");
@@ -144,6 +147,7 @@ int close_shm() noexcept {
     semPosts = semRqsts = nullptr;
     attached = nullptr;
     forget_channels();
+    wait_for_mapping_users();
     // Kept: segment_ever, shmblock and the lock sets stay, so that a process attaches once for its lifetime.
     const int result = shmdt(segment) == 0 ? ESMS_OK : ESMS_SHMOP;
     return unlock_service() ? result : ESMS_MTXUNLOCK;

@@ -3,7 +3,7 @@
 
 using namespace halvo;
 
-int frx_peek(FrxChannel *handle, const qmsg **slot, int timeout) noexcept {
+int frx_peek(FrxChannel *handle, const qmsg **slot, int timeout) {
     return when_read(
         handle, slot != nullptr, timeout, [=](halvo_channel *q) { return q_peek(q, slot); },
         [&](halvo_channel *q) {
@@ -20,8 +20,7 @@ int frx_release(FrxChannel *handle, int error) noexcept {
     return done.code();
 }
 
-int frx_readBody(FrxChannel *handle, int *type, void *buffer, uint32_t capacity,
-                 int timeout) noexcept {
+int frx_readBody(FrxChannel *handle, int *type, void *buffer, uint32_t capacity, int timeout) {
     uint32_t length = 0;
     return when_read(
         handle, buffer != nullptr, timeout,
@@ -32,7 +31,7 @@ int frx_readBody(FrxChannel *handle, int *type, void *buffer, uint32_t capacity,
         });
 }
 
-int frx_readMany(FrxChannel *handle, FrxMessage *messages, int n, int timeout) noexcept {
+int frx_readMany(FrxChannel *handle, FrxMessage *messages, int n, int timeout) {
     int done = 0;
     const auto read_some = [&](halvo_channel *q) {
         int result = ESMS_OK;
@@ -49,7 +48,7 @@ int frx_readMany(FrxChannel *handle, FrxMessage *messages, int n, int timeout) n
     });
 }
 
-int frx_reserve(FrxChannel *handle, uint32_t length, qmsg **slot, int timeout) noexcept {
+int frx_reserve(FrxChannel *handle, uint32_t length, qmsg **slot, int timeout) {
     const CheckedEnd end = check_end(kWriter, handle, slot != nullptr);
     if (end.fault != ESMS_OK) return end.fault;
     return code_of(write_one(handle, end.q, timeout, "snd error .....",
@@ -64,7 +63,7 @@ int frx_publish(FrxChannel *handle, int type, uint32_t length) noexcept {
     return done.code();
 }
 
-int frx_writeMany(FrxChannel *handle, const FrxMessage *messages, int n, int timeout) noexcept {
+int frx_writeMany(FrxChannel *handle, const FrxMessage *messages, int n, int timeout) {
     const CheckedEnd end = check_end(kWriter, handle, messages && n > 0);
     if (end.fault != ESMS_OK) return end.fault;
     int done = 0;

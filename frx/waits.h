@@ -11,7 +11,7 @@ namespace halvo {
 // the result. What else the core answers is ESMS_FAILED.
 template <class Operation, class Done>
 int32_t when_read(FrxChannel *handle, bool arguments_ok, int timeout, Operation operation,
-                  Done done) noexcept {
+                  Done done) {
     const CheckedEnd end = check_end(kReader, handle, arguments_ok);
     if (end.fault != ESMS_OK) return end.fault;
     Locked last;

@@ -1,5 +1,5 @@
 // Two processes send one message back and forth; each sleeps until the other's arrives. A wake-up
-// that is lost would be made good by the end of a slice, 100 ms later, and shows as such.
+// that is lost would be made good by the monitor, 100 ms later or more, and shows as such.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -14,7 +14,7 @@ using namespace halvo::test;
 namespace {
 
 constexpr int kTimeout = 20000;     // milliseconds
-constexpr int64_t kRescued = 50000; // microseconds: longer than any wake-up, shorter than a slice
+constexpr int64_t kRescued = 50000; // microseconds: longer than any wake-up, shorter than a pass
 constexpr int64_t kTooLong = 300000;
 
 struct Ends {
@@ -84,7 +84,7 @@ TEST(RoundTrips, no_wake_up_is_lost) {
     const int64_t slept = after.ru_nvcsw - before.ru_nvcsw;
     figure("blocking round trips between two processes", std::to_string(trips), trips);
     figure("round trips longer than 300 ms", "0", too_long);
-    figure("round trips longer than 50 ms (woken by a slice's end)", "0", rescued);
+    figure("round trips longer than 50 ms (woken by the monitor)", "0", rescued);
     figure("times that this side really slept", "-", slept);
     figure("mean round trip, microseconds", "-", sum / trips);
     figure("longest round trip / longest stall of the machine, microseconds", "-",

@@ -66,6 +66,7 @@ public:
     SingleStep &operator=(const SingleStep &) = delete;
     ~SingleStep() { kill(); }
 
+    pid_t pid() const { return pid_; }
     bool has_returned() const { return stage_.returned != 0; }
 
     void step() {
