@@ -106,9 +106,3 @@ int q_close(int channel, char mode) noexcept {
         return ESMS_FAILED;
     }
 }
-
-void halvo::record_owner(const Side &side, halvo_channel *q, const char *client) noexcept {
-    // A name of 23 bytes or more is cut; the field's last byte is never written and stays NUL.
-    std::strncpy(q->*side.name, client, HALVO_NAME_SIZE - 1);
-    store(q->*side.pid, process_id());
-}
