@@ -32,7 +32,8 @@ install(TARGETS halvoipc EXPORT HalvoIPCTargets
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY include/halvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   COMPONENT development)
-install(FILES docs/examples/hello.c docs/examples/hello.cpp docs/examples/CMakeLists.txt
+install(FILES docs/examples/hello.c docs/examples/hello.cpp docs/examples/in_place.c
+  docs/examples/in_place.cpp docs/examples/CMakeLists.txt
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libhalvoipc-dev/examples COMPONENT development)
 
 # ---- pkg-config and CMake files of the word size

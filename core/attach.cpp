@@ -16,6 +16,7 @@
 
 #include "core/barrier.h"
 #include "core/end.h"
+#include "core/keys.h"
 #include "core/mapping.h"
 #include "core/segment.h"
 #include "core/signals.h"
@@ -35,13 +36,9 @@ int semWriteLock = -1;
 // Error-checking, because a failed attach leaves it locked: the thread must not hang on itself.
 pthread_mutex_t mtx_service = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
 
-constexpr int kSegmentProject = 1; // ftok project ids
-constexpr int kReadLockProject = 201;
-constexpr int kWriteLockProject = 202;
-
 // The key file's path with a suffix; empty when it does not fit, so that ftok finds no such file.
 struct KeyPath {
-    char text[2048] = {};
+    char text[kKeyPathSize] = {};
     KeyPath(const char *keyfile, const char *suffix) {
         if (std::strlen(keyfile) + std::strlen(suffix) < sizeof text) {
             std::strcpy(text, keyfile);
@@ -60,7 +57,7 @@ int *channel_semaphores(const char *path) {
     int *ids = new (std::nothrow) int[static_cast<size_t>(first_channels)];
     for (int channel = 0; ids && channel < first_channels; ++channel) {
         const halvo_channel *q = header_in(segment_ever, channel);
-        ids[channel] = q && q->qtype == 'M' ? set_id(path, channel + 1, 1) : -1;
+        ids[channel] = q && q->qtype == 'M' ? set_id(path, channel_project(channel), 1) : -1;
     }
     return ids;
 }
@@ -166,8 +163,8 @@ bool unlock_service() noexcept { return pthread_mutex_unlock(&mtx_service) == 0;
 
 int init_shm(const char *keyfile) noexcept {
     if (!keyfile) return shmblock ? ESMS_OK : ESMS_NOINIT;
-    const KeyPath posts(keyfile, ".post");
-    const KeyPath requests(keyfile, ".req");
+    const KeyPath posts(keyfile, kPostSuffix);
+    const KeyPath requests(keyfile, kRequestSuffix);
     if (!lock_service()) return ESMS_MTXLOCK;
     int result = ESMS_ALREADY;
     if (!shmblock) {

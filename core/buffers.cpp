@@ -46,7 +46,7 @@ int q_write_buf(halvo_channel *q, int type, const void *data, uint32_t length, i
     const WriterEnd end(q);
     end.touch();
     const int fault = length_fault(end, data, length);
-    if (fault != ESMS_OK) return report_length(end, fault, length);
+    if (fault != ESMS_OK) return report_length(end.size(), fault, length);
     qmsg *parked = buffer_of(q, end, load(q->wbufs), index);
     if (!parked) return ESMS_INVAL;
     if (load_state(parked) != HALVO_SLOT_FREE) return ESMS_PENDING;

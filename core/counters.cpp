@@ -11,14 +11,6 @@
 
 using namespace halvo;
 
-namespace {
-
-int64_t difference(const halvo_counter &put, const halvo_counter &got) {
-    return static_cast<int64_t>(put.count - got.count);
-}
-
-} // namespace
-
 int q_settime() noexcept {
     const MappingUse mapping; // the monitor calls this beside a close_shm()
     halvo_segment *segment = mapping.segment();
@@ -37,9 +29,9 @@ void q_pcount_up(halvo_channel *q, const qmsg *slot, int flag) noexcept {
 void q_gcount_up(halvo_channel *q, const qmsg *, int error) noexcept { count_got(q, error); }
 
 int64_t q_pcount_per_type(const halvo_channel *q, int type) noexcept {
-    return type >= 0 && type < HALVO_TYPES ? static_cast<int64_t>(q->tcnt[type].count) : 0;
+    return is_type(type) ? static_cast<int64_t>(q->tcnt[type].count) : 0;
 }
 
 int64_t q_getcount(const halvo_channel *q) noexcept {
-    return difference(q->fpcnt, q->fgcnt) + difference(q->pcnt, q->gcnt);
+    return backlog(q->fpcnt, q->fgcnt) + backlog(q->pcnt, q->gcnt);
 }

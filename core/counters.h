@@ -2,6 +2,7 @@
 // message.
 #pragma once
 
+#include "core/rules.h"
 #include "core/segment.h"
 
 namespace halvo {

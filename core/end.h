@@ -63,9 +63,9 @@ inline uint32_t unrelated(uint32_t word) noexcept {
 
 // An end whose ring is as its header says now.
 template <const EndWords &words>
-class End {
+class ChannelEnd {
 public:
-    explicit End(halvo_channel *q) noexcept : q_(q), ring_(ring_of(q)) {}
+    explicit ChannelEnd(halvo_channel *q) noexcept : q_(q), ring_(ring_of(q)) {}
 
     // Whether the ring lies in the segment; otherwise nothing but current() and touch() may be
     // called.
@@ -101,11 +101,11 @@ private:
     halvo_channel *q_;
     Ring ring_;
 };
-using WriterEnd = End<kWriterWords>;
-using ReaderEnd = End<kReaderWords>;
+using WriterEnd = ChannelEnd<kWriterWords>;
+using ReaderEnd = ChannelEnd<kReaderWords>;
 
 // An end whose words are those expected. Where holds() says that they are not, it may not be used,
-// and an End does the same.
+// and a ChannelEnd does the same.
 template <const EndWords &words>
 class QuickEnd {
 public:

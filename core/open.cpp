@@ -38,7 +38,11 @@ halvo_channel *hold(const Side &side, int channel, const char *failure, Opening 
         std::printf(failure, channel, std::strerror(errno));
         return nullptr;
     }
-    halvo_channel *q = q_chnnl2q(channel);
+    halvo_channel *q = header_of(channel); // the wait may have been long
+    if (!q) {
+        sem_mutex_unlock(side.lock_set(), channel);
+        return nullptr;
+    }
     expect_ring(q, &side == &kWriter ? expected_of_writers : expected_of_readers);
     store(q->*side.pid, process_id());
     return q;
@@ -50,7 +54,8 @@ halvo_channel *open_end(int channel, char mode, Opening &opening) {
         std::puts("shared queue is not attached !!!!!!!!!!!!!!!!!");
         return nullptr;
     }
-    if (!checked_channel(channel)) {
+    halvo_channel *q = checked_channel(channel);
+    if (!q) {
         std::printf("Ivalid Channel %d valid range(%d,%d) \n", channel, 0,
                     channel_count(segment) - 1);
         return nullptr;
@@ -61,7 +66,7 @@ halvo_channel *open_end(int channel, char mode, Opening &opening) {
     case 'w':
         return hold(kWriter, channel, "q w lock error(%d) %s\n", opening);
     case 'x':
-        return q_chnnl2q(channel);
+        return q;
     default:
         return nullptr;
     }
@@ -87,7 +92,8 @@ halvo_channel *q_open_wait(int channel, char mode, int limit) noexcept {
 
 int q_close(int channel, char mode) noexcept {
     if (!attached_segment()) return ESMS_NOINIT;
-    if (!checked_channel(channel)) return ESMS_INVAL;
+    // An end can be given back whatever has become of its ring.
+    if (channel < 0 || channel >= channel_count(attached_segment())) return ESMS_INVAL;
     // Kept: the two sides report a failed unlock with different codes.
     switch (mode) {
     case 'r':
@@ -99,10 +105,4 @@ int q_close(int channel, char mode) noexcept {
     default:
         return ESMS_FAILED;
     }
-}
-
-void halvo::record_owner(const Side &side, halvo_channel *q, const char *client) noexcept {
-    // A name of 23 bytes or more is cut; the field's last byte is never written and stays NUL.
-    std::strncpy(q->*side.name, client, HALVO_NAME_SIZE - 1);
-    store(q->*side.pid, process_id());
 }

@@ -3,20 +3,9 @@
 
 #include <cstdio>
 
-#include "core/throttle.h"
-
 using namespace halvo;
 
 namespace {
-
-// Frees the slot at the read position: counters, then the state, then the position.
-template <class End>
-[[gnu::always_inline]] inline void consume(halvo_channel *q, const End &end, uint32_t offset,
-                                           int error) {
-    count_got(q, error);
-    publish_state(end.slot(offset), HALVO_SLOT_FREE);
-    end.step(offset);
-}
 
 template <class End>
 [[gnu::always_inline]] inline int get(halvo_channel *q, const End &end, void *buffer, qmsg *held) {

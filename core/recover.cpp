@@ -3,10 +3,8 @@
 // A writer that dies between storing a slot's state and wpos, or a reader between state and rpos,
 // leaves its position one slot behind the states. The states are the truth: the occupied slots are
 // one run, which begins where the reader is and ends where the writer is.
-#include <signal.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <optional>
 
 #include "core/segment.h"
@@ -21,8 +19,6 @@ namespace {
 constexpr int kStillLooks = 10;
 constexpr int kMostLooks = 100;
 constexpr useconds_t kBetweenLooks = 5000; // microseconds
-
-bool is_alive(int32_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH); }
 
 bool is_occupied(const halvo_channel *q, uint32_t offset) {
     const int32_t state = load_state(slot_at(q, offset));

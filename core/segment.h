@@ -63,6 +63,13 @@ inline halvo_channel *checked_channel(int channel) noexcept {
     return q && lies_within(ring_of(q), room_behind(q)) ? q : nullptr;
 }
 
+// Whether that many bytes from an address on lie in the attached segment.
+inline bool in_segment(const void *address, size_t bytes) noexcept {
+    const auto offset =
+        reinterpret_cast<uintptr_t>(address) - reinterpret_cast<uintptr_t>(attached);
+    return attached && offset <= segment_size && bytes <= segment_size - offset;
+}
+
 // The slot of a ring at a position, for those who only look; null when the ring does not lie in the
 // segment.
 inline const qmsg *ring_slot(const halvo_channel *q, uint32_t position) noexcept {

@@ -2,6 +2,8 @@
 // side's code needs to know of its own and of the other side stands in one row.
 #pragma once
 
+#include <cstring>
+
 #include "core/attach.h"
 #include "core/process.h"
 #include "core/ring.h"
@@ -60,7 +62,11 @@ inline constexpr Side kWriter{&halvo_channel::pidp,
 constexpr const Side &side_of(char mode) noexcept { return mode == 'w' ? kWriter : kReader; }
 
 // Records this process as the holder of an end that it has just opened.
-void record_owner(const Side &side, halvo_channel *q, const char *client) noexcept;
+inline void record_owner(const Side &side, halvo_channel *q, const char *client) noexcept {
+    // A name of 23 bytes or more is cut; the field's last byte is never written and stays NUL.
+    std::strncpy(q->*side.name, client, HALVO_NAME_SIZE - 1);
+    store(q->*side.pid, process_id());
+}
 
 // Whether this process is the recorded holder of an end.
 inline bool owns(const Side &side, const halvo_channel *q) noexcept {

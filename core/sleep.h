@@ -8,7 +8,7 @@
 #pragma once
 
 #include "core/sleep_instructions.h"
-#include "halvo/segment.h"
+#include "halvo/abi.h"
 
 namespace halvo {
 

@@ -11,6 +11,7 @@
 // A handler on a stack of its own (sigaltstack) leaves no marks; see core/sleep.cpp.
 #pragma once
 
+#include "halvo/abi.h"
 #include <sys/sem.h>
 
 #include <csignal>

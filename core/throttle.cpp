@@ -8,22 +8,17 @@ namespace {
 constexpr int kPeriodSeconds = 20; // the rate is an average over at most this
 constexpr int kFlagSeconds = 2;    // how long `throttled` stays visible after a refusal
 
-// Times are compared as signed differences, so that they may wrap.
-int32_t seconds_between(int32_t later, int32_t earlier) {
-    return static_cast<int32_t>(static_cast<uint32_t>(later) - static_cast<uint32_t>(earlier));
-}
-
 } // namespace
 
 int64_t q_check_tps(halvo_channel *q) noexcept {
     const int32_t now = halvo::cached_time();
     const auto count = static_cast<int64_t>(q->qtype == 'F' ? q->fgcnt.count : q->gcnt.count);
-    if (seconds_between(now, q->tpsstart) > kPeriodSeconds) {
+    if (halvo::age(now, q->tpsstart) > kPeriodSeconds) {
         q->tpsstart =
             static_cast<int32_t>(static_cast<uint32_t>(now) - 1); // the divisor is never 0
         q->tpsbase = static_cast<uint64_t>(count);
     }
-    const int32_t seconds = seconds_between(now, q->tpsstart);
+    const int32_t seconds = halvo::age(now, q->tpsstart);
     // A clock that ran backwards into the period's first second leaves no period: divide by 1.
     const auto messages = static_cast<int64_t>(static_cast<uint64_t>(count) - q->tpsbase);
     return messages / (seconds > 0 ? seconds : 1);
@@ -38,7 +33,7 @@ bool halvo::over_limit(halvo_channel *q) noexcept {
     }
     if (load(q->throttled) != 0) {
         const auto now = cached_time();
-        if (seconds_between(now, q->throttletime) >= kFlagSeconds) store(q->throttled, 0);
+        if (halvo::age(now, q->throttletime) >= kFlagSeconds) store(q->throttled, 0);
     }
     return false;
 }

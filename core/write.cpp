@@ -14,36 +14,6 @@ void fill(qmsg *slot, int type, const void *data, uint32_t length) {
     copy_bytes(body(slot), data, length);
 }
 
-// Makes the slot at the write position readable: counters, then the state, then the position.
-template <class End>
-[[gnu::always_inline]] inline void publish(halvo_channel *q, const End &end, uint32_t offset) {
-    qmsg *slot = end.slot(offset);
-    count_put(q, slot->type, false);
-    publish_state(slot, HALVO_SLOT_READABLE);
-    end.step(offset);
-}
-
-int occupied(int32_t state) { return state == HALVO_SLOT_PENDING ? ESMS_PENDING : ESMS_FULL; }
-
-// The slot that must be free so that every parked message can still be committed. The reader may
-// free it at any moment, so each test looks afresh.
-[[gnu::noinline]] int look_ahead(const halvo_channel *q, const Ring &ring, uint32_t offset) {
-    const AheadOffset ahead = offset_ahead(ring, offset, load(q->pbuffs));
-    if (!ahead.inside) return ESMS_FULL;
-    const qmsg *slot = slot_at(q, ahead.offset);
-    if (load_state(slot) == HALVO_SLOT_FREE) return ESMS_OK;
-    int32_t state = load_state(slot);
-    if (state == HALVO_SLOT_READABLE || state == HALVO_SLOT_MARKED) return ESMS_FULL;
-    state = load_state(slot);
-    if (state == HALVO_SLOT_PENDING) {
-        std::printf("ESMSPENDING...%d\n", state);
-        return ESMS_PENDING;
-    }
-    state = load_state(slot);
-    if (state == HALVO_SLOT_FREE) std::printf("Concurrent error Fixed..!...%d\n", state);
-    return ESMS_OK;
-}
-
 int mark(qmsg *slot, int type, const void *data, uint32_t length) {
     const int32_t state = load_state(slot);
     if (state != HALVO_SLOT_FREE) return occupied(state);
@@ -70,13 +40,9 @@ template <class End>
     if (fault != ESMS_OK) [[unlikely]]
         return refuse(q, fault, end.size(), data, length, readable);
     const uint32_t offset = end.offset();
-    if (load(q->pbuffs) != 0) {
-        const int ahead = look_ahead(q, end.ring(), offset);
-        if (ahead != ESMS_OK) return ahead;
-    }
+    const int room = room_at(q, end, offset);
+    if (room != ESMS_OK) return room;
     qmsg *slot = end.slot(offset);
-    const int32_t state = load_state(slot);
-    if (state != HALVO_SLOT_FREE) return occupied(state);
     end.prepare(offset, length);
     fill(slot, type, data, length);
     publish(q, end, offset);
@@ -87,16 +53,33 @@ template <class End>
 
 namespace halvo {
 
+int look_ahead(const halvo_channel *q, const Ring &ring, uint32_t offset) noexcept {
+    const AheadOffset ahead = offset_ahead(ring, offset, load(q->pbuffs));
+    if (!ahead.inside) return ESMS_FULL;
+    const qmsg *slot = slot_at(q, ahead.offset);
+    if (load_state(slot) == HALVO_SLOT_FREE) return ESMS_OK;
+    int32_t state = load_state(slot);
+    if (state == HALVO_SLOT_READABLE || state == HALVO_SLOT_MARKED) return ESMS_FULL;
+    state = load_state(slot);
+    if (state == HALVO_SLOT_PENDING) {
+        std::printf("ESMSPENDING...%d\n", state);
+        return ESMS_PENDING;
+    }
+    state = load_state(slot);
+    if (state == HALVO_SLOT_FREE) std::printf("Concurrent error Fixed..!...%d\n", state);
+    return ESMS_OK;
+}
+
+int report_length(uint32_t slot_size, int fault, uint32_t length) noexcept {
+    if (fault == ESMS_EXEED)
+        std::printf("qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", static_cast<int>(slot_size),
+                    static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
+    return fault;
+}
+
 void count_parked(halvo_channel *q, int32_t amount) noexcept {
     const auto parked = static_cast<uint32_t>(load(q->pbuffs));
     store(q->pbuffs, static_cast<int32_t>(parked + static_cast<uint32_t>(amount)));
-}
-
-int report_length(const WriterEnd &end, int fault, uint32_t length) noexcept {
-    if (fault == ESMS_EXEED)
-        std::printf("qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", static_cast<int>(end.size()),
-                    static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
-    return fault;
 }
 
 int park(halvo_channel *q, const WriterEnd &end, qmsg *buffer, int type, const void *data,
@@ -133,7 +116,7 @@ int q_write_mark(halvo_channel *q, int type, const void *data, uint32_t length) 
     const WriterEnd end(q);
     end.touch();
     const int fault = length_fault(end, data, length);
-    if (fault != ESMS_OK) return report_length(end, fault, length);
+    if (fault != ESMS_OK) return report_length(end.size(), fault, length);
     if (load(q->pbuffs) != 0) {
         const AheadOffset ahead = end.ahead(end.offset(), load(q->pbuffs));
         if (!ahead.inside) return ESMS_FULL;
@@ -148,7 +131,7 @@ int q_write_mark_at(halvo_channel *q, int type, const void *data, uint32_t lengt
     const WriterEnd end(q);
     end.touch();
     const int fault = length_fault(end, data, length);
-    if (fault != ESMS_OK) return report_length(end, fault, length);
+    if (fault != ESMS_OK) return report_length(end.size(), fault, length);
     const uint32_t slots = load(q->qcnt), k = static_cast<uint32_t>(load(q->pbuffs)) + index;
     if (index >= slots || k >= slots) return ESMS_INVAL;
     const AheadOffset ahead = end.ahead(end.offset(), k);

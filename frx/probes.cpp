@@ -6,16 +6,6 @@
 
 using namespace halvo;
 
-namespace {
-
-int64_t waiting(const halvo_counter &put, const halvo_counter &got) {
-    return static_cast<int64_t>(put.count - got.count);
-}
-
-bool is_type(int type) { return type >= 0 && type < HALVO_TYPES; }
-
-} // namespace
-
 int frx_view(const FrxChannel *handle, void *buffer) noexcept {
     const halvo_channel *q = frx_header(handle);
     if (!q || !buffer) return ESMS_INVAL;
@@ -44,8 +34,7 @@ int frx_isCountpartAlive(const FrxChannel *handle, int maxAge) noexcept {
     const Side &side = handle->side == 'r' ? kReader : kWriter;
     const auto now = static_cast<int32_t>(q_gettime());
     refresh(q->*side.heartbeat, now);
-    const auto peer = static_cast<uint32_t>(load(q->*side.peer_heartbeat));
-    return static_cast<int32_t>(static_cast<uint32_t>(now) - peer) < maxAge;
+    return age(now, load(q->*side.peer_heartbeat)) < maxAge;
 }
 
 int frx_sizeOfBlock(int channel) noexcept {
@@ -67,7 +56,7 @@ int frx_sizeOfData(int channel) noexcept {
 int64_t frx_getCount(int channel) noexcept {
     const halvo_channel *q = frx_header(channel);
     if (!q) return ESMS_INVAL;
-    return q->qtype == 'F' ? waiting(q->fpcnt, q->fgcnt) : waiting(q->pcnt, q->gcnt);
+    return q->qtype == 'F' ? backlog(q->fpcnt, q->fgcnt) : backlog(q->pcnt, q->gcnt);
 }
 
 int64_t frx_gcount(int channel) noexcept {

@@ -2,9 +2,8 @@
 // wait, so that other threads of the end go on meanwhile.
 #include <cstring>
 
-#include "core/blocking.h"
 #include "core/end.h"
-#include "frx/guarded.h"
+#include "frx/waits.h"
 
 using namespace halvo;
 
@@ -13,53 +12,12 @@ namespace {
 // frx_read and frx_readBuf: one message into the caller's slot. Returns its length.
 template <class Operation>
 int32_t read_one(FrxChannel *handle, void *slot, int timeout, Operation operation) {
-    const CheckedEnd end = check_end(kReader, handle, slot != nullptr);
-    if (end.fault != ESMS_OK) return end.fault;
-    Locked last;
-    const Wait wait = wait_until({kReader, end.q, handle->channel, timeout}, [&] {
-        last = under_lock(handle, [&] { return operation(end.q); });
-        return last.fault != ESMS_OK || last.result != ESMS_EMPTY;
+    return when_read(handle, slot != nullptr, timeout, operation, [&](halvo_channel *q) {
+        finish_transfer(kReader, q, handle->channel);
+        qmsg header; // the caller's slot may lie anywhere
+        std::memcpy(&header, slot, sizeof header);
+        return static_cast<int32_t>(body_length(slot_size(q), &header));
     });
-    if (wait != Wait::settled) return code_of(wait);
-    if (last.fault != ESMS_OK) return last.fault;
-    if (last.result != ESMS_OK) return ESMS_FAILED; // the core's code is not passed on
-    finish_transfer(kReader, end.q, handle->channel);
-    qmsg header; // the caller's slot may lie anywhere
-    std::memcpy(&header, slot, sizeof header);
-    return static_cast<int32_t>(body_length(slot_size(end.q), &header));
-}
-
-// The three writers: the operation's result, after waiting for room. `message` goes before the
-// code's name when the ring refuses.
-struct Written {
-    Wait wait = Wait::settled;
-    Locked last;
-};
-
-template <class Operation>
-Written write_one(FrxChannel *handle, halvo_channel *q, int timeout, const char *message,
-                  Operation operation) {
-    Written written;
-    Locked &last = written.last;
-    written.wait = wait_until({kWriter, q, handle->channel, timeout}, [&] {
-        last = under_lock(handle, [&] { return operation(q); });
-        return last.fault != ESMS_OK || last.result != ESMS_FULL || timeout < 0;
-    });
-    const bool refused = written.wait == Wait::settled && last.fault == ESMS_OK &&
-                         last.result < 0 && last.result != ESMS_FULL;
-    if (refused) printr(message, last.result);
-    return written;
-}
-
-int32_t code_of(const Written &written) {
-    return written.wait == Wait::settled ? written.last.code() : code_of(written.wait);
-}
-
-// Ends the wait of this side and wakes the reader, after a message has gone in.
-int32_t finish_write(FrxChannel *handle, halvo_channel *q, const Written &written) {
-    const int32_t code = code_of(written);
-    if (code == ESMS_OK) finish_transfer(kWriter, q, handle->channel);
-    return code;
 }
 
 } // namespace

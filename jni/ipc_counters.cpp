@@ -1,5 +1,6 @@
 // Java binding, IPCFunctions: sizes, counts and the snapshot file, by channel number. No owner is
 // checked; counts are 64-bit, and so are the codes among them.
+#include "core/rules.h"
 #include "jni/native.h"
 
 using namespace halvo;
@@ -15,12 +16,6 @@ Result of_channel(jint channel, Value value) {
     halvo_channel *q = checked_channel(channel);
     return q ? static_cast<Result>(value(q)) : Result{ESMS_INVAL};
 }
-
-jlong waiting(const halvo_counter &put, const halvo_counter &got) {
-    return static_cast<jlong>(put.count - got.count);
-}
-
-bool is_type(jint type) { return type >= 0 && type < HALVO_TYPES; }
 
 // Seconds since a message was last taken, on the cached clock.
 int32_t idle_seconds(const halvo_channel *q) {
@@ -45,7 +40,7 @@ IPC_NATIVE(jint, sizeOfData)(JNIEnv *, jclass, jint channel) noexcept {
 // Kept: the file queue counts on every channel; on 'F' channels the ring does not.
 IPC_NATIVE(jlong, getCount)(JNIEnv *, jclass, jint channel) noexcept {
     return of_channel<jlong>(channel, [](const halvo_channel *q) {
-        return q->qtype == 'F' ? waiting(q->fpcnt, q->fgcnt) : q_getcount(q);
+        return q->qtype == 'F' ? backlog(q->fpcnt, q->fgcnt) : q_getcount(q);
     });
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "core/ring.h"
+#include "core/rules.h"
 #include "halvo/queue.h"
 #include "print/state.h"
 
@@ -41,13 +42,8 @@ inline int64_t difference(uint64_t count, uint64_t less) noexcept {
 inline int64_t rate_count(const halvo_channel &q) noexcept {
     return static_cast<int64_t>(rate_is_of_file(q) ? q.fgcnt.count : q.gcnt.count);
 }
-inline int64_t ring_backlog(const halvo_channel &q) noexcept {
-    return difference(q.pcnt.count, q.gcnt.count);
-}
-inline int64_t file_backlog(const halvo_channel &q) noexcept {
-    return difference(q.fpcnt.count, q.fgcnt.count);
-}
+inline int64_t ring_backlog(const halvo_channel &q) noexcept { return backlog(q.pcnt, q.gcnt); }
+inline int64_t file_backlog(const halvo_channel &q) noexcept { return backlog(q.fpcnt, q.fgcnt); }
 inline bool has_replies(const halvo_channel &q) noexcept { return load(q.ackq) > 0; }
-constexpr bool is_type(int type) noexcept { return type >= 0 && type < HALVO_TYPES; }
 
 } // namespace halvo

@@ -129,6 +129,51 @@ HALVO_API int frx_writeBufCommit(FrxChannel *handle, int index) HALVO_NOEXCEPT;
 /* Drops a parked message. As q_write_buf_rollback(). */
 HALVO_API int frx_writeBufRollback(FrxChannel *handle, int index) HALVO_NOEXCEPT;
 
+/* ---- In place, bodies alone, many at a time ----------------------------------------------- */
+/* These share checks, locks, waits and wake-ups with the calls above. Pairs work as q_peek() and
+ * q_release(), q_reserve() and q_publish() of queue.h do: the end's mutex is not held in between, so
+ * threads that share an end agree who uses it from the first call to the second. */
+
+/* Gives the address of the next message in the segment, waiting for one: read only, until
+ * frx_release(). Returns the length of its body in bytes; ESMS_FAILED for an error of the ring. */
+HALVO_API int frx_peek(FrxChannel *handle, const qmsg **slot, int timeout);
+/* Releases the peeked message as consumed, with `error` added to the error count (0: none), and wakes
+ * a waiting writer. ESMS_OK; ESMS_NOTARGET when there is no message at the read position. */
+HALVO_API int frx_release(FrxChannel *handle, int error) HALVO_NOEXCEPT;
+/* Takes the next message, waiting for one, and copies its body alone.
+ * type      where its type goes, or null.
+ * capacity  bytes of buffer.
+ * returns   its length; ESMS_EXEED when it is longer than capacity, and then it stays where it is;
+ *           ESMS_FAILED for an error of the ring. */
+HALVO_API int frx_readBody(FrxChannel *handle, int *type, void *buffer, uint32_t capacity,
+                           int timeout);
+
+/* Gives the address of the slot that the next message goes into, waiting for room as frx_write():
+ * `length` bytes may be written from its `data` on. Results as frx_write(). */
+HALVO_API int frx_reserve(FrxChannel *handle, uint32_t length, qmsg **slot, int timeout);
+/* Makes the body that stands there a readable message and wakes a waiting reader. Does not wait:
+ * ESMS_OK, ESMS_FULL, ESMS_INVAL, ESMS_EXEED, ESMS_PENDING. */
+HALVO_API int frx_publish(FrxChannel *handle, int type, uint32_t length) HALVO_NOEXCEPT;
+
+/* One message of a batch; `data` is the caller's. */
+typedef struct FrxMessage {
+    int32_t type;      /* 0..65535 */
+    uint32_t length;   /* bytes of the body */
+    uint32_t capacity; /* bytes at data; frx_readMany() alone looks at it */
+    void *data;
+} FrxMessage;
+
+/* Takes up to n messages as frx_readBody() does, waiting for the first one alone, with one lock and one
+ * wake-up; fills type, length and the bytes at data of as many records.
+ * returns  how many, 1 or more; when there is not one the code of frx_readBody(). It stops in front of
+ *          a message that is longer than its record's capacity, and of one whose data is null. */
+HALVO_API int frx_readMany(FrxChannel *handle, FrxMessage *messages, int n, int timeout);
+/* Puts up to n messages into the ring as frx_write() does, waiting for room for the first one alone,
+ * with one lock and one wake-up.
+ * returns  how many, 1 or more, fewer than n when the ring is full or the next one cannot be written;
+ *          when not one was written the code of frx_write() for the first. */
+HALVO_API int frx_writeMany(FrxChannel *handle, const FrxMessage *messages, int n, int timeout);
+
 /* ---- Probes: no check that the handle is the one that opened the end ---------------------- */
 
 /* Copies the slot at the end's position, whatever its state, into buffer (frx_sizeOfBlock()

@@ -216,6 +216,46 @@ HALVO_API int q_write_buf_commit(halvo_channel *q, int index) HALVO_NOEXCEPT;
 /* Drops a parked message. ESMS_OK; ESMS_INVAL for a bad index; ESMS_NOTARGET when empty. */
 HALVO_API int q_write_buf_rollback(halvo_channel *q, int index) HALVO_NOEXCEPT;
 
+/* ---- In place ----------------------------------------------------------------------------- */
+/* Looking at a message where it lies, and building one there, costs no copy. Nothing is held between
+ * the two calls of a pair, neither in the segment nor in this process: they are two looks at the slot
+ * that the end works on next. So a peeked message is still there for whoever follows a dead reader,
+ * and nothing is published when a writer dies before q_publish(). One thread at a time uses an end
+ * from the first call to the second.
+ *
+ * A slot may lie at any address. Its fields are read through qmsg; the body begins at `data`. */
+
+/* Gives the address of the next message, in the segment: read only, and until q_release() or another
+ * call that takes it (q_read(), q_read_mark(), q_read_buf()). Another process can damage it meanwhile:
+ * use no more than qbsz - 14 bytes of the body, whatever its `len` says.
+ * returns  as q_read(): ESMS_OK; ESMS_EMPTY when there is none, when marks stand, or while the read
+ *          rate is above the limit; ESMS_INVAL for a null slot. */
+HALVO_API int q_peek(halvo_channel *q, const qmsg **slot) HALVO_NOEXCEPT;
+/* Frees the message at the read position and counts it as consumed, with `error` added to the error
+ * count (0: none). It takes whatever message is the next one: call it behind a q_peek() that found one.
+ * returns  ESMS_OK; ESMS_NOTARGET when there is none, or a marked one. */
+HALVO_API int q_release(halvo_channel *q, int error) HALVO_NOEXCEPT;
+
+/* Gives the address of the slot that the next message goes into, where `length` bytes of body may be
+ * written from `data` on; the other fields are q_publish()'s. Changes nothing in the ring, and keeps
+ * nobody from it: any other write of this end uses the same slot.
+ * returns  as q_write(): ESMS_OK; ESMS_INVAL for length 0 or a null slot; ESMS_EXEED; ESMS_FULL and
+ *          ESMS_PENDING, also for the slots owed to parked messages. */
+HALVO_API int q_reserve(halvo_channel *q, uint32_t length, qmsg **slot) HALVO_NOEXCEPT;
+/* Makes the body that stands in that slot a readable message. `length` may differ from the reserved
+ * one. Room is looked at again: a mark set in between gives ESMS_PENDING.
+ * returns  as q_reserve(). */
+HALVO_API int q_publish(halvo_channel *q, int type, uint32_t length) HALVO_NOEXCEPT;
+
+/* Takes the next message as q_read() does, but copies its body alone: so many bytes as it has.
+ * type      where its type goes, or null.
+ * capacity  bytes of buffer.
+ * length    where the length of its body goes, or null.
+ * returns   as q_read(); ESMS_EXEED when the body is longer than capacity: length then tells how much
+ *           is needed, and the message stays where it is; ESMS_INVAL for a null buffer. */
+HALVO_API int q_read_body(halvo_channel *q, int *type, void *buffer, uint32_t capacity,
+                          uint32_t *length) HALVO_NOEXCEPT;
+
 /* ---- Clock, counters, snapshots ---------------------------------------------------------- */
 
 /* Refreshes the cached clock of the segment. Returns it in seconds since the epoch, -1 when not

@@ -143,6 +143,12 @@ constexpr Operation kWrites[] = {
     [](const Given &g) { q_write_buf_commit(g.q, g.n); },
     [](const Given &g) { q_write_buf_rollback(g.q, g.n); },
     [](const Given &g) { q_write(g.q, g.type, g.data(), g.length()); },
+    [](const Given &g) {
+        qmsg *slot = nullptr;
+        if (q_reserve(g.q, g.length(), &slot) == ESMS_OK)
+            std::memcpy(body(slot), g.data(), g.length());
+        q_publish(g.q, g.type, static_cast<uint32_t>(g.n));
+    },
 };
 
 constexpr Operation kReads[] = {
@@ -154,6 +160,16 @@ constexpr Operation kReads[] = {
     [](const Given &g) { q_read_buf(g.q, g.slot.get(), g.n); },
     [](const Given &g) { q_read_buf_clear(g.q, g.n); },
     [](const Given &g) { q_read(g.q, g.slot.get()); },
+    [](const Given &g) {
+        const qmsg *next = nullptr;
+        if (q_peek(g.q, &next) == ESMS_OK)
+            std::memcpy(g.slot.get(), body(next), body_length(g.q->qbsz, next));
+        q_release(g.q, g.n);
+    },
+    [](const Given &g) {
+        const auto capacity = static_cast<uint32_t>(g.n) % g.q->qbsz;
+        q_read_body(g.q, nullptr, exactly(capacity).get(), capacity, nullptr);
+    },
 };
 
 void write_slots(Input &input, halvo_channel *q) {
@@ -228,6 +244,28 @@ constexpr Operation kGuarded[] = {
     [](const Given &g) { frx_readMarked(g.handle, g.n, g.slot.get()); },
     [](const Given &g) { frx_readCommit(g.handle, g.n); },
     [](const Given &g) { frx_readRollback(g.handle), frx_writeRollback(g.handle); },
+    [](const Given &g) {
+        FrxMessage batch[2];
+        for (FrxMessage &message : batch)
+            message = {g.n, g.length(), slot_size_of(g.q), g.message.data.get()};
+        frx_writeMany(g.handle, batch, 2, g.n);
+    },
+    [](const Given &g) {
+        FrxMessage batch[2];
+        for (FrxMessage &message : batch) message = {g.n, 0, slot_size_of(g.q), g.slot.get()};
+        frx_readMany(g.handle, batch, 2, g.n);
+    },
+    [](const Given &g) {
+        const qmsg *next = nullptr;
+        frx_peek(g.handle, &next, g.n);
+        frx_release(g.handle, g.n);
+        frx_readBody(g.handle, nullptr, g.slot.get(), slot_size_of(g.q), g.n);
+    },
+    [](const Given &g) {
+        qmsg *room = nullptr;
+        frx_reserve(g.handle, g.length(), &room, g.n);
+        frx_publish(g.handle, g.n, g.length());
+    },
 };
 
 void guarded_operation(Input &input, int channel) {

@@ -52,11 +52,13 @@ hello() { [[ "$("$@" "$key")" == *"hello, world"* ]]; }
 
 step "C by pkg-config"
 examples=$prefix/share/doc/libhalvoipc-dev/examples
-# shellcheck disable=SC2046 # the flags are several words
-gcc -m"$width" -Wall -Werror "$examples/hello.c" -o "$work/hello-c" \
-    $(PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig pkg-config --cflags --libs halvoipc) \
-    -Wl,-rpath,"$prefix/$libdir"
-hello "$work/hello-c"
+for example in hello in_place; do
+    # shellcheck disable=SC2046 # the flags are several words
+    gcc -m"$width" -Wall -Wextra -Werror "$examples/$example.c" -o "$work/$example-c" \
+        $(PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig pkg-config --cflags --libs halvoipc) \
+        -Wl,-rpath,"$prefix/$libdir"
+    hello "$work/$example-c"
+done
 
 step "C++ by CMake"
 configure() {
@@ -66,6 +68,7 @@ configure() {
 configure "$width" || { cat "$work/log"; exit 1; }
 cmake --build "$work/$width" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
 hello "$work/$width/hello"
+hello "$work/$width/in_place"
 if configure $((96 - width)); then
     echo "a program of $((96 - width)) bits was given the library of $width bits"
     exit 1

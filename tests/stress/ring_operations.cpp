@@ -28,6 +28,12 @@ void hold(SmallRing &ring) {
     Slot slot(ring.q);
     EXPECT_EQ(q_read_buf(ring.q, slot.data(), 1), ESMS_OK);
 }
+void reserve(SmallRing &ring) {
+    const std::string text = numbered_message(kNew);
+    qmsg *slot = nullptr;
+    EXPECT_EQ(q_reserve(ring.q, static_cast<uint32_t>(text.size()), &slot), ESMS_OK);
+    std::memcpy(halvo::body(slot), text.data(), text.size());
+}
 void step_back(SmallRing &ring, uint32_t &position) {
     position = position == ring.q->qstart ? ring.q->qend - ring.q->qbsz : position - ring.q->qbsz;
 }
@@ -102,6 +108,17 @@ const std::vector<RingOperation> kOperations = {
      [](const Ring &ring) {
          return std::vector<Legal>{{{ring, {kParked}, {}}}, {{ring, {}, {}}}};
      }},
+    {"reserve and write into the slot", 'w', 1, 0, [](SmallRing &) {},
+     [](halvo_channel *q, Stage &) {
+         qmsg *slot = nullptr;
+         const int result = q_reserve(q, size(), &slot);
+         if (result == ESMS_OK) std::memcpy(halvo::body(slot), data(), size());
+         return result;
+     },
+     ESMS_OK, untouched},
+    {"publish", 'w', 1, 0, reserve,
+     [](halvo_channel *q, Stage &) { return q_publish(q, SmallRing::kType, size()); }, ESMS_OK,
+     one_more},
     {"recover the writer's end", 'w', 2, 1,
      [](SmallRing &ring) {
          mark_two(ring);
@@ -111,6 +128,27 @@ const std::vector<RingOperation> kOperations = {
      HALVO_RECOVERED_POSITION | HALVO_RECOVERED_MARKS, untouched},
     {"read", 'r', 0, 1, [](SmallRing &) {},
      [](halvo_channel *q, Stage &stage) { return q_read(q, stage.buffer); }, ESMS_OK,
+     [](const Ring &ring) {
+         return std::vector<Legal>{
+             {{ring, {}, {}}}, {{ring, {}, {}, ring[0]}, 1}, {{without(ring, 1), {}, {}, ring[0]}}};
+     }},
+    {"peek", 'r', 0, 1, [](SmallRing &) {},
+     [](halvo_channel *q, Stage &) {
+         const qmsg *slot = nullptr;
+         return q_peek(q, &slot);
+     },
+     ESMS_OK, untouched},
+    {"release", 'r', 0, 1, [](SmallRing &) {},
+     [](halvo_channel *q, Stage &) { return q_release(q, 0); }, ESMS_OK,
+     [](const Ring &ring) {
+         return std::vector<Legal>{{{ring, {}, {}}}, {{without(ring, 1), {}, {}}}};
+     }},
+    {"read_body", 'r', 0, 1, [](SmallRing &) {},
+     [](halvo_channel *q, Stage &stage) { // where q_read puts them
+         return q_read_body(q, nullptr, stage.buffer + offsetof(qmsg, data), 64,
+                            reinterpret_cast<uint32_t *>(stage.buffer + offsetof(qmsg, len)));
+     },
+     ESMS_OK,
      [](const Ring &ring) {
          return std::vector<Legal>{
              {{ring, {}, {}}}, {{ring, {}, {}, ring[0]}, 1}, {{without(ring, 1), {}, {}, ring[0]}}};

@@ -18,7 +18,8 @@ public:
     static constexpr int kSlots = 4;
     static constexpr int kType = 3; // of every message
 
-    SmallRing() : segment_(SegmentBuilder().channel("MT01", 'M', kSlots, 16 + kRoom).build()) {
+    explicit SmallRing(uint32_t slot_size = 16 + kRoom)
+        : segment_(SegmentBuilder().channel("MT01", 'M', kSlots, slot_size).build()) {
         segment_.attach();
         q = segment_.channel("MT01");
     }

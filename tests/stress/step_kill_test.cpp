@@ -30,7 +30,7 @@ const char *text(Peer_is peer) {
 
 class StepKill : public testing::Test {
 protected:
-    StepKill() { stay_on_this_processor(); }
+    explicit StepKill(uint32_t slot_size = 48) : ring(slot_size) { stay_on_this_processor(); }
     SmallRing ring;
     Stage &stage = shared_object<Stage>();
     SmallRing::Image empty = ring.save();
@@ -58,7 +58,7 @@ protected:
     }
 
     // All operations of a side, in several fillings of the ring.
-    void pass(char side) {
+    void pass(char side, const std::string &on = "") {
         std::vector<Filling> fillings;
         for (int start = 0; start < SmallRing::kSlots; ++start)
             for (int messages = 0; messages <= SmallRing::kSlots; ++messages)
@@ -78,7 +78,7 @@ protected:
                 turn += 3;
             }
         }
-        const std::string whose = side == 'w' ? "writer" : "reader";
+        const std::string whose = (side == 'w' ? "writer" : "reader") + on;
         figure(whose + " killed after each instruction: kills", "-", all.kills);
         figure(whose + " killed after each instruction: torn", "0", all.torn);
         figure(whose + " killed after each instruction: lost or misplaced", "0", all.lost);
@@ -90,7 +90,15 @@ protected:
     }
 };
 
+// States at every kind of address.
+class OddStepKill : public StepKill {
+protected:
+    OddStepKill() : StepKill(47) {}
+};
+
 } // namespace
 
 TEST_F(StepKill, a_writer_dies_after_any_instruction) { pass('w'); }
 TEST_F(StepKill, a_reader_dies_after_any_instruction) { pass('r'); }
+TEST_F(OddStepKill, a_writer_dies_after_any_instruction) { pass('w', " on odd slots"); }
+TEST_F(OddStepKill, a_reader_dies_after_any_instruction) { pass('r', " on odd slots"); }

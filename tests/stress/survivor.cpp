@@ -165,7 +165,8 @@ Faults survive(SmallRing &ring, const RingOperation &operation, const Filling &f
     const bool in_place = strip(found.ring, between.added);
     found.parked = parked_messages(ring);
     found.held = held_messages(ring);
-    if (operation.name == std::string("read") || operation.name == std::string("read_buf"))
+    const std::string name = operation.name;
+    if (name == "read" || name == "read_body" || name == "read_buf")
         found.delivered = number_in(stage.buffer, kRoom);
 
     const bool finished = stage.returned != 0;

@@ -1,5 +1,6 @@
 #include "tools/qm/keys.h"
 
+#include "core/keys.h"
 #include "tools/frame/text.h"
 #include "tools/qm/segment.h"
 
@@ -8,11 +9,6 @@ namespace halvo::qm {
 using namespace tools;
 
 namespace {
-
-constexpr size_t kPathSize = 2048; // what a process has for the longest of the three, ended by NUL
-constexpr int kSegmentId = 1;
-constexpr int kReadLocksId = 201;
-constexpr int kWriteLocksId = 202;
 
 key_t key_of(const std::string &path, int id) {
     const key_t key = ftok(path.c_str(), id);
@@ -25,19 +21,20 @@ key_t key_of(const std::string &path, int id) {
 } // namespace
 
 Keys::Keys(const std::string &key_file)
-    : file_(key_file), post_file_(key_file + ".post"), request_file_(key_file + ".req") {
+    : file_(key_file), post_file_(key_file + kPostSuffix),
+      request_file_(key_file + kRequestSuffix) {
     if (file_.empty()) throw Error("the path of the key file is empty");
     if (file_.find('\0') != std::string::npos)
         throw Error("the path of the key file has a NUL byte");
-    if (post_file_.size() >= kPathSize)
+    if (post_file_.size() >= kKeyPathSize)
         throw Error(text("the path of the key file has %zu bytes; at most %zu can be attached by",
-                         file_.size(), kPathSize - 1 - (post_file_.size() - file_.size())));
+                         file_.size(), kKeyPathSize - 1 - (post_file_.size() - file_.size())));
 }
 
-key_t Keys::segment() const { return key_of(file_, kSegmentId); }
-key_t Keys::read_locks() const { return key_of(file_, kReadLocksId); }
-key_t Keys::write_locks() const { return key_of(file_, kWriteLocksId); }
-key_t Keys::post(int channel) const { return key_of(post_file_, channel + 1); }
-key_t Keys::request(int channel) const { return key_of(request_file_, channel + 1); }
+key_t Keys::segment() const { return key_of(file_, kSegmentProject); }
+key_t Keys::read_locks() const { return key_of(file_, kReadLockProject); }
+key_t Keys::write_locks() const { return key_of(file_, kWriteLockProject); }
+key_t Keys::post(int channel) const { return key_of(post_file_, channel_project(channel)); }
+key_t Keys::request(int channel) const { return key_of(request_file_, channel_project(channel)); }
 
 } // namespace halvo::qm

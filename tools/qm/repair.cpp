@@ -1,9 +1,6 @@
 #include "tools/qm/repair.h"
 
-#include <signal.h>
-
-#include <cerrno>
-
+#include "core/process.h"
 #include "core/ring.h"
 #include "halvo/frx.h"
 #include "halvo/queue.h"
@@ -30,7 +27,7 @@ constexpr Correction kCorrections[] = {
     {HALVO_RECOVERED_PARKED, "corrected the number of parked messages"},
 };
 
-bool is_dead(int32_t pid) { return pid > 0 && kill(pid, 0) != 0 && errno == ESRCH; }
+bool is_dead(int32_t pid) { return pid > 0 && !is_alive(pid); }
 
 // What was done, as bits; 0 when the end belongs to somebody.
 int repair_end(int channel, char mode) {

@@ -1,0 +1,227 @@
+/* Halvo IPC: channel ends for C++20 programs, over frx.h.
+ *
+ *     halvo::attach("/tmp/halvo.key");
+ *     halvo::Result<halvo::Writer> out = halvo::Writer::open("MT01", "hello", 1s);
+ *     if (!out) return out.error();
+ *     out->write(1, bytes, 1s);
+ *
+ * An end is opened by open() and given back by its destructor. Nothing here throws, but std::bad_alloc
+ * when an end is opened. A call answers a Result: its value, or the ESMS_* code of result.h (below 0)
+ * as frx.h tells it for the function of the same name. Time limits are whole milliseconds, rounded up
+ * and at most INT_MAX; Limit::none() does not wait for room. A thread uses an end at a time, unless it is
+ * said otherwise in frx.h.
+ */
+#ifndef HALVO_HALVO_HPP
+#define HALVO_HALVO_HPP
+
+#include <chrono>
+#include <climits>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <span>
+#include <utility>
+#include <variant>
+
+#include "halvo/frx.h"
+
+namespace halvo {
+
+using Bytes = std::span<const std::byte>;
+using Room = std::span<std::byte>;
+
+/* A value, or the code of a failure. value() and * may be called only when there is one, error() only
+ * when there is none. */
+template <class Value>
+class [[nodiscard]] Result {
+public:
+    Result(Value value) : content_(std::in_place_index<0>, std::move(value)) {}
+    static Result failure(int code) { return Result(std::in_place_index<1>, code); }
+
+    explicit operator bool() const noexcept { return content_.index() == 0; }
+    bool has_value() const noexcept { return content_.index() == 0; }
+    Value &value() noexcept { return *std::get_if<0>(&content_); }
+    Value &operator*() noexcept { return value(); }
+    Value *operator->() noexcept { return &value(); }
+    int error() const noexcept { return *std::get_if<1>(&content_); }
+
+private:
+    Result(std::in_place_index_t<1> which, int code) : content_(which, code) {}
+    std::variant<Value, int> content_;
+};
+/* Success, or the code of a failure. */
+template <>
+class [[nodiscard]] Result<void> {
+public:
+    Result() = default;
+    static Result failure(int code) {
+        Result result;
+        result.code_ = code;
+        return result;
+    }
+    explicit operator bool() const noexcept { return code_ >= 0; }
+    bool has_value() const noexcept { return code_ >= 0; }
+    int error() const noexcept { return code_; }
+
+private:
+    int code_ = ESMS_OK;
+};
+
+/* A time limit in milliseconds, from any duration of <chrono>. */
+class Limit {
+public:
+    template <class Rep, class Period>
+    Limit(std::chrono::duration<Rep, Period> limit) noexcept {
+        const auto rounded = std::chrono::ceil<std::chrono::milliseconds>(limit).count();
+        milliseconds_ = rounded > INT_MAX ? INT_MAX : rounded < 0 ? 0 : static_cast<int>(rounded);
+    }
+    /* Does not wait for room; a read ends at the monitor's next scan. */
+    static Limit none() noexcept { return Limit(-1); }
+    int milliseconds() const noexcept { return milliseconds_; }
+
+private:
+    explicit Limit(int milliseconds) noexcept : milliseconds_(milliseconds) {}
+    int milliseconds_;
+};
+
+namespace detail {
+
+/* What does not fit the parameters of frx.h is longer than any slot. */
+inline uint32_t length_of(size_t bytes) noexcept {
+    return bytes < UINT32_MAX ? static_cast<uint32_t>(bytes) : UINT32_MAX;
+}
+inline int count_of(size_t messages) noexcept {
+    return messages < INT_MAX ? static_cast<int>(messages) : INT_MAX;
+}
+
+inline Result<void> done(int code) {
+    return code < 0 ? Result<void>::failure(code) : Result<void>();
+}
+
+/* An open end. Its handle stays at its address when the object moves. */
+class End {
+public:
+    FrxChannel *handle() const noexcept { return handle_.get(); }
+    int channel() const noexcept { return handle_->channel; }
+
+protected:
+    static int open(std::unique_ptr<FrxChannel> &handle, const char *channel, const char *client,
+                    char side, Limit limit) {
+        handle = std::make_unique<FrxChannel>();
+        const int number = frx_channelByName(channel);
+        const int code =
+            number < 0 ? int(ESMS_INVAL)
+                       : frx_openChannel(handle.get(), client, number, side, limit.milliseconds());
+        if (code != ESMS_OK) handle.reset();
+        return code;
+    }
+    explicit End(std::unique_ptr<FrxChannel> handle) noexcept : handle_(std::move(handle)) {}
+    End(End &&) noexcept = default;
+    End &operator=(End &&other) noexcept {
+        close();
+        handle_ = std::move(other.handle_);
+        return *this;
+    }
+    ~End() { close(); }
+
+private:
+    /* The library remembers the address of a handle that has opened an end, and compares it with that
+     * of others: it is never given to another one. */
+    void close() noexcept {
+        if (handle_) frx_closeChannel(handle_.release());
+    }
+    std::unique_ptr<FrxChannel> handle_;
+};
+
+} // namespace detail
+
+/* frx_initialize(): once in a process. */
+inline Result<void> attach(const char *key_file) noexcept {
+    return detail::done(frx_initialize(key_file));
+}
+
+/* A channel's reading end. */
+class Reader : public detail::End {
+public:
+    /* client  the name to show for this process; 23 bytes are kept. */
+    static Result<Reader> open(const char *channel, const char *client, Limit limit) {
+        std::unique_ptr<FrxChannel> handle;
+        const int code = End::open(handle, channel, client, 'r', limit);
+        if (code != ESMS_OK) return Result<Reader>::failure(code);
+        return Reader(std::move(handle));
+    }
+
+    struct Message {
+        int type;
+        Bytes body;
+    };
+    /* Takes the next message into the caller's room; its body lies in there. ESMS_EXEED when it is
+     * longer, and then it stays. */
+    Result<Message> read(Room room, Limit limit) noexcept {
+        int type = 0;
+        const int length = frx_readBody(handle(), &type, room.data(),
+                                        detail::length_of(room.size()), limit.milliseconds());
+        if (length < 0) return Result<Message>::failure(length);
+        return Message{type, Bytes(room.data(), static_cast<size_t>(length))};
+    }
+    /* The next message where it lies, until release() or the next read(). */
+    Result<Message> peek(Limit limit) noexcept {
+        const qmsg *slot = nullptr;
+        const int length = frx_peek(handle(), &slot, limit.milliseconds());
+        if (length < 0) return Result<Message>::failure(length);
+        const auto *bytes = reinterpret_cast<const std::byte *>(slot) + offsetof(qmsg, data);
+        return Message{slot->type, Bytes(bytes, static_cast<size_t>(length))};
+    }
+    Result<void> release(int errors = 0) noexcept {
+        return detail::done(frx_release(handle(), errors));
+    }
+    /* As frx_readMany(): the number of records that were filled. */
+    Result<int> read(std::span<FrxMessage> messages, Limit limit) noexcept {
+        const int n = frx_readMany(handle(), messages.data(), detail::count_of(messages.size()),
+                                   limit.milliseconds());
+        return n < 0 ? Result<int>::failure(n) : Result<int>(n);
+    }
+
+private:
+    using End::End;
+};
+
+/* A channel's writing end. */
+class Writer : public detail::End {
+public:
+    static Result<Writer> open(const char *channel, const char *client, Limit limit) {
+        std::unique_ptr<FrxChannel> handle;
+        const int code = End::open(handle, channel, client, 'w', limit);
+        if (code != ESMS_OK) return Result<Writer>::failure(code);
+        return Writer(std::move(handle));
+    }
+
+    Result<void> write(int type, Bytes body, Limit limit) noexcept {
+        return detail::done(frx_write(handle(), type, body.data(), detail::length_of(body.size()),
+                                      limit.milliseconds()));
+    }
+    /* Room for a body of so many bytes where the message will lie, until publish(). */
+    Result<Room> reserve(size_t length, Limit limit) noexcept {
+        qmsg *slot = nullptr;
+        const int code =
+            frx_reserve(handle(), detail::length_of(length), &slot, limit.milliseconds());
+        if (code != ESMS_OK) return Result<Room>::failure(code);
+        return Room(reinterpret_cast<std::byte *>(slot) + offsetof(qmsg, data), length);
+    }
+    Result<void> publish(int type, size_t length) noexcept {
+        return detail::done(frx_publish(handle(), type, detail::length_of(length)));
+    }
+    /* As frx_writeMany(): the number of messages that were written. */
+    Result<int> write(std::span<const FrxMessage> messages, Limit limit) noexcept {
+        const int n = frx_writeMany(handle(), messages.data(), detail::count_of(messages.size()),
+                                    limit.milliseconds());
+        return n < 0 ? Result<int>::failure(n) : Result<int>(n);
+    }
+
+private:
+    using End::End;
+};
+
+} // namespace halvo
+
+#endif
