@@ -3,7 +3,7 @@ PRESETS ?= i386 x86_64
 PREFIX ?= /usr/local
 export PREFIX DESTDIR
 
-.PHONY: all setup build demo test install packages check-packages stress fuzz bench picture pictures lint clean
+.PHONY: all setup build demo demo-relay test install packages check-packages stress fuzz bench picture pictures lint clean
 
 all: build
 
@@ -17,6 +17,11 @@ demo: setup ## builds the 32-bit product and passes real messages through it
 	dev/build.sh i386
 	dev/demo.sh build/i386
 
+demo-relay: ## passes messages from a segment through a broker into another one
+	dev/setup.sh relay
+	dev/build.sh i386 x86_64
+	dev/demo_relay.sh build/i386 build/x86_64
+
 test: build ## builds and passes all tests
 	dev/test.sh $(PRESETS)
 
@@ -29,9 +34,10 @@ fuzz: ## feeds hostile input to the library for FUZZ_SECONDS (120) per target
 	dev/setup.sh fuzz
 	dev/fuzz.sh
 
-picture: setup ## draws the status table and the live screen anew, from a segment at work
+picture: setup ## draws the status table, the live screen and the served page anew, from segments at work
 	dev/build.sh i386
 	dev/picture.sh build/i386 docs
+	dev/page_picture.py build/i386 docs
 
 bench: ## measures the library beside its peers; QUICK=1 within two minutes, PLOT=1 draws docs/bench.svg
 	dev/setup.sh bench

@@ -14,6 +14,7 @@ void measure_java(const Settings &, Report &);       // two VMs
 void measure_file_queue(const Settings &, Report &);
 void measure_flat(const Settings &, Report &);  // with more channels, and a longer backlog
 void measure_print(const Settings &, Report &); // tables and documents
+void measure_relay(const Settings &, Report &); // through a broker; where the relay is built
 
 // Body and slot sizes of the goals, in their order.
 inline constexpr std::array<std::array<uint32_t, 2>, 4> kSizes{

@@ -23,6 +23,9 @@ constexpr Group kGroups[] = {
     {"ring", measure_ring},   {"trip", measure_round_trip}, {"wake", measure_wake},
     {"java", measure_java},   {"file", measure_file_queue}, {"flat", measure_flat},
     {"print", measure_print},
+#ifdef HALVO_BENCH_RELAY
+    {"relay", measure_relay},
+#endif
 };
 
 constexpr char kHelp[] =
@@ -34,7 +37,7 @@ Exit status 0 when every measurement worked, also when goals are short; 1 when o
 
   --quick       shorter measurements and a shorter backlog
   --rounds N    rounds of each comparison (5); the median counts
-  --only ...    some of: ring trip wake java file flat print
+  --only ...    some of: ring trip wake java file flat print relay
   --size B/S    ring and trip at one size only, such as 1000/1024
   --seconds S   length of one measurement (0.5, quick 0.1)
   --slots N     slots of a ring (256; the spsc_queue always has 256)

@@ -4,6 +4,7 @@
 #   development  headers, the linker's name of the library, pkg-config and CMake files, section 3
 #   java         jars: classes, sources, documentation
 #   tools        programs, completion, examples, sections 1, 5 and 7
+#   relay        the relay to a message broker, its service unit and manual page
 #
 # Every file is found from where it lies, so that one build installs under any prefix.
 #
@@ -21,12 +22,7 @@ endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(halvo_tools)
-foreach(tool IN ITEMS halvo-qm halvo-send halvo-recv halvo-fq halvo-mon)
-  if(TARGET ${tool})
-    list(APPEND halvo_tools ${tool})
-  endif()
-endforeach()
+get_property(halvo_tools GLOBAL PROPERTY HALVO_PROGRAMS)
 set(halvo_docs ${CMAKE_INSTALL_DATADIR}/doc/halvo-tools)
 
 # ---- Library
@@ -78,7 +74,7 @@ if(HALVOIPC_JAVA)
   install(FILES ${PROJECT_BINARY_DIR}/cmake/halvoipc.jar ${PROJECT_BINARY_DIR}/java/halvoipc-sources.jar
     ${PROJECT_BINARY_DIR}/java/halvoipc-javadoc.jar
     DESTINATION ${CMAKE_INSTALL_DATADIR}/java COMPONENT java)
-  install(FILES docs/examples/Hello.java ${PROJECT_BINARY_DIR}/java/halvoipc-examples.jar
+  install(FILES docs/examples/Hello.java docs/examples/Gateway.java ${PROJECT_BINARY_DIR}/java/halvoipc-examples.jar
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libhalvoipc-java/examples COMPONENT java)
   install(DIRECTORY jni/examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libhalvoipc-java/examples
     COMPONENT java)
@@ -94,7 +90,23 @@ if(halvo_tools)
       DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
   endforeach()
   install(FILES tools/qm/example.toml DESTINATION ${halvo_docs}/examples COMPONENT tools)
+  # For those who watch: rules, dashboard and examples; units under the prefix's own directory.
+  install(DIRECTORY tools/mon/share/ DESTINATION ${CMAKE_INSTALL_DATADIR}/halvo COMPONENT tools
+    PATTERN "*@.*" EXCLUDE)
+  install(DIRECTORY tools/mon/share/ DESTINATION lib/systemd/system COMPONENT tools
+    FILES_MATCHING PATTERN "*@.*")
   install(PROGRAMS dev/demo.sh DESTINATION ${halvo_docs}/examples COMPONENT tools)
+endif()
+
+# ---- Relay
+if(TARGET halvo-relay)
+  set_target_properties(halvo-relay PROPERTIES INSTALL_RPATH "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  install(TARGETS halvo-relay RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT relay)
+  install(FILES tools/frame/completion.bash RENAME halvo-relay
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT relay)
+  install(FILES tools/relay/example.toml RENAME relay.toml
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/halvo-relay/examples COMPONENT relay)
+  install(FILES tools/relay/halvo-relay@.service DESTINATION lib/systemd/system COMPONENT relay)
 endif()
 include(${CMAKE_CURRENT_LIST_DIR}/man.cmake)
 include(${CMAKE_CURRENT_LIST_DIR}/packages.cmake)

@@ -19,6 +19,9 @@ endif()
 if(halvo_tools)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
+if(TARGET halvo-relay)
+  list(APPEND CPACK_COMPONENTS_ALL relay)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -83,9 +86,14 @@ halvo_package(java libhalvoipc-java java all MULTIARCH foreign
   TEXT "${halvo_about}This package holds the jars of classes, sources and\n\
 documentation.")
 halvo_package(tools halvo-tools utils ${halvo_architecture} MULTIARCH foreign
-  DEPENDS "libhalvoipc1 ${same}, ${halvo_libc}, libgcc-s1, libstdc++6 (>= 12), libncursesw6 (>= 6), libsqlite3-0 (>= 3.35), libtinfo6 (>= 6)"
+  DEPENDS "libhalvoipc1 ${same}, ${halvo_libc}, libgcc-s1, libstdc++6 (>= 12), libmicrohttpd12, libncursesw6 (>= 6), libsqlite3-0 (>= 3.35), libtinfo6 (>= 6)"
   SYNOPSIS "message queues between processes - programs"
   TEXT "${halvo_about}This package holds the development queue manager, the monitor,\n\
 programs that send and receive messages and work on file queues, and the\n\
 demonstration.")
+halvo_package(relay halvo-relay net ${halvo_architecture} MULTIARCH foreign
+  DEPENDS "libhalvoipc1 ${same}, ${halvo_libc}, libgcc-s1, librabbitmq4 (>= 0.11), libstdc++6 (>= 12)"
+  SYNOPSIS "message queues between processes - relay to a message broker"
+  TEXT "${halvo_about}This package holds the relay that carries messages of channels and\n\
+file queues through a RabbitMQ broker to other machines.")
 include(CPack)

@@ -1,29 +1,16 @@
-// sms_shm: where the segment lies in this process, and the checked channel lookup.
+// sms_shm: what the attach finds beside the segment: its semaphores; and the lock of the service.
 #pragma once
 
-#include "halvo/queue.h"
+#include "core/segment.h"
 
 namespace halvo {
 
-// The attached segment, or null before the attach, after a failed one and after close_shm(). Unlike
-// q_0() it never points at memory that is gone.
-extern halvo_segment *attached __attribute__((visibility("hidden")));
-inline halvo_segment *attached_segment() noexcept { return attached; }
-
-// The same, but null while q_attach_view() attached it: then nothing of it may be stored to.
+// The attached segment, but null while q_attach_view() attached it: then nothing of it may be stored
+// to.
 halvo_segment *writable_segment() noexcept;
 
-// Channels of a segment: nchnnl, or as many as the table of offsets holds when that claims more. Of
-// the attached one never more than at the attach: tables of that many records were made then.
-int channel_count(const halvo_segment *segment) noexcept;
-
-// The one checked lookup: the channel's header, or null for a number outside 0 .. nchnnl - 1, for a
-// channel that does not lie whole in the segment (see core/geometry.h), or when no segment is
-// attached. q_chnnl2q() checks nothing.
-halvo_channel *checked_channel(int channel) noexcept;
-
-// Whether that many bytes from an address on lie in the attached segment.
-bool in_segment(const void *address, size_t bytes) noexcept;
+// The kernel's id of the segment that was attached last; -1 before.
+int attached_id() noexcept;
 
 // Semaphore ids of the attachment; -1 where there is none or the number is no channel.
 int post_semaphore(int channel) noexcept;

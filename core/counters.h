@@ -2,8 +2,7 @@
 // message.
 #pragma once
 
-#include "core/attach.h"
-#include "core/ring.h"
+#include "core/segment.h"
 
 namespace halvo {
 

@@ -1,150 +1,170 @@
 // sms_shm: an end of a channel as its operations see it.
 //
-// Positions, sizes and heartbeats of a channel lie in two cache lines, to which the reader stores at
-// each message and the writer too. A load from them takes longer than all else of an operation, and
-// often comes to nothing, because the other side stores again before it is done. What they hold is
-// known, though: the geometry since the attach, the position and the heartbeat since this process
-// stored them. So an operation uses what it knows. It loads one word only, its own position, and
-// only to see that it is still the known one: another process may have had the end meanwhile.
+// What the channel's header says counts, at each operation. But its words lie in two cache lines to
+// which the reader stores at each message and the writer too, so that a load from them takes longer
+// than all else of an operation. The sizes seldom change, though, and the position is mostly where
+// this process left it. So where it matters an operation goes on with what it expects, and compares
+// each word with the header's as that arrives. The processor predicts that they are the same, waits
+// for nothing, and takes back what it did when they are not.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
 #include "core/counters.h"
-#include "core/ring.h"
+#include "core/segment.h"
 
 namespace halvo {
 
-// What this process knows of an end. Only one thread at a time uses it, as of the end itself.
-struct KnownEnd {
-    std::atomic<uint32_t> position{0};
-    std::atomic<int32_t> heartbeat{INT32_MIN}; // as last stored
-};
-
-// What it knows of a channel that was found sound at the attach.
-struct alignas(64) KnownChannel {
+// What this process expects of an end: a ring that was found to lie in the segment when the end was
+// opened, and the position that was stored last. Only one thread at a time uses it, as of the end
+// itself.
+struct alignas(32) ExpectedWords {
     const halvo_channel *q = nullptr;
-    Geometry at{};
-    KnownEnd reader, writer;
+    Ring ring{}; // of size 0: none was found
+    std::atomic<uint32_t> position{0};
 };
+constexpr uint32_t kExpectedPlaces = 1024; // a power of 2, above three times the channels
+using ExpectedTable = ExpectedWords[kExpectedPlaces];
+extern ExpectedTable expected_of_writers __attribute__((visibility("hidden")));
+extern ExpectedTable expected_of_readers __attribute__((visibility("hidden")));
 
-// Fills the table of known channels; empties it. Called while nobody uses the attachment.
-void learn_channels() noexcept;
-void forget_channels() noexcept;
-
-constexpr uint32_t kKnownPlaces = 1024; // a power of 2, above three times the channels
-extern KnownChannel known_channels[kKnownPlaces] __attribute__((visibility("hidden")));
-// Where it stands, or would.
-inline KnownChannel &place_of(const halvo_channel *q) noexcept {
-    const auto address = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(q));
-    uint32_t i = address * 0x9E3779B1u >> 22; // the golden ratio's bits scatter best
-    while (known_channels[i].q != q && known_channels[i].q) i = (i + 1) % kKnownPlaces;
-    return known_channels[i];
-}
-// The known channel of a header, or null.
-inline KnownChannel *known_channel(const halvo_channel *q) noexcept {
-    KnownChannel &place = place_of(q);
-    return place.q ? &place : nullptr;
-}
-
-// What an operation needs to know of an end's side.
+// The header's words of an end's side, and what is expected of them.
 struct EndWords {
-    uint32_t halvo_channel::*position;
-    int32_t halvo_channel::*heartbeat;
-    KnownEnd KnownChannel::*known;
+    halvo_u32 halvo_channel::*position;
+    halvo_i32 halvo_channel::*heartbeat;
+    ExpectedTable *expected;
 };
 inline constexpr EndWords kWriterWords{&halvo_channel::wpos, &halvo_channel::wtime,
-                                       &KnownChannel::writer};
+                                       &expected_of_writers};
 inline constexpr EndWords kReaderWords{&halvo_channel::rpos, &halvo_channel::rtime,
-                                       &KnownChannel::reader};
+                                       &expected_of_readers};
 
+// Gives each channel its place in the tables; empties them. Called while nobody uses the attachment.
+void expect_channels() noexcept;
+void forget_channels() noexcept;
+// For the one that has just opened the end.
+void expect_ring(const halvo_channel *q, ExpectedTable &table) noexcept;
+
+// Where a channel stands in a table, or would.
+inline ExpectedWords &place_of(const halvo_channel *q, ExpectedTable &table) noexcept {
+    const auto address = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(q));
+    uint32_t i = address * 0x9E3779B1u >> 22; // the golden ratio's bits scatter best
+    while (table[i].q != q && table[i].q) i = (i + 1) % kExpectedPlaces;
+    return table[i];
+}
+
+// The same value, but the compiler does not know that: where it has compared an expected word with
+// the actual one it would go on with the actual one, and wait for it.
+inline uint32_t unrelated(uint32_t word) noexcept {
+    __asm__("" : "+r"(word));
+    return word;
+}
+
+// An end whose ring is as its header says now.
 template <const EndWords &words>
 class End {
 public:
-    [[gnu::always_inline]] explicit End(halvo_channel *q) noexcept
-        : q_(q), known_(known_channel(q)) {
-        if (!known_) unknown_ = geometry_of(q);
-    }
+    explicit End(halvo_channel *q) noexcept : q_(q), ring_(ring_of(q)) {}
 
-    const Geometry &at() const noexcept { return known_ ? known_->at : unknown_; }
+    // Whether the ring lies in the segment; otherwise nothing but current() and touch() may be
+    // called.
+    bool usable() const noexcept { return lies_within(ring_, room_behind(q_)); }
+    const Ring &ring() const noexcept { return ring_; }
+    uint32_t size() const noexcept { return ring_.size; } // of a slot
+    // Slots that a walk visits at most: qcnt, or as many as there are.
+    uint32_t slots() const noexcept {
+        const uint32_t said = load(q_->qcnt), room = capacity(ring_);
+        return said < room ? said : room;
+    }
 
     // Sets the heartbeat.
-    void touch() const noexcept {
-        const int32_t now = cached_time();
-        if (!known_) return refresh(q_->*words.heartbeat, now);
-        std::atomic<int32_t> &stored = (known_->*words.known).heartbeat;
-        if (stored.load(std::memory_order_relaxed) == now) return;
-        stored.store(now, std::memory_order_relaxed);
-        store(q_->*words.heartbeat, now);
-    }
+    void touch() const noexcept { refresh(q_->*words.heartbeat, cached_time()); }
 
     // Offset of the slot that this side works on next.
+    uint32_t offset() const noexcept { return position_in(ring_, load(q_->*words.position)); }
+    qmsg *slot(uint32_t offset) const noexcept { return slot_at(q_, offset); }
+    // That slot, for those who only look; one that has no state when the ring is not usable.
+    const qmsg *current() const noexcept {
+        static constexpr qmsg kNone{-1, 0, 0, 0, {}};
+        return usable() ? slot(offset()) : &kNone;
+    }
+    uint32_t next(uint32_t offset) const noexcept { return next_offset(ring_, offset); }
+    AheadOffset ahead(uint32_t offset, int64_t k) const noexcept {
+        return offset_ahead(ring_, offset, k);
+    }
+    void prepare(uint32_t, uint32_t) const noexcept {}
+    // Moves the position to the slot behind an offset, as the last step of an operation there.
+    void step(uint32_t offset) const noexcept { store(q_->*words.position, next(offset)); }
+
+private:
+    halvo_channel *q_;
+    Ring ring_;
+};
+using WriterEnd = End<kWriterWords>;
+using ReaderEnd = End<kReaderWords>;
+
+// An end whose words are those expected. Where holds() says that they are not, it may not be used,
+// and an End does the same.
+template <const EndWords &words>
+class QuickEnd {
+public:
+    explicit QuickEnd(halvo_channel *q) noexcept : q_(q), expected_(place_of(q, *words.expected)) {}
+
+    bool holds() const noexcept {
+        const Ring &ring = expected_.ring;
+        return expected_.q == q_ && ring.size != 0 && ring.size == load(q_->qbsz) &&
+               ring.start == load(q_->qstart) && ring.end == load(q_->qend);
+    }
+    static constexpr bool usable() noexcept { return true; }
+    const Ring &ring() const noexcept { return expected_.ring; }
+    uint32_t size() const noexcept { return expected_.ring.size; }
+    void touch() const noexcept { refresh(q_->*words.heartbeat, cached_time()); }
+
     uint32_t offset() const noexcept {
-        const uint32_t actual = load(q_->*words.position);
-        if (known_) {
-            uint32_t expected = (known_->*words.known).position.load(std::memory_order_relaxed);
-            if (actual == expected) [[likely]] {
-                __asm__("" : "+r"(expected)); // the compiler would take `actual`, and wait for it
-                return expected;
-            }
+        const uint32_t expected = expected_.position.load(std::memory_order_relaxed);
+        uint32_t position = unrelated(expected);
+        if (const uint32_t actual = load(q_->*words.position); actual != expected) {
+            position = actual;
+            __asm__ volatile("" : "+r"(position)); // a branch, not a move that waits for `actual`
         }
-        return position_in(at(), actual);
+        return position_in(expected_.ring, position);
     }
     qmsg *slot(uint32_t offset) const noexcept { return slot_at(q_, offset); }
-    const qmsg *current() const noexcept { return slot(offset()); }
-    uint32_t next(uint32_t offset) const noexcept { return next_offset(at(), offset); }
-    AheadOffset ahead(uint32_t offset, int64_t k) const noexcept {
-        return offset_ahead(at(), offset, k);
-    }
+    uint32_t next(uint32_t offset) const noexcept { return next_offset(expected_.ring, offset); }
 
     // Asks for the cache lines of the slot that will be written in a while, for so many bytes: the
     // other side had them last.
     void prepare(uint32_t offset, uint32_t bytes) const noexcept {
         constexpr uint32_t kSlotsAhead = 4, kLine = 64, kMost = 4096;
-        offset += kSlotsAhead * at().size;
-        if (offset >= at().end) return;
+        offset += kSlotsAhead * expected_.ring.size;
+        if (offset >= expected_.ring.end) return;
         const char *line = reinterpret_cast<const char *>(slot(offset));
         for (const char *last = line + (bytes < kMost ? bytes : kMost); line < last; line += kLine)
             __asm__ volatile("prefetchw %0" : : "m"(*line));
     }
-
-    // Moves the position to the slot behind an offset, as the last step of an operation there.
     void step(uint32_t offset) const noexcept {
         const uint32_t behind = next(offset);
         store(q_->*words.position, behind);
-        if (known_) (known_->*words.known).position.store(behind, std::memory_order_relaxed);
+        expected_.position.store(behind, std::memory_order_relaxed);
     }
 
 private:
     halvo_channel *q_;
-    KnownChannel *known_;
-    Geometry unknown_;
+    ExpectedWords &expected_;
 };
-using WriterEnd = End<kWriterWords>;
-using ReaderEnd = End<kReaderWords>;
+using QuickWriterEnd = QuickEnd<kWriterWords>;
+using QuickReaderEnd = QuickEnd<kReaderWords>;
 
-// Size of a channel's slots, as the operations use it.
+// Size of a channel's slots, expected as by its reader.
 inline uint32_t slot_size(const halvo_channel *q) noexcept {
-    const KnownChannel *known = known_channel(q);
-    return known ? known->at.size : q->qbsz;
-}
-
-// checked_channel() for the operations of an end alone, which use no other geometry than that found
-// sound at the attach: it does not look at the header again.
-inline halvo_channel *usable_channel(int channel) noexcept {
-    halvo_segment *segment = attached_segment();
-    if (!segment || channel < 0 || channel >= HALVO_CHANNELS_MAX) return nullptr;
-    if (static_cast<uint32_t>(channel) >= load(segment->nchnnl)) return nullptr;
-    auto *q = reinterpret_cast<halvo_channel *>(reinterpret_cast<char *>(segment) +
-                                                load(segment->qoffs[channel]));
-    return known_channel(q) ? q : nullptr;
-}
-
-// For q_open(): another process may have had the end since this one stored the heartbeat.
-inline void forget_heartbeat(const halvo_channel *q, KnownEnd KnownChannel::*end) noexcept {
-    if (KnownChannel *known = known_channel(q))
-        (known->*end).heartbeat.store(INT32_MIN, std::memory_order_relaxed);
+    const uint32_t expected = place_of(q, expected_of_readers).ring.size;
+    uint32_t size = unrelated(expected);
+    if (const uint32_t actual = load(q->qbsz); actual != expected) {
+        size = actual;
+        __asm__ volatile("" : "+r"(size));
+    }
+    return size;
 }
 
 } // namespace halvo

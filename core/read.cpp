@@ -10,17 +10,19 @@ using namespace halvo;
 namespace {
 
 // Frees the slot at the read position: counters, then the state, then the position.
-[[gnu::always_inline]] inline void consume(halvo_channel *q, const ReaderEnd &end, uint32_t offset,
+template <class End>
+[[gnu::always_inline]] inline void consume(halvo_channel *q, const End &end, uint32_t offset,
                                            int error) {
     count_got(q, error);
     publish_state(end.slot(offset), HALVO_SLOT_FREE);
     end.step(offset);
 }
 
-[[gnu::always_inline]] inline int get(halvo_channel *q, const ReaderEnd &end, void *buffer,
-                                      qmsg *held) {
+template <class End>
+[[gnu::always_inline]] inline int get(halvo_channel *q, const End &end, void *buffer, qmsg *held) {
+    if (!end.usable()) return ESMS_INVAL;
     if (rate_refused(q)) return ESMS_EMPTY;
-    const uint32_t offset = end.offset(), size = end.at().size;
+    const uint32_t offset = end.offset(), size = end.size();
     const qmsg *slot = end.slot(offset);
     if (load_state(slot) != HALVO_SLOT_READABLE) return ESMS_EMPTY;
     copy_slot(size, slot, buffer);
@@ -34,6 +36,12 @@ namespace {
     return ESMS_OK;
 }
 
+[[gnu::cold]] int read_anew(halvo_channel *q, void *buffer) {
+    const ReaderEnd end(q);
+    end.touch();
+    return get(q, end, buffer, nullptr);
+}
+
 } // namespace
 
 int halvo::take(halvo_channel *q, const ReaderEnd &end, void *buffer, qmsg *held) noexcept {
@@ -41,20 +49,24 @@ int halvo::take(halvo_channel *q, const ReaderEnd &end, void *buffer, qmsg *held
 }
 
 int q_read(halvo_channel *q, void *buffer) noexcept {
-    const ReaderEnd end(q);
+    const QuickReaderEnd end(q);
+    if (!end.holds()) [[unlikely]]
+        return read_anew(q, buffer);
     end.touch();
     return get(q, end, buffer, nullptr);
 }
 
 int q_readview(const halvo_channel *q, void *buffer) noexcept {
     const ReaderEnd end(const_cast<halvo_channel *>(q));
-    copy_slot(end.at().size, end.slot(end.offset()), buffer);
+    if (!end.usable()) return ESMS_INVAL;
+    copy_slot(end.size(), end.slot(end.offset()), buffer);
     return 0;
 }
 
 int q_read_mark(halvo_channel *q, int n) noexcept {
     const ReaderEnd end(q);
     end.touch();
+    if (!end.usable()) return ESMS_INVAL;
     if (rate_refused(q)) return 0;
     const uint32_t start = end.offset();
     int count = 0;
@@ -72,8 +84,10 @@ int q_read_mark(halvo_channel *q, int n) noexcept {
 int q_read_markedcount(halvo_channel *q) noexcept {
     const ReaderEnd end(q);
     end.touch();
+    if (!end.usable()) return ESMS_INVAL;
+    const uint32_t slots = end.slots();
     uint32_t count = 0;
-    for (uint32_t offset = end.offset(); count < end.at().slots; ++count) {
+    for (uint32_t offset = end.offset(); count < slots; ++count) {
         if (load_state(end.slot(offset)) != HALVO_SLOT_MARKED) break;
         offset = end.next(offset);
     }
@@ -83,31 +97,33 @@ int q_read_markedcount(halvo_channel *q) noexcept {
 int q_read_markedmsg(halvo_channel *q, int index, void *buffer) noexcept {
     const ReaderEnd end(q);
     end.touch();
-    if (index < 0) return ESMS_INVAL;
+    if (index < 0 || !end.usable()) return ESMS_INVAL;
     const AheadOffset marked = end.ahead(end.offset(), index);
     if (!marked.inside) {
         std::printf("%d(%d)  IndexOutOfBounds as tellg %d\n", index, index,
-                    static_cast<int>(q->rpos));
+                    static_cast<int>(load(q->rpos)));
         return ESMS_INVAL;
     }
     const qmsg *slot = end.slot(marked.offset);
     if (load_state(slot) != HALVO_SLOT_MARKED) return ESMS_INVAL;
-    copy_slot(end.at().size, slot, buffer);
+    copy_slot(end.size(), slot, buffer);
     return ESMS_OK;
 }
 
 int q_read_commit(halvo_channel *q, int n, int error) noexcept {
     const ReaderEnd end(q);
     end.touch();
+    if (!end.usable()) return ESMS_INVAL;
     const uint32_t start = end.offset();
+    uint32_t offset = start;
     int count = 0;
     do {
-        const uint32_t offset = end.offset();
         if (load_state(end.slot(offset)) != HALVO_SLOT_MARKED) break;
         consume(q, end, offset, error);
         ++count;
         if (n != 0 && count >= n) break;
-    } while (q->rpos != start);
+        offset = end.next(offset);
+    } while (offset != start);
     return count;
 }
 
@@ -123,9 +139,10 @@ int q_read_commit_with_error(halvo_channel *q, int n, const char *code) noexcept
 int q_read_rollback(halvo_channel *q) noexcept {
     const ReaderEnd end(q);
     end.touch();
+    if (!end.usable()) return ESMS_INVAL;
     int count = 0;
     uint32_t offset = end.offset();
-    for (uint32_t looked = 0; looked < end.at().slots; ++looked, offset = end.next(offset)) {
+    for (uint32_t left = capacity(end.ring()); left > 0; --left, offset = end.next(offset)) {
         qmsg *slot = end.slot(offset);
         if (load_state(slot) != HALVO_SLOT_MARKED) continue;
         publish_state(slot, HALVO_SLOT_READABLE);

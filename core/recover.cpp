@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <optional>
 
-#include "core/ring.h"
+#include "core/segment.h"
 #include "core/side.h"
 
 using namespace halvo;
@@ -29,27 +29,35 @@ bool is_occupied(const halvo_channel *q, uint32_t offset) {
     return state == HALVO_SLOT_READABLE || state == HALVO_SLOT_MARKED;
 }
 
+// Calls visit(offset) for each slot of a ring, from the first to the last.
+template <class Visit>
+void for_slots(const Ring &ring, Visit visit) {
+    uint32_t offset = ring.start;
+    for (uint32_t left = capacity(ring); left > 0; --left, offset += ring.size) visit(offset);
+}
+
 // Whether a position is exactly that of a slot; only damage makes another.
-bool is_slot(const halvo_channel *q, uint32_t position) {
-    return position_in(q, position) == position && (position - q->qstart) % q->qbsz == 0;
+bool is_slot(const Ring &ring, uint32_t position) {
+    return position_in(ring, position) == position && (position - ring.start) % ring.size == 0;
 }
 
 // Where the two positions must be the same: the peer's, unless that is the one that stayed behind.
 // Its own successor will move it; to follow it would turn the order of a full ring, and two ends
 // that recover at the same time would change places.
-uint32_t common_position(const halvo_channel *q, uint32_t own, uint32_t peer) {
-    if (!is_slot(q, own)) return is_slot(q, peer) ? peer : q->qstart;
-    if (!is_slot(q, peer)) return own;
-    const bool peer_behind = next_offset(q, peer) == own && next_offset(q, own) != peer;
+uint32_t common_position(const Ring &ring, uint32_t own, uint32_t peer) {
+    if (!is_slot(ring, own)) return is_slot(ring, peer) ? peer : ring.start;
+    if (!is_slot(ring, peer)) return own;
+    const bool peer_behind = next_offset(ring, peer) == own && next_offset(ring, own) != peer;
     return peer_behind ? own : peer;
 }
 
 // Where the states say that a side's position is; nothing when they are not one run.
-std::optional<uint32_t> position_by_states(const halvo_channel *q, const Side &side,
-                                           const Side &peer) {
+std::optional<uint32_t> position_by_states(const halvo_channel *q, const Ring &ring,
+                                           const Side &side, const Side &peer) {
+    const uint32_t slots = capacity(ring);
     uint32_t occupied = 0, runs = 0, start = 0, end = 0;
-    bool before = is_occupied(q, q->qend - q->qbsz);
-    for (uint32_t offset = q->qstart; offset < q->qend; offset += q->qbsz) {
+    bool before = is_occupied(q, ring.start + (slots - 1) * ring.size);
+    for_slots(ring, [&](uint32_t offset) {
         const bool now = is_occupied(q, offset);
         occupied += now;
         if (now && !before) {
@@ -58,16 +66,16 @@ std::optional<uint32_t> position_by_states(const halvo_channel *q, const Side &s
         }
         if (!now && before) end = offset;
         before = now;
-    }
-    if (occupied == 0 || occupied == q->qcnt)
-        return common_position(q, load(q->*side.position), load(q->*peer.position));
+    });
+    if (occupied == 0 || occupied == slots)
+        return common_position(ring, load(q->*side.position), load(q->*peer.position));
     if (runs != 1) return std::nullopt;
     return &side == &kWriter ? end : start;
 }
 
-std::optional<uint32_t> settled_position(const halvo_channel *q, const Side &side,
+std::optional<uint32_t> settled_position(const halvo_channel *q, const Ring &ring, const Side &side,
                                          const Side &peer) {
-    const auto look = [&] { return position_by_states(q, side, peer); };
+    const auto look = [&] { return position_by_states(q, ring, side, peer); };
     std::optional<uint32_t> position = look();
     if (!is_alive(load(q->*peer.pid))) return position;
     int still = 1;
@@ -81,24 +89,27 @@ std::optional<uint32_t> settled_position(const halvo_channel *q, const Side &sid
 }
 
 // Takes back what the dead holder had marked and neither committed nor rolled back.
-bool free_marks(halvo_channel *q, int32_t marked, int32_t before) {
+bool free_marks(halvo_channel *q, const Ring &ring, int32_t marked, int32_t before) {
     bool any = false;
-    for (uint32_t offset = q->qstart; offset < q->qend; offset += q->qbsz) {
+    for_slots(ring, [&](uint32_t offset) {
         qmsg *slot = slot_at(q, offset);
-        if (load_state(slot) != marked) continue;
+        if (load_state(slot) != marked) return;
         publish_state(slot, before);
         any = true;
-    }
+    });
     return any;
 }
 
 // A writer that died while it parked, committed or dropped a message may have left pbuffs beside
-// the number of messages that are parked.
+// the number of messages that are parked. Buffers outside the segment park nothing.
 bool correct_parked(halvo_channel *q) {
+    const uint32_t area = load(q->wbufs);
     int32_t held = 0;
-    for (int i = 0; i < HALVO_BUFFERS; ++i)
-        held += load_state(buffer_slot(q, q->wbufs, i)) == HALVO_SLOT_READABLE;
-    if (q->pbuffs == held) return false;
+    for (int i = 0; i < HALVO_BUFFERS; ++i) {
+        const qmsg *buffer = buffer_slot(q, area, i);
+        held += buffer && load_state(buffer) == HALVO_SLOT_READABLE;
+    }
+    if (load(q->pbuffs) == held) return false;
     store(q->pbuffs, held);
     return true;
 }
@@ -107,21 +118,24 @@ bool correct_parked(halvo_channel *q) {
 
 int q_recover(int channel, char mode) noexcept {
     if (!attached_segment()) return ESMS_NOINIT;
-    halvo_channel *q = checked_channel(channel);
+    halvo_channel *q = header_of(channel);
     if (!q) return ESMS_INVAL;
+    const Ring ring = ring_of(q);
+    if (!lies_within(ring, room_behind(q))) return ESMS_INVAL;
     if (mode != 'r' && mode != 'w') return ESMS_FAILED;
     const bool writer = mode == 'w';
     const Side &side = side_of(mode);
     if (!owns(side, q)) return ESMS_ACCESS;
 
     int done = 0;
-    const std::optional<uint32_t> position = settled_position(q, side, writer ? kReader : kWriter);
+    const std::optional<uint32_t> position =
+        settled_position(q, ring, side, writer ? kReader : kWriter);
     if (position && *position != load(q->*side.position)) {
         store(q->*side.position, *position);
         done |= HALVO_RECOVERED_POSITION;
     }
-    if (writer ? free_marks(q, HALVO_SLOT_PENDING, HALVO_SLOT_FREE)
-               : free_marks(q, HALVO_SLOT_MARKED, HALVO_SLOT_READABLE))
+    if (writer ? free_marks(q, ring, HALVO_SLOT_PENDING, HALVO_SLOT_FREE)
+               : free_marks(q, ring, HALVO_SLOT_MARKED, HALVO_SLOT_READABLE))
         done |= HALVO_RECOVERED_MARKS;
     if (writer && correct_parked(q)) done |= HALVO_RECOVERED_PARKED;
     return done;

@@ -10,20 +10,20 @@
 namespace halvo {
 
 struct Side {
-    int32_t halvo_channel::*pid;                  // process id of the end's holder
+    halvo_i32 halvo_channel::*pid;                // process id of the end's holder
     char (halvo_channel::*name)[HALVO_NAME_SIZE]; // its name
-    int32_t halvo_channel::*waiting;              // its blocked threads
-    int32_t halvo_channel::*peer_waiting;         // the other side's
-    int32_t halvo_channel::*heartbeat;            // time of its last operation
-    int32_t halvo_channel::*peer_heartbeat;
-    int32_t halvo_channel::*file_heartbeat; // heartbeat of its file-queue process
-    int32_t halvo_channel::*file_pid;       // that process's id
+    halvo_i32 halvo_channel::*waiting;            // its blocked threads
+    halvo_i32 halvo_channel::*peer_waiting;       // the other side's
+    halvo_i32 halvo_channel::*heartbeat;          // time of its last operation
+    halvo_i32 halvo_channel::*peer_heartbeat;
+    halvo_i32 halvo_channel::*file_heartbeat; // heartbeat of its file-queue process
+    halvo_i32 halvo_channel::*file_pid;       // that process's id
     halvo_client (halvo_channel::*clients)[HALVO_CLIENTS];
-    uint32_t halvo_channel::*position; // the slot it works on next
-    uint32_t halvo_channel::*buffers;  // its five buffer slots
-    int (*semaphore)(int) noexcept;    // what it sleeps on
-    int (*wake_peer)(int) noexcept;    // wakes the other side
-    int (*lock_set)() noexcept;        // the set that admits one process to the end
+    halvo_u32 halvo_channel::*position; // the slot it works on next
+    halvo_u32 halvo_channel::*buffers;  // its five buffer slots
+    int (*semaphore)(int) noexcept;     // what it sleeps on
+    int (*wake_peer)(int) noexcept;     // wakes the other side
+    int (*lock_set)() noexcept;         // the set that admits one process to the end
 };
 
 inline constexpr Side kReader{&halvo_channel::pidg,

@@ -5,8 +5,8 @@
 
 #include <cstring>
 
-#include "core/attach.h"
 #include "core/posix.h"
+#include "core/segment.h"
 
 using namespace halvo;
 
@@ -21,9 +21,9 @@ int q_snapshot(void *buffer, int size) noexcept {
     char *to = static_cast<char *>(buffer);
     std::memcpy(to, segment, sizeof *segment);
     to += sizeof *segment;
-    // An unusable channel stays zeros.
+    // A header that does not lie in the segment stays zeros.
     for (int channel = 0; channel < channels; ++channel, to += sizeof(halvo_channel))
-        if (const halvo_channel *q = checked_channel(channel)) std::memcpy(to, q, sizeof *q);
+        if (const halvo_channel *q = header_of(channel)) std::memcpy(to, q, sizeof *q);
     return 0;
 }
 

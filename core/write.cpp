@@ -15,8 +15,8 @@ void fill(qmsg *slot, int type, const void *data, uint32_t length) {
 }
 
 // Makes the slot at the write position readable: counters, then the state, then the position.
-[[gnu::always_inline]] inline void publish(halvo_channel *q, const WriterEnd &end,
-                                           uint32_t offset) {
+template <class End>
+[[gnu::always_inline]] inline void publish(halvo_channel *q, const End &end, uint32_t offset) {
     qmsg *slot = end.slot(offset);
     count_put(q, slot->type, false);
     publish_state(slot, HALVO_SLOT_READABLE);
@@ -27,10 +27,10 @@ int occupied(int32_t state) { return state == HALVO_SLOT_PENDING ? ESMS_PENDING 
 
 // The slot that must be free so that every parked message can still be committed. The reader may
 // free it at any moment, so each test looks afresh.
-[[gnu::noinline]] int look_ahead(const halvo_channel *q, const WriterEnd &end) {
-    const AheadOffset ahead = end.ahead(end.offset(), q->pbuffs);
+[[gnu::noinline]] int look_ahead(const halvo_channel *q, const Ring &ring, uint32_t offset) {
+    const AheadOffset ahead = offset_ahead(ring, offset, load(q->pbuffs));
     if (!ahead.inside) return ESMS_FULL;
-    const qmsg *slot = end.slot(ahead.offset);
+    const qmsg *slot = slot_at(q, ahead.offset);
     if (load_state(slot) == HALVO_SLOT_FREE) return ESMS_OK;
     int32_t state = load_state(slot);
     if (state == HALVO_SLOT_READABLE || state == HALVO_SLOT_MARKED) return ESMS_FULL;
@@ -62,17 +62,18 @@ int mark(qmsg *slot, int type, const void *data, uint32_t length) {
     return fault;
 }
 
-[[gnu::always_inline]] inline int put(halvo_channel *q, int type, const void *data, uint32_t length,
-                                      uint32_t readable) {
-    const WriterEnd end(q);
+template <class End>
+[[gnu::always_inline]] inline int put(halvo_channel *q, const End &end, int type, const void *data,
+                                      uint32_t length, uint32_t readable) {
     end.touch();
     const int fault = length_fault(end, data, length);
-    if (fault != ESMS_OK) return refuse(q, fault, end.at().size, data, length, readable);
-    if (q->pbuffs != 0) {
-        const int ahead = look_ahead(q, end);
+    if (fault != ESMS_OK) [[unlikely]]
+        return refuse(q, fault, end.size(), data, length, readable);
+    const uint32_t offset = end.offset();
+    if (load(q->pbuffs) != 0) {
+        const int ahead = look_ahead(q, end.ring(), offset);
         if (ahead != ESMS_OK) return ahead;
     }
-    const uint32_t offset = end.offset();
     qmsg *slot = end.slot(offset);
     const int32_t state = load_state(slot);
     if (state != HALVO_SLOT_FREE) return occupied(state);
@@ -93,7 +94,7 @@ void count_parked(halvo_channel *q, int32_t amount) noexcept {
 
 int report_length(const WriterEnd &end, int fault, uint32_t length) noexcept {
     if (fault == ESMS_EXEED)
-        std::printf("qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", static_cast<int>(end.at().size),
+        std::printf("qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", static_cast<int>(end.size()),
                     static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
     return fault;
 }
@@ -101,8 +102,9 @@ int report_length(const WriterEnd &end, int fault, uint32_t length) noexcept {
 int park(halvo_channel *q, const WriterEnd &end, qmsg *buffer, int type, const void *data,
          uint32_t length) noexcept {
     // Kept: without -1 in pbuffs the slot behind the one owed to this message must be free too.
-    if (q->pbuffs != -1) {
-        const AheadOffset ahead = end.ahead(end.offset(), int64_t{q->pbuffs} + 1);
+    const int32_t parked = load(q->pbuffs);
+    if (parked != -1) {
+        const AheadOffset ahead = end.ahead(end.offset(), int64_t{parked} + 1);
         if (!ahead.inside) return ESMS_FULL;
         const int32_t state = load_state(end.slot(ahead.offset));
         if (state != HALVO_SLOT_FREE) return occupied(state);
@@ -113,15 +115,18 @@ int park(halvo_channel *q, const WriterEnd &end, qmsg *buffer, int type, const v
     return ESMS_OK;
 }
 
-int write_message(halvo_channel *q, int type, const void *data, uint32_t length,
-                  uint32_t readable) noexcept {
-    return put(q, type, data, length, readable);
+int write_message(halvo_channel *q, const WriterEnd &end, int type, const void *data,
+                  uint32_t length, uint32_t readable) noexcept {
+    return put(q, end, type, data, length, readable);
 }
 
 } // namespace halvo
 
 int q_write(halvo_channel *q, int type, const void *data, uint32_t length) noexcept {
-    return put(q, type, data, length, length);
+    const QuickWriterEnd end(q);
+    if (!end.holds()) [[unlikely]]
+        return write_message(q, WriterEnd(q), type, data, length, length);
+    return put(q, end, type, data, length, length);
 }
 
 int q_write_mark(halvo_channel *q, int type, const void *data, uint32_t length) noexcept {
@@ -129,8 +134,8 @@ int q_write_mark(halvo_channel *q, int type, const void *data, uint32_t length) 
     end.touch();
     const int fault = length_fault(end, data, length);
     if (fault != ESMS_OK) return report_length(end, fault, length);
-    if (q->pbuffs != 0) {
-        const AheadOffset ahead = end.ahead(end.offset(), q->pbuffs);
+    if (load(q->pbuffs) != 0) {
+        const AheadOffset ahead = end.ahead(end.offset(), load(q->pbuffs));
         if (!ahead.inside) return ESMS_FULL;
         const int32_t state = load_state(end.slot(ahead.offset));
         if (state != HALVO_SLOT_FREE) return occupied(state);
@@ -144,7 +149,7 @@ int q_write_mark_at(halvo_channel *q, int type, const void *data, uint32_t lengt
     end.touch();
     const int fault = length_fault(end, data, length);
     if (fault != ESMS_OK) return report_length(end, fault, length);
-    const uint32_t slots = end.at().slots, k = static_cast<uint32_t>(q->pbuffs) + index;
+    const uint32_t slots = load(q->qcnt), k = static_cast<uint32_t>(load(q->pbuffs)) + index;
     if (index >= slots || k >= slots) return ESMS_INVAL;
     const AheadOffset ahead = end.ahead(end.offset(), k);
     return ahead.inside ? mark(end.slot(ahead.offset), type, data, length) : ESMS_FULL;
@@ -153,6 +158,7 @@ int q_write_mark_at(halvo_channel *q, int type, const void *data, uint32_t lengt
 int q_write_commit(halvo_channel *q) noexcept {
     const WriterEnd end(q);
     end.touch();
+    if (!end.usable()) return ESMS_INVAL;
     const uint32_t offset = end.offset();
     if (load_state(end.slot(offset)) != HALVO_SLOT_PENDING) return ESMS_NOTARGET;
     publish(q, end, offset);
@@ -163,8 +169,9 @@ int q_write_commit(halvo_channel *q) noexcept {
 int q_write_commit_all(halvo_channel *q) noexcept {
     const WriterEnd end(q);
     end.touch();
-    for (uint32_t count = 0; count < end.at().slots; ++count) {
-        const uint32_t offset = end.offset();
+    if (!end.usable()) return ESMS_INVAL;
+    uint32_t offset = end.offset();
+    for (uint32_t left = end.slots(); left > 0; --left, offset = end.next(offset)) {
         if (load_state(end.slot(offset)) != HALVO_SLOT_PENDING) break;
         publish(q, end, offset);
     }
@@ -174,6 +181,7 @@ int q_write_commit_all(halvo_channel *q) noexcept {
 int q_write_rollback(halvo_channel *q) noexcept {
     const WriterEnd end(q);
     end.touch();
+    if (!end.usable()) return ESMS_INVAL;
     qmsg *slot = end.slot(end.offset());
     if (load_state(slot) != HALVO_SLOT_PENDING) return ESMS_NOTARGET;
     publish_state(slot, HALVO_SLOT_FREE);
@@ -183,9 +191,10 @@ int q_write_rollback(halvo_channel *q) noexcept {
 int q_write_rollback_all(halvo_channel *q) noexcept {
     const WriterEnd end(q);
     end.touch();
+    if (!end.usable()) return ESMS_INVAL;
+    const uint32_t slots = end.slots();
     uint32_t count = 0;
-    for (uint32_t offset = end.offset(); count < end.at().slots;
-         offset = end.next(offset), ++count) {
+    for (uint32_t offset = end.offset(); count < slots; offset = end.next(offset), ++count) {
         qmsg *slot = end.slot(offset);
         if (load_state(slot) != HALVO_SLOT_PENDING) break;
         publish_state(slot, HALVO_SLOT_FREE);
@@ -195,16 +204,18 @@ int q_write_rollback_all(halvo_channel *q) noexcept {
 
 int q_writeview(const halvo_channel *q, void *buffer) noexcept {
     const WriterEnd end(const_cast<halvo_channel *>(q));
-    copy_slot(end.at().size, end.slot(end.offset()), buffer);
+    if (!end.usable()) return ESMS_INVAL;
+    copy_slot(end.size(), end.slot(end.offset()), buffer);
     return 0;
 }
 
 int q_writable_count(halvo_channel *q) noexcept {
     const WriterEnd end(q);
     end.touch();
+    if (!end.usable()) return ESMS_INVAL;
+    const uint32_t slots = end.slots();
     uint32_t count = 0;
-    for (uint32_t offset = end.offset(); count < end.at().slots;
-         offset = end.next(offset), ++count) {
+    for (uint32_t offset = end.offset(); count < slots; offset = end.next(offset), ++count) {
         const int32_t state = load_state(end.slot(offset));
         if (state == HALVO_SLOT_PENDING) return ESMS_PENDING;
         if (state != HALVO_SLOT_FREE) break;

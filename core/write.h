@@ -7,14 +7,15 @@
 namespace halvo {
 
 // The longest message of a channel in bytes.
-inline uint32_t longest_message(const WriterEnd &end) noexcept {
-    const uint32_t size = end.at().size;
-    return size > sizeof(qmsg) ? size - static_cast<uint32_t>(sizeof(qmsg)) : 0;
+template <class End>
+uint32_t longest_message(const End &end) noexcept {
+    return end.size() - static_cast<uint32_t>(sizeof(qmsg));
 }
 
-// ESMS_OK, ESMS_INVAL (length 0 or no data) or ESMS_EXEED; prints nothing.
-inline int length_fault(const WriterEnd &end, const void *data, uint32_t length) noexcept {
-    if (length == 0 || !data) return ESMS_INVAL;
+// ESMS_OK, ESMS_INVAL (length 0, no data, or no usable ring) or ESMS_EXEED; prints nothing.
+template <class End>
+int length_fault(const End &end, const void *data, uint32_t length) noexcept {
+    if (length == 0 || !data || !end.usable()) return ESMS_INVAL;
     return length > longest_message(end) ? ESMS_EXEED : ESMS_OK;
 }
 
@@ -23,8 +24,8 @@ int report_length(const WriterEnd &end, int fault, uint32_t length) noexcept;
 
 // q_write for `data` of which only `readable` bytes are there: what a damaged length claims beyond
 // them is refused, and not looked at.
-int write_message(halvo_channel *q, int type, const void *data, uint32_t length,
-                  uint32_t readable) noexcept;
+int write_message(halvo_channel *q, const WriterEnd &end, int type, const void *data,
+                  uint32_t length, uint32_t readable) noexcept;
 
 // Adds to the number of parked messages.
 void count_parked(halvo_channel *q, int32_t amount) noexcept;

@@ -29,7 +29,7 @@ for package in libhalvoipc1 libhalvoipc-dev; do
 done
 
 say "the C library that is asked for is the one that is needed"
-for package in "$packages"/{libhalvoipc1,halvo-tools}_*.deb; do
+for package in "$packages"/{libhalvoipc1,halvo-tools,halvo-relay}_*.deb; do
     dpkg-deb -x "$package" "$work/one"
     needed=$({ find "$work/one/usr" -type f -exec readelf -V {} + 2>/dev/null || true; } |
         grep -o 'GLIBC_2\.[0-9]*' | sort -Vu | tail -n 1)

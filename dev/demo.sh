@@ -2,6 +2,7 @@
 # Passes a real text from one process to another through a channel, and compares what arrived.
 #     demo.sh build/i386    with the programs of a build tree
 #     demo.sh               with the installed ones
+# Serves a page of what goes on while it runs; DEMO_SERVE=1 keeps that, with some messages, until Enter.
 # Removes all that it made, also when something fails.
 set -euo pipefail
 build=${1:+$(cd "$1" && pwd)}
@@ -51,6 +52,14 @@ find -L /usr/share/common-licenses /usr/share/doc -maxdepth 2 -type f \
 say "a segment from example.toml"
 halvo-qm create "$example" --key "$key"
 halvo-qm list --key "$key"
+halvo-mon --key "$key" serve --listen 127.0.0.1:0 >"$work/address" &
+for _ in {1..100}; do
+    [ ! -s "$work/address" ] || break
+    sleep 0.1
+done
+page=$(sed 's/^serving //' "$work/address")
+[ "$page" ] || exit 1
+echo "look at it while it works: $page"
 
 say "$(wc -l <"$work/sent.txt") lines through channel MT01, one message each"
 halvo-recv --key "$key" MT01 --keep-newline --idle 3000 --count "$(wc -l <"$work/sent.txt")" \
@@ -97,4 +106,13 @@ same "$work/sent.txt" "$work/from-queue.txt"
 say "the segment afterwards"
 halvo-qm check --key "$key"
 halvo-mon table --key "$key"
+
+if [ "${DEMO_SERVE-}" = 1 ]; then
+    say "$page stays, with some messages, until you press Enter"
+    halvo-recv --key "$key" MT01 --quiet --output "$work/served.txt" &
+    while sleep 0.05; do head -n $((RANDOM % 20)) "$work/sent.txt"; done 2>/dev/null |
+        halvo-send --key "$key" MT01 --quiet &
+    seq 12 | halvo-send --key "$key" MT02 --quiet
+    read -r _ || true
+fi
 echo "demo: done"

@@ -7,6 +7,7 @@
 #     dev/setup.sh bench    also what the benchmark compares with, and the plotter
 #     dev/setup.sh package  also what makes and checks Debian packages
 #     dev/setup.sh pictures what draws the pictures of the documents, alone
+#     dev/setup.sh relay    also, without fail, the broker that the relay's demonstration needs
 #
 # Asks the package database only when nothing is missing. Ends with status 1 when something is
 # missing that the build needs, with one line that names it.
@@ -19,10 +20,16 @@ release=bookworm
 # 32-bit C library's as well.
 needed="g++ g++-multilib cmake ninja-build make
     libgtest-dev libcli11-dev libtomlplusplus-dev
+    libmicrohttpd-dev libmicrohttpd12:i386 nlohmann-json3-dev
     libncurses-dev libncursesw6:i386 libtinfo6:i386 libsqlite3-dev libsqlite3-0:i386
     openjdk-17-jdk-headless openjdk-17-jdk-headless:i386 junit4 pkgconf"
-# Some tests use them; pandoc makes the manual pages.
-wanted="tmux libxml2-utils jq strace man-db pandoc"
+# Some tests use them; pandoc makes the manual pages. The browser and Prometheus look at the served
+# page and its figures.
+wanted="tmux libxml2-utils jq strace man-db pandoc
+    curl python3 chromium chromium-driver fonts-nanum prometheus"
+# Of the relay: its library, and a broker to test with, which is started by the tests alone.
+broker="librabbitmq-dev librabbitmq4:i386 rabbitmq-server python3-pika openssl"
+wanted="$wanted $broker"
 
 case "${1-}" in
 '') ;;
@@ -33,8 +40,9 @@ bench)
     ;;
 package) needed="$needed pandoc dpkg-dev file lintian debootstrap" ;;
 pictures) needed=graphviz wanted= ;;
+relay) needed="$needed $broker" ;;
 *)
-    echo "usage: $0 [lint|fuzz|bench|package|pictures]" >&2
+    echo "usage: $0 [lint|fuzz|bench|package|pictures|relay]" >&2
     exit 2
     ;;
 esac
@@ -81,6 +89,14 @@ install() {
     apt install --no-install-recommends --no-remove "$@"
 }
 
+# A package that brings a service must not start it here. Whoever has a policy already, keeps it.
+policy=/usr/sbin/policy-rc.d
+start_nothing() {
+    [ ! -e $policy ] || return 0
+    trap 'as_root rm -f $policy' EXIT
+    as_root sh -c "printf '#!/bin/sh\nexit 101\n' >$policy && chmod 755 $policy"
+}
+
 missing=$(missing_of $needed $wanted)
 if [ "$missing" ]; then
     if [ "$(id -u)" != 0 ] && ! command -v sudo >/dev/null; then
@@ -93,6 +109,7 @@ if [ "$missing" ]; then
     *) as_root dpkg --add-architecture i386 || say "cannot add the architecture i386" ;;
     esac
     apt update || say "some package index could not be loaded; going on without it"
+    case " $missing " in *" rabbitmq-server "*) start_nothing ;; esac
     if ! install $missing; then
         # One that cannot be had must not keep the others away.
         for package in $missing; do install "$package" || true; done
@@ -100,7 +117,7 @@ if [ "$missing" ]; then
 fi
 
 missing=$(missing_of $wanted)
-[ -z "$missing" ] || say "could not install (only some tests and the manual need it): $missing"
+[ -z "$missing" ] || say "could not install (only some tests, the relay and the manual need it): $missing"
 missing=$(missing_of $needed)
 [ -z "$missing" ] || {
     say "could not install: $missing"

@@ -11,7 +11,9 @@
 #include <cstring>
 
 #include "fq/channel_stats.h"
+#include "fq/durable.h"
 #include "fq/lock.h"
+#include "fq/open_files.h"
 #include "fq/position.h"
 
 using namespace halvo;
@@ -37,8 +39,48 @@ void delete_finished_file(const fqtrans *trans) {
         return;
     const Position began = position_in(trans->startpos);
     if (!began.valid()) return;
+    const OpenSide *side = running_side(trans);
     const FileName name = data_file(trans->path, began.order);
-    if (unlink(name.text) != 0) std::printf("fq_dequeue.unlink error %s\n", name.text);
+    if (unlinkat(side ? side->directory() : AT_FDCWD, name.text, 0) != 0)
+        std::printf("fq_dequeue.unlink error %s\n", name.text);
+    else if (side)
+        sync_names(side->directory(), trans->path);
+}
+
+// Whether the writer has saved a position that is not before one: what stands before it, it has
+// forced.
+bool writer_is_past(const OpenSide *side, const fqtrans *trans, const Position &at) {
+    const Descriptor log = open_queue_file(side->directory(), tail_file(trans->path), O_RDONLY);
+    LastRecord last;
+    char record[kRecordSize];
+    const int64_t size = log ? state_of(log.get()).size : 0;
+    if (size < kRecordSize || read_last_record(log.get(), size, record, last) != kRecordSize ||
+        !last.found)
+        return false;
+    const Position writer = position_in(record);
+    return comes_after(at.order, writer.order) ||
+           (writer.order == at.order && writer.offset >= at.offset);
+}
+
+// A durable reader's position is saved only behind items that are on the disk.
+bool force_what_was_read(const fqtrans *trans) {
+    const OpenSide *side = running_side(trans);
+    if (!side || !is_durable()) return true;
+    return writer_is_past(side, trans, position_in(trans->nextpos)) || !side->data ||
+           sync_file(side->data.get());
+}
+
+// Removes the file that a reader has left and, because it died, not deleted: the one that the log
+// names before the file where the reader is now. Nothing that may still be wanted: both sides must
+// be behind it.
+void delete_left_file(const fqtrans *trans) {
+    const OpenSide *side = running_side(trans);
+    const Position at = position_in(trans->startpos);
+    if (!side || !comes_after(side->left_order, at.order)) return;
+    const FileName name = data_file(trans->path, side->left_order);
+    if (!state_of(side->directory(), name.text).found) return;
+    if (writer_is_past(side, trans, {next_order_of_commit(side->left_order), 0}))
+        unlinkat(side->directory(), name.text, 0);
 }
 
 } // namespace
@@ -51,6 +93,7 @@ int fq_dequeue(int chnnl, const char *path, void *buf, unsigned cap, fqtrans *tr
     begin_record(trans, path);
     const int locked = fq_lock('r', trans);
     if (locked < 0) return locked;
+    delete_left_file(trans);
     const int result = read_counted(trans->path, trans, buf, cap);
     if (result <= 0) fq_unlock(trans);
     return result;
@@ -73,9 +116,18 @@ int fq_dequeue_commit(int chnnl, fqtrans *trans) noexcept {
         std::puts("fq_dequeue_commit on no data.");
         return -1;
     }
-    const Saved saved = save_position(trans, [] { std::puts("fq_dequeue_commit.unlink error "); });
+    if (!force_what_was_read(trans)) {
+        fq_unlock(trans);
+        return -1;
+    }
+    const Saved saved =
+        save_position(trans, [](const fqtrans *) { std::puts("fq_dequeue_commit.unlink error "); });
     // Kept: a position that was not saved is not reported, and the commit goes on.
     if (saved.result < 0) std::puts("fq_dequeue_commit.fq_set_pos error ");
+    if (!sync_file(trans->posfd)) {
+        fq_unlock(trans);
+        return -1;
+    }
     delete_finished_file(trans);
     ChannelStats(chnnl).committed_reads(trans->count, trans->errcnt);
     const int result = fq_unlock(trans);

@@ -21,7 +21,7 @@ public:
     // next one is likely to be as long.
     void begin() noexcept {
         forget();
-        next_ = std::clamp(taken_, sizeof small_, kLargest);
+        next_ = std::clamp(taken_, kSmallest, kLargest);
         taken_ = 0;
     }
     // An item of so many bytes was read in this transaction.
@@ -41,15 +41,14 @@ public:
         if (size < FQ_ITEM_EXTRA) return false;
         ItemHeader header;
         std::memcpy(&header, at(offset), kHeaderSize);
-        return header.has_magic() && header.state == kCommitted && header.length > 0 &&
-               header.length <= size - FQ_ITEM_EXTRA &&
-               std::memcmp(at(offset) + kHeaderSize + header.length, kTrailer, kTrailerSize) == 0;
+        return kind_of(header) == ItemKind::readable && header.length <= size - FQ_ITEM_EXTRA &&
+               is_trailer(at(offset) + kHeaderSize + header.length);
     }
 
     // Reads the piece at an offset, each one larger than the one before. As pread.
     ssize_t load(int fd, int64_t offset) noexcept {
         if (next_ > sizeof small_ && !large_) large_.reset(new (std::nothrow) char[kLargest]);
-        const size_t size = large_ ? next_ : sizeof small_;
+        const size_t size = large_ ? next_ : std::min(next_, sizeof small_);
         const ssize_t got = pread(fd, large_ ? large_.get() : small_, size, offset);
         start_ = offset;
         length_ = got < 0 ? 0 : static_cast<size_t>(got);
@@ -58,12 +57,13 @@ public:
     }
 
 private:
+    static constexpr size_t kSmallest = 1024;
     static constexpr size_t kLargest = size_t{1} << 16;
     const char *bytes() const noexcept { return large_ ? large_.get() : small_; }
 
     char small_[4096];
     std::unique_ptr<char[]> large_;
-    size_t length_ = 0, next_ = sizeof small_, taken_ = 0;
+    size_t length_ = 0, next_ = kSmallest, taken_ = 0;
     int64_t start_ = 0;
 };
 

@@ -19,7 +19,7 @@ inline CheckedEnd check_end(const Side &side, const FrxChannel *handle,
                             bool arguments_ok = true) noexcept {
     if (!frx_isValid(handle)) return {ESMS_ACCESS, nullptr};
     if (!arguments_ok) return {ESMS_INVAL, nullptr};
-    halvo_channel *q = usable_channel(handle->channel); // in the table of ends, or not valid
+    halvo_channel *q = checked_channel(handle->channel); // in the table of ends, or not valid
     if (!q) return {ESMS_INVAL, nullptr};
     if (!owns(side, q)) return {ESMS_ACCESS, nullptr};
     return {ESMS_OK, q};

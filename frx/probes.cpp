@@ -1,8 +1,6 @@
 // sms_shmC: looking at a channel without changing it: slots, liveness, sizes, counts. No lock, and
 // no check that the handle opened the end; only its fields are used.
-#include "core/attach.h"
 #include "core/end.h"
-#include "core/ring.h"
 #include "core/side.h"
 #include "frx/ends.h"
 
@@ -27,15 +25,16 @@ int frx_view(const FrxChannel *handle, void *buffer) noexcept {
 int frx_stat(const FrxChannel *handle) noexcept {
     const halvo_channel *q = frx_header(handle);
     if (!q) return ESMS_INVAL;
-    return load_state(slot_at(q, position_in(q, load(q->*side_of(handle->side).position))));
+    const qmsg *slot = ring_slot(q, load(q->*side_of(handle->side).position));
+    return slot ? load_state(slot) : ESMS_INVAL;
 }
 
 int frx_statBuf(const FrxChannel *handle, int index) noexcept {
     const halvo_channel *q = frx_header(handle);
     // Kept: one index more than there are buffers is accepted.
     if (!q || index < 0 || index > HALVO_BUFFERS) return ESMS_INVAL;
-    const qmsg *slot = buffer_slot(q, q->*side_of(handle->side).buffers, index);
-    return in_segment(slot, sizeof *slot) ? load_state(slot) : ESMS_INVAL;
+    const qmsg *slot = buffer_slot(q, load(q->*side_of(handle->side).buffers), index);
+    return slot ? load_state(slot) : ESMS_INVAL;
 }
 
 // Kept: only an 'r' handle asks for the writer's heartbeat, and the file queue's are not looked at.

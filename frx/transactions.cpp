@@ -45,8 +45,16 @@ int frx_writeCommit(FrxChannel *handle) noexcept {
     return guarded_commit(kWriter, handle, q_write_commit);
 }
 
+int frx_writeCommitAll(FrxChannel *handle) noexcept {
+    return guarded_commit(kWriter, handle, q_write_commit_all);
+}
+
 int frx_writeRollback(FrxChannel *handle) noexcept {
     return guarded(kWriter, handle, true, q_write_rollback);
+}
+
+int frx_writeRollbackAll(FrxChannel *handle) noexcept {
+    return guarded(kWriter, handle, true, q_write_rollback_all);
 }
 
 // Kept: committing a parked message wakes no reader.

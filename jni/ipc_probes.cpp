@@ -12,7 +12,7 @@ enum StatusWord { kReadState = 0, kLastIn = 3, kLastOut = 4 }; // any other: the
 // On a channel that is fed from a file queue, the processes of that queue have the heartbeats.
 bool uses_file_queue(const halvo_channel *q) { return q->qtype == 'F'; }
 
-int32_t halvo_channel::*heartbeat_of(const Side &side, const halvo_channel *q) {
+halvo_i32 halvo_channel::*heartbeat_of(const Side &side, const halvo_channel *q) {
     return uses_file_queue(q) ? side.file_heartbeat : side.heartbeat;
 }
 
@@ -42,15 +42,16 @@ IPC_NATIVE(jint, stat)(JNIEnv *, jclass, jint channel, jint what) noexcept {
     if (!q) return ESMS_INVAL;
     if (what == kLastIn) return load(q->lastin);
     if (what == kLastOut) return load(q->lastout);
-    return load_state(slot_at(q, position_in(q, load(what == kReadState ? q->rpos : q->wpos))));
+    const qmsg *slot = ring_slot(q, load(what == kReadState ? q->rpos : q->wpos));
+    return slot ? load_state(slot) : ESMS_INVAL;
 }
 
 IPC_NATIVE(jint, statBuf)(JNIEnv *, jclass, jint channel, jboolean for_write, jint index) noexcept {
     const halvo_channel *q = checked_channel(channel);
     // Kept: one index more than there are buffers is accepted.
     if (!q || index < 0 || index > HALVO_BUFFERS) return ESMS_INVAL;
-    const qmsg *slot = buffer_slot(q, for_write ? q->wbufs : q->rbufs, index);
-    return in_segment(slot, sizeof *slot) ? load_state(slot) : ESMS_INVAL;
+    const qmsg *slot = buffer_slot(q, load(for_write ? q->wbufs : q->rbufs), index);
+    return slot ? load_state(slot) : ESMS_INVAL;
 }
 
 IPC_NATIVE(jint, isAlive)

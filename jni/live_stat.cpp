@@ -79,7 +79,7 @@ jstring field_string(JNIEnv *env, const char *field) {
 
 struct NumberItem {
     int32_t get, set;
-    int32_t halvo_counter::*field;
+    halvo_i32 halvo_counter::*field;
 };
 constexpr NumberItem kNumbers[] = {
     {IID_GETI_TRATIO, IID_SETI_TRATIO, &halvo_counter::ratio},

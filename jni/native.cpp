@@ -16,7 +16,7 @@ jint JNU_ThrowByName(JNIEnv *env, const char *class_name, const char *message) n
 namespace halvo {
 
 CheckedChannel owned_channel(const Side &side, jint channel) noexcept {
-    halvo_channel *q = usable_channel(channel);
+    halvo_channel *q = checked_channel(channel);
     if (!q) return {ESMS_INVAL, nullptr};
     if (!owns(side, q)) return {ESMS_ACCESS, nullptr};
     return {ESMS_OK, q};

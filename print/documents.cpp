@@ -33,11 +33,11 @@ template <Replies Facts::*Kind, int64_t Replies::*Figure>
 void reply(const Facts &facts, Cell &cell) {
     cell.print("%lld", static_cast<long long>(facts.*Kind.*Figure));
 }
-template <int32_t halvo_channel::*Word>
+template <halvo_i32 halvo_channel::*Word>
 void word(const Facts &facts, Cell &cell) {
     cell.print("%ld", static_cast<long>(load(facts.q->*Word)));
 }
-template <int32_t halvo_channel::*Stamp>
+template <halvo_i32 halvo_channel::*Stamp>
 void elapsed(const Facts &facts, Cell &cell) {
     q_print_elapsed_str(cell.text, load(facts.q->*Stamp));
 }

@@ -68,6 +68,9 @@ void fill_counts(Facts &facts, const Baseline &baseline) {
     facts.errors = difference(q.gcnt.ecount, then.gcnt.ecount);
 }
 
+// A slot outside the segment shows as one in an unknown state.
+char letter_of(const qmsg *slot) { return slot ? q_statchr(slot) : 'X'; }
+
 } // namespace
 
 const halvo_channel &Baseline::operator[](int channel) const noexcept {
@@ -97,13 +100,12 @@ Facts facts_of(const Visit &visit, int32_t now, Rate rate, const Baseline &basel
 }
 
 RingLetters ring_letters(const halvo_channel *q) noexcept {
-    return {q_statchr(slot_at(q, position_in(q, load(q->wpos)))),
-            q_statchr(slot_at(q, position_in(q, load(q->rpos))))};
+    return {letter_of(ring_slot(q, load(q->wpos))), letter_of(ring_slot(q, load(q->rpos)))};
 }
 
 BufferLetters buffer_letters(const halvo_channel *q, uint32_t area) noexcept {
     BufferLetters letters{};
-    for (int i = 0; i < HALVO_BUFFERS; ++i) letters.text[i] = q_statchr(buffer_slot(q, area, i));
+    for (int i = 0; i < HALVO_BUFFERS; ++i) letters.text[i] = letter_of(buffer_slot(q, area, i));
     return letters;
 }
 

@@ -13,8 +13,8 @@ namespace halvo {
 struct End {
     const char *name;
     char letter;
-    int32_t halvo_channel::*stamp;
-    int32_t halvo_channel::*pid;
+    halvo_i32 halvo_channel::*stamp;
+    halvo_i32 halvo_channel::*pid;
     int32_t active_seconds; // an older heartbeat is no activity
 };
 constexpr End kEnds[] = {

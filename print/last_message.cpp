@@ -1,4 +1,5 @@
 // smsqm_print: the text of the message that left the gateway last.
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -31,7 +32,7 @@ public:
     LastMessage() noexcept : q_(qm_last_out_q(attached_segment())) {
         const qmsg *slot = qm_last_msg_of(q_);
         if (!slot) return;
-        std::memcpy(body_, body(slot), readable_bytes());
+        std::memcpy(body_, body(slot), readable_bytes(slot));
         qm_rtrim2(body_ + kTextAt, kTextSize - 1);
         qm_span(body_ + kTextAt, kTextSize);
     }
@@ -39,11 +40,13 @@ public:
     const char *text() const noexcept { return body_ + kTextAt; }
 
 private:
-    // A slot may be smaller than what is shown; the last one ends where the buffers begin.
-    size_t readable_bytes() const noexcept {
-        if (q_->qbsz <= offsetof(qmsg, data)) return 0;
-        const size_t room = q_->qbsz - offsetof(qmsg, data);
-        return room < kBodySize ? room : kBodySize;
+    // A slot may be smaller than what is shown, and the segment may end behind it.
+    size_t readable_bytes(const qmsg *slot) const noexcept {
+        const auto offset = static_cast<size_t>(static_cast<const char *>(body(slot)) -
+                                                reinterpret_cast<const char *>(q_));
+        const uint32_t size = load(q_->qbsz);
+        if (size <= offsetof(qmsg, data)) return 0;
+        return std::min({kBodySize, size - offsetof(qmsg, data), room_behind(q_) - offset});
     }
 
     halvo_channel *q_;
@@ -72,10 +75,12 @@ halvo_channel *qm_last_out_q(halvo_segment *segment) noexcept {
 
 qmsg *qm_last_msg_of(halvo_channel *channel) noexcept {
     if (!channel) return nullptr;
-    const uint32_t rpos = position_in(channel, load(channel->rpos));
+    const Ring ring = ring_of(channel);
+    if (!lies_within(ring, room_behind(channel))) return nullptr;
+    const uint32_t rpos = position_in(ring, load(channel->rpos));
     // Before the first slot lies the last one; so it does for a damaged position inside the first.
-    const uint32_t behind = rpos - channel->qstart < channel->qbsz ? channel->qend : rpos;
-    return slot_at(channel, behind - channel->qbsz);
+    const uint32_t behind = rpos - ring.start < ring.size ? ring.end : rpos;
+    return slot_at(channel, behind - ring.size);
 }
 
 int qm_print_last_msg2(char mode) noexcept {

@@ -1,5 +1,6 @@
 // smsqm_print: the processes at each channel.
 #include <cstdio>
+#include <iterator>
 
 #include "print/cells.h"
 

@@ -23,8 +23,13 @@
 #define HALVO_STATIC_ASSERT(condition, text) _Static_assert(condition, text)
 #endif
 
-/* 64-bit integers of records that several processes share. They are aligned to four bytes at
- * both word sizes, so that a 32-bit and a 64-bit process see the same layout. */
-typedef uint64_t halvo_u64 __attribute__((aligned(4)));
+/* Integers of records that several processes share. They may lie at any address: a channel's header
+ * and its slots lie where their offsets say, which need not be multiples of anything. To a compiler
+ * they are the plain types, with no more alignment than a byte's; bind no reference to them, and
+ * point with these types. */
+typedef int32_t halvo_i32 __attribute__((aligned(1)));
+typedef uint32_t halvo_u32 __attribute__((aligned(1)));
+typedef uint16_t halvo_u16 __attribute__((aligned(1)));
+typedef uint64_t halvo_u64 __attribute__((aligned(1)));
 
 #endif

@@ -9,7 +9,7 @@
  * One writer and one reader work on a queue at the same time; further ones, threads and processes
  * alike, wait for their side. Items of a transaction become readable all at once at its commit, and
  * are consumed only by the reader's commit: a reader that dies gets them again. Nothing is forced
- * to the disk (no fsync).
+ * to the disk (no fsync), unless a process asks for it: see fq_set_durability.
  *
  *     fqtrans t;
  *     if (fq_enqueue(-1, "/var/q/mo", a, alen, &t) > 0 && fq_enqueue_next(-1, b, blen, &t) > 0)
@@ -36,11 +36,17 @@
  *            nothing is read.
  *   results  0 or a positive number for success, negative for failure, with a line on standard
  *            output. Failures are not retried.
- *   files    stay open for the next transaction, three to a side, of up to 32 sides that are idle; so
- *            a deleted data file may take up its disk space until the next transaction on its side.
- *            Files that are removed, replaced or moved between transactions are opened anew.
+ *   files    What the path names when a transaction begins is the queue, for lock file, position
+ *            file and data file; a relative path counts from the directory where it was begun. A
+ *            commit answers 0 only for items in the file that the path still names. Files stay open
+ *            for the next transaction, three to a side, of up to 32 sides that are idle, with
+ *            descriptors in the upper half of what the process may open; so a deleted data file may
+ *            take up its disk space until the next transaction on its side.
  *   waiting  fq_lock, fq_enqueue, fq_enqueue_away and fq_dequeue block without limit while another
- *            thread or process holds the side. Everything else returns at once.
+ *            thread or process holds the side. Everything else returns at once. What the system
+ *            takes for a deadlock of processes is waited for as well, unless the calling thread
+ *            holds a side itself and that has lasted ten seconds: that is a failure (-4). A thread
+ *            that begins a transaction on a side that it holds waits until another ends the first.
  */
 #ifndef HALVO_FQ_H
 #define HALVO_FQ_H
@@ -55,6 +61,12 @@ enum {
     FQ_POSITION_SIZE = 31,  /* bytes of a position record */
     FQ_ITEM_EXTRA = 22,     /* bytes of an item besides its data: header and trailer */
     FQ_ITEM_MAX = 999999977 /* bytes of data in an item: its end must be a 9-digit offset */
+};
+
+enum {
+    FQ_DURABILITY_NONE = 0, /* nothing is forced to the disk */
+    FQ_DURABILITY_COMMIT =
+        1 /* a transaction that was answered with success survives a power loss */
 };
 
 /* A transaction: one side of a queue, locked. Between the calls the position records hold a NUL
@@ -132,6 +144,18 @@ HALVO_API int fq_dequeue_commit(int chnnl, fqtrans *trans) HALVO_NOEXCEPT;
 /* Gives the side back; the same items are read again. returns fq_unlock's result, -1 for null. */
 HALVO_API int fq_dequeue_rollback(int chnnl, fqtrans *trans) HALVO_NOEXCEPT;
 
+/* ---- Durability -------------------------------------------------------------------------- */
+
+/* What the transactions of this process promise from now on, on all queues and threads; at first
+ * what the environment variable HALVO_FQ_DURABILITY says ("none", "commit"), else nothing is forced.
+ * With FQ_DURABILITY_COMMIT every commit and single shot waits for the disk: once for a single item
+ * and for a reader's commit, three times for a batch, more where a data file begins or ends. Both
+ * sides of a queue must ask for it. A failure to force is the failure of the call: -1, and items
+ * that were written may be readable all the same. The item functions below force nothing on a
+ * record that fq_lock has not filled.
+ * returns  0, or ESMS_INVAL for any other mode. Any thread, at any time. */
+HALVO_API int fq_set_durability(int mode) HALVO_NOEXCEPT;
+
 /* ---- Locks ------------------------------------------------------------------------------- */
 
 /* Takes one side of a queue and reads its position into startpos and curpos.
@@ -140,7 +164,7 @@ HALVO_API int fq_dequeue_rollback(int chnnl, fqtrans *trans) HALVO_NOEXCEPT;
  * returns  31; ESMS_INVAL for a null record or too long a path; -1 the lock file could not be
  *          opened; -2 more than 256 lock files in this process; -3 mutex; -4 file lock, or a signal
  *          ended the wait for it; -5 position file; -6 the position could not be read. Nothing is
- *          held after a failure. */
+ *          held after a failure. A last record that cannot be read gives way to the one before. */
 HALVO_API int fq_lock(char mode, fqtrans *trans) HALVO_NOEXCEPT;
 /* Gives a side back: position file, file lock, mutex; each step is tried.
  * returns  0, or the code of the last failure: -1 no position file, -5 no lock file, -4 file lock,

@@ -6,17 +6,9 @@
 
 #include "halvo/queue.h"
 #include "tests/support/capture.h"
-#include "tests/support/segment_builder.h"
+#include "tests/support/ring.h"
 
 using namespace halvo::test;
-
-namespace {
-
-Segment two_channels() {
-    return SegmentBuilder().channel("MT01", 'M', 4, 64).channel("FQ01", 'F', 4, 64).build();
-}
-
-} // namespace
 
 TEST(Attach, null_key_file_asks_whether_the_process_is_attached) {
     const Segment s = two_channels();
@@ -95,15 +87,14 @@ TEST(Lookup, slot_states_have_letters) {
 }
 
 TEST(ResultCodes, are_printed_by_name_behind_the_prefix) {
-    const auto printed = [](int code) {
-        return captured_stdout([=] { printr("snd error ....", code); });
-    };
-    EXPECT_EQ(printed(ESMS_EXEED), "snd error .... ESMS_EXEED\n");
-    EXPECT_EQ(printed(ESMS_OK), "snd error .... ESMS_OK\n");
-    EXPECT_EQ(printed(ESMS_STAT), "snd error .... ESMS_STAT\n");
-    EXPECT_EQ(printed(EIDRM), "snd error .... EIDRM\n");
-    EXPECT_EQ(printed(2), "snd error .... Unknown err 2\n");
-    EXPECT_EQ(printed(-18), "snd error .... Unknown err -18\n");
+    const struct {
+        int code;
+        std::string name;
+    } codes[] = {{ESMS_EXEED, "ESMS_EXEED"}, {ESMS_OK, "ESMS_OK"}, {ESMS_STAT, "ESMS_STAT"},
+                 {EIDRM, "EIDRM"},           {2, "Unknown err 2"}, {-18, "Unknown err -18"}};
+    for (const auto &[code, name] : codes)
+        EXPECT_EQ(captured_stdout([&] { printr("snd error ....", code); }),
+                  "snd error .... " + name + "\n");
     EXPECT_EQ(captured_stdout([] { printr("100%% of it:", ESMS_FULL); }),
               "100% of it: ESMS_FULL\n");
 }

@@ -27,10 +27,6 @@ TEST_F(Buffers, a_read_buffer_gives_its_message_again_until_it_is_cleared) {
     EXPECT_EQ(q_read_buf_clear(q, 4), ESMS_OK);
     EXPECT_EQ(q_read_buf_clear(q, 4), ESMS_INVAL) << "empty";
     EXPECT_EQ(read_buf(4), "[-3]");
-    for (int index : {-1, 5, INT32_MIN}) {
-        EXPECT_EQ(read_buf(index), "[-10]");
-        EXPECT_EQ(q_read_buf_clear(q, index), ESMS_INVAL);
-    }
 }
 
 TEST_F(Buffers, a_parked_message_keeps_a_ring_slot_free) {
@@ -74,13 +70,32 @@ TEST_F(Buffers, parking_needs_the_slot_behind_the_owed_ones) {
 TEST_F(Buffers, empty_buffers_and_bad_indexes_have_their_own_codes) {
     EXPECT_EQ(q_write_buf_commit(q, 0), ESMS_INVAL);
     EXPECT_EQ(q_write_buf_rollback(q, 0), ESMS_NOTARGET);
-    for (int index : {-1, 5, INT32_MAX}) {
-        EXPECT_EQ(write_buf(q, "a", index), ESMS_INVAL);
-        EXPECT_EQ(q_write_buf_commit(q, index), ESMS_INVAL);
-        EXPECT_EQ(q_write_buf_rollback(q, index), ESMS_INVAL);
-    }
+    Slot slot(q);
+    for (int index : {-1, 5, INT32_MIN, INT32_MAX})
+        for (const int result : {q_read_buf(q, slot.data(), index), q_read_buf_clear(q, index),
+                                 write_buf(q, "a", index), q_write_buf_commit(q, index),
+                                 q_write_buf_rollback(q, index)})
+            EXPECT_EQ(result, ESMS_INVAL) << index;
     EXPECT_EQ(write_buf(q, "", 9), ESMS_INVAL);
     write_buf(q, "a", 3);
     EXPECT_EQ(q_write_buf_rollback(q, 3), ESMS_OK);
     EXPECT_EQ(q->pbuffs, 0);
+}
+
+TEST_F(Buffers, their_use_is_a_heartbeat_as_that_of_the_ring_is) {
+    Slot slot(q);
+    const struct {
+        std::function<void()> use;
+        int32_t &heartbeat;
+    } cases[] = {
+        {[&] { write_buf(q, "a", 0); }, q->wtime},
+        {[&] { write_buf(q, "a", -1); }, q->wtime},
+        {[&] { q_read_buf(q, slot.data(), 0); }, q->rtime},
+        {[&] { q_read_buf_clear(q, 0); }, q->rtime},
+    };
+    for (const auto &[use, heartbeat] : cases) {
+        const int32_t now = ++q_0()->now;
+        use();
+        EXPECT_EQ(heartbeat, now);
+    }
 }

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 using namespace halvo::test;
 
@@ -14,8 +14,7 @@ namespace {
 
 class Counters : public testing::Test {
 protected:
-    Segment segment =
-        SegmentBuilder().channel("MT01", 'M', 4, 64).channel("FQ01", 'F', 4, 64).build();
+    Segment segment = two_channels();
     halvo_channel *q = nullptr;
     void SetUp() override {
         segment.attach();

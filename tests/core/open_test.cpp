@@ -1,20 +1,10 @@
-#include <gtest/gtest.h>
-#include <sys/sem.h>
-
 #include <cerrno>
 #include <csignal>
 
 #include "tests/support/frx_fixture.h"
+#include "tests/support/ipc.h"
 
 using namespace halvo::test;
-
-namespace {
-
-Segment two_channels() {
-    return SegmentBuilder().channel("MT01", 'M', 4, 64).channel("FQ01", 'F', 4, 64).build();
-}
-
-} // namespace
 
 TEST(Open, refuses_with_a_line_and_null) {
     EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_open(0, 'r'), nullptr); }),
@@ -53,8 +43,7 @@ TEST(Open, close_has_a_code_for_every_mistake) {
     EXPECT_EQ(q_close(0, 'z'), ESMS_FAILED);
     EXPECT_EQ(q_close(0, 'x'), ESMS_OK);
     // A lock set that is gone: the two sides answer with different codes.
-    for (int project : {201, 202})
-        semctl(semget(ftok(s.key_file().c_str(), project), 2, 0), 0, IPC_RMID);
+    for (int locks : {kReadLocks, kWriteLocks}) semctl(set_under(s.key_file(), locks), 0, IPC_RMID);
     EXPECT_EQ(q_close(0, 'r'), ESMS_MTXLOCK);
     EXPECT_EQ(q_close(0, 'w'), ESMS_MTXUNLOCK);
     const std::string line = captured_stdout([] { EXPECT_EQ(q_open_wait(1, 'r', 100), nullptr); });

@@ -129,7 +129,7 @@ TEST_F(Recover, waits_for_a_living_peer_to_finish) {
         halvo::store(q->pidg, static_cast<int32_t>(getpid()));
         halvo::publish_state(slot_at(q, q->rpos), HALVO_SLOT_FREE);
         usleep(2000);
-        halvo::store(q->rpos, halvo::next_offset(q, q->rpos));
+        halvo::store(q->rpos, halvo::next_offset(halvo::ring_of(q), q->rpos));
         usleep(200000);
         return 0;
     });

@@ -5,7 +5,7 @@
 void halvo::fuzz::forget_attachment() {
     delete[] std::exchange(semPosts, nullptr);
     delete[] std::exchange(semRqsts, nullptr);
-    qm = attached = nullptr;
+    segment_ever = attached = nullptr;
     forget_channels();
     shmblock = nullptr;
     segment_size = 0;

@@ -66,7 +66,7 @@ std::string record_of(Input &input) {
 
 void add_piece(Input &input) {
     const FileName name = chosen_file(input);
-    const Descriptor file = open_queue_file(name, O_WRONLY | O_CREAT | O_APPEND);
+    const Descriptor file = open_queue_file(AT_FDCWD, name, O_WRONLY | O_CREAT | O_APPEND);
     const uint32_t kind = input.below(8);
     if (kind == 0) {
         // A long file, most of it a hole.

@@ -63,23 +63,20 @@ TEST_F(Options, words_that_are_no_attributes_and_lines_that_are_no_channels) {
 }
 
 TEST_F(Options, the_next_file_replaces_the_list_and_a_missing_one_leaves_it) {
+    const std::string directory = segment.path("directory");
+    mkdir(directory.c_str(), 0700);
+    EXPECT_EQ(q_load_print_options(directory.c_str()), 0);
+    EXPECT_EQ(qprtopts, nullptr);
     load("MT01\n!MSG 33\n");
     load("XCN1\n");
     EXPECT_EQ(records(), (std::vector<Record>{{1, 0, -1, -1}}));
     EXPECT_EQ(qoptMsg, nullptr);
     EXPECT_LT(q_load_print_options(segment.path("missing").c_str()), 0);
     EXPECT_LT(q_load_print_options(nullptr), 0);
-    mkdir(segment.path("directory").c_str(), 0700);
-    EXPECT_EQ(q_load_print_options(segment.path("directory").c_str()), 0);
+    EXPECT_EQ(q_load_print_options(directory.c_str()), 0);
     EXPECT_EQ(records(), (std::vector<Record>{{1, 0, -1, -1}}));
     load("");
     EXPECT_EQ(records(), std::vector<Record>{});
-}
-
-TEST_F(Options, a_directory_loads_nothing) {
-    mkdir(segment.path("directory").c_str(), 0700);
-    EXPECT_EQ(q_load_print_options(segment.path("directory").c_str()), 0);
-    EXPECT_EQ(qprtopts, nullptr);
 }
 
 TEST_F(Options, more_than_the_list_holds_is_ignored_with_a_word) {
@@ -93,19 +90,23 @@ TEST_F(Options, more_than_the_list_holds_is_ignored_with_a_word) {
 }
 
 TEST_F(Options, tables_and_documents_follow_the_list) {
-    load("  한국 4\nMT01 1 33\n!HEADER 7\n");
-    const std::string plain = captured_stdout([] { q_statprint('s'); });
-    EXPECT_NE(plain.find("\n  한국        # 2D ____ "), std::string::npos);
-    EXPECT_NE(plain.find("\nMT01          # 0M WR__ "), std::string::npos);
-    EXPECT_EQ(plain.find("XCN1"), std::string::npos);
-    const std::string cells = captured_stdout([] { EXPECT_EQ(q_statprint2('s'), 2); });
-    EXPECT_NE(cells.find("\n\x1b[7mQUEUE "), std::string::npos);
-    EXPECT_NE(cells.find("\n\x1b[0m\x1b[4m  한국               2D "), std::string::npos);
-    EXPECT_NE(cells.find("\n\x1b[0m\x1b[1m\x1b[33mMT01                 0M "), std::string::npos);
+    take_snapshot_of_before();
+    load("  한국 4\nMT01 1 33\n!HEADER 7\n!TITLE 1 36\n!MSG 35\n");
+    EXPECT_EQ(captured_stdout([] { q_statprint('s'); }), expected("plain_with_options.txt"));
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statprint2('s'), 2); }),
+              expected("cells_with_options.txt"));
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statprint2('w'), 2); }),
+              expected("cells_with_options_without_escapes.txt"));
+    EXPECT_LT(xml('s').find("한국"), xml('s').find("MT01"));
+    EXPECT_EQ(xml('s').find("XCN1"), std::string::npos);
     // Mode 'a' asks for all channels by number.
     EXPECT_NE(captured_stdout([] { q_statprint('a'); }).find("XCN1"), std::string::npos);
-    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statprint2('w'), 2); }).find('\x1b'),
-              std::string::npos);
+    EXPECT_NE(xml('a').find("XCN1"), std::string::npos);
+    qprtopts[1].channel = 300;
+    std::string damaged;
+    EXPECT_EQ(captured_stdout([&] { damaged = xml('s'); }), "WARNNING! 300th q is null\n");
+    EXPECT_NE(damaged.find("한국"), std::string::npos);
+    EXPECT_EQ(damaged.substr(damaged.size() - 13), "</q>\n</smsqm>");
 }
 
 TEST_F(Options, a_special_line_ends_the_list_but_for_the_table_of_cells) {

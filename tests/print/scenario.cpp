@@ -1,17 +1,16 @@
 #include "tests/print/scenario.h"
 
 #include <iconv.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
 #include "core/ring.h"
+#include "tests/support/files.h"
 #include "tests/support/fixed_clock.h"
+#include "tests/support/program.h"
 
 namespace halvo::test {
 
@@ -35,11 +34,7 @@ std::string converted(const char *to_code, const char *from_code, std::string te
 std::string utf8(const std::string &text) { return converted("UTF-8", "EUC-KR", text); }
 
 std::string expected(const std::string &file) {
-    const std::ifstream in(HALVO_EXPECTED "/" + file, std::ios::binary);
-    if (!in) throw std::runtime_error("cannot read " + file);
-    std::ostringstream content;
-    content << in.rdbuf();
-    std::string text = content.str();
+    std::string text = content_of(HALVO_EXPECTED "/" + file);
     const std::string escape = "\xE2\x90\x9B"; // U+241B in UTF-8
     for (size_t at; (at = text.find(escape)) != std::string::npos;)
         text.replace(at, escape.size(), "\x1b");
@@ -54,14 +49,9 @@ std::vector<std::string> lines(const std::string &text) {
 }
 
 std::string output_of(const std::string &command) {
-    std::FILE *pipe = popen(command.c_str(), "r");
-    if (!pipe) throw std::runtime_error("popen");
-    std::string out;
-    char block[4096];
-    for (size_t got; (got = std::fread(block, 1, sizeof block, pipe)) > 0;) out.append(block, got);
-    const int status = pclose(pipe);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command << '\n' << out;
-    return out;
+    const Outcome outcome = run_program({"/bin/sh", "-c", command});
+    EXPECT_EQ(outcome.status, 0) << command << '\n' << outcome.err;
+    return outcome.out;
 }
 
 Status::Status()
@@ -123,6 +113,7 @@ Status::Status()
 Status::~Status() {
     lastcheck = nullptr;
     snapshot = nullptr;
+    qprtopts = qoptTitle = qoptMsg = qoptHeader = nullptr;
 }
 
 void Status::provide_baseline() {
@@ -148,21 +139,25 @@ halvo_channel &Status::image(int channel) {
     return reinterpret_cast<halvo_channel *>(first)[channel];
 }
 
+void Status::take_snapshot_of_before() {
+    take_snapshot(kNow - 125 * 60 - 30);
+    image(0).gcnt.count = 900;
+    image(0).gcnt.ecount = 1;
+    image(1).fgcnt.count = 7000;
+    image(1).gcnt.count = 7399;
+    image(2).tcnt[5].count = image(2).tcnt[5].ecount = 10;
+    image(2).tcnt[6].count = image(2).tcnt[6].ecount = 0;
+}
+
 std::string Status::write_file(const std::string &name, const std::string &content) {
     const std::string path = segment.path(name);
-    std::ofstream(path, std::ios::binary) << content;
+    test::write_file(path, content);
     return path;
 }
 
-std::string Status::xml(char mode) const {
+std::string Status::document(int (*print)(char, char *), char mode) {
     std::vector<char> out(128 + 1024 * q_0()->nchnnl);
-    EXPECT_EQ(q_statprint_xml(mode, out.data()), 0);
-    return out.data();
-}
-
-std::string Status::json(char mode) const {
-    std::vector<char> out(128 + 1024 * q_0()->nchnnl);
-    EXPECT_EQ(q_statprint_json(mode, out.data()), 0);
+    EXPECT_EQ(print(mode, out.data()), 0);
     return out.data();
 }
 

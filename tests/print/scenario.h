@@ -9,7 +9,7 @@
 
 #include "halvo/status.h"
 #include "tests/support/capture.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 
@@ -33,9 +33,10 @@ protected:
     void provide_baseline(); // every channel: 500 messages counted, two seconds ago
     halvo_segment &take_snapshot(int32_t at);
     halvo_channel &image(int channel); // of the snapshot
+    void take_snapshot_of_before();    // two hours ago, with counts to compare
     std::string write_file(const std::string &name, const std::string &content);
-    std::string xml(char mode) const;
-    std::string json(char mode = 'a') const;
+    static std::string xml(char mode) { return document(q_statprint_xml, mode); }
+    static std::string json(char mode = 'a') { return document(q_statprint_json, mode); }
 
     Segment segment;
     halvo_channel *mt = nullptr;    // 0 MT01, type M, active
@@ -43,6 +44,8 @@ protected:
     halvo_channel *korea = nullptr; // 2 한국, of a third type, idle; counts XCN1's replies
 
 private:
+    static std::string document(int (*print)(char, char *), char mode);
+
     std::vector<halvo_counter> baseline_;
     std::vector<char> image_;
 };

@@ -6,7 +6,6 @@
 #include "tests/stress/moments.h"
 
 using namespace halvo::test;
-using halvo::buffer_slot;
 using halvo::slot_at;
 
 namespace {
@@ -32,7 +31,7 @@ protected:
     StoreOrder() { stay_on_this_processor(); }
     SmallRing ring;
     halvo_channel *q = ring.q;
-    Stage &stage = shared_stage();
+    Stage &stage = shared_object<Stage>();
     int orders = 0, violations = 0;
 
     Watched watch(const char *name, const void *at, size_t size) {
@@ -109,7 +108,7 @@ TEST_F(StoreOrder, of_the_writer) {
     expect_order("write_mark", {{content("body", slot)}, {state("state", slot)}});
 
     begin("write_mark_at");
-    slot = slot_at(q, halvo::next_offset(q, q->wpos));
+    slot = slot_at(q, halvo::next_offset(halvo::ring_of(q), q->wpos));
     expect_order("write_mark_at", {{content("body", slot)}, {state("state", slot)}});
 
     begin("write_commit");
@@ -118,9 +117,10 @@ TEST_F(StoreOrder, of_the_writer) {
 
     begin("write_commit_all");
     slot = slot_at(q, q->wpos);
-    expect_order("write_commit_all",
-                 {{state("first state", slot)},
-                  {state("second state", slot_at(q, halvo::next_offset(q, q->wpos)))}});
+    expect_order(
+        "write_commit_all",
+        {{state("first state", slot)},
+         {state("second state", slot_at(q, halvo::next_offset(halvo::ring_of(q), q->wpos)))}});
 
     begin("write_buf");
     qmsg *parked = buffer_slot(q, q->wbufs, 2);
@@ -146,9 +146,10 @@ TEST_F(StoreOrder, of_the_reader) {
 
     begin("read_commit");
     slot = slot_at(q, q->rpos);
-    expect_order("read_commit",
-                 {{state("first state", slot)},
-                  {state("second state", slot_at(q, halvo::next_offset(q, q->rpos)))}});
+    expect_order(
+        "read_commit",
+        {{state("first state", slot)},
+         {state("second state", slot_at(q, halvo::next_offset(halvo::ring_of(q), q->rpos)))}});
 
     begin("read_buf");
     slot = slot_at(q, q->rpos);

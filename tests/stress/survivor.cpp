@@ -1,6 +1,7 @@
 #include "tests/stress/survivor.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace halvo::test {
 
@@ -15,34 +16,33 @@ struct Between {
     std::vector<int> taken, added;
 };
 
+void append(std::vector<int> &all, const std::vector<int> &more) {
+    all.insert(all.end(), more.begin(), more.end());
+}
+
 void reader_at_work(SmallRing &ring, const Filling &filling, Between &between) {
     if (filling.peer_marks) {
         Slot slot(ring.q);
         if (q_read_markedmsg(ring.q, 0, slot.data()) == ESMS_OK)
-            between.taken.push_back(number_in(slot.data()));
+            between.taken.push_back(number_in(slot.data(), kRoom));
         q_read_commit(ring.q, 1, 0);
     }
-    const std::vector<int> rest = ring.drain();
-    between.taken.insert(between.taken.end(), rest.begin(), rest.end());
+    append(between.taken, ring.drain());
+}
+
+void writer_commits(SmallRing &ring, const Filling &filling, Between &between) {
+    if (filling.peer_marks && q_write_commit(ring.q) == ESMS_OK) between.added.push_back(kPeerMark);
 }
 
 void writer_at_work(SmallRing &ring, const Filling &filling, Between &between) {
-    if (filling.peer_marks && q_write_commit(ring.q) == ESMS_OK) between.added.push_back(kPeerMark);
+    writer_commits(ring, filling, between);
     for (int n = kPeerNew; n < kPeerNew + SmallRing::kSlots && ring.write(n) == ESMS_OK; ++n)
         between.added.push_back(n);
 }
 
-void settle_marks_of_peer(SmallRing &ring, char side, const Filling &filling, Between &between) {
-    if (!filling.peer_marks) return;
-    if (side == 'w')
-        q_read_rollback(ring.q);
-    else if (q_write_commit(ring.q) == ESMS_OK)
-        between.added.push_back(kPeerMark);
-}
-
 bool is_torn(const Found &found) {
     const auto torn = [](const std::vector<int> &numbers) {
-        return std::find(numbers.begin(), numbers.end(), kTorn) != numbers.end();
+        return std::count(numbers.begin(), numbers.end(), kTorn) > 0;
     };
     return torn(found.ring) || torn(found.parked) || torn(found.held);
 }
@@ -64,19 +64,9 @@ bool strip(std::vector<int> &ring, const std::vector<int> &added) {
 }
 
 std::vector<int> first_numbers(int messages) {
-    std::vector<int> numbers;
-    for (int n = 1; n <= messages; ++n) numbers.push_back(n);
+    std::vector<int> numbers(static_cast<size_t>(messages));
+    std::iota(numbers.begin(), numbers.end(), 1);
     return numbers;
-}
-
-std::string text(const Found &found) {
-    const auto list = [](const std::vector<int> &numbers) {
-        std::string all;
-        for (int n : numbers) all += " " + std::to_string(n);
-        return all;
-    };
-    return "ring" + list(found.ring) + "; parked" + list(found.parked) + "; held" +
-           list(found.held) + "; delivered " + std::to_string(found.delivered);
 }
 
 } // namespace
@@ -112,7 +102,7 @@ std::vector<int> held_messages(SmallRing &ring) {
     Slot slot(ring.q);
     for (int i = 0; i < HALVO_BUFFERS; ++i) {
         if (q_read_buf(ring.q, slot.data(), i) != ESMS_OK) continue; // the ring is empty
-        numbers.push_back(number_in(slot.data()));
+        numbers.push_back(number_in(slot.data(), kRoom));
         q_read_buf_clear(ring.q, i);
     }
     return numbers;
@@ -166,24 +156,26 @@ Faults survive(SmallRing &ring, const RingOperation &operation, const Filling &f
 
     if (!q_open(0, side)) return faults.stuck = 1, faults;
     EXPECT_GE(q_recover(0, side), 0);
-    if (!at_work) settle_marks_of_peer(ring, side, filling, between);
+    if (!at_work && side == 'w') q_read_rollback(ring.q);
+    if (!at_work && side == 'r') writer_commits(ring, filling, between);
 
     Found found;
     found.ring = between.taken;
-    const std::vector<int> rest = ring.drain();
-    found.ring.insert(found.ring.end(), rest.begin(), rest.end());
+    append(found.ring, ring.drain());
     const bool in_place = strip(found.ring, between.added);
     found.parked = parked_messages(ring);
     found.held = held_messages(ring);
     if (operation.name == std::string("read") || operation.name == std::string("read_buf"))
-        found.delivered = number_in(stage.buffer);
+        found.delivered = number_in(stage.buffer, kRoom);
 
     const bool finished = stage.returned != 0;
     const Legal *legal = find(operation.legal(first_numbers(filling.messages)), found, finished);
     if (is_torn(found)) faults.torn = 1;
     if (!legal || !in_place) {
         faults.lost = 1;
-        ADD_FAILURE() << operation.name << ", found: " << text(found);
+        ADD_FAILURE() << operation.name << ", ring " << testing::PrintToString(found.ring)
+                      << ", parked " << testing::PrintToString(found.parked) << ", held "
+                      << testing::PrintToString(found.held) << ", given " << found.delivered;
     } else {
         faults.most_doubled = legal->doubled;
     }

@@ -11,13 +11,44 @@
 
 namespace halvo::test {
 
-// Standard output goes to a temporary file while an object of this class lives.
+// A file without a name that takes what is printed, or gives a program's input.
+class ScratchFile {
+public:
+    ScratchFile() : file_(std::tmpfile()) {
+        if (!file_) throw std::runtime_error("tmpfile");
+    }
+    ScratchFile(const ScratchFile &) = delete;
+    ScratchFile &operator=(const ScratchFile &) = delete;
+    ~ScratchFile() { std::fclose(file_); }
+
+    int fd() const { return fileno(file_); }
+
+    void fill(const std::string &bytes) const {
+        std::fwrite(bytes.data(), 1, bytes.size(), file_);
+        std::rewind(file_);
+    }
+
+    // Leaves the position alone, where the next byte may be printed.
+    std::string content() const {
+        std::string bytes;
+        char block[4096];
+        for (ssize_t got;
+             (got = pread(fd(), block, sizeof block, static_cast<off_t>(bytes.size()))) > 0;)
+            bytes.append(block, static_cast<size_t>(got));
+        return bytes;
+    }
+
+private:
+    std::FILE *file_;
+};
+
+// Standard output goes to a scratch file while an object of this class lives.
 class StdoutCapture {
 public:
-    StdoutCapture() : file_(std::tmpfile()) {
+    StdoutCapture() {
         std::fflush(stdout);
         saved_.reset(dup(STDOUT_FILENO));
-        if (!file_ || !saved_ || dup2(fileno(file_), STDOUT_FILENO) < 0)
+        if (!saved_ || dup2(file_.fd(), STDOUT_FILENO) < 0)
             throw std::runtime_error("cannot capture the standard output");
     }
     StdoutCapture(const StdoutCapture &) = delete;
@@ -25,25 +56,16 @@ public:
     ~StdoutCapture() {
         std::fflush(stdout);
         dup2(saved_.get(), STDOUT_FILENO);
-        std::fclose(file_);
     }
 
     // Everything printed so far.
     std::string bytes() const {
         std::fflush(stdout);
-        std::string out;
-        char block[4096];
-        off_t at = 0;
-        for (;;) {
-            const ssize_t got = pread(fileno(file_), block, sizeof block, at);
-            if (got <= 0) return out;
-            out.append(block, static_cast<size_t>(got));
-            at += got;
-        }
+        return file_.content();
     }
 
 private:
-    std::FILE *file_;
+    const ScratchFile file_;
     Descriptor saved_;
 };
 

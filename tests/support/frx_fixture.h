@@ -3,13 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <ctime>
-
 #include "halvo/frx.h"
 #include "tests/support/capture.h"
+#include "tests/support/machine.h"
 #include "tests/support/peer.h"
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 
@@ -26,18 +25,10 @@ inline int frx_write(FrxChannel *end, const std::string &text, int timeout) {
     return ::frx_write(end, 1, text.data(), static_cast<uint32_t>(text.size()), timeout);
 }
 
-// A clock for durations (<chrono> holds text that EUC-KR cannot express).
-inline int64_t milliseconds_now() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-// Channel 0 MT01 ('M') and channel 1 FQ01 ('F', no semaphores), both ends of MT01 open.
+// Two channels, both ends of the first open.
 class FrxTest : public testing::Test {
 protected:
-    Segment segment =
-        SegmentBuilder().channel("MT01", 'M', 4, 64).channel("FQ01", 'F', 4, 64).build();
+    Segment segment = two_channels();
     FrxChannel writer{}, reader{};
     halvo_channel *q = nullptr;
 

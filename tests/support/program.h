@@ -7,10 +7,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
+#include "tests/support/capture.h"
 #include "tests/support/peer.h"
 
 namespace halvo::test {
@@ -19,36 +19,6 @@ struct Outcome {
     int status; // exit status, 128 + signal, or 127 when the program could not be started
     std::string out;
     std::string err;
-};
-
-// A file without a name that takes a program's input or output.
-class ScratchFile {
-public:
-    ScratchFile() : file_(std::tmpfile()) {
-        if (!file_) throw std::runtime_error("tmpfile");
-    }
-    ScratchFile(const ScratchFile &) = delete;
-    ScratchFile &operator=(const ScratchFile &) = delete;
-    ~ScratchFile() { std::fclose(file_); }
-
-    int fd() const { return fileno(file_); }
-
-    void fill(const std::string &bytes) const {
-        std::fwrite(bytes.data(), 1, bytes.size(), file_);
-        std::rewind(file_);
-    }
-
-    std::string content() const {
-        std::rewind(file_);
-        std::string bytes;
-        char block[4096];
-        for (size_t got; (got = std::fread(block, 1, sizeof block, file_)) > 0;)
-            bytes.append(block, got);
-        return bytes;
-    }
-
-private:
-    std::FILE *file_;
 };
 
 // Runs argv[0], a path, with the given standard input.

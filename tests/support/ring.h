@@ -12,7 +12,7 @@
 
 #include "core/ring.h"
 #include "halvo/queue.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 
@@ -30,6 +30,11 @@ inline int write_mark_at(halvo_channel *q, const std::string &text, uint32_t ind
 
 inline int write_buf(halvo_channel *q, const std::string &text, int index) {
     return q_write_buf(q, 1, text.data(), static_cast<uint32_t>(text.size()), index);
+}
+
+// Buffer slot `index` of those at rbufs or wbufs.
+inline qmsg *buffer_slot(halvo_channel *q, uint32_t area, uint32_t index) {
+    return slot_at(q, area + index * q->qbsz);
 }
 
 // Room for one slot of a channel, as a reader has it.
@@ -62,6 +67,11 @@ inline std::string picture(const halvo_channel *q) {
         letters += q_statchr(slot_at(q, at));
     }
     return letters;
+}
+
+// Channel 0 MT01 of type 'M', and channel 1 FQ01 of type 'F', which has no semaphores.
+inline Segment two_channels() {
+    return SegmentBuilder().channel("MT01", 'M', 4, 64).channel("FQ01", 'F', 4, 64).build();
 }
 
 // A process that has one end of a small ring open; it may call the other end's functions too.

@@ -17,7 +17,11 @@ protected:
     Answer answer(const CheckOptions &options) const {
         return check(Sampler(segment.key_file()).take(), options);
     }
-    static std::string metrics() { return prometheus_text(Image::of_segment(), kNow); }
+    std::string metrics() const {
+        Sampler sampler(segment.key_file());
+        const Sample sample = sampler.take();
+        return prometheus_text(sample, sampler.view());
+    }
 };
 
 bool has_line(const std::string &text, const std::string &line) {
@@ -28,8 +32,9 @@ bool has_line(const std::string &text, const std::string &line) {
 std::string fault_of(const std::string &text) {
     static const std::regex help("# HELP ([a-zA-Z_:][a-zA-Z0-9_:]*) [^\\n]+");
     static const std::regex type("# TYPE ([a-zA-Z_:][a-zA-Z0-9_:]*) (counter|gauge)");
-    static const std::regex sample("([a-zA-Z_:][a-zA-Z0-9_:]*)"
-                                   "(\\{([a-z_]+=\"([^\"\\\\]|\\\\[\\\\\"n])*\",?)+\\})? -?[0-9]+");
+    static const std::regex sample(
+        "([a-zA-Z_:][a-zA-Z0-9_:]*)"
+        "(\\{([a-z_]+=\"([^\"\\\\]|\\\\[\\\\\"n])*\",?)+\\})? -?[0-9.]+");
     std::set<std::string> families, samples;
     std::string helped, typed;
     std::smatch match;
@@ -60,7 +65,7 @@ TEST_F(Machines, metrics_keep_to_the_format_whatever_a_channel_is_called) {
     const std::string text = metrics();
     EXPECT_EQ(fault_of(text), "");
     EXPECT_TRUE(has_line(
-        text, "halvo_channel_ring_backlog{channel=\"a\\\"b\\\\c\\nd\",number=\"0\",type=\"M\"} 2"));
+        text, "halvo_channel_ring_backlog{channel=\"a\\\"b\\\\c?d\",number=\"0\",type=\"M\"} 2"));
     EXPECT_NE(text.find("{channel=\"" + std::string(24, 'x') + "\","), std::string::npos);
 }
 
@@ -137,11 +142,13 @@ TEST_F(Machines, a_check_answers_in_one_line_with_the_worst_first) {
               "'MT01 backlog'=2;0;2;0 'XCN1 backlog'=1;0;2;0 '____ backlog'=3;0;2;0");
 }
 
-TEST_F(Machines, a_damaged_channel_is_critical_and_has_no_metrics) {
+TEST_F(Machines, a_damaged_channel_is_critical_and_has_no_figures) {
     mt->qend = 0xFFFFFFF0u;
     const Answer found = answer({});
     EXPECT_EQ(found.health, Health::critical);
     EXPECT_EQ(found.line.find("HALVO CRITICAL - channel 0 is damaged |"), 0u);
-    EXPECT_EQ(metrics().find("MT01"), std::string::npos);
-    EXPECT_EQ(fault_of(metrics()), "");
+    const std::string text = metrics(), mt01 = "{channel=\"MT01\",number=\"0\",type=\"M\"";
+    EXPECT_TRUE(has_line(text, "halvo_channel_damaged" + mt01 + "} 1"));
+    EXPECT_EQ(text.find("halvo_channel_backlog" + mt01), std::string::npos);
+    EXPECT_EQ(fault_of(text), "");
 }

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/posix.h"
+#include "fq/last_record.h"
 #include "tools/frame/program.h"
 
 namespace halvo::tools {
@@ -25,64 +25,31 @@ int64_t size_of(const Descriptor &file) {
     return fstat(file.get(), &found) == 0 ? int64_t{found.st_size} : -1;
 }
 
-// A file's bytes through a window, so that a file of any size is read in pieces.
-class Window {
-public:
-    explicit Window(const std::string &name)
-        : name_(name), file_(open_file(name.c_str(), O_RDONLY)) {
-        if (!file_ && errno == ENOENT) return;
-        if (!file_ || (size_ = size_of(file_)) < 0) fail(name_);
-    }
-    int64_t size() const { return size_; }
-
-    // Up to `count` bytes from an offset; less at the end of the file.
-    std::string_view bytes(int64_t offset, size_t count) {
-        const int64_t end = begin_ + static_cast<int64_t>(window_.size());
-        if (offset < begin_ || offset + static_cast<int64_t>(count) > end) load(offset, count);
-        const auto start = static_cast<size_t>(offset - begin_);
-        return std::string_view(window_).substr(std::min(start, window_.size()), count);
-    }
-
-private:
-    void load(int64_t offset, size_t count) {
-        constexpr size_t kStep = size_t{1} << 20;
-        window_.resize(std::max(count, kStep));
-        const ssize_t got = pread(file_.get(), window_.data(), window_.size(), offset);
-        if (got < 0) fail(name_);
-        window_.resize(static_cast<size_t>(got));
-        begin_ = offset;
-    }
-
-    std::string name_;
-    Descriptor file_;
-    int64_t size_ = 0;
-    std::string window_;
-    int64_t begin_ = 0;
-};
-
-Finding look_at(Window &file, int64_t offset) {
+Finding judged(DataReader &file, int64_t offset, int64_t size) {
     const std::string_view bytes = file.bytes(offset, kHeaderSize);
-    if (bytes.size() < kHeaderSize) return {Finding::incomplete, offset, 0, "a part of a header"};
+    if (bytes.size() < kHeaderSize)
+        return {Finding::incomplete, offset, 0, 0, "a part of a header"};
     ItemHeader header;
     std::memcpy(&header, bytes.data(), kHeaderSize);
-    const auto damage = [&](const char *reason) {
-        return Finding{Finding::damaged, offset, header.length, reason};
+    const auto found = [&](Finding::Kind kind, const char *reason) {
+        return Finding{kind, offset, header.length, header.stamp, reason};
     };
-    if (!header.has_magic()) return damage("no item begins here");
-    if (header.state == kEnd && header.length == 0) return {Finding::end, offset, 0, ""};
-    if (header.state != kWritten && header.state != kCommitted) return damage("unknown state");
-    if (header.length == 0) return damage("length 0, which ends the file for readers");
-    if (header.length > FQ_ITEM_MAX) return damage("impossible length");
-    const int64_t end = offset + header.length + FQ_ITEM_EXTRA;
-    if (end > file.size())
-        return {Finding::incomplete, offset, header.length, "longer than the file"};
-    if (file.bytes(end - kTrailerSize, kTrailerSize) != kTrailer) return damage("no ZZ at its end");
-    return {header.state == kCommitted ? Finding::item : Finding::pending, offset, header.length,
-            ""};
+    if (!header.has_magic()) return found(Finding::damaged, "no item begins here");
+    if (header.state == kEnd && header.length == 0) return found(Finding::end, "");
+    const ItemKind kind = kind_of(header);
+    if (kind == ItemKind::strange) return found(Finding::damaged, "unknown state");
+    if (header.length == 0)
+        return found(Finding::damaged, "length 0, which ends the file for readers");
+    if (header.length > FQ_ITEM_MAX) return found(Finding::damaged, "impossible length");
+    const int64_t end = offset + size_of_item(header);
+    if (end > size) return found(Finding::incomplete, "longer than the file");
+    if (!is_trailer(file.bytes(end - kTrailerSize, kTrailerSize).data()))
+        return found(Finding::damaged, "no ZZ at its end");
+    return found(kind == ItemKind::readable ? Finding::item : Finding::pending, "");
 }
 
 // Where the next item may begin; the file's size when nowhere.
-int64_t next_magic(Window &file, int64_t offset) {
+int64_t next_magic(DataReader &file, int64_t offset) {
     constexpr size_t kStep = 65536;
     for (; offset < file.size(); offset += static_cast<int64_t>(kStep - kMagicSize)) {
         const size_t at = file.bytes(offset, kStep).find(kMagic);
@@ -128,8 +95,8 @@ SavedPosition saved_position(const std::string &path, char mode) {
     const int64_t size = size_of(file);
     saved.torn = size % kRecordSize;
     char record[kRecordSize];
-    if (size < kRecordSize ||
-        pread(file.get(), record, kRecordSize, size - saved.torn - kRecordSize) != kRecordSize)
+    LastRecord last;
+    if (size < kRecordSize || read_last_record(file.get(), size, record, last) != kRecordSize)
         return saved;
     saved.at = position_in(record);
     saved.found = saved.at.valid();
@@ -137,23 +104,57 @@ SavedPosition saved_position(const std::string &path, char mode) {
     return saved;
 }
 
-void inspect_file(const std::string &path, int32_t order, int64_t from,
-                  const std::function<bool(const Finding &)> &visit) {
-    Window file(data_file(path.c_str(), order).text);
-    for (int64_t offset = from; offset < file.size();) {
-        const Finding finding = look_at(file, offset);
+void need_queue(const std::string &path) {
+    if (data_files(path).empty() && !saved_position(path, 'w').found &&
+        !saved_position(path, 'r').found)
+        throw ToolError(kUsage, path + ": no queue of that name");
+}
+
+// ---- Data files --------------------------------------------------------------------------------
+
+DataReader::DataReader(const std::string &path, int32_t order)
+    : name_(data_file(path.c_str(), order).text), file_(open_file(name_.c_str(), O_RDONLY)) {
+    if (!file_ && errno == ENOENT) return;
+    if (!file_ || (size_ = size_of(file_)) < 0) fail(name_);
+}
+
+std::string_view DataReader::bytes(int64_t offset, size_t count) {
+    const int64_t end = begin_ + static_cast<int64_t>(length_);
+    if (offset < begin_ || offset + static_cast<int64_t>(count) > end) load(offset, count);
+    const auto start = static_cast<size_t>(offset - begin_);
+    if (start >= length_) return {};
+    return {window_.data() + start, std::min(count, length_ - start)};
+}
+
+// After small items a whole window, after large ones no more than asked for.
+void DataReader::load(int64_t offset, size_t count) {
+    constexpr size_t kSmallest = 512, kLargest = 65536;
+    const bool near = offset - begin_ <= static_cast<int64_t>(length_ + kTrailerSize);
+    ahead_ = near ? std::min(ahead_ * 4, kLargest) : kSmallest;
+    const size_t wanted = std::max(count, ahead_);
+    if (window_.size() < wanted) window_.resize(wanted);
+    const ssize_t got = pread(file_.get(), window_.data(), wanted, offset);
+    if (got < 0) fail(name_);
+    length_ = static_cast<size_t>(got);
+    begin_ = offset;
+}
+
+std::string DataReader::data(const Finding &finding) {
+    std::string data(finding.length, '\0');
+    const ssize_t got =
+        pread(file_.get(), data.data(), data.size(), finding.offset + int64_t{kHeaderSize});
+    if (got < 0) fail(name_);
+    data.resize(static_cast<size_t>(got));
+    return data;
+}
+
+void DataReader::visit(int64_t from, const std::function<bool(const Finding &)> &visit) {
+    for (int64_t offset = from; offset < size_;) {
+        const Finding finding = judged(*this, offset, size_);
         if (!visit(finding)) return;
-        switch (finding.kind) {
-        case Finding::item:
-        case Finding::pending:
-            offset += finding.length + FQ_ITEM_EXTRA;
-            break;
-        case Finding::end:
-            offset += FQ_ITEM_EXTRA;
-            break;
-        default:
-            offset = next_magic(file, offset + 1);
-        }
+        const bool whole = finding.kind == Finding::item || finding.kind == Finding::pending ||
+                           finding.kind == Finding::end;
+        offset = whole ? offset + finding.length + FQ_ITEM_EXTRA : next_magic(*this, offset + 1);
     }
 }
 

@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "core/posix.h"
 #include "fq/format.h"
 
 namespace halvo::tools {
@@ -36,6 +38,7 @@ struct Finding {
     Kind kind;
     int64_t offset;
     uint32_t length;    // bytes of data, as the header says
+    uint32_t stamp;     // when it was written, seconds since the epoch
     const char *reason; // for damaged and incomplete
 };
 
@@ -44,10 +47,33 @@ std::vector<DataFile> data_files(const std::string &path);
 
 SavedPosition saved_position(const std::string &path, char mode);
 
-// Looks at everything in a data file from an offset on, until visit returns false. Behind damage it
-// goes on at the next item that it finds. Nothing for a file that its reader has deleted meanwhile.
-// Throws ToolError when the file cannot be read.
-void inspect_file(const std::string &path, int32_t order, int64_t from,
-                  const std::function<bool(const Finding &)> &visit);
+// Throws ToolError, as for wrong usage, when there is nothing on disk of a queue of that name.
+void need_queue(const std::string &path);
+
+// A data file, read in pieces: of large items no more than header and trailer. Nothing for a file
+// that its reader has deleted meanwhile. All throw ToolError when it cannot be read.
+class DataReader {
+public:
+    DataReader(const std::string &path, int32_t order);
+    int64_t size() const { return size_; }
+
+    // Looks at everything from an offset on, until visit returns false. Behind damage it goes on at
+    // the next item that it finds.
+    void visit(int64_t from, const std::function<bool(const Finding &)> &visit);
+    // The data of an item.
+    std::string data(const Finding &finding);
+    // Up to `count` bytes from an offset; less at the end of the file. Valid until the next call.
+    std::string_view bytes(int64_t offset, size_t count);
+
+private:
+    void load(int64_t offset, size_t count);
+
+    std::string name_;
+    Descriptor file_;
+    int64_t size_ = 0;
+    std::vector<char> window_;
+    int64_t begin_ = 0; // of what the window holds
+    size_t length_ = 0, ahead_ = 128;
+};
 
 } // namespace halvo::tools

@@ -1,42 +1,15 @@
 #include "tools/fq/report.h"
 
 #include <cinttypes>
-#include <cstdarg>
-#include <cstdio>
 #include <vector>
 
-#include "tools/fq/inspect.h"
-#include "tools/frame/program.h"
+#include "tools/fq/files.h"
 
 namespace halvo::tools {
 
 namespace {
 
 using fq::Position;
-
-[[gnu::format(printf, 1, 2)]] std::string text(const char *format, ...) {
-    va_list values;
-    va_start(values, format);
-    char *made = nullptr;
-    const int length = vasprintf(&made, format, values);
-    va_end(values);
-    std::string result(length > 0 ? made : "");
-    if (length >= 0) free(made);
-    return result;
-}
-
-std::string quoted(const std::string &bytes) {
-    std::string json = "\"";
-    for (const char c : bytes) {
-        if (c == '"' || c == '\\')
-            json += std::string("\\") + c;
-        else if (static_cast<unsigned char>(c) < 0x20)
-            json += text("\\u%04x", static_cast<unsigned>(c));
-        else
-            json += c;
-    }
-    return json + "\"";
-}
 
 struct Count {
     int64_t items = 0;
@@ -47,31 +20,13 @@ struct Count {
     }
 };
 
-// Where the reader goes on: its saved position, or the start of the first file.
-Position reader_start(const SavedPosition &reader, const std::vector<DataFile> &files) {
-    if (reader.found) return reader.at;
-    return {files.empty() ? 0 : files.front().order, 0};
-}
-
-bool exists(const std::vector<DataFile> &files, int32_t order) {
-    for (const DataFile &file : files)
-        if (file.order == order) return true;
-    return false;
-}
-
-// Readable items from the reader's position on, file by file as the reader would go.
-Count backlog(const std::string &path, const std::vector<DataFile> &files, Position at) {
+// Readable items from the reader's position on.
+Count backlog(const QueueFiles &queue) {
     Count count;
-    for (size_t visited = 0; visited < files.size() && exists(files, at.order); ++visited) {
-        bool ended = false;
-        inspect_file(path, at.order, at.offset, [&](const Finding &finding) {
-            ended = finding.kind == Finding::end;
-            if (finding.kind == Finding::item) count.add(finding);
-            return !ended && finding.kind != Finding::pending;
-        });
-        if (!ended) break;
-        at = {fq::next_order_of_commit(at.order), 0};
-    }
+    for_each_waiting(queue, [&](DataReader &, const Finding &finding) {
+        count.add(finding);
+        return true;
+    });
     return count;
 }
 
@@ -85,18 +40,26 @@ Count uncommitted(const std::string &path, const std::vector<DataFile> &files,
         if (file.order == writer.at.order && file.size > writer.at.offset)
             bytes_on_disk = file.size - writer.at.offset;
     if (bytes_on_disk > 0)
-        inspect_file(path, writer.at.order, writer.at.offset, [&](const Finding &finding) {
+        DataReader(path, writer.at.order).visit(writer.at.offset, [&](const Finding &finding) {
             if (finding.kind == Finding::pending) count.add(finding);
             return true;
         });
     return count;
 }
 
-std::string position_text(const SavedPosition &saved) {
+// A position in a file that is not there, though an item was read or written there once. The next
+// file of a writer that has ended one, and the first of an empty queue, are still to be made.
+bool names_no_file(const QueueFiles &queue, const SavedPosition &saved) {
+    return saved.found && !queue.has(saved.at.order) &&
+           (saved.at.offset > 0 || queue.next_file(saved.at.order) >= 0);
+}
+
+std::string position_text(const QueueFiles &queue, const SavedPosition &saved) {
     std::string line = saved.damaged ? "damaged" : "none saved";
     if (saved.found)
         line = text("file %09d offset %d", static_cast<int>(saved.at.order),
                     static_cast<int>(saved.at.offset));
+    if (names_no_file(queue, saved)) line += " (no such file)";
     if (saved.torn) line += text(" (%d bytes of a torn record)", static_cast<int>(saved.torn));
     return line;
 }
@@ -130,13 +93,16 @@ struct Verified {
             text("%s{\"file\":%d,\"offset\":%" PRId64 ",\"reason\":%s}", objects.empty() ? "" : ",",
                  static_cast<int>(order), offset, quoted(fault).c_str());
     }
-    void add(const char *side, const SavedPosition &saved) {
+    void add(const char *side, const SavedPosition &saved, bool no_file) {
         if (saved.torn)
             lines += text("the %s's position log ends with %d bytes of a torn record\n", side,
                           static_cast<int>(saved.torn));
-        if (!saved.damaged) return;
+        if (!saved.damaged && !no_file) return;
         ++damaged;
-        lines += text("the %s's saved position is damaged\n", side);
+        lines += saved.damaged
+                     ? text("the %s's saved position is damaged\n", side)
+                     : text("the %s's saved position names file %09d, which is not there\n", side,
+                            static_cast<int>(saved.at.order));
         objects += text("%s{\"position\":\"%s\"}", objects.empty() ? "" : ",", side);
     }
 };
@@ -146,7 +112,7 @@ void verify_file(const std::string &path, const DataFile &file, const SavedPosit
     const int32_t order = file.order;
     int64_t behind = 0; // the last thing found
     bool ended = false;
-    inspect_file(path, order, 0, [&](const Finding &finding) {
+    DataReader(path, order).visit(0, [&](const Finding &finding) {
         const bool committed = is_committed(writer, order, finding.offset);
         const char *fault = fault_of(finding);
         if (finding.kind == Finding::item) verified.good.add(finding);
@@ -164,23 +130,12 @@ void verify_file(const std::string &path, const DataFile &file, const SavedPosit
         verified.add(order, file.size, "the file ends before the writer's saved position");
 }
 
-// What is on disk of a queue; throws ToolError when that is nothing.
-struct Queue {
-    std::vector<DataFile> files;
-    SavedPosition writer, reader;
-    explicit Queue(const std::string &path)
-        : files(data_files(path)), writer(saved_position(path, 'w')),
-          reader(saved_position(path, 'r')) {
-        if (files.empty() && !writer.found && !reader.found)
-            throw ToolError(kUsage, path + ": no queue of that name");
-    }
-};
-
 } // namespace
 
 std::string stat_report(const std::string &path, bool json) {
-    const auto [files, writer, reader] = Queue(path);
-    const Count waiting = backlog(path, files, reader_start(reader, files));
+    const QueueFiles queue(path);
+    const auto &[name, files, writer, reader] = queue;
+    const Count waiting = backlog(queue);
     int64_t tail = 0;
     const Count pending = uncommitted(path, files, writer, tail);
     if (json) {
@@ -196,12 +151,12 @@ std::string stat_report(const std::string &path, bool json) {
                     position_json(reader).c_str(), waiting.items, waiting.bytes, pending.items,
                     pending.bytes, tail, list.c_str());
     }
-    std::string lines =
-        text("queue        %s\nwriter       %s\nreader       %s\n"
-             "backlog      %" PRId64 " items, %" PRId64 " bytes\n"
-             "uncommitted  %" PRId64 " items, %" PRId64 " bytes on disk\n",
-             path.c_str(), position_text(writer).c_str(), position_text(reader).c_str(),
-             waiting.items, waiting.bytes, pending.items, tail);
+    std::string lines = text("queue        %s\nwriter       %s\nreader       %s\n"
+                             "backlog      %" PRId64 " items, %" PRId64 " bytes\n"
+                             "uncommitted  %" PRId64 " items, %" PRId64 " bytes on disk\n",
+                             path.c_str(), position_text(queue, writer).c_str(),
+                             position_text(queue, reader).c_str(), waiting.items, waiting.bytes,
+                             pending.items, tail);
     for (const DataFile &file : files)
         lines +=
             text("file         %09d  %" PRId64 " bytes\n", static_cast<int>(file.order), file.size);
@@ -209,11 +164,12 @@ std::string stat_report(const std::string &path, bool json) {
 }
 
 std::string verify_report(const std::string &path, bool json, bool &sound) {
-    const auto [files, writer, reader] = Queue(path);
+    const QueueFiles queue(path);
+    const auto &[name, files, writer, reader] = queue;
     Verified verified;
     for (const DataFile &file : files) verify_file(path, file, writer, verified);
-    verified.add("writer", writer);
-    verified.add("reader", reader);
+    verified.add("writer", writer, names_no_file(queue, writer));
+    verified.add("reader", reader, names_no_file(queue, reader));
     sound = verified.damaged == 0;
     if (json)
         return text("{\"queue\":%s,\"items\":%" PRId64 ",\"bytes\":%" PRId64
@@ -233,7 +189,7 @@ std::string obstacle(const std::string &path) {
     std::string found;
     if (!writer.found || !reader.found || !is_committed(writer, reader.at.order, reader.at.offset))
         return found;
-    inspect_file(path, reader.at.order, reader.at.offset, [&](const Finding &finding) {
+    DataReader(path, reader.at.order).visit(reader.at.offset, [&](const Finding &finding) {
         const char *fault = fault_of(finding);
         if (fault)
             found = text("file %09d offset %" PRId64 ": %s", static_cast<int>(reader.at.order),

@@ -1,4 +1,4 @@
-# Completion for halvo-qm, halvo-send, halvo-recv, halvo-fq and halvo-mon. What the programs know
+# Completion for halvo-qm, halvo-send, halvo-recv, halvo-fq, halvo-mon and halvo-relay. What the programs know
 # themselves is asked of them: subcommands and options from --help, channels from the segment.
 
 # Prints the words of a --help text: subcommands for "subcommands", else options.
@@ -46,4 +46,4 @@ _halvo() {
         mapfile -t COMPREPLY < <(compgen -W "$channels" -- "$word"; compgen -f -- "$word")
     fi
 }
-complete -F _halvo halvo-qm halvo-send halvo-recv halvo-fq halvo-mon
+complete -F _halvo halvo-qm halvo-send halvo-recv halvo-fq halvo-mon halvo-relay

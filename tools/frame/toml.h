@@ -1,4 +1,4 @@
-// The TOML parser, made fit for files that hold anything. Included by the few files that read one.
+// The TOML parser, made safe for files of any content: include this, not the parser's own header.
 #pragma once
 
 namespace halvo::tools {

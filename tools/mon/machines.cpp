@@ -2,12 +2,12 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
 #include "tools/frame/files.h"
 #include "tools/frame/program.h"
 #include "tools/mon/options.h"
 #include "tools/mon/prometheus.h"
+#include "tools/mon/tracker.h"
 
 namespace halvo::mon {
 
@@ -24,21 +24,14 @@ void leave(const Options &options, int output, const std::string &text) {
         throw ToolError(kFailed, options.output + ": " + std::strerror(errno));
 }
 
-std::string metrics(const Options &options) {
-    const Monitor monitor(options.segment);
-    return prometheus_text(Image::of_segment(), static_cast<int32_t>(std::time(nullptr)));
-}
-
+// Without a segment the figures say so, or the collector would take the old ones for new.
 void expose(const Options &options, int output) {
     options.once();
-    std::string text;
-    try {
-        text = metrics(options);
-    } catch (const ToolError &) { // or the collector would take the old figures for new ones
-        leave(options, output, prometheus_text_of_nothing());
-        throw;
-    }
-    leave(options, output, text);
+    Sampler sampler(options.segment.key_file);
+    Sample sample = sampler.take();
+    Tracker().judge(sample);
+    leave(options, output, prometheus_text(sample, sampler.view()));
+    if (!sample.up) throw ToolError(tools::kUsage, sample.fault);
 }
 
 Answer answer_of(Options &options) {

@@ -58,7 +58,8 @@ constexpr char kFooter[] =
     "  halvo-mon types submit --key /tmp/halvo.key\n"
     "  halvo-mon log --key /tmp/halvo.key --snapshot midnight.snap --watch 60 >>status.log\n"
     "  halvo-mon prometheus --key /tmp/halvo.key --output /var/lib/node_exporter/halvo.prom\n"
-    "  halvo-mon check --key /tmp/halvo.key --warning 100 --critical 1000 --critical-age 60";
+    "  halvo-mon check --key /tmp/halvo.key --warning 100 --critical 1000 --critical-age 60\n"
+    "  halvo-mon serve --key /tmp/halvo.key --listen 127.0.0.1:9470";
 
 // The general options stand behind a command's own.
 class WholeHelp : public CLI::Formatter {
@@ -95,6 +96,7 @@ int main(int argc, char **argv) {
     add_live(app, options, work);
     add_views(app, options, work);
     add_machines(app, options, work);
+    add_serve(app, options, work);
     try {
         app.parse(argc, argv);
         if (options.needs_key && options.segment.key_file.empty())

@@ -45,7 +45,8 @@ using Work = std::function<void(int)>; // takes the descriptor of the output
 // Each adds commands; a command that is chosen sets `work`.
 void add_views(CLI::App &app, Options &options, Work &work);    // tables and documents
 void add_machines(CLI::App &app, Options &options, Work &work); // prometheus and check
-void add_live(CLI::App &app, Options &options, Work &work);     // top, record, replay
+void add_serve(CLI::App &app, Options &options, Work &work);
+void add_live(CLI::App &app, Options &options, Work &work); // top, record, replay
 
 // The view without a name.
 void show_first_table(const Options &options, int output);

@@ -52,9 +52,8 @@ void check_channel(const SegmentView &view, uint32_t number, Faults &faults,
     const halvo_channel *q = view.channel(number);
     if (!q) {
         faults.push_back(text("channel %u: its header at %u does not lie inside the segment of %ju "
-                              "bytes on a multiple of %zu",
-                              number, offset, static_cast<uintmax_t>(view.size()),
-                              alignof(halvo_channel)));
+                              "bytes",
+                              number, offset, static_cast<uintmax_t>(view.size())));
         return;
     }
     const std::string owner =

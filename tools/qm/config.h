@@ -7,7 +7,7 @@
 //     name = "MT01"          # 1 .. 23 bytes in EUC-KR, in which it is stored
 //     type = "M"             # optional, "M"
 //     slots = 1024
-//     slot_size = 2048       # bytes, 16-byte slot header included; a multiple of 4
+//     slot_size = 2048       # bytes, 16-byte slot header included
 //     rate_limit = 100       # optional, messages per second; 0: none
 #pragma once
 

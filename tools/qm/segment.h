@@ -21,7 +21,7 @@ struct ChannelPlan {
     std::string name;       // 1 .. 23 bytes, none of them a control character
     char type = 'M';        // a letter; only 'M' gets semaphores
     uint32_t slots = 0;     // 1 or more
-    uint32_t slot_size = 0; // bytes, 16-byte header included; more than 16, a multiple of 4
+    uint32_t slot_size = 0; // bytes, 16-byte header included; more than 16
     int32_t rate_limit = 0; // messages per second; 0 is none
 };
 

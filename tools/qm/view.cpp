@@ -1,7 +1,9 @@
 #include "tools/qm/view.h"
 
+#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -32,10 +34,20 @@ const halvo_segment *SegmentView::header() const {
 const halvo_channel *SegmentView::channel(uint32_t number) const {
     if (!header() || number >= HALVO_CHANNELS_MAX) return nullptr;
     const uint32_t offset = load(header()->qoffs[number]);
-    if (offset % alignof(halvo_channel) != 0 || !holds(offset, sizeof(halvo_channel)))
-        return nullptr;
+    if (!holds(offset, sizeof(halvo_channel))) return nullptr;
     return static_cast<const halvo_channel *>(at(offset));
 }
+
+void SegmentView::advise(uint32_t number, int advice) const {
+    static const auto page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+    if (!channel(number)) return;
+    const uint64_t from = load(header()->qoffs[number]) / page * page;
+    const uint64_t length = std::min(sizeof(halvo_channel) + page, size_ - from);
+    madvise(const_cast<void *>(at(from)), static_cast<size_t>(length), advice); // it may fail
+}
+
+void SegmentView::prefault(uint32_t number) const { advise(number, MADV_POPULATE_READ); }
+void SegmentView::release(uint32_t number) const { advise(number, MADV_DONTNEED); }
 
 uint32_t SegmentView::channels() const {
     return header() ? std::min<uint32_t>(load(header()->nchnnl), HALVO_CHANNELS_MAX) : 0;

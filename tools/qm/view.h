@@ -26,11 +26,17 @@ public:
     const halvo_segment *header() const;
     // Null when the number is beyond the table or the header not inside the segment, aligned.
     const halvo_channel *channel(uint32_t number) const;
+    // For whoever reads all counters of all channels: has the pages of a channel's header mapped at
+    // once, which is cheaper than one by one, and gives them back, or all of them would count as the
+    // process's memory.
+    void prefault(uint32_t number) const;
+    void release(uint32_t number) const;
     // The number of channels, at most as many as the table can hold; 0 without a header.
     uint32_t channels() const;
 
 private:
     static int id_of(const Keys &keys);
+    void advise(uint32_t number, int advice) const;
     const void *at(uint64_t offset) const {
         return static_cast<const char *>(attachment_.address()) + offset;
     }

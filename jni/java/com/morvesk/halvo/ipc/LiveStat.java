@@ -8,7 +8,9 @@ import java.io.IOException;
  * <p>A <b>type item</b> belongs to a message type: with a channel it is the channel's own, without
  * one the segment's. Its index is the type, 0 to 4095; most methods also accept 4096, which tells
  * nothing of use. Failures raise {@link IOException}, except from the two byte methods. The texts
- * are Korean and arrive as the library has them, in EUC-KR bytes that the VM takes for UTF-8.
+ * are Korean and arrive as the library has them, in EUC-KR bytes that the VM takes for UTF-8. So do
+ * names that C programs have stored in EUC-KR: for their raw bytes take the header by {@link #getBytes}
+ * and decode the name with {@code new String(bytes, offset, length, "EUC-KR")}.
  *
  * <p>Nothing here waits, and any process that has attached may call it. The segment is read without
  * a lock: a 64-bit count may be caught half written.

@@ -1,0 +1,227 @@
+// The power fails after any call that changes a file, and the disk holds what was forced to it and
+// anything of the rest. A reader and a writer go on there; what comes out is compared with what had
+// been acknowledged.
+#include <csignal>
+#include <set>
+
+#include "tests/fq/queue_fixture.h"
+#include "tests/fq/recorded_io.h"
+#include "tests/stress/form.h"
+
+using namespace halvo::test;
+
+namespace {
+
+constexpr unsigned kMostData = 10000; // bytes of an item
+constexpr int kWayIn = 5000001;       // a file that ends here is full
+
+// What was known at a moment of the run: numbers of items, which are written in their order.
+struct Known {
+    size_t call;         // calls that had been made
+    int written = 0;     // acknowledged
+    int under_way = 0;   // of the transaction that is not yet
+    int read = 0;        // acknowledged
+    int being_saved = 0; // by the commit that is not yet
+};
+
+struct Losses {
+    int64_t states = 0, lost = 0, doubled = 0, stuck = 0, altered = 0;
+};
+
+std::string data_of(int item, unsigned length) {
+    std::string data = "i" + std::to_string(item) + " ";
+    return data + std::string(length, static_cast<char>('a' + item % 26));
+}
+int item_of(const std::string &data) {
+    return data.empty() || data[0] != 'i' ? -1 : std::atoi(data.c_str() + 1);
+}
+
+// A run of both sides. The reader also comes in the middle of what the writer forces.
+class Run {
+public:
+    Run(const Queue &queue, std::minstd_rand &random)
+        : queue_(queue), random_(random), record_(queue.path()) {
+        lengths_.reserve(1000);
+        prepare();
+        note();
+        record_.meanwhile = [this] {
+            if (random_() % 3 == 0 && !reading_) read();
+        };
+        for (int step = 0; step < 14; ++step) random_() % 5 < 3 ? write() : read();
+        record_.stop();
+    }
+
+    const Recorder &record() const { return record_; }
+    const Known &known_after(size_t calls) const {
+        size_t last = 0;
+        while (last + 1 < known_.size() && known_[last + 1].call <= calls) ++last;
+        return known_[last];
+    }
+    std::string data(int item) const { return data_of(item, lengths_[static_cast<size_t>(item)]); }
+
+private:
+    void prepare() {
+        const int start = random_() % 2 ? kWayIn - 1 - static_cast<int>(random_() % 400) : 0;
+        const int full = 161291 * 31;
+        if (random_() % 4 == 0) return; // a new queue
+        record_.add_base(".000000003", start, "");
+        record_.add_base(".tail", random_() % 3 ? 0 : full, halvo::test::record(3, start));
+        record_.add_base(".head", random_() % 3 ? 0 : full, halvo::test::record(3, start));
+    }
+    void note() {
+        now_.call = record_.calls();
+        known_.push_back(now_);
+    }
+    std::string next_item() {
+        const unsigned length = random_() % 12 == 0 ? 4000 + random_() % 5000 : random_() % 60;
+        lengths_.push_back(length);
+        return data(static_cast<int>(lengths_.size()) - 1);
+    }
+    void write() {
+        const unsigned kind = random_() % 6;
+        std::vector<std::string> items;
+        for (unsigned i = 0; i < (kind < 3 ? 2 + random_() % 3 : 1); ++i)
+            items.push_back(next_item());
+        const int count = static_cast<int>(items.size());
+        if (kind == 5) { // taken back
+            fqtrans trans;
+            queue_.begin(trans, items);
+            fq_enqueue_rollback(-1, &trans);
+            lengths_.resize(lengths_.size() - items.size());
+            return;
+        }
+        now_.under_way = count;
+        note();
+        const int result = kind == 4 ? queue_.put_away(items[0]) : queue_.put(items);
+        ASSERT_EQ(result, 0);
+        now_.under_way = 0;
+        now_.written += count;
+        note();
+    }
+    void read() {
+        reading_ = true;
+        fqtrans trans;
+        std::string buffer(kMostData + 22, '?');
+        const int most = 1 + static_cast<int>(random_() % 4);
+        int count = 0;
+        int got = fq_dequeue(-1, queue_.path(), buffer.data(), kMostData, &trans);
+        while (got > 0 && ++count < most)
+            got = fq_dequeue_next(-1, queue_.path(), &trans, buffer.data(), kMostData);
+        if (count > 0 && random_() % 5 == 0)
+            fq_dequeue_rollback(-1, &trans);
+        else if (count > 0) {
+            now_.being_saved = count;
+            note();
+            EXPECT_EQ(fq_dequeue_commit(-1, &trans), 0);
+            now_.being_saved = 0;
+            now_.read += count;
+            note();
+        }
+        reading_ = false;
+    }
+
+    const Queue &queue_;
+    std::minstd_rand &random_;
+    Recorder record_;
+    std::vector<unsigned> lengths_;
+    std::vector<Known> known_;
+    Known now_{};
+    bool reading_ = false;
+};
+
+// Takes all there is, then puts three and takes them, or the other way round.
+std::vector<std::string> go_on(const Queue &queue, bool writer_first) {
+    std::vector<std::string> got;
+    const auto drain = [&] {
+        for (std::string data = queue.take(kMostData); got.size() < 1000;
+             data = queue.take(kMostData)) {
+            if (data == "[0]") return;
+            got.push_back(data);
+            if (data[0] == '[') return;
+        }
+    };
+    if (!writer_first) drain();
+    if (queue.put_away("n0") != 0 || queue.put({"n1", "n2"}) != 0) got.push_back("[put]");
+    drain();
+    return got;
+}
+
+void judge(const Run &run, const Known &known, std::vector<std::string> got, Losses &losses) {
+    ++losses.states;
+    const std::vector<std::string> fresh{"n0", "n1", "n2"};
+    if (got.size() < 3 || !std::equal(fresh.begin(), fresh.end(), got.end() - 3)) {
+        ++losses.stuck;
+        return;
+    }
+    got.resize(got.size() - 3);
+    std::set<int> seen;
+    for (const std::string &data : got) {
+        const int item = item_of(data);
+        if (item < 0 || item >= known.written + known.under_way || data != run.data(item)) {
+            ++losses.altered;
+            return;
+        }
+        losses.doubled += item < known.read || !seen.insert(item).second;
+    }
+    for (int item = known.read + known.being_saved; item < known.written; ++item)
+        losses.lost += !seen.count(item);
+    // A transaction whole or not at all, everything in its order.
+    int under_way = 0;
+    for (int item = known.written; item < known.written + known.under_way; ++item)
+        under_way += static_cast<int>(seen.count(item));
+    const int may_be_read = std::max(0, known.read + known.being_saved - known.written);
+    losses.altered += under_way != 0 && under_way != known.under_way &&
+                      under_way + may_be_read != known.under_way &&
+                      under_way + std::max(0, known.read - known.written) != known.under_way;
+}
+
+Losses fail_everywhere(int states, std::minstd_rand &random) {
+    Losses losses;
+    const Queue running, after;
+    while (losses.states < states && !testing::Test::HasFailure()) {
+        running.clear();
+        const Run run(running, random);
+        for (size_t calls = 0; calls <= run.record().calls(); ++calls)
+            for (const auto rest : {Recorder::nothing, Recorder::all, Recorder::anything,
+                                    Recorder::anything, Recorder::anything}) {
+                after.clear();
+                run.record().build(after.path(), calls, rest, random);
+                alarm(60); // stuck for good
+                judge(run, run.known_after(calls), go_on(after, random() % 2), losses);
+            }
+    }
+    alarm(0);
+    return losses;
+}
+
+void report(const std::string &mode, const Losses &losses, const char *asked) {
+    figure("power fails, " + mode + ": disks", "-", losses.states);
+    figure("power fails, " + mode + ": acknowledged items lost", asked, losses.lost);
+    figure("power fails, " + mode + ": items read and acknowledged, and read again", asked,
+           losses.doubled);
+    figure("power fails, " + mode + ": items altered, torn or in part", asked, losses.altered);
+    figure("power fails, " + mode + ": queues stuck", asked, losses.stuck);
+}
+
+Losses measured(int mode, int states) {
+    std::minstd_rand random(seed());
+    EXPECT_EQ(fq_set_durability(mode), 0);
+    const StdoutCapture unseen;
+    return fail_everywhere(states, random);
+}
+
+} // namespace
+
+TEST(PowerLoss, takes_nothing_from_a_durable_queue) {
+    const Losses losses = measured(FQ_DURABILITY_COMMIT, length(2000, 100000));
+    report("durable", losses, "0");
+    EXPECT_EQ(losses.lost + losses.doubled + losses.altered + losses.stuck, 0);
+    EXPECT_GE(losses.states, length(2000, 100000));
+}
+
+// For the documents: nothing is promised here but that the run ends.
+TEST(PowerLoss, of_a_queue_that_forces_nothing_is_counted) {
+    const Losses losses = measured(FQ_DURABILITY_NONE, length(200, 20000));
+    report("default", losses, "-");
+    EXPECT_GT(losses.lost, 0) << "or the disks above lose nothing either";
+}

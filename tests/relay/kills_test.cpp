@@ -1,0 +1,73 @@
+// A stream through two relays and a broker while all three are killed: the ledger must show each
+// message once, in order. The short form kills each relay three times and the broker once.
+#include "tests/relay/relay_fixture.h"
+#include "tests/stress/form.h"
+
+using namespace halvo::test;
+
+namespace {
+
+struct Kills {
+    int relays, brokers;
+};
+
+const std::string kOther =
+    access(HALVO_OTHER_BIN "/halvo-relay", X_OK) == 0 ? HALVO_OTHER_BIN : HALVO_BIN;
+
+// Kills while the stream runs, at moments of no rhythm, and starts again.
+void kill_around(Broker &broker, Machine &here, Machine &there, Kills kills) {
+    std::mt19937 random(seed());
+    const auto pause = [&](int most) {
+        usleep(1000U * (100 + random() % static_cast<unsigned>(most)));
+    };
+    const int rounds = kills.relays;
+    for (int i = 0; i < rounds; ++i) {
+        for (Machine *machine : {&here, &there}) {
+            pause(400);
+            machine->kill();
+            machine->start();
+        }
+        if (kills.brokers > 0 && (i + 1) % std::max(1, rounds / kills.brokers) == 0) {
+            pause(400);
+            broker.kill();
+            broker.start();
+        }
+    }
+}
+
+const char *const kOut = "from = \"channel:MT01\"\nto = \"amqp:mt01\"";
+const char *const kIn = "from = \"amqp:mt01\"\nto = \"channel:MT01\"";
+
+} // namespace
+
+TEST(RelayKills, nothing_is_lost_doubled_or_reordered) {
+    if (!Broker::is_installed()) GTEST_SKIP() << "no broker here: dev/setup.sh relay installs it";
+    const Kills kills{length(3, 20), length(1, 5)};
+    const int messages = length(30000, 300000);
+    Broker broker;
+    Machine here(url_of(broker), HALVO_BIN), there(url_of(broker), kOther);
+    here.route(kOut);
+    there.route(kIn);
+    here.declare();
+    NumberReader reader(there.segment(), messages, 30);
+    const auto writer = write_numbers(here.segment(), 1, messages);
+    here.start();
+    there.start();
+    kill_around(broker, here, there, kills);
+    const int64_t at_last_kill = there.figure("messages_total");
+    EXPECT_EQ(writer->wait(), 0);
+    const Ledger ledger = reader.result();
+    const std::string what = std::to_string(kills.relays) + " kills of each relay, " +
+                             std::to_string(kills.brokers) + " of the broker: ";
+    figure(what + "messages lost", "0", ledger.lost);
+    figure(what + "messages doubled", "0", ledger.doubled);
+    figure(what + "messages reordered", "0", ledger.reordered);
+    figure(what + "repeats dropped", "-", there.figure("repeats_total"));
+    figure(what + "messages when the last kill came, of " + std::to_string(messages), "-",
+           at_last_kill);
+    expect_perfect(ledger, messages);
+    if (HasFailure())
+        std::fprintf(stderr, "%s\n----\n%s\n", here.log().c_str(), there.log().c_str());
+    EXPECT_EQ(here.end(), 0);
+    EXPECT_EQ(there.end(), 0);
+}

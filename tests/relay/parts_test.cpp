@@ -1,0 +1,207 @@
+// The parts of the relay that need no broker: windows, numbers, configuration.
+#include <fstream>
+#include <map>
+#include <random>
+#include <set>
+
+#include "tests/support/directory.h"
+#include "tests/support/frx_fixture.h"
+#include "tests/support/program.h"
+#include "tools/relay/config.h"
+#include "tools/relay/ends.h"
+#include "tools/relay/numbering.h"
+
+using namespace halvo::relay;
+using halvo::test::Segment;
+using halvo::test::SegmentBuilder;
+
+TEST(RelayWindow, remembers_the_last_numbers_of_each_source) {
+    static Window table[kSources];
+    Windows windows(table);
+    std::mt19937 random(7);
+    std::map<uint64_t, std::set<uint64_t>> added;
+    std::map<uint64_t, uint64_t> highest;
+    uint64_t missing = 0, expected_missing = 0;
+    for (int i = 0; i < 60000; ++i) {
+        const uint64_t source = 256 * (1 + random() % 3);
+        uint64_t &top = highest[source];
+        // Mostly the next one, at times a leap, a straggler, one from long ago.
+        const unsigned kind = random() % 1000;
+        const uint64_t number = kind == 0    ? top + 20000
+                                : kind < 50  ? top + 1 + random() % 40
+                                : kind < 200 ? top - std::min<uint64_t>(top - 1, random() % 9000)
+                                             : top + 1;
+        if (top == 0 || number == 0) {
+            windows.add(source, top = 100000);
+            added[source].insert(top);
+            continue;
+        }
+        const bool known = number <= top && top - number < kWindow && added[source].count(number);
+        ASSERT_EQ(windows.has(source, number), known) << number << " of " << top;
+        if (number > top)
+            for (uint64_t gone = top - std::min(top, uint64_t{kWindow - 1});
+                 gone + kWindow <= number; ++gone)
+                expected_missing += gone > 100000 && !added[source].count(gone);
+        missing += windows.add(source, number);
+        added[source].insert(number);
+        top = std::max(top, number);
+        ASSERT_EQ(windows.has(source, number), top - number < kWindow);
+    }
+    EXPECT_EQ(missing, expected_missing);
+}
+
+TEST(RelayWindow, gives_up_the_source_that_was_silent_longest) {
+    static Window table[kSources];
+    Windows windows(table);
+    for (uint64_t source = 1; source <= kSources; ++source) windows.add(source, 5);
+    windows.add(1, 6);
+    windows.add(kSources + 1, 5);
+    EXPECT_TRUE(windows.has(1, 5));
+    EXPECT_FALSE(windows.has(2, 5));
+    EXPECT_TRUE(windows.has(3, 5));
+}
+
+namespace {
+
+// A process that dies at a chosen moment of a batch, and what its successor makes of it.
+class RelayNumbers : public testing::Test {
+protected:
+    Segment segment_ = SegmentBuilder().channel("MT01", 'M', 8, 64).build();
+    RouteConfig route_;
+    void SetUp() override {
+        route_.name = "r";
+        route_.from = {Endpoint::channel, "MT01"};
+        route_.to = {Endpoint::queue, "q"};
+    }
+    // Runs in a process of its own, with the state of before; returns how it ended.
+    template <class F>
+    int life(F f) {
+        halvo::test::Peer process([&] {
+            if (halvo::test::initialise(segment_) != ESMS_OK) return 1;
+            StateFile state(segment_.path("state"), "test");
+            const auto source = open_channel_source("MT01");
+            Numbering numbering(route_, state, *source);
+            f(*source, numbering);
+            return 0;
+        });
+        return process.wait();
+    }
+    template <class F>
+    void killed_after(F f) {
+        EXPECT_EQ(life([&](Source &source, Numbering &numbering) {
+                      f(source, numbering);
+                      raise(SIGKILL);
+                  }),
+                  128 + SIGKILL);
+    }
+    void put(int count) {
+        halvo::test::Peer writer([&] {
+            segment_.attach();
+            halvo_channel *q = segment_.open("MT01", 'w');
+            for (int i = 0; i < count; ++i)
+                if (q_write(q, 1, "x", 1) != ESMS_OK) return 1;
+            return 0;
+        });
+        EXPECT_EQ(writer.wait(), 0);
+    }
+    uint64_t number_of_first() {
+        halvo::test::ScratchFile found;
+        EXPECT_EQ(life([&](Source &source, Numbering &numbering) {
+                      numbering.plan(source.take(8, 0));
+                      found.fill(std::to_string(numbering.identity(0).number));
+                      source.give_back();
+                  }),
+                  0);
+        return std::strtoull(found.content().c_str(), nullptr, 10);
+    }
+};
+
+} // namespace
+
+TEST_F(RelayNumbers, a_message_keeps_its_number_whenever_the_relay_dies) {
+    put(6);
+    killed_after([](Source &source, Numbering &) { source.take(4, 0); });
+    EXPECT_EQ(number_of_first(), 1U) << "marked, not stored";
+    killed_after([](Source &source, Numbering &numbering) { numbering.plan(source.take(4, 0)); });
+    EXPECT_EQ(number_of_first(), 1U) << "stored, not released";
+    killed_after([](Source &source, Numbering &numbering) {
+        numbering.plan(source.take(4, 0));
+        source.release(1);
+    });
+    EXPECT_EQ(number_of_first(), 2U) << "one released";
+    killed_after([](Source &source, Numbering &numbering) {
+        numbering.plan(source.take(4, 0));
+        numbering.before_release(2);
+        source.release(2);
+        numbering.released(2);
+        numbering.plan(source.take(4, 0));
+    });
+    EXPECT_EQ(number_of_first(), 4U) << "two released, the next batch stored";
+    put(4);
+    killed_after([](Source &source, Numbering &numbering) {
+        numbering.plan(source.take(8, 0));
+        source.release(7); // all but one slot of the ring
+    });
+    put(2);
+    EXPECT_EQ(number_of_first(), 11U);
+}
+
+TEST_F(RelayNumbers, another_reader_makes_repeats_at_worst) {
+    put(6);
+    EXPECT_EQ(number_of_first(), 1U); // stored for a batch of 6
+    halvo::test::Peer reader([&] {
+        segment_.attach();
+        halvo_channel *q = segment_.open("MT01", 'r');
+        std::vector<char> slot(q->qbsz);
+        for (int i = 0; i < 2; ++i)
+            if (q_read(q, slot.data()) != ESMS_OK) return 1;
+        return 0;
+    });
+    EXPECT_EQ(reader.wait(), 0);
+    EXPECT_EQ(number_of_first(), 3U) << "the numbers follow the slots";
+}
+
+TEST(RelayConfig, faults_name_their_line) {
+    const std::string directory = halvo::test::make_test_directory(), path = directory + "/c.toml";
+    const std::string head = "[relay]\nkey = \"k\"\nstate = \"s\"\n[broker]\nurl = \"amqp://h\"\n";
+    const std::string route = "[[route]]\nname = \"r\"\nfrom = \"channel:A\"\nto = \"amqp:q\"\n";
+    const struct {
+        std::string text, fault;
+    } cases[] = {
+        {head + "[[route]]\nname = \"r\"\nfrom = \"amqp:a\"\nto = \"amqp:b\"\n", ":6: of \"from\""},
+        {head + "[[route]]\nname = \"r\"\nfrom = \"chanel:a\"\nto = \"amqp:b\"\n",
+         ":8: it must be \"channel:NAME\""},
+        {head + route + "batch = 5000\n", ":10: it must be a whole number from 1 to 4096"},
+        {head + route + "shard_by = \"body:3\"\n", ":10: it must be \"type\" or"},
+        {head + route + "colour = 1\n", ":10: unknown key \"colour\""},
+        {head + route + route, ":10: two routes are called r"},
+        {head + "[[route]]\nname = \"../r\"\nfrom = \"channel:A\"\nto = \"amqp:q\"\n",
+         ":6: a route's name"},
+        {"[broker]\nurl = \"amqp://user:secret@h\"\n", ":2: credentials do not stand in a url"},
+        {"[broker]\nurl = \"http://h\"\n", ":2: a url begins with"},
+        {"[broker]\nurl = \"amqp://h:0\"\n", ":2: not a port: 0"},
+        {"[broker]\nurl = \"amqp://h\"\nca = \"x\"\n",
+         ":1: ca and certificate are for an amqps:// url"},
+        {head, ":1: there is no [[route]]"},
+        {"[relay]\nstate = \"s\"\n[broker]\nurl = \"amqp://h\"\n" + route,
+         ":1: [relay] has no key"},
+        {"=", ":1:"},
+    };
+    for (const auto &one : cases) {
+        std::ofstream(path, std::ios::trunc) << one.text;
+        try {
+            load_config(path);
+            ADD_FAILURE() << one.text;
+        } catch (const ConfigError &error) {
+            EXPECT_EQ(std::string(error.what()).find(path + one.fault), 0U) << error.what();
+        }
+    }
+    std::ofstream(path, std::ios::trunc)
+        << "[relay]\nstate = \"s\"\n[broker]\nurl = [\"amqps://[::1]:1/v\", \"amqps://b/v\"]\n"
+           "[[route]]\nname = \"r\"\nfrom = \"fq:/q\"\nto = \"amqp:q\"\nshards = 2\n";
+    const Config config = load_config(path);
+    EXPECT_EQ(config.broker.addresses, (std::vector<Address>{{"::1", 1}, {"b", 5671}}));
+    EXPECT_EQ(config.routes[0].queues(), (std::vector<std::string>{"q.0", "q.1"}));
+    EXPECT_EQ(config.routes[0].dead_letters, "s/r.dead");
+    halvo::test::remove_tree(directory);
+}

@@ -1,0 +1,203 @@
+// What goes right: file queues, shards, foreign programs, and what operators do to a relay at work.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <fstream>
+
+#include "tests/relay/shared_broker.h"
+
+using namespace halvo::test;
+
+namespace {
+
+class RelayRoutes : public RelayPair {
+protected:
+    std::string fq(const std::vector<std::string> &words, const std::string &input = "") {
+        std::vector<std::string> all{HALVO_BIN "/halvo-fq"};
+        all.insert(all.end(), words.begin(), words.end());
+        const Outcome done = run_program(all, input);
+        EXPECT_EQ(done.status, 0) << done.err;
+        return done.out;
+    }
+    std::string python(const std::string &program) {
+        const Outcome done =
+            run_python("import pika, sys\nport, queue = int(sys.argv[1]), sys.argv[2]\n"
+                       "channel = pika.BlockingConnection("
+                       "pika.ConnectionParameters('127.0.0.1', port)).channel()\n" +
+                           program,
+                       {std::to_string(shared_broker().port()), queue_});
+        EXPECT_EQ(done.status, 0) << done.err;
+        return done.out;
+    }
+};
+
+std::string lines(int n) {
+    std::string text;
+    for (int i = 1; i <= n; ++i) text += "item " + std::to_string(i) + "\n";
+    return text;
+}
+
+} // namespace
+
+TEST_F(RelayRoutes, a_file_queue_to_a_file_queue_over_kills) {
+    constexpr int kItems = 4000;
+    here_->route("from = \"fq:" + here_->path("mo") + "\"\nto = \"amqp:" + queue_ +
+                 "\"\nbatch = 50");
+    there_->route("from = \"amqp:" + queue_ + "\"\nto = \"fq:" + there_->path("mo") +
+                  "\"\nbatch = 50");
+    fq({"put", here_->path("mo"), "--batch", "100"}, lines(kItems));
+    start();
+    for (int i = 0; i < 4; ++i)
+        for (Machine *machine : {here_.get(), there_.get()}) {
+            usleep(130000);
+            machine->kill();
+            machine->start();
+        }
+    EXPECT_TRUE(there_->reaches("messages_total", kItems));
+    usleep(300000);
+    EXPECT_EQ(fq({"get", there_->path("mo")}), lines(kItems));
+}
+
+TEST_F(RelayRoutes, shards_keep_the_order_of_each_key) {
+    route("shards = 3\nshard_by = \"type\"", "shards = 3");
+    start();
+    write(1, 3000);
+    EXPECT_TRUE(there_->reaches("messages_total", 512)); // the channel is full then
+    there_->kill();                                      // and must not double what is in
+    there_->start();
+    const Ledger ledger = read_numbers(there_->segment(), 3000);
+    EXPECT_EQ(ledger.lost + ledger.doubled + ledger.torn, 0);
+    EXPECT_EQ(there_->figure("missing_total"), 0) << "each shard counts for itself";
+}
+
+TEST_F(RelayRoutes, a_foreign_program_reads_what_was_sent_and_sends_what_is_read) {
+    route("", "type = 3");
+    here_->declare();
+    here_->start();
+    write(1, 3);
+    EXPECT_TRUE(here_->reaches("messages_total", 3));
+    const std::string got = python(R"(
+ids = []
+for method, p, body in channel.consume(queue, inactivity_timeout=5):
+    assert method and p.app_id == 'halvo-relay' and p.delivery_mode == 2
+    ids.append(p.message_id.split(':'))
+    print(p.type, len(body), body[:8].decode(), ids[-1][1])
+    channel.basic_ack(method.delivery_tag)
+    if len(ids) == 3: break
+assert len(set(i[0] for i in ids)) == 1 and len(ids[0][0]) == 16)");
+    EXPECT_EQ(got, "2 100 00000001 1\n3 100 00000002 2\n4 100 00000003 3\n");
+
+    there_->start();
+    python(R"(
+for i in 2, 9: channel.basic_publish('', queue, b'%08d x%c' % (i, b'abcdefghij'[i]))
+)");
+    const Ledger ledger = read_numbers(there_->segment(), 9, 2); // both are of type 3: 2 % 7 + 1
+    EXPECT_EQ(ledger.got - ledger.torn, 2);
+}
+
+TEST_F(RelayRoutes, a_new_segment_begins_a_new_source) {
+    route();
+    start();
+    write(1, 10);
+    EXPECT_TRUE(there_->reaches("messages_total", 10));
+    EXPECT_EQ(here_->end(), 0);
+    const std::string config = here_->path("new.toml"), key = here_->segment().key_file();
+    std::ofstream(config) << "[[channel]]\nname = \"MT01\"\nslots = 512\nslot_size = 32768\n";
+    ASSERT_EQ(
+        run_program({HALVO_BIN "/halvo-qm", "create", config, "--key", key, "--replace"}).status,
+        0);
+    here_->start();
+    write(11, 20);
+    expect_perfect(read_numbers(there_->segment(), 20), 20);
+    EXPECT_TRUE(here_->logs("was made anew"));
+}
+
+TEST_F(RelayRoutes, foreign_damaged_and_busy_state_files_are_refused) {
+    route();
+    start();
+    EXPECT_TRUE(here_->logs("connected"));
+    Machine third(url_of(shared_broker()), HALVO_BIN);
+    third.route("from = \"channel:MT01\"\nto = \"amqp:" + queue_ + "\"");
+    const auto refused = [&](const std::string &why) {
+        third.start();
+        EXPECT_EQ(third.wait(), 2);
+        EXPECT_TRUE(third.logs(why, 1));
+        EXPECT_EQ(third.tool("check").status, 1);
+    };
+    const auto copy = [](const std::string &from, const std::string &to) {
+        std::ofstream(to, std::ios::binary) << std::ifstream(from, std::ios::binary).rdbuf();
+    };
+    copy(here_->path("r.state"), third.path("r.state"));
+    refused("the state file is foreign: it is of \"from channel:MT01 of ");
+    copy(here_->path("r.state"), third.path("r.state"));
+    std::fstream(third.path("r.state")) << "X";
+    refused("the state file is damaged (its header)");
+    std::ofstream(third.path("r.state"), std::ios::trunc) << "short";
+    refused("the state file is damaged (its size)");
+
+    EXPECT_EQ(run_program({HALVO_BIN "/halvo-relay", "run", here_->path("relay.toml")}).status, 2);
+    EXPECT_EQ(here_->end(), 0);
+}
+
+TEST_F(RelayRoutes, signals_metrics_and_the_service_manager) {
+    sockaddr_un manager{};
+    manager.sun_family = AF_UNIX;
+    std::snprintf(manager.sun_path, sizeof manager.sun_path, "%s", here_->path("notify").c_str());
+    const halvo::Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM, 0));
+    ASSERT_EQ(bind(socket.get(), reinterpret_cast<sockaddr *>(&manager), sizeof manager), 0);
+    const timeval limit{20, 0};
+    setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    const auto told = [&] {
+        char text[256];
+        const ssize_t got = recv(socket.get(), text, sizeof text, 0);
+        return std::string(text, got > 0 ? static_cast<size_t>(got) : 0);
+    };
+    setenv("NOTIFY_SOCKET", manager.sun_path, 1);
+    const int port = 32600 + getpid() % 100;
+    here_->relay("log = \"json\"\nmetrics = \"127.0.0.1:" + std::to_string(port) + "\"");
+    route();
+    here_->declare();
+    here_->start();
+    unsetenv("NOTIFY_SOCKET");
+    EXPECT_EQ(told(), "READY=1");
+    write(1, 7);
+    EXPECT_TRUE(here_->reaches("messages_total", 7));
+    const std::string fetch = "import urllib.request, sys\n"
+                              "print(urllib.request.urlopen('http://127.0.0.1:' + sys.argv[1] + "
+                              "'/metrics').read().decode())";
+    EXPECT_NE(run_python(fetch, {std::to_string(port)})
+                  .out.find("halvo_relay_messages_total{route=\"r\",direction=\"out\"} 7\n"),
+              std::string::npos);
+
+    here_->route("from = \"amqp:" + queue_ + "\"\nto = \"fq:" + here_->path("back") + "\"", "back");
+    here_->save();
+    here_->signal(SIGHUP);
+    EXPECT_EQ(told().rfind("RELOADING=1\n", 0), 0U);
+    EXPECT_EQ(told(), "READY=1");
+    EXPECT_TRUE(here_->reaches("messages_total", 7, "back"));
+    const std::string log = here_->log();
+    EXPECT_EQ(std::count(log.begin(), log.end(), '{'), std::count(log.begin(), log.end(), '\n'));
+    here_->relay("nonsense = 1");
+    here_->save();
+    here_->signal(SIGHUP);
+    EXPECT_TRUE(here_->logs("unknown key \\\"nonsense\\\""));
+    EXPECT_EQ(here_->end(), 0);
+    EXPECT_NE(fq({"get", here_->path("back")}).find("00000007 "), std::string::npos);
+}
+
+TEST_F(RelayRoutes, check_finds_what_is_wrong_and_changes_nothing) {
+    route("", "dead_letter_queue = \"" + queue_ + ".dead\"");
+    const Outcome missing = there_->tool("check");
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_NE(missing.out.find("FAULT  the broker has no queue " + queue_ + ";"),
+              std::string::npos);
+    EXPECT_EQ(there_->tool("check").out, missing.out) << "nothing was made";
+    there_->declare();
+    EXPECT_EQ(there_->tool("check").status, 0);
+    python("channel.queue_delete(queue)\n"
+           "channel.queue_declare(queue, durable=True, arguments={'x-queue-type': 'quorum', "
+           "'x-overflow': 'reject-publish', 'x-max-length': 5, 'x-single-active-consumer': True, "
+           "'x-dead-letter-exchange': '', 'x-dead-letter-routing-key': queue + '.dead'})");
+    EXPECT_NE(there_->tool("check").out.find("FAULT  queue " + queue_), std::string::npos);
+}

@@ -1,0 +1,173 @@
+"""Prometheus itself scrapes the server, and what is shipped for it fits: prometheus_test.py PROGRAMS SOURCES"""
+import glob
+import json
+import os
+import re
+import shlex
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import time
+import urllib.parse
+import urllib.request
+
+from lab import Lab, eventually, skip
+
+SHARE = os.path.join(sys.argv[2], "tools/mon/share")
+RULES = os.path.join(SHARE, "prometheus-rules.yml")
+
+
+def check(*words):
+    done = subprocess.run(words, capture_output=True, text=True, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+
+
+def rules_pass_promtool(lab):
+    check("promtool", "check", "rules", RULES)
+    test = os.path.join(lab.folder, "rules_test.yml")
+    with open(os.path.join(sys.argv[2], "tests/serve/rules_test.yml"), encoding="utf-8") as file:
+        text = file.read().replace("[RULES]", f"[{RULES}]")
+    with open(test, "w", encoding="utf-8") as file:
+        file.write(text)
+    check("promtool", "test", "rules", test)
+
+
+def metrics_pass_promtool(lab):
+    done = subprocess.run(["promtool", "check", "metrics"], input=lab.get("metrics"),
+                          capture_output=True, text=True, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Prometheus:
+    def __init__(self, lab):
+        config = os.path.join(lab.folder, "prometheus.yml")
+        with open(config, "w", encoding="utf-8") as file:
+            file.write(f"global: {{scrape_interval: 1s, evaluation_interval: 1s}}\nrule_files: [{RULES}]\n"
+                       f"scrape_configs: [{{job_name: halvo, static_configs: [{{targets: ['127.0.0.1:{lab.port}']}}]}}]\n")
+        self.base = f"http://127.0.0.1:{free_port()}"
+        lab.start("prometheus", f"--config.file={config}", f"--storage.tsdb.path={lab.folder}/tsdb",
+                  f"--web.listen-address={self.base[7:]}", stdout=subprocess.DEVNULL,
+                  stderr=subprocess.DEVNULL)
+
+    def ask(self, path, **arguments):
+        try:
+            with urllib.request.urlopen(f"{self.base}/api/v1/{path}?{urllib.parse.urlencode(arguments)}",
+                                        timeout=20) as answer:
+                return json.load(answer)["data"]
+        except OSError:
+            return None  # it is starting
+
+    def value(self, query):
+        """Of the one series that answers, or None."""
+        data = self.ask("query", query=query)
+        return float(data["result"][0]["value"][1]) if data and len(data["result"]) == 1 else None
+
+
+def prometheus_answers_queries(lab, prometheus):
+    traffic = lab.traffic("MT01")
+    lab.send("MO01", 7)
+    series = '{channel="MO01",number="1",type="M"}'
+    eventually(lambda: prometheus.value(f"halvo_channel_backlog{series}") == 7, "the backlog of MO01")
+    eventually(lambda: (prometheus.value('rate(halvo_channel_ring_got_total{channel="MT01"}[15s])') or 0) > 5,
+               "a rate of MT01", 40)
+    held = 'halvo_channel_end_held{channel="MT01",end="reader"}'
+    assert prometheus.value(held) == 1
+    for process in traffic:
+        lab.end(process)
+    eventually(lambda: prometheus.value(held) == 0, "the reader is gone")
+    states = {alert["labels"]["alertname"]: alert["state"] for alert in prometheus.ask("alerts")["alerts"]}
+    assert "HalvoNoReader" in states and "HalvoSegmentDown" not in states, states
+    rules = [rule for group in prometheus.ask("rules")["groups"] for rule in group["rules"]]
+    assert len(rules) == 12 and all(rule["health"] == "ok" for rule in rules), rules
+
+
+def the_dashboard_asks_for_what_is_served(lab, prometheus):
+    with open(os.path.join(SHARE, "grafana-dashboard.json"), encoding="utf-8") as file:
+        dashboard = json.load(file)
+    served = set(re.findall(r"^# TYPE (\S+)", lab.get("metrics"), re.M))
+    asked = [target["expr"] for panel in dashboard["panels"] for target in panel["targets"]]
+    asked += [re.match(r"label_values\((.*), \w+\)$", each["query"]["query"]).group(1)
+              for each in dashboard["templating"]["list"] if each["type"] == "query"]
+    assert len(asked) > 15
+    with open(RULES, encoding="utf-8") as file:
+        unknown = {name for text in asked + [file.read()] for name in re.findall(r"\bhalvo_\w+", text)} - served
+    assert not unknown, f"nobody serves {unknown}"
+    for query in asked:
+        query = re.sub(r'"\$\w+"', '".*"', query).replace("$__rate_interval", "15s")
+        data = prometheus.ask("query", query=query)
+        assert data is not None, query
+        assert data["result"] or " > 0" in query, f"no answer to {query}"
+    boxes = [tuple(panel["gridPos"].values()) for panel in dashboard["panels"]]
+    assert len(set(boxes)) == len(boxes) and all(x + width <= 24 for x, _, width, _ in boxes)
+
+
+def units_start_what_is_there(lab):
+    environment = {"HALVO_KEY": lab.key, "HALVO_LISTEN": "127.0.0.1:0", "HALVO_TEXTFILES": lab.folder}
+    for unit in glob.glob(os.path.join(SHARE, "*.service")):
+        with open(unit, encoding="utf-8") as file:
+            command = re.search(r"^ExecStart=(.*)$", file.read(), re.M).group(1).replace("%i", "gw")
+        command = re.sub(r"\$\{(\w+)\}", lambda name: environment[name.group(1)], command)
+        words = shlex.split(command)
+        process = lab.start(lab.program(words[0]), *words[1:], stdout=subprocess.PIPE, text=True)
+        if "serve" in words:
+            assert process.stdout.readline().startswith("serving http://127.0.0.1:")
+            lab.end(process, signal.SIGTERM)
+        assert process.wait(timeout=20) == 0, command
+    with open(os.path.join(lab.folder, "halvo-gw.prom"), encoding="utf-8") as file:
+        assert "\nhalvo_up 1\n" in file.read()
+    if shutil.which("systemd-analyze"):
+        # A path for each instance; the program and the page of the manual are elsewhere here.
+        folder = os.path.join(lab.folder, "units")
+        os.mkdir(folder)
+        for unit in glob.glob(os.path.join(SHARE, "*@.*")):
+            with open(unit, encoding="utf-8") as file:
+                text = file.read().replace("ExecStart=halvo-mon", f"ExecStart={lab.program('halvo-mon')}")
+            with open(os.path.join(folder, os.path.basename(unit)), "w", encoding="utf-8") as file:
+                file.write(re.sub(r"^Documentation=.*\n", "", text, flags=re.M))
+        done = subprocess.run(["systemd-analyze", "verify"] + [unit.replace("@.", "@gw.") for unit in
+                              glob.glob(os.path.join(folder, "*"))], capture_output=True, text=True, check=False)
+        assert done.returncode == 0 and not done.stderr.strip(), done.stderr
+
+
+def nagios_example_answers(lab):
+    with open(os.path.join(SHARE, "nagios.cfg"), encoding="utf-8") as file:
+        text = file.read()
+    commands = dict(re.findall(r"command_name +(\S+)\n +command_line +(.*)", text))
+    calls = [call.split("!") for call in re.findall(r"check_command +(.*)", text)]
+    assert len(commands) == len(calls) == 2
+    # Nothing was passed, so that ends are older than any limit, and nobody holds the reader's end.
+    for name, *arguments in calls:
+        words = commands[name]
+        for number, argument in enumerate(arguments, 1):
+            words = words.replace(f"$ARG{number}$", argument)
+        words = (words.replace("/usr/bin", lab.programs).replace("/var/lib/gateway/halvo.key", lab.key)
+                 .replace("/etc/halvo", SHARE))
+        done = subprocess.run(shlex.split(words), capture_output=True, text=True, check=False)
+        assert done.returncode == 2 and "HALVO CRITICAL - MT01 reader" in done.stdout, done
+
+
+def main():
+    with Lab(sys.argv[1], [{"name": "MT01"}, {"name": "MO01"}, {"name": "FQ01", "type": "F"}]) as lab:
+        lab.serve()
+        units_start_what_is_there(lab)
+        nagios_example_answers(lab)
+        if not shutil.which("prometheus") or not shutil.which("promtool"):
+            skip("no prometheus and no promtool")
+        rules_pass_promtool(lab)
+        metrics_pass_promtool(lab)
+        prometheus = Prometheus(lab)
+        for test in [prometheus_answers_queries, the_dashboard_asks_for_what_is_served]:
+            began = time.monotonic()
+            test(lab, prometheus)
+            print(f"{test.__name__}: {time.monotonic() - began:.1f} s", flush=True)
+
+
+main()

@@ -1,0 +1,115 @@
+// halvo-send and halvo-recv, as an operator runs them.
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "tests/support/program.h"
+#include "tests/support/ring.h"
+#include "tools/fixture/segment_builder.h"
+
+using namespace halvo::test;
+
+namespace {
+
+const std::string kSend = HALVO_BIN "/halvo-send";
+const std::string kRecv = HALVO_BIN "/halvo-recv";
+
+class Messages : public testing::Test {
+protected:
+    Segment segment = SegmentBuilder().channel("MT01", 'M', 8, 64).build();
+
+    Outcome send(std::vector<std::string> words, const std::string &input) {
+        words.insert(words.begin(), {kSend, "--key", segment.key_file(), "MT01"});
+        return run_program(words, input);
+    }
+    static void expect(const Outcome &outcome, int status, const std::string &told) {
+        EXPECT_EQ(outcome.status, status);
+        EXPECT_NE(outcome.err.find(told), std::string::npos) << outcome.err;
+    }
+    Outcome recv(std::vector<std::string> words) {
+        words.insert(words.begin(), {kRecv, "--key", segment.key_file(), "MT01"});
+        return run_program(words);
+    }
+};
+
+} // namespace
+
+TEST_F(Messages, lines_become_messages_and_lines_again) {
+    const Outcome sent = send({"--type", "7"}, "one\n\ntwo\nthree");
+    expect(sent, 0, "1 empty lines skipped");
+    expect(sent, 0, "halvo-send: 3 messages, 11 bytes in ");
+    EXPECT_EQ(sent.out, "") << "the library's own lines go to standard error";
+    segment.attach();
+    EXPECT_EQ(q_pcount_per_type(segment.channel("MT01"), 7), 3);
+    const Outcome got = recv({"--idle", "100"});
+    EXPECT_EQ(got.status, 0) << got.err;
+    EXPECT_EQ(got.out, "one\ntwo\nthree\n");
+}
+
+TEST_F(Messages, every_byte_comes_back_with_keep_newline) {
+    std::string text = "first\n\n\x01\xB0\xA1 bytes\n";
+    text += std::string("a\0b\n", 4) + "no line feed at the end";
+    const std::string file = segment.path("got");
+    EXPECT_EQ(send({"-n", "--batch", "3", "-q"}, text).status, 0);
+    EXPECT_EQ(recv({"-n", "--count", "2", "-q"}).out, "first\n\n");
+    EXPECT_EQ(recv({"-n", "--count", "3", "-o", file}).status, 0);
+    EXPECT_EQ(run_program({"/bin/cat", file}).out, text.substr(7));
+}
+
+TEST_F(Messages, a_batch_larger_than_the_ring_goes_in_parts) {
+    std::string text;
+    for (int i = 0; i < 100; ++i) text += std::to_string(i) + "\n";
+    Peer receiver([&] { return recv({"--count", "100", "--batch", "5"}).out == text ? 0 : 1; });
+    EXPECT_EQ(send({"--batch", "1000"}, text).status, 0);
+    EXPECT_EQ(receiver.wait(), 0);
+}
+
+TEST_F(Messages, what_cannot_be_sent_is_named_and_what_stood_before_is_sent) {
+    const std::string text = "fits\nfits too\n" + std::string(49, 'x') + "\nnever reached\n";
+    for (const char *batch : {"1", "10"}) {
+        expect(send({"-b", batch}, text), 1, "halvo-send: line 3: ESMS_EXEED");
+        EXPECT_EQ(recv({"--idle", "50"}).out, "fits\nfits too\n");
+    }
+    const Outcome full = send({"--timeout", "200"}, "1\n2\n3\n4\n5\n6\n7\n8\n9\n");
+    expect(full, 1, "line 9: ESMS_TIMEOUT");
+    expect(full, 1, "8 messages");
+}
+
+TEST_F(Messages, what_could_not_be_written_out_is_received_again) {
+    EXPECT_EQ(send({}, "one\ntwo\n").status, 0);
+    expect(recv({"--count", "2", "-o", "/dev/full"}), 1, "/dev/full: No space left");
+    EXPECT_EQ(recv({"--count", "2"}).out, "one\ntwo\n");
+}
+
+TEST_F(Messages, a_signal_ends_both_cleanly) {
+    const ScratchFile input;
+    input.fill("x\n");
+    // A receiver ends well; a sender that has something left to send tells what ended it.
+    const auto status_after = [&](const std::string &program, int number) {
+        Peer peer([&] {
+            dup2(input.fd(), STDIN_FILENO);
+            close(STDERR_FILENO);
+            execl(program.c_str(), "halvo", "--key", segment.key_file().c_str(), "MT01", nullptr);
+            return 127;
+        });
+        usleep(200000);
+        peer.kill(number);
+        return peer.wait();
+    };
+    EXPECT_EQ(status_after(kRecv, SIGINT), 0);
+    EXPECT_EQ(status_after(kRecv, SIGTERM), 0);
+    segment.attach();
+    ASSERT_NE(segment.open("MT01", 'r'), nullptr) << "the end is free again";
+    for (int i = 0; i < 8; ++i) write(segment.channel("MT01"), "full");
+    EXPECT_EQ(status_after(kSend, SIGTERM), 128 + SIGTERM);
+}
+
+TEST_F(Messages, wrong_words_and_missing_things_end_with_2) {
+    EXPECT_EQ(run_program({kSend, "MT01"}).status, 2);
+    EXPECT_EQ(run_program({kRecv, "--help"}).status, 0);
+    EXPECT_EQ(send({"--type", "70000"}, "").status, 2);
+    EXPECT_EQ(send({"/nonexistent/file"}, "").status, 2);
+    expect(run_program({kRecv, "--key", segment.key_file(), "XX99"}), 2,
+           "XX99: no channel of that name");
+    expect(run_program({kRecv, "--key", "/nonexistent", "MT01"}), 2, "halvo-qm create");
+}

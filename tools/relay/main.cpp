@@ -1,0 +1,54 @@
+// halvo-relay: carries messages between the channels and file queues of this machine and a broker.
+#include <CLI/CLI.hpp>
+
+#include <functional>
+
+#include "tools/relay/relay.h"
+
+namespace {
+
+constexpr char kFooter[] = R"(Exit status:
+  0  done; check found no faults; run ended on SIGTERM or SIGINT with nothing in flight
+  1  check found faults
+  2  wrong usage, configuration or state file
+
+Signals of run: SIGTERM and SIGINT end it, SIGHUP reads the configuration again.
+
+Examples:
+  halvo-relay check --declare /etc/halvo/relay.toml
+  halvo-relay run /etc/halvo/relay.toml
+  halvo-relay status /etc/halvo/relay.toml
+
+halvo-relay(1) explains the configuration.)";
+
+} // namespace
+
+int main(int argc, char **argv) {
+    CLI::App app{"Carries the messages of channels and file queues into a broker and out again.",
+                 "halvo-relay"};
+    app.set_version_flag("--version", "halvo-relay " HALVOIPC_VERSION);
+    app.footer(kFooter);
+    app.require_subcommand(1);
+    std::string path;
+    bool declare = false, as_metrics = false;
+    std::function<int()> work;
+    const auto add = [&](const char *name, const char *what, std::function<int()> does) {
+        CLI::App *command = app.add_subcommand(name, what);
+        command->add_option("CONFIG", path, "Configuration, a TOML file")->required();
+        command->callback([&work, does] { work = does; });
+        return command;
+    };
+    add("run", "Runs all routes", [&] { return halvo::relay::run(path); });
+    add("check", "Looks at broker, queues, channels and rights, and changes nothing", [&] {
+        return halvo::relay::check(path, declare);
+    })->add_flag("--declare", declare, "Make the queues that the broker does not have");
+    add("status", "Shows the figures of all routes", [&] {
+        return halvo::relay::show_status(path, as_metrics);
+    })->add_flag("--metrics", as_metrics, "As Prometheus text");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    return work();
+}
