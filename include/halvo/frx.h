@@ -107,7 +107,7 @@ HALVO_API int frx_writeMark(FrxChannel *handle, int type, const void *data, uint
 /* The same for message `index` of a batch: mark 0 .. n-1, then call frx_writeCommitAll() or
  * frx_writeRollbackAll(). As q_write_mark_at(), which tells the limits. */
 HALVO_API int frx_writeMarkAt(FrxChannel *handle, int type, const void *data, uint32_t length,
-                              int index, int timeout) HALVO_NOEXCEPT;
+                              int index, int timeout);
 /* Makes the marked message readable and wakes a waiting reader. ESMS_OK or ESMS_NOTARGET. */
 HALVO_API int frx_writeCommit(FrxChannel *handle) HALVO_NOEXCEPT;
 /* Makes all marked messages readable, in order, and wakes a waiting reader. ESMS_OK, whatever their
