@@ -46,17 +46,18 @@ struct Staged {
 };
 static_assert(sizeof(Staged) == 8);
 
-// Writes staged messages, for which there is room. ESMS_OK, or what stopped it.
+// Writes staged messages, for which there is room. Their number; the code of the first that was
+// refused, when it was the first of all.
 jint write_staged(halvo_channel *q, const char *at, jint count) {
-    for (; count > 0; --count) {
+    for (jint written = 0; written < count; ++written) {
         Staged head;
         std::memcpy(&head, at, sizeof head);
         at += sizeof head;
         const int result = q_write(q, head.type, at, head.length);
-        if (result != ESMS_OK) return result;
+        if (result != ESMS_OK) return written > 0 ? written : result;
         at += head.length;
     }
-    return ESMS_OK;
+    return count;
 }
 
 } // namespace
@@ -128,8 +129,8 @@ COMPANION_NATIVE(jint, ChannelCalls, mark)
     });
 }
 
-// Makes `count` staged messages readable, all or none while this process lives. ESMS_FULL, or a
-// wait, when there is no room for all.
+// Makes `count` staged messages readable. ESMS_FULL, or a wait, when there is no room for all. Returns
+// their number, which is less only when somebody damages the channel meanwhile.
 COMPANION_NATIVE(jint, ChannelCalls, writeAll)
 (JNIEnv *env, jclass, jobject cell, jint channel, jbyteArray staged, jint count,
  jint timeout) noexcept {

@@ -128,3 +128,8 @@ COMPANION_NATIVE(jint, FileQueueCalls, lockKey)
     if (!queue || !fq::usable_path(queue.get())) return -1;
     return ftok(fq::lock_file(queue.get(), for_write ? 'w' : 'r').text, 1);
 }
+
+// What the transactions of this process promise from now on.
+COMPANION_NATIVE(jint, FileQueueCalls, setDurable)(JNIEnv *, jclass, jboolean durable) noexcept {
+    return fq_set_durability(durable ? FQ_DURABILITY_COMMIT : FQ_DURABILITY_NONE);
+}

@@ -12,12 +12,14 @@ import java.util.concurrent.Executors;
  * Usage: java Gateway KEYFILE FROM QUEUE TO
  *
  * <p>Each message is in one of the three places at any moment: it leaves one by a commit that comes
- * behind the commit of the next. When the gateway dies between the two, the same messages come again,
- * at most a hundred of each step; a receiver that must not take one twice compares what is in them.
+ * behind the commit of the next. When the gateway dies between the two, the same messages come
+ * again, at most a hundred of each step; a receiver that must not take one twice compares what is
+ * in them.
  */
 public class Gateway {
     private static final Duration SECOND = Duration.ofSeconds(1);
-    private static final int AT_ONCE = 100; // messages of a transaction, and no more than TO has slots
+    /** Messages of a transaction, no more than TO has slots. */
+    private static final int AT_ONCE = 100;
 
     /** Ends with the first failure; whoever started it starts it again. */
     public static void main(String[] args) throws Exception {

@@ -6,9 +6,9 @@ public class Hello {
     public static void main(String[] args) throws Exception {
         Duration second = Duration.ofSeconds(1);
         Channel.attach(args[0], second); // starts the library and its timeout monitor
-        try (Channel out = Channel.openWriter("hello", args[1], second); Batch batch = out.batch()) {
-            batch.write(7, "Hello, gateway".getBytes("UTF-8"));
-            batch.commit(second); // without it nothing is written
+        try (Channel out = Channel.openWriter("hello", args[1], second); Batch b = out.batch()) {
+            b.write(7, "Hello, gateway".getBytes("UTF-8"));
+            b.commit(second); // without it nothing is written
         }
         try (Channel in = Channel.openReader("hello", args[1], second);
                 Marked messages = in.mark(100, second)) {

@@ -3,7 +3,7 @@ package com.morvesk.halvo.ipc;
 import java.time.Duration;
 import java.util.Objects;
 
-/** The segment of this process. The native attaches once only, so it is asked when it will succeed. */
+/** The segment of this process. The native attaches once: it is asked when it will succeed. */
 final class Attachment {
     private static final int PAUSE_MILLIS = 20;
     private static String attachedBy;
@@ -18,8 +18,10 @@ final class Attachment {
         if (attached < 0) {
             HalvoException.check(operation, wanted);
             int result = IPCFunctions.initialize(keyFile);
-            if (result != IPCFunctions.ESMS_ALREADY) {
-                HalvoException.check(operation, result);
+            if (result < 0 && ChannelCalls.attachedSegment() < 0) {
+                throw new HalvoException(operation, result, IPCFunctions.initialized() == 1
+                        ? "an attach by the natives has failed before: no further one can succeed"
+                        : HalvoException.nameOf(result));
             }
             attachedBy = keyFile;
         } else if (wanted != attached && (wanted >= 0 || !keyFile.equals(attachedBy))) {

@@ -16,16 +16,17 @@ import java.util.Arrays;
  * }</pre>
  *
  * <p>The messages stay in this process until the commit, which waits for room for all of them and
- * then makes them readable, one after another in their order. It writes all or none. Only when the
- * process dies in the middle of the commit can the reader have got the first ones without the rest;
- * never one twice, nor one without those before it. A process that dies before the commit has
- * written none.
+ * then makes them readable, one after another in their order. When it fails, it has written none.
+ * Only when the process dies in the middle of the commit can the reader have got the first ones
+ * without the rest; never one twice, nor one without those before it. A process that dies before
+ * the commit has written none.
  *
  * <p>One thread at a time may use a batch. Other threads may use the channel meanwhile.
  */
 public final class Batch implements AutoCloseable {
     private static final int HEADER = 8; // length and type
     private static final int FIRST_SIZE = 1024;
+    private static final int MOST_BYTES = 1 << 30;
     private final ChannelEnd end;
     private final int slots;
     private byte[] staged = new byte[FIRST_SIZE];
@@ -64,19 +65,24 @@ public final class Batch implements AutoCloseable {
         requireOpen();
         Channel.checkMessage(end, type, data, offset, length);
         if (count == slots) {
-            throw new HalvoException("add to a batch for " + end.name, IPCFunctions.ESMS_FULL,
-                    "the channel has " + slots + " slots");
+            throw full("the channel has " + slots + " slots");
+        }
+        if (length > MOST_BYTES - HEADER - used) {
+            throw full("more than " + MOST_BYTES + " bytes in one batch");
         }
         if (used + HEADER + length > staged.length) {
-            long twice = 2L * staged.length;
-            staged = Arrays.copyOf(staged,
-                    (int) Math.min(Integer.MAX_VALUE - HEADER, Math.max(twice, used + HEADER + length)));
+            long wanted = Math.max(2L * staged.length, (long) used + HEADER + length);
+            staged = Arrays.copyOf(staged, (int) Math.min(MOST_BYTES, wanted));
         }
         put(used, length);
         put(used + 4, type);
         System.arraycopy(data, offset, staged, used + HEADER, length);
         used += HEADER + length;
         count++;
+    }
+
+    private HalvoException full(String text) {
+        return new HalvoException("add to a batch for " + end.name, IPCFunctions.ESMS_FULL, text);
     }
 
     private void put(int at, int value) {
@@ -96,8 +102,8 @@ public final class Batch implements AutoCloseable {
     }
 
     /**
-     * Writes the messages if there is room for all of them at once. The batch is empty then. Without
-     * a message it does nothing.
+     * Writes the messages if there is room for all of them at once. The batch is empty then.
+     * Without a message it does nothing.
      *
      * @throws HalvoException {@code ESMS_FULL} when there is no room, or another thread uses the
      *     channel; the messages stay in the batch
@@ -105,8 +111,7 @@ public final class Batch implements AutoCloseable {
     public void commit() throws HalvoException {
         requireOpen();
         if (count > 0) {
-            end.check("write a batch to", end.atOnce(IPCFunctions.ESMS_FULL, this::writeAll));
-            rollback();
+            written(end.atOnce(IPCFunctions.ESMS_FULL, this::writeAll));
         }
     }
 
@@ -121,14 +126,30 @@ public final class Batch implements AutoCloseable {
     public void commit(Duration timeout) throws HalvoException, InterruptedException {
         requireOpen();
         if (count > 0) {
-            end.check("write a batch to",
-                    end.inTime(timeout, IPCFunctions.ESMS_FULL, this::writeAll));
-            rollback();
+            written(end.inTime(timeout, IPCFunctions.ESMS_FULL, this::writeAll));
         }
     }
 
     private long writeAll(ByteBuffer cell, int millis) {
         return ChannelCalls.writeAll(cell, end.number, staged, count, millis);
+    }
+
+    /** Keeps what a damaged channel did not take, so that a further commit sends nothing twice. */
+    private void written(long result) throws HalvoException {
+        long left = count - end.check("write a batch to", result);
+        if (left > 0) {
+            int from = 0;
+            for (long i = 0; i < result; i++) {
+                from += HEADER + (staged[from] & 0xff | (staged[from + 1] & 0xff) << 8
+                        | (staged[from + 2] & 0xff) << 16 | staged[from + 3] << 24);
+            }
+            System.arraycopy(staged, from, staged, 0, used - from);
+            used -= from;
+            count = (int) left;
+            throw new HalvoException("write a batch to " + end.name, IPCFunctions.ESMS_FAILED,
+                    result + " messages were written, " + left + " were not");
+        }
+        rollback();
     }
 
     /** Drops the messages. */

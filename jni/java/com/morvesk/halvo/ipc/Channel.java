@@ -15,21 +15,22 @@ import java.util.Objects;
  * }
  * }</pre>
  *
- * <p><b>Deaths.</b> A message that {@link #write} put into the channel is there, whatever becomes of
- * this process. One that {@link #read} took is gone from the channel: a process that must not lose
- * messages by its own death takes them by {@link #mark} and commits when it has dealt with them. {@link
- * Batch} and {@link Marked} tell what a death leaves of their transactions. Opening an end puts right
- * what the death of its last holder left behind.
+ * <p><b>Deaths.</b> A message that {@link #write} put into the channel is there, whatever becomes
+ * of this process. One that {@link #read} took is gone from the channel: a process that must not
+ * lose messages by its own death takes them by {@link #mark} and commits when it has dealt with
+ * them. {@link Batch} and {@link Marked} tell what a death leaves of their transactions. Opening an
+ * end puts right what the death of its last holder left behind.
  *
  * <p><b>Threads</b> may share a channel: their calls are made one after the other, and waiting for
- * one's turn counts into the timeout. A wait ends with {@link InterruptedException} when its thread is
- * interrupted, and with {@link ChannelClosedException} when another thread closes the channel; nothing
- * was read or written then. A call that has done its work before it notices the interrupt returns as
- * usual, and the thread stays interrupted. Calls that cannot wait do not look for interrupts.
+ * one's turn counts into the timeout. A wait ends with {@link InterruptedException} when its thread
+ * is interrupted, and with {@link ChannelClosedException} when another thread closes the channel;
+ * nothing was read or written then. A call that has done its work before it notices the interrupt
+ * returns as usual, and the thread stays interrupted. Calls that cannot wait do not look for
+ * interrupts.
  *
- * <p><b>Virtual threads</b> may call every method. A wait in the library would hold their carrier, so
- * a platform thread waits for them: that takes two more changes of threads than in a platform thread,
- * but for calls that need not wait.
+ * <p><b>Virtual threads</b> may call every method. A wait in the library would hold their carrier,
+ * so a platform thread waits for them: that takes two more changes of threads than in a platform
+ * thread, but for calls that need not wait.
  *
  * <p>A failed operation raises {@link HalvoException} with the library's code. The wrong use of an
  * object (closed, or open for the other direction) is an {@link IllegalStateException}.
@@ -111,8 +112,9 @@ public final class Channel implements AutoCloseable {
      * already this does nothing more, and another one is refused.
      *
      * @param keyFile path of the key file
-     * @throws HalvoException {@code ESMS_SHMOP} when there is no such segment or it is not complete,
-     *     and a later call may succeed; {@code ESMS_ALREADY} when the process has another segment
+     * @throws HalvoException {@code ESMS_SHMOP} when there is no such segment or it is not
+     *     complete, and a later call may succeed; {@code ESMS_ALREADY} when the process has another
+     *     segment
      */
     public static void attach(String keyFile) throws HalvoException {
         Attachment.attach(keyFile);
@@ -181,8 +183,8 @@ public final class Channel implements AutoCloseable {
     }
 
     /**
-     * Gives the end back to other processes. Marked messages that were not committed are read again;
-     * waits of other threads end.
+     * Gives the end back to other processes. Marked messages that were not committed are read
+     * again; waits of other threads end.
      *
      * @throws HalvoException when the end was not this process's to give
      */
@@ -266,8 +268,8 @@ public final class Channel implements AutoCloseable {
      * @param length  the room for it
      * @param timeout the longest wait; 0 or less does not wait
      * @return the message's length; {@link #lastType} tells its type
-     * @throws HalvoException {@code ESMS_TIMEOUT} when none came in time; {@code ESMS_EXEED} when the
-     *     message is longer than the room, and stays
+     * @throws HalvoException {@code ESMS_TIMEOUT} when none came in time; {@code ESMS_EXEED} when
+     *     the message is longer than the room, and stays
      * @throws InterruptedException when the thread is interrupted
      */
     public int read(byte[] array, int offset, int length, Duration timeout)
@@ -277,8 +279,8 @@ public final class Channel implements AutoCloseable {
     }
 
     /**
-     * Takes the next message into a buffer, waiting for one. Nothing is allocated. The message begins
-     * at the buffer's position, which then stands behind it.
+     * Takes the next message into a buffer, waiting for one. Nothing is allocated. The message
+     * begins at the buffer's position, which then stands behind it.
      *
      * @param buffer  receives the message
      * @param timeout the longest wait; 0 or less does not wait
@@ -320,10 +322,11 @@ public final class Channel implements AutoCloseable {
     }
 
     /**
-     * Hands each message to a handler, in order, until none has come for a while. Messages are marked,
-     * handled, then committed, up to a hundred at a time. When the handler throws, those that it had
-     * handled are committed, the others are read again, and the exception goes on. A message may be
-     * handled twice when this process dies: one that was handled and not yet committed.
+     * Hands each message to a handler, in order, until none has come for a while. Messages are
+     * marked, handled, then committed, up to a hundred at a time. When the handler throws, those
+     * that it had handled are committed, the others are read again, and the exception goes on. A
+     * message may be handled twice when this process dies: one that was handled and not yet
+     * committed.
      *
      * @param handler what to do with a message; it must not read from this channel
      * @param timeout how long to wait for a message

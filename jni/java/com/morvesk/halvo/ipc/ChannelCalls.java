@@ -3,8 +3,9 @@ package com.morvesk.halvo.ipc;
 import java.nio.ByteBuffer;
 
 /**
- * The natives of {@link Channel}. They answer with counts and the codes of {@link IPCFunctions}, and
- * raise nothing. Those with a cell wait, until {@link #wake} at the latest; without one they try once.
+ * The natives of {@link Channel}. They answer with counts and the codes of {@link IPCFunctions},
+ * and raise nothing. Those with a cell wait, until {@link #wake} at the latest; without one they
+ * try once.
  */
 final class ChannelCalls {
     static {
@@ -39,7 +40,7 @@ final class ChannelCalls {
     /** Marks 1 to n messages and copies their slots; their number. */
     static native int mark(ByteBuffer cell, int channel, int n, byte[] slots, int timeout);
 
-    /** Writes what a {@link Batch} has staged. */
+    /** Writes what a {@link Batch} has staged; the number of messages written. */
     static native int writeAll(
             ByteBuffer cell, int channel, byte[] staged, int count, int timeout);
 

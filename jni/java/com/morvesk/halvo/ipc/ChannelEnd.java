@@ -54,7 +54,7 @@ final class ChannelEnd {
             if (System.nanoTime() - until >= 0 && !Thread.currentThread().isInterrupted()) {
                 break;
             }
-            Thread.sleep(PAUSE_MILLIS); // a failure that comes at once must not keep the thread busy
+            Thread.sleep(PAUSE_MILLIS); // a failure at once must not keep the thread busy
         }
         check(operation, result);
         int recovered = ChannelCalls.recover(number, forWrite);
@@ -178,7 +178,8 @@ final class ChannelEnd {
         turn.lock();
         try {
             if (marked != messages) {
-                throw new IllegalStateException("the marked messages of " + name + " were given back");
+                throw new IllegalStateException(
+                        "the marked messages of " + name + " were given back");
             }
             int result = (int) call.run(null, 0);
             if (release) {

@@ -24,9 +24,9 @@ import java.util.concurrent.TimeUnit;
  * }</pre>
  *
  * <p>A transaction begins with its first item and from then on locks its side of the queue for all
- * other threads and processes, which wait without limit and without looking for interrupts; a virtual
- * thread holds its carrier meanwhile. A thread that would wait for itself gets an {@link
- * IllegalStateException}. A transaction must be used by one thread at a time.
+ * other threads and processes, which wait without limit and without looking for interrupts; a
+ * virtual thread holds its carrier meanwhile. A thread that would wait for itself gets an
+ * {@link IllegalStateException}. A transaction must be used by one thread at a time.
  *
  * <p><b>Deaths.</b> When the process dies before a commit, the items of a write transaction are
  * dropped and those of a read transaction are read again. A put that has returned is in the queue.
@@ -57,6 +57,20 @@ public final class FileQueue {
     public FileQueue(String path, int channel) {
         this.path = Objects.requireNonNull(path, "path");
         this.channel = channel;
+    }
+
+    /**
+     * Chooses what this process's file queues promise from now on, on all paths and threads. Durable, a
+     * put and a commit that have returned survive a loss of power: each waits for the disk. Otherwise
+     * they survive the death of any process. At first that is what the environment variable {@code
+     * HALVO_FQ_DURABILITY} says ({@code none} or {@code commit}), else not durable. Both sides of a
+     * queue must ask for it. A failure to reach the disk is an {@link HalvoException} of the call,
+     * whose items may be readable all the same.
+     *
+     * @param durable whether to wait for the disk
+     */
+    public static void setDurable(boolean durable) {
+        FileQueueCalls.setDurable(durable);
     }
 
     /**
@@ -126,9 +140,9 @@ public final class FileQueue {
          * Adds an item.
          *
          * @param item its bytes, 1 to 999999977
-         * @throws HalvoException when it cannot be written: the items before it are lost too, and the
-         *     transaction can only be rolled back or closed; {@code ESMS_INVAL} for an empty item,
-         *     which changes nothing
+         * @throws HalvoException when it cannot be written: the items before it are lost too, and
+         *     the transaction can only be rolled back or closed; {@code ESMS_INVAL} for an empty
+         *     item, which changes nothing
          */
         public void put(byte[] item) throws HalvoException {
             checkItem(item);

@@ -1,8 +1,9 @@
 package com.morvesk.halvo.ipc;
 
 /**
- * The natives of {@link FileQueue}. A transaction is two words: its handle, 0 for none, and the key of
- * the lock that it holds. Results are the library's own; a failure n to lock is {@link #LOCK} + n.
+ * The natives of {@link FileQueue}. A transaction is two words: its handle, 0 for none, and the key
+ * of the lock that it holds. Results are the library's own; a failure n to lock is {@link #LOCK} +
+ * n.
  */
 final class FileQueueCalls {
     static {
@@ -26,6 +27,8 @@ final class FileQueueCalls {
     static native int take(int channel, String path, long[] transaction, byte[] buffer);
 
     static native int endRead(int channel, long[] transaction, int errors, boolean commit);
+
+    static native int setDurable(boolean durable);
 
     /** The key of a side's lock, or -1. */
     static native int lockKey(String path, boolean forWrite);

@@ -5,7 +5,7 @@ import java.util.concurrent.ConcurrentHashMap;
 
 /** One side of a file queue, held from a transaction's first item to its end. */
 final class FileQueueTransaction {
-    /** Who holds which locks in this process. A lock is waited for without limit, by its holder too. */
+    /** Who holds which locks in this process. Its own holder would wait for a lock, too. */
     private static final Map<Integer, Thread> HOLDERS = new ConcurrentHashMap<>();
     private final String path;
     private final boolean forWrite;
@@ -71,10 +71,11 @@ final class FileQueueTransaction {
     // ---- Failures
 
     private static final String[] LOCK_NAMES = {
-        "FQ_LOCK_FILE", "FQ_LOCK_TABLE", "FQ_LOCK_MUTEX", "FQ_LOCK", "FQ_POSITION_FILE", "FQ_POSITION"
+        "FQ_LOCK_FILE", "FQ_LOCK_TABLE", "FQ_LOCK_MUTEX", "FQ_LOCK", "FQ_POSITION_FILE",
+        "FQ_POSITION"
     };
     private static final String[] LOCK_TEXTS = {
-        "the lock file cannot be opened; does the directory exist, and may this process write there?",
+        "the lock file cannot be opened: is the directory there, and may this process write to it?",
         "more than 256 lock files in this process",
         "the lock within the process failed",
         "the file lock failed, or a signal ended the wait for it",

@@ -19,8 +19,9 @@ package com.morvesk.halvo.ipc;
  *     lie in its array raises {@link ArrayIndexOutOfBoundsException}, but the call goes on with
  *     zeros in place of the data: check such ranges. A null array or a negative length is {@link
  *     #ESMS_INVAL}.
- * <li><b>Strings</b> go to the library in the VM's UTF-8, and names are compared and stored as those
- *     bytes: a Korean name that a C program wrote in EUC-KR is not found by the same name from here.
+ * <li><b>Strings</b> go to the library in the VM's UTF-8, and names are compared and stored as
+ *     those bytes: a Korean name that a C program wrote in EUC-KR is not found by the same name
+ *     from here.
  * <li><b>raw</b> asks for the whole slot instead of the message's body: state (4 bytes), 4 reserved
  *     bytes, length (4), type (2), all little-endian, then the body from byte 14 on.
  * <li><b>Threads</b>: any thread may call any method. Threads that share an end of a channel must

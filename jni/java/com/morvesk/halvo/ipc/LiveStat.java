@@ -9,8 +9,8 @@ import java.io.IOException;
  * one the segment's. Its index is the type, 0 to 4095; most methods also accept 4096, which tells
  * nothing of use. Failures raise {@link IOException}, except from the two byte methods. The texts
  * are Korean and arrive as the library has them, in EUC-KR bytes that the VM takes for UTF-8. So do
- * names that C programs have stored in EUC-KR: for their raw bytes take the header by {@link #getBytes}
- * and decode the name with {@code new String(bytes, offset, length, "EUC-KR")}.
+ * names that C programs have stored in EUC-KR: for their raw bytes take the header by
+ * {@link #getBytes} and decode the name with {@code new String(bytes, offset, length, "EUC-KR")}.
  *
  * <p>Nothing here waits, and any process that has attached may call it. The segment is read without
  * a lock: a 64-bit count may be caught half written.

@@ -16,11 +16,11 @@ import java.util.NoSuchElementException;
  * }
  * }</pre>
  *
- * <p>Until the commit the messages stay in the channel, and the end reads nothing else: another read
- * in the same thread is an {@link IllegalStateException}, other threads wait. When the process dies
- * before the commit, whoever opens the end next reads them again, all of them; when it dies in the
- * middle of a commit, those that it had not come to. None is lost, and none that was committed comes
- * again.
+ * <p>Until the commit the messages stay in the channel, and the end reads nothing else: another
+ * read in the same thread is an {@link IllegalStateException}, other threads wait. When the process
+ * dies before the commit, whoever opens the end next reads them again, all of them; when it dies in
+ * the middle of a commit, those that it had not come to. None is lost, and none that was committed
+ * comes again.
  */
 public final class Marked implements Iterable<Channel.Message>, AutoCloseable {
     private final ChannelEnd end;
@@ -51,7 +51,8 @@ public final class Marked implements Iterable<Channel.Message>, AutoCloseable {
     /** Throws when it is this thread that holds the end. */
     void refuseMine() {
         if (owner == Thread.currentThread()) {
-            throw new IllegalStateException("the marked messages of " + end.name + " are not committed");
+            throw new IllegalStateException(
+                    "the marked messages of " + end.name + " are not committed");
         }
     }
 
@@ -136,7 +137,7 @@ public final class Marked implements Iterable<Channel.Message>, AutoCloseable {
         }
     }
 
-    /** Hands each message to a handler, and commits those that it has handled. Returns their number. */
+    /** Hands each message to a handler, and commits those that it has handled: their number. */
     <X extends Exception> int handle(Channel.Handler<? extends X> handler)
             throws HalvoException, X {
         int handled = 0;

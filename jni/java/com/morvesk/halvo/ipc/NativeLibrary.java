@@ -27,7 +27,7 @@ final class NativeLibrary {
         try {
             loadOnce();
         } catch (UnsatisfiedLinkError error) {
-            // The library names the one of the VM that it was built with. This VM's own does as well.
+            // The library names that of the VM that it was built with; this VM's own does as well.
             File own = new File(System.getProperty("java.home"), "lib/" + SIGNALS);
             if (!of(error).contains(SIGNALS) || !own.exists()) {
                 throw error;
@@ -63,21 +63,23 @@ final class NativeLibrary {
         String text = of(cause);
         String file = System.mapLibraryName(NAME);
         if (!(cause instanceof UnsatisfiedLinkError)) {
-            return "This VM refuses native code: start java with --enable-native-access=ALL-UNNAMED,"
-                    + " or =com.morvesk.halvo.ipc when the jar is on the module path.";
+            return "This VM refuses native code: start java with"
+                    + " --enable-native-access=ALL-UNNAMED, or =com.morvesk.halvo.ipc when the"
+                    + " jar is on the module path.";
         }
         if (text.contains("wrong ELF class") || text.contains("bit .so on a")) {
             return "The library has the other word size: this VM is of "
-                    + System.getProperty("sun.arch.data.model", "?") + " bits and needs the library of"
-                    + " that width, or start a VM of the library's.";
+                    + System.getProperty("sun.arch.data.model", "?") + " bits and needs the library"
+                    + " of that width, or start a VM of the library's.";
         }
         if (text.contains(SIGNALS) || text.contains("libjvm.so")) {
             return "The library was built with a VM at another path: start java with"
-                    + " LD_LIBRARY_PATH=" + System.getProperty("java.home") + "/lib in its environment,"
-                    + " or the directory that has " + SIGNALS + ".";
+                    + " LD_LIBRARY_PATH=" + System.getProperty("java.home") + "/lib in its"
+                    + " environment, or the directory that has " + SIGNALS + ".";
         }
         return "Start java with -D" + PROPERTY + "=<full path of " + file
-                + ">, or with -Djava.library.path=<its directory>. The library must have the width of"
-                + " this VM, which is " + System.getProperty("sun.arch.data.model", "?") + " bits.";
+                + ">, or with -Djava.library.path=<its directory>. The library must have the width"
+                + " of this VM, which is " + System.getProperty("sun.arch.data.model", "?")
+                + " bits.";
     }
 }

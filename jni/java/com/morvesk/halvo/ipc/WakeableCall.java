@@ -10,10 +10,11 @@ import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
 
 /**
- * Waits in the library that an interrupt of the waiting thread, or {@link #wake}, ends. One at a time.
+ * Waits in the library that an interrupt of the waiting thread, or {@link #wake}, ends. One at a
+ * time.
  *
- * <p>The VM tells of an interrupt by closing an interruptible channel: the gate. A virtual thread has
- * its waits made by a platform thread, so that it does not hold its carrier.
+ * <p>The VM tells of an interrupt by closing an interruptible channel: the gate. A virtual thread
+ * has its waits made by a platform thread, so that it does not hold its carrier.
  */
 final class WakeableCall {
     private static final Method IS_VIRTUAL = isVirtual();

@@ -33,7 +33,7 @@ public class BindingTest {
         assertEquals(51, boundNatives(IPCFunctions.class));
         assertEquals(8, boundNatives(LiveStat.class));
         assertEquals(11, boundNatives(ChannelCalls.class));
-        assertEquals(5, boundNatives(FileQueueCalls.class));
+        assertEquals(6, boundNatives(FileQueueCalls.class));
     }
 
     private interface NativeValue {

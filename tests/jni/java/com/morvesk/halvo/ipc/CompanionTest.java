@@ -180,7 +180,7 @@ public class CompanionTest {
             for (int i = 0; i < SLOTS; i++) {
                 batch.write(1, bytes("x"));
             }
-            refused(IPCFunctions.ESMS_FULL, () -> batch.write(1, bytes("more than there are slots")));
+            refused(IPCFunctions.ESMS_FULL, () -> batch.write(1, bytes("one more than slots")));
             batch.close();
             assertThrows(IllegalStateException.class, () -> batch.write(1, bytes("x")));
         }

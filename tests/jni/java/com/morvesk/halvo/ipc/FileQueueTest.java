@@ -232,7 +232,7 @@ public class FileQueueTest {
         FileQueue.Writer writer = files.writer();
         writer.put(bytes("one"));
         failed("ESMS_INVAL", () -> writer.put(new byte[0]));
-        assertThrows(IllegalStateException.class, () -> files.put(1, bytes("would wait for itself")));
+        assertThrows(IllegalStateException.class, () -> files.put(1, bytes("for itself")));
         assertThrows(IllegalStateException.class, () -> files.writer().put(bytes("likewise")));
         new FileQueue(queue + 2).put(1, bytes("another queue"));
         FutureTask<Void> elsewhere = new FutureTask<>(() -> {
@@ -314,6 +314,41 @@ public class FileQueueTest {
             reader.commit();
             Thread.currentThread().interrupt();
             assertThrows(InterruptedException.class, () -> reader.poll(Duration.ofSeconds(30)));
+        }
+    }
+
+    /** That the disk is waited for shows in the tests of the file queue itself. */
+    @Test
+    public void durableTransactionsAreTransactionsToo() throws Exception {
+        FileQueue files = new FileQueue(queue);
+        FileQueue.setDurable(true);
+        try (FileQueue.Writer writer = files.writer(); FileQueue.Reader reader = files.reader()) {
+            files.put(1, bytes("one"));
+            writer.put(bytes("two"));
+            writer.put(bytes("three"));
+            writer.commit();
+            for (String item : new String[] {"one", "two", "three"}) {
+                assertArrayEquals(bytes(item), reader.next());
+            }
+            reader.commit();
+            assertNull(reader.next());
+        } finally {
+            FileQueue.setDurable(false);
+        }
+    }
+
+    @Test
+    public void aCommitThatCannotBeKeptThrows() throws Exception {
+        FileQueue files = new FileQueue(queue);
+        files.put(1, bytes("one"));
+        try (FileQueue.Reader reader = files.reader(); FileQueue.Writer writer = files.writer()) {
+            assertArrayEquals(bytes("one"), reader.next());
+            writer.put(bytes("two"));
+            for (File file : directory.listFiles()) {
+                assertTrue(file.delete());
+            }
+            assertTrue(directory.delete());
+            failed("FQ_FAILED", writer::commit);
         }
     }
 }

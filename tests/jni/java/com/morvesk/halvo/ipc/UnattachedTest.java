@@ -6,8 +6,8 @@ import static com.morvesk.halvo.ipc.IPCFunctions.ESMS_NOINIT;
 import static com.morvesk.halvo.ipc.IPCFunctions.ESMS_SHMOP;
 import static org.junit.Assert.assertEquals;
 import static org.junit.Assert.assertThrows;
+import static org.junit.Assert.assertTrue;
 
-import java.io.IOException;
 import org.junit.FixMethodOrder;
 import org.junit.Test;
 import org.junit.runners.MethodSorters;
@@ -66,6 +66,8 @@ public class UnattachedTest {
         assertEquals(1, IPCFunctions.initialized());
         assertEquals(ESMS_MTXLOCK, IPCFunctions.initialize(System.getProperty("halvo.test.key")));
         nothingIsThere();
-        assertThrows(IOException.class, () -> Channel.attach("/nonexistent/key"));
+        String text = assertThrows(HalvoException.class,
+                () -> Channel.attach(System.getProperty("halvo.test.key"))).getMessage();
+        assertTrue(text, text.contains("an attach by the natives has failed before"));
     }
 }
