@@ -34,9 +34,9 @@ fuzz: ## feeds hostile input to the library for FUZZ_SECONDS (120) per target
 	dev/setup.sh fuzz
 	dev/fuzz.sh
 
-picture: setup ## draws the README's table and the served page anew, from segments at work
+picture: setup ## draws the status table, the live screen and the served page anew, from segments at work
 	dev/build.sh i386
-	dev/picture.sh build/i386 docs/table.svg
+	dev/picture.sh build/i386 docs
 	dev/page_picture.py build/i386 docs
 
 bench: ## measures the library beside its peers; QUICK=1 within two minutes, PLOT=1 draws docs/bench.svg

@@ -13,20 +13,27 @@ sub escaped { my $text = shift; $text =~ s/&/&amp;/g; $text =~ s/</&lt;/g; retur
 sub columns { my $text = shift; my $wide = () = $text =~ /[\x{1100}-\x{115f}\x{2605}\x{2606}\x{3000}-\x{d7a3}\x{ff00}-\x{ff60}]/g; return length($text) + $wide }
 
 my ($row, $most, $body) = (0, 0, '');
+my ($fore, $back, $reverse, $bold) = ($plain, '', 0, ''); # they go on in the next line
 while (my $line = <STDIN>) {
     chomp $line;
-    my ($column, $colour, $behind, $bold) = (0, $plain, '', '');
+    my $column = 0;
     for my $piece (split /(\e\[[0-9;]*m)/, $line) {
         if ($piece =~ /^\e\[([0-9;]*)m$/) {
             for my $code (split /;/, $1 || '0') {
-                if ($code == 0)     { ($colour, $behind, $bold) = ($plain, '', '') }
+                if ($code == 0)     { ($fore, $back, $reverse, $bold) = ($plain, '', 0, '') }
                 elsif ($code == 1)  { $bold = ' font-weight="bold"' }
-                elsif ($code == 7)  { ($colour, $behind) = ($behind || $ground, $colour) }
-                elsif ($code >= 30 && $code <= 37) { $colour = $colours[$code - 30] }
-                elsif ($code >= 40 && $code <= 47) { $behind = $colours[$code - 40] }
+                elsif ($code == 2)  { $bold = ' opacity="0.7"' }
+                elsif ($code == 22) { $bold = '' }
+                elsif ($code == 7)  { $reverse = 1 }
+                elsif ($code == 27) { $reverse = 0 }
+                elsif ($code >= 30 && $code <= 37) { $fore = $colours[$code - 30] }
+                elsif ($code == 39) { $fore = $plain }
+                elsif ($code >= 40 && $code <= 47) { $back = $colours[$code - 40] }
+                elsif ($code == 49) { $back = '' }
             }
             next;
         }
+        my ($colour, $behind) = $reverse ? ($back || $ground, $fore) : ($fore, $back);
         # Words one by one, so that each stands in its columns whatever font there is.
         while ($piece =~ /(\S+|\s+)/g) {
             my ($word, $wide) = ($1, columns($1));

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 #include "tests/print/scenario.h"
 #include "tests/support/program.h"

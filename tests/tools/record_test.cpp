@@ -6,8 +6,8 @@
 #include <cstdlib>
 
 #include "tests/print/scenario.h"
-#include "tests/support/directory.h"
 #include "tests/support/program.h"
+#include "tools/fixture/directory.h"
 #include "tools/frame/output.h"
 #include "tools/mon/replay.h"
 

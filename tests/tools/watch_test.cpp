@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 
 #include <cstdlib>
+#include <fstream>
 
 #include "tests/print/scenario.h"
 #include "tests/support/terminal.h"

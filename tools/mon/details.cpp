@@ -97,27 +97,28 @@ std::string message_text(const halvo_channel *q, uint32_t slot_bytes, uint32_t o
            escaped_message(bytes) + (load(slot->len) > length ? " ..." : "");
 }
 
-// Slots whose geometry the sample found sound.
-void add_messages(std::vector<std::string> &lines, const ChannelSample &c, const halvo_channel *q) {
-    const Ring at = ring_of(q);
-    if (!lies_within(at, room_behind(q))) return; // changed since the sample was taken
-    const uint64_t slots = capacity(at);
-    const uint32_t first = position_in(at, load(q->rpos));
-    const auto waiting = static_cast<int>(std::clamp<int64_t>(c.ring_depth(), 0, kMostMessages));
+void add_messages(std::vector<std::string> &lines, const ChannelSample &c, const halvo_channel *q,
+                  uint32_t room) {
+    const Ring ring = ring_of(q); // of this moment, whatever the sample saw
+    if (!lies_within(ring, room)) return;
+    const uint32_t first = position_in(ring, load(q->rpos));
+    const int64_t slots = capacity(ring);
+    const int64_t waiting = std::clamp<int64_t>(c.ring_depth(), 0, slots);
     if (waiting > 0) lines.insert(lines.end(), {"", "messages that wait, the next one first"});
     uint32_t offset = first;
-    for (int i = 0; i < waiting; ++i, offset = next_offset(at, offset))
-        lines.push_back(message_text(q, at.size, offset));
-    const uint64_t read = std::min<uint64_t>(
-        {c.got, kMostMessages,
-         slots - std::min(slots, static_cast<uint64_t>(std::max<int64_t>(c.ring_depth(), 0)))});
+    for (int i = 0; i < std::min<int64_t>(waiting, kMostMessages); ++i) {
+        lines.push_back(message_text(q, ring.size, offset));
+        offset = next_offset(ring, offset);
+    }
+    const int64_t read = std::min<int64_t>(
+        {static_cast<int64_t>(std::min<uint64_t>(c.got, kMostMessages)), slots - waiting});
     if (read > 0) lines.insert(lines.end(), {"", "messages read last, the latest first"});
     offset = first;
-    for (uint64_t i = 0; i < read; ++i) {
-        offset = offset - at.start < at.size
-                     ? at.start + (static_cast<uint32_t>(slots) - 1) * at.size
-                     : offset - at.size;
-        lines.push_back(message_text(q, at.size, offset));
+    for (int i = 0; i < read; ++i) {
+        const uint32_t behind =
+            offset - ring.start < ring.size ? ring.start + capacity(ring) * ring.size : offset;
+        offset = behind - ring.size;
+        lines.push_back(message_text(q, ring.size, offset));
     }
 }
 
@@ -167,7 +168,8 @@ std::vector<std::string> details_of(const ChannelSample &channel, int64_t now,
     const halvo_channel *q = view ? view->channel(static_cast<uint32_t>(channel.number)) : nullptr;
     if (!q) return lines;
     add_types(lines, types_of(*view, channel.number));
-    add_messages(lines, channel, q);
+    const uint64_t room = view->size() - load(view->header()->qoffs[channel.number]);
+    add_messages(lines, channel, q, static_cast<uint32_t>(std::min<uint64_t>(room, UINT32_MAX)));
     add_clients(lines, q, now);
     return lines;
 }

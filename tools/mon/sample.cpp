@@ -13,7 +13,6 @@
 #include "tools/frame/attachment.h"
 #include "tools/frame/charset.h"
 #include "tools/frame/text.h"
-#include "tools/qm/check.h"
 #include "tools/qm/segment.h"
 
 namespace halvo::mon {
@@ -103,24 +102,29 @@ EndSample ring_end(const Locks &locks, int channel, const char (&name)[HALVO_NAM
     return end;
 }
 
-std::string damage_of(const qm::SegmentView &view, int number, const halvo_channel *q) {
-    if (!q) return "its header does not lie in the segment";
-    const uint32_t offset = load(view.header()->qoffs[number]);
-    const qm::Faults faults = qm::faults_of_geometry(view, offset, qm::geometry_of(*q));
-    return faults.empty() ? std::string() : faults.front();
+// Bytes from a channel's header on.
+uint32_t room_of(const qm::SegmentView &view, int number) {
+    const uint64_t room = view.size() - load(view.header()->qoffs[number]);
+    return static_cast<uint32_t>(std::min<uint64_t>(room, UINT32_MAX));
 }
 
-void read_ring(ChannelSample &out, const halvo_channel &q) {
+// As the library judges it: what it can use is not damaged.
+std::string damage_of(const qm::SegmentView &view, int number, const halvo_channel *q,
+                      const Ring &ring) {
+    if (!q) return "its header does not lie in the segment";
+    return lies_within(ring, room_of(view, number)) ? "" : "its ring does not lie in the segment";
+}
+
+void read_ring(ChannelSample &out, const halvo_channel &q, const Ring &ring) {
     out.slots = load(q.qcnt);
-    out.slot_bytes = load(q.qbsz);
+    out.slot_bytes = ring.size;
     // The reader's count first: messages that pass meanwhile must not make a depth below 0.
     out.got = q.gcnt.count;
     out.file_got = q.fgcnt.count;
     out.put = q.pcnt.count;
     out.file_put = q.fpcnt.count;
     out.errors = q.gcnt.ecount;
-    const qmsg *next = ring_slot(&q, load(q.wpos));
-    out.full = next && load_state(next) != HALVO_SLOT_FREE;
+    out.full = load_state(slot_at(&q, position_in(ring, load(q.wpos)))) != HALVO_SLOT_FREE;
     out.parked = load(q.pbuffs);
     out.waiting_writers = load(q.wwait);
     out.waiting_readers = load(q.rwait);
@@ -135,14 +139,15 @@ ChannelSample sample_of(Look &look, int number) {
     ChannelSample out;
     out.number = number;
     const halvo_channel *q = look.view.channel(static_cast<uint32_t>(number));
-    out.damage = damage_of(look.view, number, q);
+    const Ring ring = q ? ring_of(q) : Ring{};
+    out.damage = damage_of(look.view, number, q, ring);
     if (q) {
         out.raw_name.assign(q->qname, strnlen(q->qname, sizeof q->qname));
         out.name = shown_name(q->qname, sizeof q->qname);
         out.type = q->qtype;
     }
     if (!out.damage.empty()) return out;
-    read_ring(out, *q);
+    read_ring(out, *q, ring);
     out.writer =
         ring_end(look.writers, number, q->pname, load(q->pidp), load(q->wtime), look.processes);
     out.reader =

@@ -61,12 +61,13 @@ constexpr Colour kLooks[] = {{-1, A_NORMAL},
                              {COLOR_RED, A_BOLD},
                              {-1, A_REVERSE | A_BOLD}};
 
-void define_colours(bool colours) {
-    if (!colours || !has_colors()) return;
+bool define_colours(bool colours) {
+    if (!colours || !has_colors()) return false;
     start_color();
     use_default_colors();
     for (short i = 0; i < static_cast<short>(std::size(kLooks)); ++i)
         init_pair(static_cast<short>(i + 1), kLooks[i].foreground, -1);
+    return true;
 }
 
 int key_of(int code) {
@@ -130,7 +131,7 @@ Terminal::Terminal(int output, bool utf8, bool colours) : utf8_(utf8) {
     if (!screen_)
         throw ToolError(kUsage, std::string("the terminal type ") + (type ? type : "(none)") +
                                     " is not known; TERM names it");
-    define_colours(colours);
+    colours_ = define_colours(colours);
     cbreak();
     noecho();
     nonl();
@@ -153,7 +154,7 @@ void Terminal::put(int row, int column, int width, const std::string &utf8, Look
     if (row < 0 || row >= rows() || column >= columns()) return;
     const std::wstring text = field(utf8, std::min(width, columns() - column), utf8_);
     const auto index = static_cast<short>(look);
-    attr_set(kLooks[index].also, has_colors() ? static_cast<short>(index + 1) : short{0}, nullptr);
+    attr_set(kLooks[index].also, colours_ ? static_cast<short>(index + 1) : short{0}, nullptr);
     mvaddnwstr(row, column, text.c_str(), static_cast<int>(text.size()));
     attr_set(A_NORMAL, 0, nullptr);
 }

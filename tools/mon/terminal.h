@@ -50,7 +50,7 @@ public:
 private:
     int next_key();
 
-    bool utf8_;
+    bool utf8_, colours_ = false;
     void *screen_ = nullptr; // curses'
     void *files_[2] = {};
 };

@@ -140,17 +140,9 @@ std::string fault_of_mode(const std::string &mode) {
     return octal ? "" : "'" + mode + "' is not an octal number";
 }
 
-} // namespace
+using Run = std::function<int(const Arguments &)>;
 
-int main(int argc, char **argv) {
-    CLI::App app("Makes, lists, checks and removes a queue segment with its semaphores.",
-                 "halvo-qm");
-    Arguments arguments;
-    std::function<int(const Arguments &)> run;
-    app.set_version_flag("--version", "halvo-qm " HALVOIPC_VERSION);
-    app.footer(kFooter);
-    app.require_subcommand(1);
-
+void add_commands(CLI::App &app, Arguments &arguments, Run &run) {
     const auto command = [&](const char *name, const char *what,
                              int (*function)(const Arguments &)) {
         CLI::App *sub = app.add_subcommand(name, what);
@@ -179,7 +171,19 @@ int main(int argc, char **argv) {
         ->add_flag("--repair", arguments.repair,
                    "Correct first what dead processes left, at ends that nobody holds");
     command("remove", "Remove segment, semaphores and empty key files", run_remove);
+}
 
+} // namespace
+
+int main(int argc, char **argv) {
+    CLI::App app("Makes, lists, checks and removes a queue segment with its semaphores.",
+                 "halvo-qm");
+    Arguments arguments;
+    Run run;
+    app.set_version_flag("--version", "halvo-qm " HALVOIPC_VERSION);
+    app.footer(kFooter);
+    app.require_subcommand(1);
+    add_commands(app, arguments, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success &success) { // --help, --version
