@@ -8,7 +8,7 @@
 #include "bench/common.h"
 #include "halvo/frx.h"
 #include "halvo/queue.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::bench {
 

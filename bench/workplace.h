@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tests/support/directory.h"
+#include "tools/fixture/directory.h"
 
 namespace halvo::bench {
 

@@ -21,12 +21,7 @@ endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(halvo_tools)
-foreach(tool IN ITEMS halvo-qm halvo-send halvo-recv halvo-fq halvo-mon)
-  if(TARGET ${tool})
-    list(APPEND halvo_tools ${tool})
-  endif()
-endforeach()
+get_property(halvo_tools GLOBAL PROPERTY HALVO_PROGRAMS)
 set(halvo_docs ${CMAKE_INSTALL_DATADIR}/doc/halvo-tools)
 
 # ---- Library
@@ -78,7 +73,7 @@ if(HALVOIPC_JAVA)
   install(FILES ${PROJECT_BINARY_DIR}/cmake/halvoipc.jar ${PROJECT_BINARY_DIR}/java/halvoipc-sources.jar
     ${PROJECT_BINARY_DIR}/java/halvoipc-javadoc.jar
     DESTINATION ${CMAKE_INSTALL_DATADIR}/java COMPONENT java)
-  install(FILES docs/examples/Hello.java ${PROJECT_BINARY_DIR}/java/halvoipc-examples.jar
+  install(FILES docs/examples/Hello.java docs/examples/Gateway.java ${PROJECT_BINARY_DIR}/java/halvoipc-examples.jar
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libhalvoipc-java/examples COMPONENT java)
   install(DIRECTORY jni/examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libhalvoipc-java/examples
     COMPONENT java)

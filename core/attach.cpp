@@ -17,13 +17,16 @@
 #include "core/barrier.h"
 #include "core/end.h"
 #include "core/geometry.h"
+#include "core/mapping.h"
 #include "core/ring.h"
+#include "core/signals.h"
 
 namespace {
 
 halvo_segment *qm = nullptr; // set by a successful attach; stays after close_shm, but for a view
 void *shmblock = nullptr;    // the attach address, all bits set after a failed attach
 uint64_t segment_size = 0;   // bytes, at least those of the segment header
+int segment_id = -1;         // of the attached segment
 uint32_t first_channels = 0; // channels at the time of the attach, at most 269
 int *semPosts = nullptr;     // semaphore-set ids of those channels, -1 where there is none
 int *semRqsts = nullptr;
@@ -81,6 +84,7 @@ bool attach_segment(const char *keyfile, bool usable) {
     if (shmblock != failed) {
         shmid_ds found{};
         segment_size = shmctl(id, IPC_STAT, &found) == 0 ? found.shm_segsz : 0;
+        segment_id = id;
         if (segment_size >= sizeof(halvo_segment)) return true;
         shmdt(std::exchange(shmblock, failed));
     }
@@ -166,6 +170,8 @@ bool in_segment(const void *address, size_t bytes) noexcept {
     return attached && offset <= segment_size && bytes <= segment_size - offset;
 }
 
+int attached_id() noexcept { return segment_id; }
+
 int post_semaphore(int channel) noexcept { return id_of(semPosts, channel); }
 int request_semaphore(int channel) noexcept { return id_of(semRqsts, channel); }
 int read_lock_set() noexcept { return semReadLock; }
@@ -203,6 +209,7 @@ int init_shm(const char *keyfile) noexcept {
         attached = qm;
         learn_channels();
         join_far_barriers();
+        start_signal_service();
         result = ESMS_OK;
     }
     std::puts("SHM_INIT_FINISHED.");
@@ -218,6 +225,7 @@ int close_shm() noexcept {
     semPosts = semRqsts = nullptr;
     attached = nullptr;
     forget_channels();
+    wait_for_mapping_users();
     // Kept: qm, shmblock and the lock sets stay, so that a process attaches once for its lifetime.
     const int result = shmdt(segment) == 0 ? ESMS_OK : ESMS_SHMOP;
     if (std::exchange(view_id, -1) >= 0) qm = nullptr; // a view may come again

@@ -13,6 +13,9 @@ inline halvo_segment *attached_segment() noexcept { return attached; }
 // The same, but null while q_attach_view() attached it: then nothing of it may be stored to.
 halvo_segment *writable_segment() noexcept;
 
+// The kernel's id of the segment that was attached last; -1 before.
+int attached_id() noexcept;
+
 // Channels of a segment: nchnnl, or as many as the table of offsets holds when that claims more. Of
 // the attached one never more than at the attach: tables of that many records were made then.
 int channel_count(const halvo_segment *segment) noexcept;

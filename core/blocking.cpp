@@ -1,17 +1,19 @@
 // sms_shm: the blocking loop.
 #include "core/blocking.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <limits>
+#include <utility>
 
 #include "core/barrier.h"
-#include "core/end.h"
-#include "core/semaphores.h"
+#include "core/signals.h"
+#include "core/waits.h"
 
 namespace halvo {
 
@@ -19,26 +21,17 @@ namespace {
 
 constexpr int kPauseMilliseconds = 1; // between tries while there is no semaphore to sleep on
 
-enum class Nap { woken, slice_over, signalled, failed };
-
-int64_t milliseconds_now() {
+int64_t microseconds_now() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-Nap nap(int semid) {
-    if (take_semaphore(semid, 0, 0, kSliceMilliseconds) == 0) return Nap::woken;
-    if (errno == EAGAIN) return Nap::slice_over;
-    if (errno == EINTR) return Nap::signalled;
-    const timespec pause{0, kPauseMilliseconds * 1000000L};
-    return nanosleep(&pause, nullptr) != 0 && errno == EINTR ? Nap::signalled : Nap::failed;
+    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
 // ---- Looking for a while before sleeping: to fall asleep and to be woken takes many times as long as
 // the other side needs for its answer.
 
-constexpr int kMostSpin = 1000;    // microseconds
+constexpr int kMostSpin = 1000; // microseconds
+constexpr int kFirstLooks = 32; // with the signals let in: a microsecond or two
 constexpr int kLooksPerClock = 16; // looks between two looks at the clock
 constexpr int kNotAsked = -1;
 std::atomic<int> spin_limit{kNotAsked}; // microseconds
@@ -57,99 +50,173 @@ int spin_microseconds() {
     return limit;
 }
 
-int64_t microseconds_now() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
-}
+void pause_processor() { __builtin_ia32_pause(); }
 
-void pause_processor() {
-#if defined __i386__ || defined __x86_64__
-    __builtin_ia32_pause();
-#endif
-}
+bool is_there(WantedState slot) { return load(*slot.state) == slot.wanted; }
 
-// Looks whether the slot at this side's position becomes what the side waits for. A slot that is
-// so already, and yet not given out (a rate limit, parked messages), ends the look at once.
-bool slot_comes(const Waiter &waiter) {
-    const int limit = spin_microseconds();
-    if (limit == 0) return false;
-    const bool reader = &waiter.side == &kReader;
-    const int32_t wanted = reader ? HALVO_SLOT_READABLE : HALVO_SLOT_FREE;
-    const qmsg *slot = reader ? ReaderEnd(waiter.q).current() : WriterEnd(waiter.q).current();
-    const int64_t end = microseconds_now() + limit;
+bool comes_within(WantedState slot, int microseconds) {
+    const int64_t end = microseconds_now() + microseconds;
     do {
         for (int i = 0; i < kLooksPerClock; ++i) {
-            if (load_state(slot) == wanted) return true;
+            if (is_there(slot)) return true;
             pause_processor();
         }
     } while (microseconds_now() < end);
     return false;
 }
 
-// One announced and registered wait.
+// Looks whether the slot at this side's position becomes what the side waits for. A slot that is so
+// already, and yet not given out (a rate limit, parked messages), ends the look at once. To keep the
+// signals away costs a system call, which a quick answer of the other side spares.
+bool slot_comes(const Waiter &waiter, Sleeper &sleeper) {
+    const WantedState slot = wanted_state(waiter.side, waiter.q);
+    const bool looks = slot.state && spin_limit.load(std::memory_order_relaxed) > 0;
+    if (sleeper.look_and_hold(slot, looks ? kFirstLooks : 0)) return true;
+    const int limit = slot.state ? spin_microseconds() : 0;
+    return limit != 0 && !sleeper.signalled() && comes_within(slot, limit);
+}
+
+// One announced and registered wait; withdrawn when it goes.
 class Announced {
 public:
-    Announced(const Waiter &waiter, bool wake_peer) noexcept : waiter_(waiter) {
-        announce();
-        if (wake_peer && load(waiter.q->*waiter.side.peer_waiting) != 0)
-            waiter.side.wake_peer(waiter.channel);
-        registered_ = reg_wait_thread(waiter.timeout) >= 0;
-    }
+    Announced(const Waiter &waiter, const Sleeper &sleeper, bool wake_peer) noexcept
+        : waiter_(waiter), registered_(announce(wake_peer)),
+          in_progress_(sleeper, end(), waiter.side, waiter.q, waiter.channel) {}
+    Announced(const Announced &) = delete;
+    Announced &operator=(const Announced &) = delete;
+    ~Announced() { withdraw(); }
+
     bool registered() const { return registered_; }
+    WaitInProgress &in_progress() { return in_progress_; }
 
     // Several threads of one side share the announcement, and each clears it when it wakes.
     void announce_again() {
-        if (load(waiter_.q->*waiter_.side.waiting) == 0) announce();
+        if (load(waiter_.q->*waiter_.side.waiting) == 0) count_up();
     }
     void withdraw() {
-        unreg_wait_thread();
+        if (!std::exchange(announced_, false)) return;
+        leave_registry();
         store(waiter_.q->*waiter_.side.waiting, 0);
     }
+    // Leaves the announcement standing.
+    void abandon() {
+        announced_ = false;
+        leave_registry();
+    }
+    const Waiter &waiter() const { return waiter_; }
 
 private:
-    void announce() {
+    bool announce(bool wake_peer) {
+        count_up();
+        if (wake_peer && load(waiter_.q->*waiter_.side.peer_waiting) != 0)
+            waiter_.side.wake_peer(waiter_.channel);
+        return reg_wait_thread(waiter_.timeout) >= 0;
+    }
+    void count_up() {
         int32_t &waiting = waiter_.q->*waiter_.side.waiting;
         store(waiting, static_cast<int32_t>(static_cast<uint32_t>(load(waiting)) + 1));
     }
+    double end() const {
+        return registered_ ? wall_clock() + waiter_.timeout / 1000.0
+                           : std::numeric_limits<double>::infinity();
+    }
+    void leave_registry() {
+        const bool fired = unreg_wait_thread() < 0 && registered_;
+        in_progress_.leave();
+        if (fired) getppid(); // the signal, if it is still on its way, is delivered by a system call
+    }
+
     const Waiter &waiter_;
-    bool registered_ = false;
+    bool announced_ = true;
+    const bool registered_;
+    WaitInProgress in_progress_;
 };
+
+// What a signal that ended a wait means.
+Wait end_by_signal() {
+    return getSignal() == SIGUSR2 ? Wait::timed_out : Wait::interrupted;
+}
+
+struct Sleeping {
+    Sleeper &sleeper;
+    Announced &wait;
+};
+
+// What a cancelled thread leaves to do. The unwinder comes here without destructors: files on the
+// way of a cancellation are compiled without exceptions.
+void leave(void *sleeping) {
+    const auto &left = *static_cast<Sleeping *>(sleeping);
+    left.sleeper.release();
+    left.wait.withdraw();
+}
+
+// One sleep, on the semaphore or, without one, for a while.
+Woken sleep(Sleeper &sleeper, Announced &wait, int semid) {
+    const Waiter &waiter = wait.waiter();
+    Sleeping sleeping{sleeper, wait};
+    Woken woken = Woken::never_slept;
+    pthread_cleanup_push(leave, &sleeping);
+    if (semid != -1)
+        woken = sleeper.take(semid, 0, 0, wanted_state(waiter.side, waiter.q), true);
+    else
+        woken = sleeper.pause(kPauseMilliseconds, true);
+    pthread_cleanup_pop(0);
+    return woken;
+}
+
+// What ended a registered wait.
+enum class End { settled, woken, by_signal, out_of_time };
+
+// Sleeps until the attempt settles it, or a signal, a post or the end of time ends the sleep.
+End sleep_registered(const Waiter &waiter, Sleeper &sleeper, Announced &wait, int64_t limit,
+                     bool (*attempt)(void *), void *context) {
+    int semid = waiter.side.semaphore(waiter.channel);
+    for (;;) {
+        const bool polls = semid == -1;
+        if (!polls) far_barrier();
+        if (attempt(context)) return End::settled;
+        const Woken woken = sleep(sleeper, wait, semid);
+        if (woken == Woken::by_signal) return End::by_signal;
+        if (polls && microseconds_now() >= limit) return End::out_of_time;
+        if (woken == Woken::never_slept) semid = -1; // there is no semaphore any more
+        if (woken == Woken::normally && !polls) {
+            if (sleeper.signalled()) return attempt(context) ? End::settled : End::by_signal;
+            if (!wait.in_progress().sent_to_look()) return End::woken;
+        }
+        sleeper.hold();
+        wait.announce_again();
+    }
+}
 
 } // namespace
 
-Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) noexcept {
-    if (slot_comes(waiter) && attempt(context)) return Wait::settled;
-    const int64_t limit = milliseconds_now() + (waiter.timeout > 0 ? waiter.timeout : 0);
-    // The other side is woken once, and again when a slice has passed in vain: were it woken at
-    // every round, a full ring under a read-rate limit would have both sides wake each other.
+Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) {
+    forget_signal();
+    Sleeper sleeper;
+    if (slot_comes(waiter, sleeper) && attempt(context)) return Wait::settled;
+    const int64_t limit = microseconds_now() + std::max(waiter.timeout, 0) * int64_t{1000};
+    // The other side is woken once: were it woken at every round, a full ring under a read-rate
+    // limit would have both sides wake each other.
     bool wake_peer = true;
     for (;;) {
-        Announced wait(waiter, wake_peer);
+        sleeper.hold();
+        if (sleeper.signalled()) return end_by_signal();
+        Announced wait(waiter, sleeper, wake_peer);
         wake_peer = false;
         if (!wait.registered() && waiter.registration == Registration::required) {
-            unreg_wait_thread();
+            wait.abandon();
             return Wait::unregistered;
         }
-        Nap result = Nap::slice_over;
-        bool settled = false;
-        for (;;) {
-            far_barrier();
-            settled = attempt(context);
-            if (settled || getSignal() == SIGUSR2) break;
-            result = nap(waiter.side.semaphore(waiter.channel));
-            if (result == Nap::woken || result == Nap::signalled) break;
-            if (result == Nap::failed && milliseconds_now() >= limit) break;
-            if (result == Nap::slice_over) wake_peer = true;
-            wait.announce_again();
-        }
+        const End end = sleep_registered(waiter, sleeper, wait, limit, attempt, context);
         wait.withdraw();
-        const bool fired = getSignal() == SIGUSR2;
-        if (settled) return Wait::settled;
-        if (result == Nap::signalled && !fired) return Wait::interrupted;
+        if (end == End::settled) return Wait::settled;
+        // The monitor's signal stood for the one that the sleep had missed.
+        if (wait.in_progress().signal_missed()) forget_signal();
+        const Wait by_signal = end_by_signal();
+        if (end == End::by_signal && by_signal == Wait::interrupted) return by_signal;
         // A message or a free slot that came at the last moment goes before the end of time.
         if (attempt(context)) return Wait::settled;
-        if (fired || result == Nap::failed) return Wait::timed_out;
+        if (end == End::out_of_time || by_signal == Wait::timed_out) return Wait::timed_out;
     }
 }
 

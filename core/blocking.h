@@ -6,20 +6,22 @@
 //      |
 //   announce (rwait or wwait), wake the other side, register with the monitor
 //      |
-//   barrier -> attempt -> sleep on the semaphore, 100 ms at most -> barrier -> attempt ...
+//   barrier -> attempt -> sleep on the semaphore -> woken: attempt; by a signal: end
 //
 // The other side stores its slot state, passes a barrier and then looks at the announcement
 // (wake_waiting): so either it sees the announcement and posts, or the attempt behind our barrier
-// sees its slot. A post can therefore not be missed; the slices bound what a peer without the
-// barrier can cost, and let a wait notice a time limit whose signal came just before the sleep.
+// sees its slot. A post can therefore not be missed. What a process that posts in another order
+// costs, and what a rate limit holds back, the monitor makes good (core/waits.h).
+//
+// A wait is one sleep, and the first signal ends it: core/sleep.h. Without a semaphore the wait
+// looks once a millisecond. The sleep is the only point of the library at which a thread can be
+// cancelled: the wait is withdrawn, and the thread goes.
 #pragma once
 
 #include "core/ring.h"
 #include "core/side.h"
 
 namespace halvo {
-
-constexpr int kSliceMilliseconds = 100;
 
 enum class Wait {
     settled,      // the attempt's own result counts
@@ -43,11 +45,12 @@ struct Waiter {
     Registration registration = Registration::optional;
 };
 
-Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) noexcept;
+// Throws nothing; a cancellation unwinds it.
+Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context);
 
 // Runs attempt() until it returns true ("settled"), waiting in between.
 template <class Attempt>
-Wait wait_until(const Waiter &waiter, Attempt attempt) noexcept {
+Wait wait_until(const Waiter &waiter, Attempt attempt) {
     if (attempt()) return Wait::settled;
     return wait_loop(
         waiter, [](void *context) { return (*static_cast<Attempt *>(context))(); }, &attempt);

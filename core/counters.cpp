@@ -7,6 +7,8 @@
 
 #include <ctime>
 
+#include "core/mapping.h"
+
 using namespace halvo;
 
 namespace {
@@ -18,8 +20,9 @@ int64_t difference(const halvo_counter &put, const halvo_counter &got) {
 } // namespace
 
 int q_settime() noexcept {
-    halvo_segment *segment = writable_segment();
-    if (!segment) return -1;
+    const MappingUse mapping; // the monitor calls this beside a close_shm()
+    halvo_segment *segment = mapping.segment();
+    if (!segment || segment != writable_segment()) return -1;
     const auto now = static_cast<int32_t>(std::time(nullptr));
     store(segment->now, now);
     return now;

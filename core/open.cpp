@@ -2,37 +2,40 @@
 // see to that, with undo, so that a dead holder's end is free again.
 #include <sys/sem.h>
 
+#include <unistd.h>
+
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
-#include "core/blocking.h"
 #include "core/end.h"
 #include "core/process.h"
-#include "core/semaphores.h"
 #include "core/side.h"
+#include "core/waits.h"
 
 using namespace halvo;
 
 namespace {
 
-// Takes an end's lock; a thread that is registered with a deadline looks for the monitor's signal
-// between slices, in case it came before the wait began. Returns 0, or -1 with errno.
-int lock_end(int set, int channel, bool registered) {
-    if (!registered) return sem_mutex_lock(set, channel);
-    for (;;) {
-        if (getSignal() == SIGUSR2) {
-            errno = EINTR;
-            return -1;
-        }
-        const int result = take_semaphore(set, channel, SEM_UNDO, kSliceMilliseconds);
-        if (result == 0 || errno != EAGAIN) return result;
-    }
+// A wait for an end: as every wait, one sleep that the first signal ends; not cancelled, or the end
+// might stay taken by a thread that is gone.
+struct Opening {
+    Sleeper sleeper;
+    double limit = std::numeric_limits<double>::infinity(); // seconds since the epoch
+};
+
+// Takes an end's lock. Returns 0, or -1 with errno.
+int lock_end(const Side &side, int channel, Opening &opening) {
+    const WaitInProgress wait(opening.sleeper, opening.limit, side, nullptr, channel);
+    if (opening.sleeper.take(side.lock_set(), channel, SEM_UNDO, {}, false) == Woken::normally)
+        return 0;
+    if (opening.sleeper.signalled()) errno = EINTR;
+    return -1;
 }
 
-halvo_channel *hold(const Side &side, int channel, const char *failure, bool registered) {
-    if (lock_end(side.lock_set(), channel, registered) < 0) {
+halvo_channel *hold(const Side &side, int channel, const char *failure, Opening &opening) {
+    if (lock_end(side, channel, opening) < 0) {
         std::printf(failure, channel, std::strerror(errno));
         return nullptr;
     }
@@ -42,7 +45,7 @@ halvo_channel *hold(const Side &side, int channel, const char *failure, bool reg
     return q;
 }
 
-halvo_channel *open_end(int channel, char mode, bool registered) {
+halvo_channel *open_end(int channel, char mode, Opening &opening) {
     const halvo_segment *segment = attached_segment();
     if (!segment) {
         std::puts("shared queue is not attached !!!!!!!!!!!!!!!!!");
@@ -55,9 +58,9 @@ halvo_channel *open_end(int channel, char mode, bool registered) {
     }
     switch (mode) {
     case 'r':
-        return hold(kReader, channel, "q r lock error(%d) %s\n", registered);
+        return hold(kReader, channel, "q r lock error(%d) %s\n", opening);
     case 'w':
-        return hold(kWriter, channel, "q w lock error(%d) %s\n", registered);
+        return hold(kWriter, channel, "q w lock error(%d) %s\n", opening);
     case 'x':
         return q_chnnl2q(channel);
     default:
@@ -67,12 +70,18 @@ halvo_channel *open_end(int channel, char mode, bool registered) {
 
 } // namespace
 
-halvo_channel *q_open(int channel, char mode) noexcept { return open_end(channel, mode, false); }
+halvo_channel *q_open(int channel, char mode) noexcept {
+    Opening opening;
+    opening.sleeper.hold();
+    return open_end(channel, mode, opening);
+}
 
 halvo_channel *q_open_wait(int channel, char mode, int limit) noexcept {
-    const bool registered = reg_wait_thread(limit) >= 0;
-    halvo_channel *q = open_end(channel, mode, registered);
-    unreg_wait_thread();
+    Opening opening;
+    opening.sleeper.hold();
+    if (reg_wait_thread(limit) >= 0) opening.limit = wall_clock() + limit / 1000.0;
+    halvo_channel *q = open_end(channel, mode, opening);
+    if (unreg_wait_thread() < 0) getppid(); // the signal is delivered by a system call, at the latest
     return q;
 }
 

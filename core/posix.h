@@ -43,20 +43,30 @@ private:
     int fd_ = -1;
 };
 
-// open() with a descriptor that a started program does not inherit and that is never one of the
+// openat() with a descriptor that a started program does not inherit and that is never one of the
 // three standard ones: in a process that runs without a standard output the library's own messages
 // would otherwise be printed into the file. `mode` counts for O_CREAT, before the umask.
-inline Descriptor open_file(const char *path, int flags, mode_t mode = 0666) noexcept {
-    Descriptor file(open(path, flags | O_CLOEXEC, mode));
+inline Descriptor open_file_at(int directory, const char *path, int flags,
+                               mode_t mode = 0666) noexcept {
+    Descriptor file(openat(directory, path, flags | O_CLOEXEC, mode));
     if (file && file.get() <= STDERR_FILENO)
         file = Descriptor(fcntl(file.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     return file;
+}
+inline Descriptor open_file(const char *path, int flags, mode_t mode = 0666) noexcept {
+    return open_file_at(AT_FDCWD, path, flags, mode);
 }
 
 // The names in a directory, one after the other.
 class Directory {
 public:
     explicit Directory(const char *path) noexcept : stream_(opendir(path)) {}
+    // A path that counts from an open directory.
+    Directory(int directory, const char *path) noexcept {
+        Descriptor file = open_file_at(directory, path, O_RDONLY | O_DIRECTORY);
+        if (file) stream_ = fdopendir(file.get());
+        if (stream_) file.release();
+    }
     Directory(const Directory &) = delete;
     Directory &operator=(const Directory &) = delete;
     ~Directory() {
@@ -75,7 +85,7 @@ public:
     bool failed() const noexcept { return failed_; }
 
 private:
-    DIR *stream_;
+    DIR *stream_ = nullptr;
     bool failed_ = false;
 };
 

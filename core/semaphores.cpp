@@ -5,46 +5,28 @@
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <ctime>
 
 #include "core/attach.h"
+#include "halvo/queue.h"
 
 namespace {
 
-int add(int semid, int n, int amount, int flags, const timespec *limit = nullptr) {
+int add(int semid, int n, int amount, int flags) {
     sembuf operation{};
     operation.sem_num = static_cast<unsigned short>(n);
     operation.sem_op = static_cast<short>(amount);
     operation.sem_flg = static_cast<short>(flags);
-    return limit ? semtimedop(semid, &operation, 1, limit) : semop(semid, &operation, 1);
+    return semop(semid, &operation, 1);
 }
-
-int set_to_one(int semid) { return semctl(semid, 0, SETVAL, 1); }
 
 } // namespace
 
-namespace halvo {
-
-int take_semaphore(int semid, int n, int flags, int milliseconds) noexcept {
-    const timespec limit{0, milliseconds * 1000000L};
-    const int result = add(semid, n, -1, flags, &limit);
-#ifdef __SANITIZE_THREAD__ // which holds signals back until a call that it knows
-    const int error = errno;
-    usleep(0);
-    errno = error;
-#endif
-    return result;
-}
-
-} // namespace halvo
+int halvo::post(int semid) noexcept { return semctl(semid, 0, SETVAL, 1); }
 
 using namespace halvo;
 
-int sem_postx(int channel) noexcept { return set_to_one(post_semaphore(channel)); }
-int sem_rqst(int channel) noexcept { return set_to_one(request_semaphore(channel)); }
+int sem_postx(int channel) noexcept { return post(post_semaphore(channel)); }
+int sem_rqst(int channel) noexcept { return post(request_semaphore(channel)); }
 int sem_wait4read(int channel) noexcept { return add(post_semaphore(channel), 0, -1, 0); }
 int sem_wait4write(int channel) noexcept { return add(request_semaphore(channel), 0, -1, 0); }
 int sem_mutex_lock(int semid, int n) noexcept { return add(semid, n, -1, SEM_UNDO); }

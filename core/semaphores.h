@@ -1,10 +1,9 @@
-// sms_shm: a semaphore wait in slices, for the blocking loops.
+// sms_shm: waking those who sleep on a semaphore, by its id.
 #pragma once
 
 namespace halvo {
 
-// Takes 1 from semaphore n of a set, waiting at most `milliseconds` (0 .. 999). Returns 0, or -1
-// with errno: EAGAIN when the slice has passed, EINTR when a signal came. `flags` as for semop.
-int take_semaphore(int semid, int n, int flags, int milliseconds) noexcept;
+// Sets the first semaphore of a set to 1. 0, or -1 with errno.
+int post(int semid) noexcept;
 
 } // namespace halvo

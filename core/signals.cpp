@@ -1,8 +1,15 @@
 // sms_sig: the signal that ends overdue waits. The handler is installed without restart, so that
-// an interrupted semaphore wait returns; it leaves the signal's number in a slot of its thread.
+// an interrupted semaphore wait returns; it leaves the signal's number with its thread.
+//
+// The number lies in the thread's own storage, which is there from its start: to set a value by the
+// key can take memory, and a handler must not. The key stands for one start of the service: a number
+// that was left under an earlier key counts no more.
+#include "core/signals.h"
+
 #include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -13,25 +20,47 @@
 
 namespace {
 
-pthread_key_t keySig;
+constexpr pthread_key_t kNoKey = ~pthread_key_t{0};
+std::atomic<pthread_key_t> keySig{kNoKey};
+std::atomic<bool> started{false};
+
+struct Caught {
+    volatile pthread_key_t key;
+    volatile int number;
+};
+[[gnu::tls_model("initial-exec")]] thread_local constinit Caught caught{kNoKey, 0};
 
 constexpr char kRule[] = "/*************************************************************/";
 static_assert(sizeof kRule == 1 + 61 + 1 + 1);
 
 int thread_number() { return static_cast<int>(pthread_self()); }
 
+bool make_key() {
+    pthread_key_t key = 0;
+    if (pthread_key_create(&key, nullptr) != 0) return false;
+    keySig = key;
+    return true;
+}
+
 } // namespace
 
 namespace halvo {
 
-void forget_signal() noexcept { pthread_setspecific(keySig, nullptr); }
+void start_signal_service() noexcept {
+    if (started.exchange(true)) return;
+    make_key();
+    struct sigaction found {};
+    if (sigaction(SIGUSR2, nullptr, &found) == 0 && found.sa_handler == SIG_DFL) install_handler();
+}
+
+void forget_signal() noexcept { caught.number = 0; }
 
 } // namespace halvo
 
 void init_sig() noexcept {
     // Kept: every call makes a new key and wipes the registry; the old key is abandoned.
-    if (pthread_key_create(&keySig, nullptr) != 0)
-        std::printf("pthread_key_create error at %dline in %s/\n", 255, "sms_sig");
+    started = true;
+    if (!make_key()) std::printf("pthread_key_create error at %dline in %s/\n", 255, "sms_sig");
     halvo::clear_wait_registry();
     install_handler();
     std::puts(kRule);
@@ -51,9 +80,8 @@ int install_handler() noexcept {
 }
 
 void signal_handler(int number) noexcept {
-    const int error = errno;
-    pthread_setspecific(keySig, reinterpret_cast<void *>(static_cast<intptr_t>(number)));
-    errno = error;
+    caught.key = keySig.load(std::memory_order_relaxed);
+    caught.number = number;
 }
 
 void signal_handler2(int number) noexcept {
@@ -62,5 +90,6 @@ void signal_handler2(int number) noexcept {
 }
 
 int getSignal() noexcept {
-    return static_cast<int>(reinterpret_cast<intptr_t>(pthread_getspecific(keySig)));
+    const int number = caught.number;
+    return caught.key == keySig.load(std::memory_order_relaxed) ? number : 0;
 }

@@ -6,12 +6,14 @@
 
 #include <pthread.h>
 #include <signal.h>
-#include <sys/time.h>
 
 #include <cstdint>
 #include <cstdio>
 
+#include "core/output.h"
 #include "core/posix.h"
+#include "core/signals.h"
+#include "core/waits.h"
 #include "halvo/queue.h"
 
 namespace {
@@ -30,11 +32,12 @@ constexpr int kEntries = 1024;
 WaitCall gWaitCalls[kEntries];
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER; // guards gWaitCalls and nothing else
 
-double seconds_now() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1000000.0;
+// A forked child starts with an empty registry, whatever its parent's threads were about.
+void begin_anew() {
+    mutex = PTHREAD_MUTEX_INITIALIZER;
+    for (WaitCall &call : gWaitCalls) call = {};
 }
+[[maybe_unused]] const int watched = pthread_atfork(nullptr, nullptr, begin_anew);
 
 // The first entry of a thread (0: the first free one); -1 when there is none. Lock held.
 int find_entry(pthread_t thread) {
@@ -43,13 +46,32 @@ int find_entry(pthread_t thread) {
     return -1;
 }
 
+// Frees the overdue entries and signals their threads. Whether there was one.
+bool fire_overdue() {
+    bool fired = false;
+    const double now = halvo::wall_clock();
+    const halvo::MutexLock lock(mutex);
+    for (WaitCall &call : gWaitCalls) {
+        if (call.thread == 0 || !(now > call.deadline)) continue;
+        const pthread_t thread = call.thread;
+        call.expired = 1;
+        call.thread = 0;
+        pthread_kill(thread, SIGUSR2);
+        fired = true;
+    }
+    return fired;
+}
+
 } // namespace
 
 namespace halvo {
 
 void clear_wait_registry() noexcept {
-    const halvo::MutexLock lock(mutex);
-    for (WaitCall &call : gWaitCalls) call = {};
+    {
+        const MutexLock lock(mutex);
+        for (WaitCall &call : gWaitCalls) call = {};
+    }
+    lose_limits();
 }
 
 int monitor_pass() noexcept {
@@ -60,8 +82,9 @@ int monitor_pass() noexcept {
 } // namespace halvo
 
 int reg_wait_thread(int timeout) noexcept {
+    halvo::start_signal_service();
     halvo::forget_signal();
-    const double since = seconds_now();
+    const double since = halvo::wall_clock();
     const halvo::MutexLock lock(mutex);
     const int entry = find_entry(0);
     if (entry >= 0)
@@ -77,15 +100,9 @@ int unreg_wait_thread() noexcept {
 }
 
 int monitorTimeout() noexcept {
-    const double now = seconds_now();
-    const halvo::MutexLock lock(mutex);
-    for (WaitCall &call : gWaitCalls) {
-        if (call.thread == 0 || !(now > call.deadline)) continue;
-        const pthread_t thread = call.thread;
-        std::fflush(stdout);
-        call.expired = 1;
-        call.thread = 0;
-        pthread_kill(thread, SIGUSR2);
-    }
+    const bool fired = fire_overdue();
+    halvo::visit_waits();
+    if (!fired) return 0;
+    if (const halvo::ReadyOutput output; output) std::fflush(stdout);
     return 0;
 }

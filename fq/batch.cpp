@@ -18,10 +18,10 @@ constexpr size_t kRestBytes = size_t{1} << 16;
 // bytes from one state to the next.
 constexpr size_t kCloseStates = 8192;
 
-size_t size_of_item(const char *item) {
-    uint32_t length;
-    std::memcpy(&length, item + offsetof(ItemHeader, length), sizeof length);
-    return size_t{length} + FQ_ITEM_EXTRA;
+size_t size_at(const char *item) {
+    ItemHeader header;
+    std::memcpy(&header, item, kHeaderSize);
+    return static_cast<size_t>(size_of_item(header));
 }
 
 } // namespace
@@ -57,14 +57,14 @@ void Batch::add(size_t size) noexcept {
 }
 
 bool Batch::make_others_readable(int fd, int64_t &failed_at) noexcept {
-    const size_t second = size_of_item(bytes_);
+    const size_t second = size_at(bytes_);
     size_t last = 0;
-    for (size_t item = second; item < used_; item += size_of_item(bytes_ + item)) {
+    for (size_t item = second; item < used_; item += size_at(bytes_ + item)) {
         bytes_[item + kStateOffset] = kCommitted;
         last = item;
     }
     const bool close_together = last - second <= kCloseStates * static_cast<size_t>(count_ - 1);
-    for (size_t item = second; item < used_; item += size_of_item(bytes_ + item)) {
+    for (size_t item = second; item < used_; item += size_at(bytes_ + item)) {
         const size_t state = item + kStateOffset;
         const size_t size = close_together ? last - item + 1 : 1;
         failed_at = start_ + static_cast<int64_t>(state);

@@ -12,6 +12,7 @@
 
 #include "fq/channel_stats.h"
 #include "fq/lock.h"
+#include "fq/open_files.h"
 #include "fq/position.h"
 
 using namespace halvo;
@@ -37,8 +38,28 @@ void delete_finished_file(const fqtrans *trans) {
         return;
     const Position began = position_in(trans->startpos);
     if (!began.valid()) return;
+    const OpenSide *side = running_side(trans);
     const FileName name = data_file(trans->path, began.order);
-    if (unlink(name.text) != 0) std::printf("fq_dequeue.unlink error %s\n", name.text);
+    if (unlinkat(side ? side->directory() : AT_FDCWD, name.text, 0) != 0)
+        std::printf("fq_dequeue.unlink error %s\n", name.text);
+}
+
+// Removes the file that a reader has left and, because it died, not deleted: the one that the log
+// names before the file where the reader is now. Nothing that may still be wanted: both sides must
+// be behind it.
+void delete_left_file(const fqtrans *trans) {
+    const OpenSide *side = running_side(trans);
+    const Position at = position_in(trans->startpos);
+    if (!side || !comes_after(side->left_order, at.order)) return;
+    const FileName name = data_file(trans->path, side->left_order);
+    if (!state_of(side->directory(), name.text).found) return;
+    const Descriptor log = open_queue_file(side->directory(), tail_file(trans->path), O_RDONLY);
+    LastRecord last;
+    char record[kRecordSize];
+    const int64_t size = log ? state_of(log.get()).size : 0;
+    if (size >= kRecordSize && read_last_record(log.get(), size, record, last) == kRecordSize &&
+        last.found && comes_after(side->left_order, position_in(record).order))
+        unlinkat(side->directory(), name.text, 0);
 }
 
 } // namespace
@@ -51,6 +72,7 @@ int fq_dequeue(int chnnl, const char *path, void *buf, unsigned cap, fqtrans *tr
     begin_record(trans, path);
     const int locked = fq_lock('r', trans);
     if (locked < 0) return locked;
+    delete_left_file(trans);
     const int result = read_counted(trans->path, trans, buf, cap);
     if (result <= 0) fq_unlock(trans);
     return result;
@@ -73,7 +95,8 @@ int fq_dequeue_commit(int chnnl, fqtrans *trans) noexcept {
         std::puts("fq_dequeue_commit on no data.");
         return -1;
     }
-    const Saved saved = save_position(trans, [] { std::puts("fq_dequeue_commit.unlink error "); });
+    const Saved saved =
+        save_position(trans, [](const fqtrans *) { std::puts("fq_dequeue_commit.unlink error "); });
     // Kept: a position that was not saved is not reported, and the commit goes on.
     if (saved.result < 0) std::puts("fq_dequeue_commit.fq_set_pos error ");
     delete_finished_file(trans);

@@ -31,8 +31,9 @@ int write_first(int (*writer)(const char *, fqtrans *, const void *, unsigned), 
 }
 
 Saved save_writer_position(fqtrans *trans) {
-    return save_position(
-        trans, [trans] { std::printf("fq_enqueue_away.truncate error %s\n", trans->path); });
+    return save_position(trans, [](const fqtrans *t) {
+        std::printf("fq_enqueue_away.truncate error %s\n", t->path);
+    });
 }
 
 } // namespace

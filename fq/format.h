@@ -61,6 +61,27 @@ static_assert(kHeaderSize == 20);
 static_assert(kHeaderSize + kTrailerSize == FQ_ITEM_EXTRA);
 static_assert(kNumberMax - FQ_ITEM_EXTRA == FQ_ITEM_MAX);
 
+// What stands at a place of a data file, as far as its header tells.
+enum class ItemKind {
+    written,  // not committed
+    readable, // or said to be: its trailer is still to be looked at
+    end,      // readers go on with the next file: any other item of length 0
+    strange,  // no item begins here, or one in no known state
+};
+inline ItemKind kind_of(const ItemHeader &header) {
+    if (header.state == kWritten && header.has_magic()) return ItemKind::written;
+    if (header.length == 0 && header.has_magic()) return ItemKind::end;
+    return header.state == kCommitted && header.has_magic() ? ItemKind::readable
+                                                            : ItemKind::strange;
+}
+// Bytes from the beginning of an item to its end.
+inline int64_t size_of_item(const ItemHeader &header) {
+    return int64_t{header.length} + FQ_ITEM_EXTRA;
+}
+inline bool is_trailer(const char *bytes) {
+    return std::memcmp(bytes, kTrailer, kTrailerSize) == 0;
+}
+
 struct PositionRecord {
     char order[kNumberWidth];
     char blank1;
@@ -93,6 +114,14 @@ constexpr int32_t next_order_of_single_shot(int32_t order) {
 }
 // Append: no wrap.
 constexpr int32_t next_order_of_append(int32_t order) { return order + 1; }
+
+// Whether file order b comes after a, on the circle of the orders that a commit uses.
+constexpr bool comes_after(int32_t a, int32_t b) {
+    constexpr int32_t circle = 100000000;
+    if (a >= circle || b >= circle || a < 0 || b < 0) return false;
+    const int32_t distance = (b - a + circle) % circle;
+    return distance > 0 && distance < circle / 2;
+}
 
 // ---- Numbers in a record -----------------------------------------------------------------------
 

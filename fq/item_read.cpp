@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "fq/names.h"
 #include "fq/open_files.h"
 #include "fq/position.h"
 
@@ -29,8 +30,8 @@ constexpr Look again() { return {true, 0}; }
 class ItemReader {
 public:
     ItemReader(const char *path, fqtrans *trans, void *buf, unsigned cap)
-        : path_(path), trans_(trans), buf_(static_cast<char *>(buf)), cap_(cap),
-          side_(running_side(trans->lockfd, path)) {}
+        : path_(path), trans_(trans), buf_(static_cast<char *>(buf)), cap_(cap), data_(trans, path),
+          side_(data_.side()) {}
 
     int read() {
         for (;;) {
@@ -45,9 +46,15 @@ private:
         std::memset(buf_ + offsetof(ItemHeader, length), 0, sizeof(ItemHeader::length));
         if (!checked_position(path_, trans_->curpos, at_, "fq_read_item.lseek error "))
             return answer(-1);
-        if (!open_data()) return errno == ENOENT && skips_missing_file() ? next_file() : answer(0);
+        if (!open_data()) return not_opened();
         const ssize_t got = read_header();
         if (got != kHeaderSize) {
+            if (got < 0 && errno == EBADF && side_) { // closed behind our back
+                side_->data.close();
+                return again();
+            }
+            const bool unreadable = got < 0 && errno != ESPIPE && errno != EISDIR;
+            if (unreadable) return failed("read");
             const int fault = seek_fault();
             if (fault < 0) return answer(fault);
             if (!skips_file_without_end(got)) return answer(0);
@@ -58,18 +65,33 @@ private:
     }
 
     bool open_data() {
-        if (side_ && side_->has_data(at_.order)) {
-            fd_ = side_->data.file.get();
-            return true;
-        }
-        DataFile &data = side_ ? side_->data : own_;
-        if (!data.open(path_, at_.order, O_RDONLY)) return false;
-        fd_ = data.file.get();
-        if (side_) {
-            side_->data_seen = true;
-            side_->ahead.forget();
-        }
+        const bool there = side_ && side_->has_data(at_.order);
+        if (!there && !data_.open_anew(at_.order, O_RDONLY)) return false;
+        if (side_ && !there) side_->ahead.forget();
+        fd_ = data_.get();
         return true;
+    }
+
+    // There is nothing to read where no file is; any other failure is one.
+    Look not_opened() {
+        const FileName file = name();
+        if (errno == ENOENT) {
+            // The reader's log names a file that is gone: deleted by a reader that died before its
+            // position was saved, or restored from a copy. Looks twice: the writer may have made
+            // both in between.
+            const int next = find_next_order(data_.directory(), path_, at_.order);
+            const bool missing =
+                next >= 0 && !state_of(data_.directory(), file.text).found && errno == ENOENT;
+            return missing ? go_on_with(next) : answer(0);
+        }
+        return failed("open");
+    }
+
+    // The answer to a call that failed, after its line.
+    Look failed(const char *call) {
+        const int error = errno;
+        std::printf("fq_read_item.%s error %s (%s)\n", call, name().text, std::strerror(error));
+        return answer(-1);
     }
 
     // As pread; header_ is filled then. What a piece read ahead holds is current only for items that
@@ -102,27 +124,21 @@ private:
     }
 
     bool writer_has_gone_on() const {
-        struct stat found {};
-        return stat(data_file(path_, next_order_of_commit(at_.order)).text, &found) == 0;
-    }
-
-    // The file was deleted by a reader that died before its position was saved, if the next one is
-    // there. Looks twice: the writer may have made both in between.
-    bool skips_missing_file() {
-        struct stat found {};
-        return writer_has_gone_on() && stat(name().text, &found) != 0 && errno == ENOENT;
+        const FileName next = data_file(path_, next_order_of_commit(at_.order));
+        return state_of(data_.directory(), next.text).found;
     }
 
     // The writer could not write the end item, on a full disk for instance, but has gone on to the
     // next file. Only a file past its limit is left that way; what stood in it is complete now.
     bool skips_file_without_end(ssize_t got) {
         if (got < 0 || at_.offset <= kFileLimit || !writer_has_gone_on()) return false;
-        struct stat file {};
-        return fstat(fd_, &file) == 0 && file.st_size < at_.offset + off_t{kHeaderSize};
+        return state_of(fd_).found && state_of(fd_).size < at_.offset + int64_t{kHeaderSize};
     }
 
-    Look next_file() {
-        put_order(trans_->curpos, next_order_of_commit(at_.order));
+    Look next_file() { return go_on_with(next_order_of_commit(at_.order)); }
+
+    Look go_on_with(int32_t order) {
+        put_order(trans_->curpos, order);
         put_offset(trans_->curpos, 0);
         std::memcpy(trans_->nextpos, trans_->curpos, kRecordSize);
         return again();
@@ -150,12 +166,12 @@ private:
     Look read_data() {
         const size_t wanted = size_t{header_.length} + kTrailerSize;
         const ssize_t got = read_body(wanted);
-        if (got < 0 || static_cast<size_t>(got) < wanted) return answer(incomplete());
-        if (std::memcmp(data() + header_.length, kTrailer, kTrailerSize) != 0)
-            return resynchronise();
+        if (got < 0) return failed("read");
+        if (static_cast<size_t>(got) < wanted) return answer(incomplete());
+        if (!is_trailer(data() + header_.length)) return resynchronise();
         trans_->itemlen = static_cast<int>(header_.length);
         if (header_.state != kCommitted) return answer(0);
-        const int64_t end = int64_t{at_.offset} + header_.length + FQ_ITEM_EXTRA;
+        const int64_t end = at_.offset + size_of_item(header_);
         std::memcpy(trans_->nextpos, trans_->curpos, kRecordSize);
         if (!move_offset(path_, trans_->nextpos, at_.order, end)) return answer(-1);
         if (side_) side_->ahead.take(size_t{header_.length} + FQ_ITEM_EXTRA);
@@ -195,9 +211,9 @@ private:
     fqtrans *trans_;
     char *buf_;
     unsigned cap_;
+    DataFile data_;
     OpenSide *side_; // null for a record without one
-    DataFile own_;   // the data file then
-    int fd_ = -1;    // the data file
+    int fd_ = -1;    // of the data file
     Position at_;
     ItemHeader header_;
 };

@@ -2,6 +2,7 @@
 // item's state, in the place and in when they end a file.
 #include <fcntl.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -48,44 +49,36 @@ ssize_t write_end_item(int fd, int64_t at) {
 
 // What the base writer did.
 struct Written {
-    int result = -1;          // bytes written, or the failure
-    OpenSide *side = nullptr; // of the transaction; its data file stays open
-    DataFile own;             // the data file of a record without a side
-    int fd = -1;              // the data file, still open after success
-    Position at;              // of curpos
-    int64_t end = 0;          // file offset behind the item
+    DataFile data;   // still open after success
+    int result = -1; // bytes written, or the failure
+    Position at{};   // of curpos
+    int64_t end = 0; // file offset behind the item
 };
-
-// Opens the data file of the item, if the transaction has not done so before.
-bool open_data(const char *path, const fqtrans *trans, int flags, Written &item) {
-    const bool append = flags & O_APPEND; // a descriptor of its own
-    item.side = append ? nullptr : running_side(trans->lockfd, path);
-    DataFile &data = item.side ? item.side->data : item.own;
-    if (!(item.side && item.side->has_data(item.at.order))) {
-        if (!data.open(path, item.at.order, flags)) {
-            std::printf("fq_write_item.open error %s\n", data_file(path, item.at.order).text);
-            return false;
-        }
-        if (item.side) item.side->data_seen = true;
-    }
-    item.fd = data.file.get();
-    return true;
-}
 
 // Where an uncommitted item is built to be kept for the commit; null when it is not kept.
 char *kept_place(const Written &item, const fqtrans *trans, char state, size_t size) {
-    if (!item.side || state != kWritten) return nullptr;
-    Batch &batch = item.side->batch;
+    if (!item.data.side() || state != kWritten) return nullptr;
+    Batch &batch = item.data.side()->batch;
     if (trans->count == 0) batch.begin(item.at.order, item.at.offset);
     return batch.room(item.at.order, item.at.offset, size);
 }
 
+bool open_data(const char *path, int flags, Written &item) {
+    const bool opened = item.data.open(item.at.order, flags);
+    if (!opened) std::printf("fq_write_item.open error %s\n", data_file(path, item.at.order).text);
+    return opened;
+}
+
+ssize_t write_bytes(Written &item, const char *bytes, size_t size, int flags) {
+    if (flags & O_APPEND) return write(item.data.get(), bytes, size);
+    const ssize_t written = pwrite(item.data.get(), bytes, size, item.at.offset);
+    const bool closed_behind_our_back = written < 0 && errno == EBADF && item.data.side();
+    if (!closed_behind_our_back || !item.data.open_anew(item.at.order, flags)) return written;
+    return pwrite(item.data.get(), bytes, size, item.at.offset);
+}
+
 void write_item(const char *path, fqtrans *trans, const void *data, unsigned len, char state,
                 int flags, Written &item) {
-    if (!usable_path(path) || !trans || !data || len == 0 || len > FQ_ITEM_MAX) {
-        item.result = ESMS_INVAL;
-        return;
-    }
     if (!checked_position(path, trans->curpos, item.at, "fq_write.lseek error ")) return;
     const bool append = flags & O_APPEND;
     const size_t size = size_t{len} + FQ_ITEM_EXTRA;
@@ -95,7 +88,8 @@ void write_item(const char *path, fqtrans *trans, const void *data, unsigned len
                     static_cast<int>(item.at.offset));
         return;
     }
-    if (!open_data(path, trans, O_WRONLY | O_CREAT | flags, item)) return;
+    flags |= O_WRONLY | O_CREAT;
+    if (!open_data(path, flags, item)) return;
     char *const kept = kept_place(item, trans, state, size);
     const Bytes own(kept ? nullptr : static_cast<char *>(std::malloc(size)));
     char *const bytes = kept ? kept : own.get();
@@ -104,10 +98,9 @@ void write_item(const char *path, fqtrans *trans, const void *data, unsigned len
         return;
     }
     build_item(bytes, state, data, len);
-    const ssize_t written =
-        append ? write(item.fd, bytes, size) : pwrite(item.fd, bytes, size, item.at.offset);
+    const ssize_t written = write_bytes(item, bytes, size, flags);
     if (written != static_cast<ssize_t>(size)) {
-        if (!append && written < 0 && seek_fails(item.fd, item.at.offset))
+        if (!append && written < 0 && seek_fails(item.data.get(), item.at.offset))
             std::puts("fq_write.lseek error ");
         else
             std::printf("fq_write_item.write error %s %ld != %ld\n",
@@ -115,25 +108,29 @@ void write_item(const char *path, fqtrans *trans, const void *data, unsigned len
                         static_cast<long>(written));
         return;
     }
-    if (kept) item.side->batch.add(size);
-    if (append) item.end = lseek(item.fd, 0, SEEK_CUR);
+    if (kept) item.data.side()->batch.add(size);
+    if (append) item.end = lseek(item.data.get(), 0, SEEK_CUR);
     trans->itemlen = static_cast<int>(len);
     std::memcpy(trans->nextpos, trans->curpos, kRecordSize);
     item.result = static_cast<int>(size);
 }
 
+bool is_usable(const char *path, const fqtrans *trans, const void *data, unsigned len) {
+    return usable_path(path) && trans && data && len > 0 && len <= FQ_ITEM_MAX;
+}
+
 // An ended file is not kept: its reader will delete it, and it would still take up the disk.
 void forget_ended_file(OpenSide *side) {
-    if (side) side->data.file.close();
+    if (side) side->data.close();
 }
 
 // Puts an end item behind an item that passed the limit; nextpos becomes the start of the file
 // `next_order`.
-int end_file(const char *path, fqtrans *trans, const Written &item, int32_t next_order) {
+int end_file(const char *path, fqtrans *trans, Written &item, int32_t next_order) {
     // The end item's own write is not checked; a reader that finds none goes on when the next file
     // is there.
-    write_end_item(item.fd, item.end);
-    forget_ended_file(item.side);
+    write_end_item(item.data.get(), item.end);
+    forget_ended_file(item.data.side());
     return move_position(path, trans->nextpos, next_order, 0) ? item.result : -1;
 }
 
@@ -163,7 +160,7 @@ int flip_batch(int fd, int64_t first, int count) {
             return -1;
         }
         if (i > 0 && flip(fd, at) < 0) return -1;
-        at += int64_t{header.length} + FQ_ITEM_EXTRA;
+        at += size_of_item(header);
     }
     return flip(fd, first);
 }
@@ -184,7 +181,7 @@ int roll_over(int fd, fqtrans *trans, const Position &next) {
     }
     put_order(trans->nextpos, next_order_of_commit(next.order));
     put_offset(trans->nextpos, 0);
-    forget_ended_file(running_side(trans->lockfd));
+    forget_ended_file(running_side(trans));
     return 0;
 }
 
@@ -195,7 +192,8 @@ int end_commit(int fd, int flipped, fqtrans *trans, const Position &next) {
 } // namespace
 
 int fq_write_item(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
-    Written item;
+    if (!is_usable(path, trans, data, len)) return ESMS_INVAL;
+    Written item{DataFile(trans, path)};
     write_item(path, trans, data, len, kWritten, 0, item);
     if (item.result < 0) return item.result;
     ++trans->count;
@@ -204,7 +202,8 @@ int fq_write_item(const char *path, fqtrans *trans, const void *data, unsigned l
 }
 
 int fq_write_item_once(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
-    Written item;
+    if (!is_usable(path, trans, data, len)) return ESMS_INVAL;
+    Written item{DataFile(trans, path)};
     write_item(path, trans, data, len, kCommitted, 0, item);
     if (item.result < 0) return item.result;
     ++trans->count;
@@ -216,7 +215,8 @@ int fq_write_item_once(const char *path, fqtrans *trans, const void *data, unsig
 
 // Kept: an appended item is not counted.
 int fq_append_item(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
-    Written item;
+    if (!is_usable(path, trans, data, len)) return ESMS_INVAL;
+    Written item{DataFile(path)}; // a descriptor of its own
     write_item(path, trans, data, len, kCommitted, O_APPEND, item);
     if (item.result < 0) return item.result;
     if (item.end > kFileLimit)
@@ -244,22 +244,24 @@ int fq_write_item_commit(fqtrans *trans) noexcept {
         !checked_position(trans->path, trans->nextpos, next,
                           "fq_write_item_commit.write(eof) error "))
         return -1;
-    OpenSide *side = running_side(trans->lockfd, trans->path);
-    if (side && side->has_data(first.order)) {
-        const int fd = side->data.file.get();
-        if (!batch) return end_commit(fd, flip(fd, first.offset), trans, next);
-        // Somebody else may have cut the file: then one looks at each item.
-        if (side->batch.holds(first.order, first.offset, trans->count) &&
-            side->data.file.still_there() && side->data.file.size() >= next.offset)
-            return end_commit(fd, flip_kept(fd, side->batch, first.offset), trans, next);
-    }
+    OpenSide *side = running_side(trans, trans->path);
+    const bool written_here = side && side->data_seen && side->data_order == first.order;
+    if (written_here && !side->is_still_the_queue()) return -1;
+    // Somebody else may have cut the file: then one looks at each item.
+    if (batch && written_here && side->batch.holds(first.order, first.offset, trans->count) &&
+        side->data.size() >= next.offset)
+        return end_commit(side->data.get(), flip_kept(side->data.get(), side->batch, first.offset),
+                          trans, next);
     const FileName name = data_file(trans->path, first.order);
-    const Descriptor file = open_queue_file(name, batch ? O_RDWR : O_WRONLY);
-    if (!file) {
+    Descriptor own;
+    if (!written_here || batch)
+        own = open_queue_file(side ? side->directory() : AT_FDCWD, name, batch ? O_RDWR : O_WRONLY);
+    const int fd = own ? own.get() : written_here ? side->data.get() : -1;
+    if (fd < 0 || (batch && !own)) {
         std::printf("fq_write_item_commit.open error %s\n", name.text);
         return -1;
     }
-    const int flipped =
-        batch ? flip_batch(file.get(), first.offset, trans->count) : flip(file.get(), first.offset);
-    return end_commit(file.get(), flipped, trans, next);
+    return end_commit(fd,
+                      batch ? flip_batch(fd, first.offset, trans->count) : flip(fd, first.offset),
+                      trans, next);
 }

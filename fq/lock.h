@@ -5,6 +5,24 @@
 
 namespace halvo::fq {
 
+// Why a side was not locked.
+enum LockResult {
+    kNoLockFile = -1,
+    kNoMutex = -2, // the table is full
+    kMutexNotLocked = -3,
+    kFileNotLocked = -4,
+    kNoLog = -5,
+    kNoPosition = -6,
+};
+// What failed when it was given back.
+enum UnlockResult {
+    kLogNotOpen = -1,
+    kMutexNotUnlocked = -2,
+    kNoMutexHeld = -3,
+    kFileNotUnlocked = -4,
+    kNotLocked = -5,
+};
+
 // As fq_lock. `made_first`: the position is not one that a transaction saved, because the log held
 // none.
 int lock_side(char mode, fqtrans *trans, bool &made_first) noexcept;

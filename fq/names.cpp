@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "core/posix.h"
-#include "fq/position.h"
+#include "fq/names.h"
 
 using namespace halvo;
 using namespace halvo::fq;
@@ -39,12 +39,12 @@ private:
 // Goes through the file orders found; `better` tells whether one replaces the running value.
 // -1, and `searched` false, when the directory cannot be read.
 template <class Better>
-int find_order(const char *path, int none, bool &searched, Better better) noexcept {
+int find_order(int start, const char *path, int none, bool &searched, Better better) noexcept {
     searched = false;
     if (!usable_path(path)) return -1;
     char directory_name[FQ_NAME_SIZE];
     fq_dirof(path, directory_name);
-    Directory directory(*directory_name ? directory_name : "/");
+    Directory directory(start, *directory_name ? directory_name : "/");
     if (!directory) return -1;
     const DataFiles files(path);
     int found = none;
@@ -79,21 +79,31 @@ int fq_forderof(const char *filename) noexcept {
 }
 
 // Kept: a data file of order 100000000 or above has no leading zero and is not found.
-int halvo::fq::find_first_order(const char *path, bool &searched) noexcept {
+int halvo::fq::find_first_order(int directory, const char *path, bool &searched) noexcept {
     bool any = false;
-    return find_order(path, -1, searched, [&](int order, int lowest) {
+    return find_order(directory, path, -1, searched, [&](int order, int lowest) {
         const bool first = !any;
         any = true;
         return first || order < lowest;
     });
 }
 
-int fq_find_forder_first(const char *path) noexcept {
+int halvo::fq::find_last_order(int directory, const char *path) noexcept {
     bool searched;
-    return find_first_order(path, searched);
+    return find_order(directory, path, 0, searched,
+                      [](int order, int highest) { return order > highest; });
 }
 
-int fq_find_forder_last(const char *path) noexcept {
+int halvo::fq::find_next_order(int directory, const char *path, int32_t order) noexcept {
     bool searched;
-    return find_order(path, 0, searched, [](int order, int highest) { return order > highest; });
+    return find_order(directory, path, -1, searched, [order](int32_t found, int32_t nearest) {
+        return comes_after(order, found) && (nearest == -1 || comes_after(found, nearest));
+    });
 }
+
+int fq_find_forder_first(const char *path) noexcept {
+    bool searched;
+    return find_first_order(AT_FDCWD, path, searched);
+}
+
+int fq_find_forder_last(const char *path) noexcept { return find_last_order(AT_FDCWD, path); }

@@ -1,11 +1,11 @@
 #include "fq/open_files.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
-#include <array>
-#include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <new>
 
@@ -16,82 +16,53 @@ namespace {
 
 // Open sides that no transaction uses: both of sixteen queues.
 constexpr int kMostIdle = 32;
+// Kept descriptors begin in the middle of the numbers that the process may use, here at most: the
+// kernel's table of a process is as long as its highest number.
+constexpr rlim_t kHighest = 8192;
 
 pthread_mutex_t mtxsides = PTHREAD_MUTEX_INITIALIZER;
-OpenSide *sides = nullptr; // the last used one first; guarded by mtxsides
+OpenSide *sides = nullptr; // idle ones, the last used first; guarded by mtxsides
 
-// Running sides by the descriptor of their lock. One beyond the table is searched for in the list.
-std::array<std::atomic<OpenSide *>, 1024> running;
-std::atomic<OpenSide *> *running_entry(int lockfd) noexcept {
-    const auto index = static_cast<size_t>(lockfd);
-    return lockfd >= 1 && index < running.size() ? &running[index] : nullptr;
-}
-void set_running(const OpenSide *side, OpenSide *now) noexcept {
-    if (auto *entry = running_entry(side->lock.get())) entry->store(now);
-}
-
-// What is known of a file. Asks for no times: a file whose times have been seen pays for new ones
-// at its next write.
-struct State {
-    State(int fd, const char *name, int flags) noexcept {
-        struct statx seen;
-        if (statx(fd, name, flags, STATX_INO | STATX_NLINK | STATX_SIZE, &seen) == 0)
-            set(makedev(seen.stx_dev_major, seen.stx_dev_minor), seen.stx_ino, seen.stx_nlink,
-                static_cast<int64_t>(seen.stx_size));
-        else if (struct stat old; fstatat(fd, name, &old, flags) == 0) // statx may be forbidden
-            set(old.st_dev, old.st_ino, static_cast<uint32_t>(old.st_nlink), old.st_size);
-    }
-    void set(uint64_t dev, uint64_t ino, uint32_t nlink, int64_t bytes) {
-        found = true;
-        device = dev;
-        inode = ino;
-        links = nlink;
-        size = bytes;
-    }
-    bool found = false;
-    uint64_t device = 0, inode = 0;
-    uint32_t links = 0;
-    int64_t size = -1;
-};
-State state_of(int fd) noexcept { return {fd, "", AT_EMPTY_PATH}; }
-State state_of(const FileName &name) noexcept { return {AT_FDCWD, name.text, 0}; }
-
-void unlink_side(OpenSide *side) {
-    OpenSide **link = &sides;
-    while (*link && *link != side) link = &(*link)->next;
-    if (*link) *link = side->next;
-}
-
-void push_front(OpenSide *side) {
-    side->next = sides;
-    sides = side;
+// Asks for no times: a file whose times have been seen pays for new ones at its next write.
+FileState state(int fd, const char *name, int flags) noexcept {
+    struct statx seen;
+    struct stat old;
+    if (statx(fd, name, flags, STATX_INO | STATX_SIZE, &seen) == 0)
+        return {true,
+                {makedev(seen.stx_dev_major, seen.stx_dev_minor), seen.stx_ino},
+                static_cast<int64_t>(seen.stx_size)};
+    if (errno != ENOENT && fstatat(fd, name, &old, flags) == 0) // statx may be forbidden
+        return {true, {old.st_dev, old.st_ino}, old.st_size};
+    return {};
 }
 
 // Closes an idle side unless its mutex is taken: somebody may have the lock of its lock file.
-bool close_idle(OpenSide *side) {
-    pthread_mutex_t *mutex = fq_key2mtx(side->key);
-    if (!mutex || pthread_mutex_trylock(mutex) != 0) return false;
-    unlink_side(side);
+bool close_idle(OpenSide **link) {
+    OpenSide *side = *link;
+    if (pthread_mutex_trylock(&side->entry->mutex) != 0) return false;
+    pthread_mutex_t *mutex = &side->entry->mutex;
+    *link = side->next;
     close_side(side);
     pthread_mutex_unlock(mutex);
     return true;
 }
 
-// Closes idle sides until no more than `most` are left, those first that were used longest ago.
-// Returns how many were closed.
-int close_idle_down_to(int most) {
+// Closes the idle sides behind the first `most`. Returns how many.
+int close_idle_behind(int most) {
     int closed = 0;
-    OpenSide *victims[kMostIdle + 1];
-    int count = 0;
-    for (OpenSide *side = sides; side; side = side->next)
-        if (!side->running && most-- <= 0 && count <= kMostIdle) victims[count++] = side;
-    while (count > 0) closed += close_idle(victims[--count]);
+    for (OpenSide **link = &sides; *link;) {
+        if (most > 0 || !close_idle(link))
+            link = &(*link)->next;
+        else
+            ++closed;
+        --most;
+    }
     return closed;
 }
 
 bool make_room() {
     const MutexLock lock(mtxsides);
-    return close_idle_down_to(0) > 0;
+    return close_idle_behind(0) > 0;
 }
 
 // Closes the idle sides when the library goes.
@@ -103,129 +74,166 @@ struct AtExit {
 
 // ---- Files -------------------------------------------------------------------------------------
 
-bool KeptFile::open(const FileName &name, int flags) noexcept {
-    Descriptor opened = open_queue_file(name, flags);
+FileState halvo::fq::state_of(int fd) noexcept { return state(fd, "", AT_EMPTY_PATH); }
+FileState halvo::fq::state_of(int directory, const char *name) noexcept {
+    return state(directory, name, 0);
+}
+
+bool KeptFile::open(int directory, const FileName &name, int flags) noexcept {
+    Descriptor opened = open_queue_file(directory, name, flags);
     if (!opened && (errno == EMFILE || errno == ENFILE) && make_room())
-        opened = open_queue_file(name, flags);
+        opened = open_queue_file(directory, name, flags);
     if (!opened) return false;
-    const State state = state_of(opened.get());
-    if (!state.found) return false;
+    const FileState found = state_of(opened.get());
+    if (!found.found) return false;
     close();
     file_ = std::move(opened);
-    device_ = state.device;
-    inode_ = state.inode;
-    size_ = state.size;
+    id_ = found.id;
+    size_ = found.size;
+    kept_ = false;
     return true;
 }
 
-bool KeptFile::still_there() noexcept {
-    const State state = state_of(file_.get());
-    size_ = state.size;
-    const bool same = state.found && state.device == device_ && state.inode == inode_;
-    if (same && state.links > 0) return true;
-    if (!same) file_.release(); // closed behind our back: the number may be another file's by now
-    file_.reset();
-    return false;
-}
-
-bool KeptFile::still_named(const FileName &name) noexcept {
-    const State state = state_of(name);
-    size_ = state.size;
-    if (state.found && state.device == device_ && state.inode == inode_) return true;
-    close();
-    return false;
+bool KeptFile::is_named(int directory, const FileName &name) noexcept {
+    if (!file_) return false;
+    const FileState found = state_of(directory, name.text);
+    size_ = found.size;
+    return found.found && found.id == id_;
 }
 
 void KeptFile::close() noexcept {
+    if (!file_) return;
     const int error = errno;
-    if (file_ && still_there()) file_.reset();
+    if (!(state_of(file_.get()).id == id_)) file_.release();
+    file_.reset();
     errno = error;
 }
 
-bool DataFile::open(const char *path, int32_t wanted, int flags) noexcept {
-    if (!file.open(data_file(path, wanted), flags)) return false;
-    order = wanted;
+bool KeptFile::keep() noexcept {
+    if (!file_ || kept_) return true;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+    const auto from = static_cast<int>(std::min(limit.rlim_cur / 2, kHighest));
+    Descriptor high(fcntl(file_.get(), F_DUPFD_CLOEXEC, from));
+    if (!high) return false;
+    for (OpenSide *side = sides; side; side = side->next)
+        for (KeptFile *file : {&side->lock, &side->log, &side->data}) file->forget(high.get());
+    file_ = std::move(high);
+    kept_ = true;
     return true;
 }
 
 bool OpenSide::has_data(int32_t order) noexcept {
-    data_seen = data.is(order) && (data_seen || data.file.still_there());
+    data_seen = data_order == order && data && (data_seen || data.is_named(directory(), data_name));
     return data_seen;
+}
+
+bool OpenSide::open_data(int32_t order, int flags) noexcept {
+    const FileName name = data_file(path, order);
+    data_seen = false;
+    if (!data.open(directory(), name, flags)) {
+        if (data_order == order) data.close(); // it has another name now, or none
+        return false;
+    }
+    std::strcpy(data_name.text, name.text);
+    data_order = order;
+    data_seen = true;
+    return true;
+}
+
+bool OpenSide::is_still_the_queue() noexcept {
+    for (const auto &[file, name] : {std::pair(&lock, &lock_name), std::pair(&data, &data_name)}) {
+        if (file->is_named(directory(), *name)) continue;
+        std::printf("fq_write_item_commit.open error %s\n", name->text);
+        return false;
+    }
+    return true;
+}
+
+bool DataFile::open(int32_t order, int flags) noexcept {
+    return (side_ && side_->has_data(order)) || open_anew(order, flags);
+}
+
+bool DataFile::open_anew(int32_t order, int flags) noexcept {
+    return side_ ? side_->open_data(order, flags)
+                 : own_.open(AT_FDCWD, data_file(path_, order), flags);
 }
 
 // ---- Sides -------------------------------------------------------------------------------------
 
-OpenSide *halvo::fq::make_side(const char *path, char mode) noexcept {
+namespace {
+
+OpenSide *made_side(const char *path, char mode, const FileId &start) {
     OpenSide *side = new (std::nothrow) OpenSide;
     if (!side) return nullptr;
     std::strcpy(side->path, path);
     side->mode = mode;
-    return side;
+    side->lock_name = lock_file(path, mode);
+    side->log_name = position_file(path, mode);
+    if (path[0] == '/') return side;
+    side->start = open_file(".", O_PATH | O_DIRECTORY);
+    side->start_id = side->start ? state_of(side->start.get()).id : FileId{};
+    if (side->start && side->start_id == start) return side;
+    delete side;
+    return nullptr;
+}
+
+} // namespace
+
+OpenSide *halvo::fq::take_side(const char *path, char mode) noexcept {
+    const FileId start = path[0] == '/' ? FileId{} : state_of(AT_FDCWD, ".").id;
+    {
+        const MutexLock lock(mtxsides);
+        for (OpenSide **link = &sides; *link; link = &(*link)->next) {
+            OpenSide *side = *link;
+            if (side->mode != mode || !(side->start_id == start) ||
+                std::strcmp(side->path, path) != 0)
+                continue;
+            *link = side->next;
+            return side;
+        }
+    }
+    return made_side(path, mode, start);
 }
 
 void halvo::fq::close_side(OpenSide *side) noexcept { delete side; }
 
-OpenSide *halvo::fq::take_kept_side(const char *path, char mode) noexcept {
-    const MutexLock lock(mtxsides);
-    OpenSide *side = sides;
-    while (side && (side->running || side->mode != mode || std::strcmp(side->path, path) != 0))
-        side = side->next;
-    if (side) unlink_side(side);
-    return side;
-}
-
 void halvo::fq::start_side(OpenSide *side) noexcept {
     side->data_seen = false;
     side->ahead.begin();
-    const MutexLock lock(mtxsides);
-    side->running = true;
-    push_front(side);
-    set_running(side, side);
+    side->entry->owner = pthread_self();
+    side->entry->side = side;
 }
 
-OpenSide *halvo::fq::running_side(int lockfd) noexcept {
-    const auto *entry = running_entry(lockfd);
-    if (entry || lockfd < 1) return entry ? entry->load(std::memory_order_acquire) : nullptr;
-    const MutexLock lock(mtxsides);
-    OpenSide *side = sides;
-    while (side && !(side->running && side->lock.get() == lockfd)) side = side->next;
-    return side;
+OpenSide *halvo::fq::running_side(const fqtrans *trans) noexcept {
+    if (trans->lockfd < 1 || !trans->mtx) return nullptr;
+    const OpenKey *entry = entry_with(trans->mtx);
+    OpenSide *side = entry ? entry->side : nullptr;
+    return side && side->lock.get() == trans->lockfd ? side : nullptr;
 }
 
-OpenSide *halvo::fq::running_side(int lockfd, const char *path) noexcept {
-    OpenSide *side = running_side(lockfd);
+OpenSide *halvo::fq::running_side(const fqtrans *trans, const char *path) noexcept {
+    OpenSide *side = running_side(trans);
     return side && std::strcmp(side->path, path) == 0 ? side : nullptr;
 }
 
 void halvo::fq::keep_side(OpenSide *side) noexcept {
     side->batch.rest();
+    side->entry->side = nullptr;
     const MutexLock lock(mtxsides);
-    set_running(side, nullptr);
-    side->running = false;
-    unlink_side(side);
-    push_front(side);
-    close_idle_down_to(kMostIdle);
+    if (!side->lock.keep() || !side->log.keep() || !side->data.keep()) {
+        close_side(side);
+        return;
+    }
+    side->next = sides;
+    sides = side;
+    close_idle_behind(kMostIdle);
 }
 
 void halvo::fq::drop_side(OpenSide *side) noexcept {
-    {
-        const MutexLock lock(mtxsides);
-        set_running(side, nullptr);
-        unlink_side(side);
-    }
+    side->entry->side = nullptr;
     close_side(side);
 }
 
 void halvo::fq::lock_sides() noexcept { pthread_mutex_lock(&mtxsides); }
 void halvo::fq::unlock_sides() noexcept { pthread_mutex_unlock(&mtxsides); }
-
-void halvo::fq::forget_running_sides() noexcept {
-    for (OpenSide **link = &sides; *link;) {
-        if ((*link)->running) {
-            set_running(*link, nullptr);
-            *link = (*link)->next;
-        } else {
-            link = &(*link)->next;
-        }
-    }
-}

@@ -6,8 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
+#include "fq/names.h"
 #include "fq/open_files.h"
 
 using namespace halvo;
@@ -32,13 +34,24 @@ constexpr char kTornWrite[] = "경고! 인덱스 파일 손상.... 자동복구(
 // Whether a record is what a writer stored whose search for the last data file failed.
 bool failed_search(const char *record) { return number_in(record + kOrderAt) == -1; }
 
+// A log and the queue that it belongs to.
+struct Log {
+    int directory; // that a relative path counts from
+    const char *path;
+    int fd;
+    int64_t size; // bytes; -1 when not known
+    char mode;
+};
+
 // A reader whose search failed stores nothing: "the first file is 0" would hold for ever. A writer's
 // record tells by its order that the next one is to search again.
-int make_first_record(const char *path, int fd, char *record, char mode) {
-    std::printf("fq_get_pos.lseek error. first entry needed.(%c)\n", mode);
+int make_first_record(const Log &log, char *record) {
+    const int fd = log.fd;
+    std::printf("fq_get_pos.lseek error. first entry needed.(%c)\n", log.mode);
     bool searched = true;
-    int order = mode == 'w' ? fq_find_forder_last(path) : find_first_order(path, searched);
-    if (mode != 'w' && order == -1) {
+    int order = log.mode == 'w' ? find_last_order(log.directory, log.path)
+                                : find_first_order(log.directory, log.path, searched);
+    if (log.mode != 'w' && order == -1) {
         std::puts("NO FILE TO READ ");
         order = 0;
     }
@@ -50,7 +63,7 @@ int make_first_record(const char *path, int fd, char *record, char mode) {
     const ssize_t written = searched ? write(fd, record, kRecordSize) : 0;
     std::printf("RESET POSITION written  %d bytes and then %d\n", static_cast<int>(written),
                 static_cast<int>(lseek(fd, 0, SEEK_CUR)));
-    std::printf("RESET POSITION FOR %s, %.*s\n", mode == 'w' ? "WRITE" : "READ", kRecordSize,
+    std::printf("RESET POSITION FOR %s, %.*s\n", log.mode == 'w' ? "WRITE" : "READ", kRecordSize,
                 record);
     return kRecordSize; // Kept: whatever became of the write
 }
@@ -60,29 +73,98 @@ int64_t size_of(int fd) {
     return fstat(fd, &found) == 0 ? int64_t{found.st_size} : -1;
 }
 
+// As fq_get_pos.
+int load(const Log &log, char *record, LastRecord &last, bool &made_first) {
+    made_first = log.size >= 0 && log.size < kRecordSize;
+    if (made_first) return make_first_record(log, record);
+    if (log.size % kRecordSize != 0 && log.size >= 0) print_torn(kTornRead, log.size - kRecordSize);
+    const ssize_t got = log.size < 0 ? -1 : read_last_record(log.fd, log.size, record, last);
+    if (got != kRecordSize) {
+        const int error = errno;
+        std::printf("fq_get_pos.read error! rcnt=%d\n", static_cast<int>(got));
+        errno = error;
+        return -1;
+    }
+    if (last.stepped)
+        std::printf(
+            "the last position of file queue %s (%s) cannot be read; an earlier one counts\n",
+            log.path, log.mode == 'w' ? "tail" : "head");
+    const bool again = log.mode == 'w' && last.at == 0 && failed_search(record);
+    made_first =
+        (again || (last.blank && ftruncate(log.fd, 0) == 0)) && lseek(log.fd, 0, SEEK_SET) == 0;
+    return made_first ? make_first_record(log, record) : kRecordSize;
+}
+
+// Writes a record in its form on disk at an offset of the log. 31, or -1 with a line.
+int write_record(int fd, char *record, int64_t at) noexcept {
+    separate_numbers(record);
+    const ssize_t written = pwrite(fd, record, kRecordSize, at);
+    terminate_numbers(record);
+    if (written == kRecordSize) return kRecordSize;
+    // Kept: the word "read" in a message about a write.
+    std::printf("fq_set_pos.read error! wcnt=%d\n", static_cast<int>(written));
+    return -1;
+}
+
+// As fq_set_pos, for a log of `size` bytes, -1 when unknown.
+int append_record(int fd, char *record, int64_t size) noexcept {
+    if (size < 0) return fq_set_pos(fd, record);
+    if (size % kRecordSize != 0) print_torn(kTornWrite, size);
+    return write_record(fd, record, size - size % kRecordSize);
+}
+
+// Begins a log again with nextpos. A reader that leaves a data file also keeps where it came from,
+// so that its successor can tell that the file is consumed. -1: nothing was written; 0: the old
+// records could not be cut off.
+int begin_again(fqtrans *trans, bool reader) {
+    int64_t at = 0;
+    if (reader && std::memcmp(trans->startpos, trans->nextpos, kNumberWidth) != 0) {
+        if (write_record(trans->posfd, trans->startpos, 0) < 0) return -1;
+        at = kRecordSize;
+    }
+    if (write_record(trans->posfd, trans->nextpos, at) < 0) return -1;
+    return ftruncate(trans->posfd, at + kRecordSize) == 0 ? kRecordSize : 0;
+}
+
 } // namespace
 
-int halvo::fq::load_position(const char *path, int fd, int64_t size, char *record, char mode,
-                             bool &made_first) noexcept {
-    made_first = false;
-    int64_t at = size - kRecordSize;
-    if (size >= 0 && at < 0) {
-        made_first = true;
-        return make_first_record(path, fd, record, mode);
+ssize_t halvo::fq::read_last_record(int fd, int64_t size, char *record, LastRecord &last) noexcept {
+    char pair[2 * kRecordSize];
+    last.at = (size / kRecordSize - 1) * kRecordSize;
+    const int64_t before = last.at > 0 ? kRecordSize : 0;
+    const ssize_t wanted = static_cast<ssize_t>(kRecordSize + before);
+    const ssize_t got = pread(fd, pair, static_cast<size_t>(wanted), last.at - before);
+    if (got != wanted)
+        return got < 0 ? got : std::max<ssize_t>(got - static_cast<ssize_t>(before), 0);
+    std::memcpy(record, pair + before, kRecordSize);
+    last.found = position_in(record).valid();
+    if (before > 0) last.left_order = position_in(pair).order;
+    if (last.found) return kRecordSize;
+    // Steps back over what cannot be read.
+    const auto is_blank = [](const char *bytes) {
+        return std::all_of(bytes, bytes + kRecordSize, [](char c) { return c == '\0'; });
+    };
+    last.blank = is_blank(record);
+    for (int64_t at = last.at - kRecordSize; at >= 0; at -= kRecordSize) {
+        if (pread(fd, pair, kRecordSize, at) != kRecordSize) break;
+        last.blank = last.blank && is_blank(pair);
+        if (!position_in(pair).valid()) continue;
+        std::memcpy(record, pair, kRecordSize);
+        last.found = last.stepped = true;
+        last.left_order = -1;
+        break;
     }
-    if (size >= 0 && at % kRecordSize != 0) {
-        print_torn(kTornRead, at);
-        at -= at % kRecordSize;
-    }
-    const ssize_t got = size < 0 ? -1 : pread(fd, record, kRecordSize, at);
-    if (got == kRecordSize && mode == 'w' && at == 0 && failed_search(record) &&
-        lseek(fd, 0, SEEK_SET) == 0) {
-        made_first = true;
-        return make_first_record(path, fd, record, mode);
-    }
-    if (got == kRecordSize) return kRecordSize;
-    std::printf("fq_get_pos.read error! rcnt=%d\n", static_cast<int>(got));
-    return -1;
+    return kRecordSize;
+}
+
+int halvo::fq::load_position(OpenSide &side, char *record, bool &made_first) noexcept {
+    LastRecord last;
+    const int result =
+        load({side.directory(), side.path, side.log.get(), side.log.size(), side.mode}, record,
+             last, made_first);
+    side.log_size = made_first ? -1 : side.log.size();
+    side.left_order = last.left_order;
+    return result;
 }
 
 bool halvo::fq::checked_position(const char *path, char *record, Position &at,
@@ -114,35 +196,28 @@ bool halvo::fq::move_offset(const char *path, char *record, int64_t order,
     return false;
 }
 
-int64_t halvo::fq::locked_log_size(const fqtrans *trans) noexcept {
-    const OpenSide *side = running_side(trans->lockfd);
-    return side ? side->log_size : -1;
-}
-
-bool halvo::fq::log_is_full(int fd, int64_t size) noexcept {
-    return (size < 0 ? size_of(fd) : size) > kFileLimit;
-}
-
-int halvo::fq::write_record(int fd, char *record, int64_t at) noexcept {
-    separate_numbers(record);
-    const ssize_t written = pwrite(fd, record, kRecordSize, at);
-    terminate_numbers(record);
-    if (written == kRecordSize) return kRecordSize;
-    // Kept: the word "read" in a message about a write.
-    std::printf("fq_set_pos.read error! wcnt=%d\n", static_cast<int>(written));
-    return -1;
-}
-
-int halvo::fq::append_record(int fd, char *record, int64_t size) noexcept {
-    if (size < 0) return fq_set_pos(fd, record);
-    if (size % kRecordSize != 0) print_torn(kTornWrite, size);
-    return write_record(fd, record, size - size % kRecordSize);
+Saved halvo::fq::save_position(fqtrans *trans, void (*tell_uncut)(const fqtrans *)) noexcept {
+    const OpenSide *side = running_side(trans);
+    const int fd = trans->posfd;
+    const int64_t size = side ? side->log_size : -1;
+    const bool reader = side && side->mode == 'r';
+    const bool full = (size < 0 ? size_of(fd) : size) > kFileLimit;
+    if (!full) {
+        const int appended = append_record(fd, trans->nextpos, size);
+        if (appended >= 0) return {appended, false};
+        return {begin_again(trans, reader) > 0 ? kRecordSize : -1, false};
+    }
+    const int begun = begin_again(trans, reader);
+    if (begun != 0) return {begun, true};
+    tell_uncut(trans);
+    return {append_record(fd, trans->nextpos, size), true};
 }
 
 int fq_get_pos(const char *path, int fd, char *record, char mode) noexcept {
     if (!usable_path(path) || !record) return -1;
     bool made_first = false;
-    return load_position(path, fd, size_of(fd), record, mode, made_first);
+    LastRecord last;
+    return load({AT_FDCWD, path, fd, size_of(fd), mode}, record, last, made_first);
 }
 
 int fq_set_pos(int fd, char *record) noexcept {

@@ -41,9 +41,8 @@ public:
         if (size < FQ_ITEM_EXTRA) return false;
         ItemHeader header;
         std::memcpy(&header, at(offset), kHeaderSize);
-        return header.has_magic() && header.state == kCommitted && header.length > 0 &&
-               header.length <= size - FQ_ITEM_EXTRA &&
-               std::memcmp(at(offset) + kHeaderSize + header.length, kTrailer, kTrailerSize) == 0;
+        return kind_of(header) == ItemKind::readable && header.length <= size - FQ_ITEM_EXTRA &&
+               is_trailer(at(offset) + kHeaderSize + header.length);
     }
 
     // Reads the piece at an offset, each one larger than the one before. As pread.

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdio>
 
+#include "core/output.h"
 #include "core/side.h"
 #include "core/wait_registry.h"
 
@@ -21,6 +22,12 @@ static_assert(sizeof(void *) != 4 || sizeof qOpenSessions == 14336);
 
 std::atomic<int32_t> goLoop{1}; // nothing sets it to 0: the monitor lives as long as the process
 pthread_t toutMon;
+
+// A line on standard output, unless that would have the thread wait. Whether it was printed.
+bool say(const char *line) {
+    const ReadyOutput output;
+    return output && std::puts(line) >= 0;
+}
 
 bool in_table(int channel) { return channel >= 0 && channel < kSessions; }
 
@@ -70,8 +77,9 @@ int frx_initialized() noexcept { return init_shm(nullptr) == ESMS_OK; }
 int frx_monitorTimeout() noexcept { return monitor_pass(); }
 
 void *timeoutLoop(void *) noexcept {
-    std::puts("C Timeout Monitoring Service Started.");
+    bool said = false;
     while (goLoop) {
+        if (!said) said = say("C Timeout Monitoring Service Started.");
         monitor_pass();
         usleep(kMonitorPause);
     }

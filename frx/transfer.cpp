@@ -64,16 +64,16 @@ int32_t finish_write(FrxChannel *handle, halvo_channel *q, const Written &writte
 
 } // namespace
 
-int frx_read(FrxChannel *handle, void *slot, int timeout) noexcept {
+int frx_read(FrxChannel *handle, void *slot, int timeout) {
     return read_one(handle, slot, timeout, [=](halvo_channel *q) { return q_read(q, slot); });
 }
 
-int frx_readBuf(FrxChannel *handle, void *slot, int timeout, int index) noexcept {
+int frx_readBuf(FrxChannel *handle, void *slot, int timeout, int index) {
     return read_one(handle, slot, timeout,
                     [=](halvo_channel *q) { return q_read_buf(q, slot, index); });
 }
 
-int frx_readMark(FrxChannel *handle, int n, int timeout) noexcept {
+int frx_readMark(FrxChannel *handle, int n, int timeout) {
     const CheckedEnd end = check_end(kReader, handle);
     if (end.fault != ESMS_OK) return end.fault;
     Locked last;
@@ -87,7 +87,7 @@ int frx_readMark(FrxChannel *handle, int n, int timeout) noexcept {
 }
 
 int frx_write(FrxChannel *handle, int type, const void *data, uint32_t length,
-              int timeout) noexcept {
+              int timeout) {
     const CheckedEnd end = check_end(kWriter, handle, data != nullptr);
     if (end.fault != ESMS_OK) return end.fault;
     const Written written =
@@ -98,7 +98,7 @@ int frx_write(FrxChannel *handle, int type, const void *data, uint32_t length,
 
 // Kept: a mark neither ends the announcement of waiting writers nor wakes the reader.
 int frx_writeMark(FrxChannel *handle, int type, const void *data, uint32_t length,
-                  int timeout) noexcept {
+                  int timeout) {
     const CheckedEnd end = check_end(kWriter, handle, data != nullptr);
     if (end.fault != ESMS_OK) return end.fault;
     return code_of(write_one(handle, end.q, timeout, "snd error .....", [=](halvo_channel *q) {
@@ -107,7 +107,7 @@ int frx_writeMark(FrxChannel *handle, int type, const void *data, uint32_t lengt
 }
 
 int frx_writeBuf(FrxChannel *handle, int type, const void *data, uint32_t length, int index,
-                 int timeout) noexcept {
+                 int timeout) {
     const CheckedEnd end = check_end(kWriter, handle, data != nullptr);
     if (end.fault != ESMS_OK) return end.fault;
     const Written written =

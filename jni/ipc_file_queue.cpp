@@ -92,6 +92,8 @@ IPC_NATIVE(jlong, writeFileQueueBuf)
     if (!trans) return ESMS_FAILED;
     const BytesIn bytes(env, {data, offset, length});
     if (bytes.fault() != ESMS_OK) return bytes.fault();
+    // A handle beside an exception would not reach Java, and the side would stay locked for good.
+    if (env->ExceptionCheck()) return ESMS_INVAL;
     const jint result = fq_enqueue(channel, queue.get(), bytes.data(), bytes.length(), trans.get());
     return result < 0 ? result : handle_of(trans.release());
 }

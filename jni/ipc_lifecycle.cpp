@@ -1,6 +1,7 @@
 // Java binding, IPCFunctions: start, lookup, and opening and closing of channel ends.
 #include "core/wait_registry.h"
 #include "jni/native.h"
+#include "jni/wake.h"
 
 using namespace halvo;
 
@@ -24,7 +25,10 @@ IPC_NATIVE(jint, initialize)(JNIEnv *env, jclass, jstring key_file) noexcept {
 
 IPC_NATIVE(jint, initialized)(JNIEnv *, jclass) noexcept { return init_shm(nullptr) == ESMS_OK; }
 
-IPC_NATIVE(jint, monitorTimeout)(JNIEnv *, jclass) noexcept { return monitor_pass(); }
+IPC_NATIVE(jint, monitorTimeout)(JNIEnv *, jclass) noexcept {
+    call_again();
+    return monitor_pass();
+}
 
 IPC_NATIVE(jint, channelByName)(JNIEnv *env, jclass, jstring channel_name) noexcept {
     const StringChars name(env, channel_name);
@@ -45,10 +49,4 @@ IPC_NATIVE(jint, openChannel)
 // Kept: whoever calls gives the end back; the owner is not looked at.
 IPC_NATIVE(jint, closeChannel)(JNIEnv *, jclass, jint channel, jboolean for_write) noexcept {
     return q_close(channel, mode_of(for_write));
-}
-
-// The companion's: it recovers each end that it opens.
-extern "C" JNIEXPORT jint JNICALL Java_com_morvesk_halvo_ipc_Channel_recover(
-    JNIEnv *, jclass, jint channel, jboolean for_write) noexcept {
-    return q_recover(channel, mode_of(for_write));
 }

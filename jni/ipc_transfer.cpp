@@ -58,28 +58,26 @@ jint wait_for_room(JNIEnv *env, halvo_channel *q, jint channel, jint timeout, At
     return code_of(wait);
 }
 
+// What follows a message that went into the ring: nothing, or the end of the announcement and a call
+// for the reader. The channel is the one that the message went to, whatever its header says by now.
+enum class Then { nothing, wake };
+
 // One message into the channel by operation(q, bytes); `failure` is the line for a refusal.
 template <class Operation>
 jint put(JNIEnv *env, jint channel, const ArrayRange &range, jint timeout, const char *failure,
-         Operation operation) {
+         Then then, Operation operation) {
     return on_side(kWriter, channel, [&](halvo_channel *q) {
         const BytesIn bytes(env, range);
         if (bytes.fault() != ESMS_OK) return bytes.fault();
-        return wait_for_room(env, q, channel, timeout, [&](bool &full) {
-            const jint result = operation(q, bytes);
-            full = result == ESMS_FULL;
-            if (result < 0 && !full) std::puts(failure);
-            return result;
+        const jint result = wait_for_room(env, q, channel, timeout, [&](bool &full) {
+            const jint put_now = operation(q, bytes);
+            full = put_now == ESMS_FULL;
+            if (put_now < 0 && !full) std::puts(failure);
+            return put_now;
         });
+        if (result == ESMS_OK && then == Then::wake) finish_transfer(kWriter, q, channel);
+        return result;
     });
-}
-
-template <class Operation>
-jint write_one(JNIEnv *env, jint channel, const ArrayRange &range, jint timeout,
-               const char *failure, Operation operation) {
-    const jint result = put(env, channel, range, timeout, failure, operation);
-    if (result == ESMS_OK) finish_transfer(kWriter, checked_channel(channel), channel);
-    return result;
 }
 
 } // namespace
@@ -116,26 +114,26 @@ IPC_NATIVE(jint, readMark)(JNIEnv *, jclass, jint channel, jint n, jint timeout)
 IPC_NATIVE(jint, write)
 (JNIEnv *env, jclass, jint channel, jint type, jbyteArray data, jint offset, jint length,
  jint timeout) noexcept {
-    return write_one(env, channel, {data, offset, length}, timeout, "snd error .....",
-                     [=](halvo_channel *q, const BytesIn &bytes) {
-                         return q_write(q, type, bytes.data(), bytes.length());
-                     });
+    return put(env, channel, {data, offset, length}, timeout, "snd error .....", Then::wake,
+               [=](halvo_channel *q, const BytesIn &bytes) {
+                   return q_write(q, type, bytes.data(), bytes.length());
+               });
 }
 
 IPC_NATIVE(jint, writeBuf)
 (JNIEnv *env, jclass, jint channel, jint type, jbyteArray data, jint offset, jint length,
  jint index, jint timeout) noexcept {
-    return write_one(env, channel, {data, offset, length}, timeout, "snd buf error .....",
-                     [=](halvo_channel *q, const BytesIn &bytes) {
-                         return q_write_buf(q, type, bytes.data(), bytes.length(), index);
-                     });
+    return put(env, channel, {data, offset, length}, timeout, "snd buf error .....", Then::wake,
+               [=](halvo_channel *q, const BytesIn &bytes) {
+                   return q_write_buf(q, type, bytes.data(), bytes.length(), index);
+               });
 }
 
 // Kept: a mark neither ends the announcement of waiting writers nor wakes the reader.
 IPC_NATIVE(jint, writeMark)
 (JNIEnv *env, jclass, jint channel, jint type, jbyteArray data, jint offset, jint length,
  jint timeout) noexcept {
-    return put(env, channel, {data, offset, length}, timeout, "snd error .....",
+    return put(env, channel, {data, offset, length}, timeout, "snd error .....", Then::nothing,
                [=](halvo_channel *q, const BytesIn &bytes) {
                    return q_write_mark(q, type, bytes.data(), bytes.length());
                });

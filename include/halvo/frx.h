@@ -72,15 +72,15 @@ HALVO_API int frx_unlock(FrxChannel *handle) HALVO_NOEXCEPT;
 
 /* Takes the next message, waiting for one. Returns its length in bytes; ESMS_FAILED for an error
  * of the ring. */
-HALVO_API int frx_read(FrxChannel *handle, void *slot, int timeout) HALVO_NOEXCEPT;
+HALVO_API int frx_read(FrxChannel *handle, void *slot, int timeout);
 /* The same through read buffer `index` (0..4): the message is held there, and given again, until
  * frx_readBufClear(). ESMS_FAILED for a bad index. */
-HALVO_API int frx_readBuf(FrxChannel *handle, void *slot, int timeout, int index) HALVO_NOEXCEPT;
+HALVO_API int frx_readBuf(FrxChannel *handle, void *slot, int timeout, int index);
 /* Empties a read buffer. ESMS_OK; ESMS_INVAL for a bad index or an empty buffer. */
 HALVO_API int frx_readBufClear(FrxChannel *handle, int index) HALVO_NOEXCEPT;
 /* Marks up to n messages (0 or less: all that are there), waiting for the first. Returns how many;
  * 0 when the time ran out, never ESMS_TIMEOUT. */
-HALVO_API int frx_readMark(FrxChannel *handle, int n, int timeout) HALVO_NOEXCEPT;
+HALVO_API int frx_readMark(FrxChannel *handle, int n, int timeout);
 /* Copies marked message `index` (0 is the oldest) into slot. ESMS_OK or ESMS_INVAL. */
 HALVO_API int frx_readMarked(FrxChannel *handle, int index, void *slot) HALVO_NOEXCEPT;
 /* Number of marked messages. */
@@ -99,11 +99,11 @@ HALVO_API int frx_readCommit(FrxChannel *handle, int n) HALVO_NOEXCEPT;
 /* Puts one message into the ring and wakes a waiting reader; waits for room when timeout is 0 or
  * more. ESMS_OK, ESMS_FULL (timeout below 0), ESMS_INVAL, ESMS_EXEED, ESMS_PENDING. */
 HALVO_API int frx_write(FrxChannel *handle, int type, const void *data, uint32_t length,
-                        int timeout) HALVO_NOEXCEPT;
+                        int timeout);
 /* Puts one message into the ring without making it readable. Results as frx_write();
  * ESMS_PENDING while another mark stands. Wakes nobody. */
 HALVO_API int frx_writeMark(FrxChannel *handle, int type, const void *data, uint32_t length,
-                            int timeout) HALVO_NOEXCEPT;
+                            int timeout);
 /* Makes the marked message readable and wakes a waiting reader. ESMS_OK or ESMS_NOTARGET. */
 HALVO_API int frx_writeCommit(FrxChannel *handle) HALVO_NOEXCEPT;
 /* Frees the marked message's slot. ESMS_OK or ESMS_NOTARGET. */
@@ -112,7 +112,7 @@ HALVO_API int frx_writeRollback(FrxChannel *handle) HALVO_NOEXCEPT;
  * frx_write(), ESMS_PENDING when the buffer is taken. A mutex that cannot be locked answers
  * ESMS_MTXUNLOCK here. */
 HALVO_API int frx_writeBuf(FrxChannel *handle, int type, const void *data, uint32_t length,
-                           int index, int timeout) HALVO_NOEXCEPT;
+                           int index, int timeout);
 /* Moves a parked message into the ring; wakes nobody. As q_write_buf_commit(). */
 HALVO_API int frx_writeBufCommit(FrxChannel *handle, int index) HALVO_NOEXCEPT;
 /* Drops a parked message. As q_write_buf_rollback(). */

@@ -6,7 +6,7 @@
 
 #include "halvo/queue.h"
 #include "tests/support/capture.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 using namespace halvo::test;
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 using namespace halvo::test;
 

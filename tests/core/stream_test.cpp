@@ -1,10 +1,8 @@
 // Two processes, one ring, many messages: every byte of every message is checked.
-#include <gtest/gtest.h>
-
-#include <random>
 #include <thread>
 
 #include "tests/support/frx_fixture.h"
+#include "tests/support/messages.h"
 
 using namespace halvo::test;
 
@@ -16,13 +14,7 @@ constexpr int kMessages = 20000;
 constexpr int kMessages = 100000;
 #endif
 
-// Message number i: its length, type and every byte follow from i.
-std::string message(int i) {
-    std::minstd_rand random(static_cast<unsigned>(i) + 1);
-    std::string text(1 + random() % 112, '\0');
-    for (char &c : text) c = static_cast<char>(random());
-    return text;
-}
+std::string message(int i) { return numbered_message(i, 112); }
 
 int write_all(const Segment &s) {
     FrxChannel end{};

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <csignal>
@@ -33,6 +34,40 @@ TEST(SignalService, prints_its_banner) {
                   " \n");
     EXPECT_EQ(getSignal(), 12);
 }
+
+// A program that never calls init_sig() keeps its own first key, and its time limits do not kill it.
+TEST(SignalService, starts_by_itself_where_nobody_starts_it) {
+    pthread_key_t key = 1;
+    for (pthread_key_t made = 0; made < 40 && key != 0; ++made) pthread_key_create(&key, nullptr);
+    char value = 0;
+    pthread_setspecific(0, &value);
+    EXPECT_EQ(reg_wait_thread(-5), 0);
+    EXPECT_EQ(pthread_getspecific(0), &value);
+    usleep(1000);
+    monitorTimeout();
+    EXPECT_EQ(getSignal(), SIGUSR2);
+    EXPECT_EQ(pthread_getspecific(0), &value);
+    pthread_setspecific(0, nullptr);
+}
+
+#ifndef __SANITIZE_ADDRESS__ // which counts in its own way
+TEST_F(WaitRegistry, the_handler_takes_no_memory) {
+    for (int i = 0; i < 40; ++i) {
+        pthread_key_t other = 0;
+        pthread_key_create(&other, nullptr);
+    }
+    captured_stdout([] { init_sig(); });
+    std::thread([] {
+        const auto before = mallinfo2();
+        signal_handler(SIGUSR2);
+        const auto after = mallinfo2();
+        EXPECT_EQ(after.uordblks, before.uordblks);
+        EXPECT_EQ(getSignal(), SIGUSR2);
+    }).join();
+    captured_stdout([] { init_sig(); });
+    EXPECT_EQ(getSignal(), 0) << "what was caught before the last start counts no more";
+}
+#endif
 
 TEST_F(WaitRegistry, fires_an_overdue_thread_and_frees_its_entry) {
     EXPECT_EQ(reg_wait_thread(60000), 0);

@@ -390,3 +390,21 @@ TEST(FailingCalls, let_a_reader_repeat_its_transaction_at_most) {
     faults.report("each system call of a file-queue reader failing", kUndone);
     figure("descriptors or locks kept by a failing reader", "0", faults.kept);
 }
+
+TEST(Locks, whose_keys_collide_do_not_make_a_thread_wait_for_itself) {
+    const Queue from, to;
+    let_keys_collide(true);
+    alarm(20); // it would wait for ever
+    ASSERT_EQ(from.put({"moved"}), 0);
+    fqtrans reader, writer;
+    char buffer[100];
+    ASSERT_GT(fq_dequeue(-1, from.path(), buffer, 78, &reader), 0);
+    EXPECT_GT(to.begin(writer, {"moved"}), 0);
+    EXPECT_EQ(reader.lockkey, writer.lockkey);
+    EXPECT_NE(reader.mtx, writer.mtx);
+    EXPECT_EQ(fq_enqueue_commit(-1, &writer), 0);
+    EXPECT_EQ(fq_dequeue_commit(-1, &reader), 0);
+    EXPECT_EQ(to.take(), "moved");
+    alarm(0);
+    let_keys_collide(false);
+}

@@ -22,6 +22,8 @@ struct Plan {
     FailingCalls::Span span{};
 } plan;
 
+bool inodes_end_alike = false;
+
 int calls_left = 0; // until this process dies; 0: never
 
 // Counts a call, whether it is one that fails, and dies when its time has come.
@@ -91,18 +93,18 @@ HALVO_TEST_EXPORT int ftruncate(int fd, off_t length) noexcept {
     return fails() ? -1 : call(fd, length);
 }
 
-HALVO_TEST_EXPORT int unlink(const char *name) noexcept {
-    static const auto call = real<int(const char *)>("unlink");
-    return fails() ? -1 : call(name);
+HALVO_TEST_EXPORT int unlinkat(int directory, const char *name, int flags) noexcept {
+    static const auto call = real<int(int, const char *, int)>("unlinkat");
+    return fails() ? -1 : call(directory, name, flags);
 }
 
-HALVO_TEST_EXPORT int open(const char *name, int flags, ...) {
-    static const auto call = real<int(const char *, int, ...)>("open64");
+HALVO_TEST_EXPORT int openat(int directory, const char *name, int flags, ...) {
+    static const auto call = real<int(int, const char *, int, ...)>("openat64");
     va_list rest;
     va_start(rest, flags);
     const mode_t mode = flags & O_CREAT ? va_arg(rest, mode_t) : 0;
     va_end(rest);
-    return fails() ? -1 : call(name, flags, mode);
+    return fails() ? -1 : call(directory, name, flags, mode);
 }
 
 HALVO_TEST_EXPORT int close(int fd) {
@@ -124,20 +126,18 @@ HALVO_TEST_EXPORT int fstat(int fd, struct stat *found) noexcept {
     return fails() ? -1 : call(fd, found);
 }
 
-HALVO_TEST_EXPORT int stat(const char *name, struct stat *found) noexcept {
-    static const auto call = real<int(const char *, struct stat *)>(HALVO_TEST_STAT("stat"));
-    return fails() ? -1 : call(name, found);
-}
-
 HALVO_TEST_EXPORT int statx(int at, const char *name, int flags, unsigned mask,
                             struct statx *found) noexcept {
     static const auto call = real<int(int, const char *, int, unsigned, struct statx *)>("statx");
-    return fails() ? -1 : call(at, name, flags, mask, found);
+    if (fails()) return -1;
+    const int result = call(at, name, flags, mask, found);
+    if (inodes_end_alike) found->stx_ino <<= 16;
+    return result;
 }
 
-HALVO_TEST_EXPORT DIR *opendir(const char *name) {
-    static const auto call = real<DIR *(const char *)>("opendir");
-    return fails() ? nullptr : call(name);
+HALVO_TEST_EXPORT DIR *fdopendir(int fd) {
+    static const auto call = real<DIR *(int)>("fdopendir");
+    return fails() ? nullptr : call(fd);
 }
 
 HALVO_TEST_EXPORT dirent *readdir(DIR *directory) {
@@ -154,5 +154,6 @@ FailingCalls::~FailingCalls() { plan = {}; }
 int FailingCalls::seen() const { return plan.seen; }
 
 void kill_before_call(int n) { calls_left = n; }
+void let_keys_collide(bool collide) { inodes_end_alike = collide; }
 
 } // namespace halvo::test

@@ -30,6 +30,9 @@ public:
     int seen() const; // calls so far
 };
 
+// Lets all lock files of one device have the same key.
+void let_keys_collide(bool collide);
+
 // Kills this process instead of its n-th call.
 void kill_before_call(int n);
 

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <thread>
 
 #include "tests/fq/queue_fixture.h"
@@ -129,6 +130,38 @@ TEST_F(Locks, threads_that_wait_do_not_take_the_lock_away_from_the_process) {
     EXPECT_EQ(other.wait(), 0) << "another process could take the lock";
     EXPECT_EQ(fq_unlock(&first), 0);
     waiter.join();
+}
+
+// The system looks for cycles among processes: T1 of this one holds A, T2 waits for B, which the
+// other one holds, whose second thread waits for A.
+TEST_F(Locks, a_cycle_of_processes_that_is_none_of_threads_is_waited_for) {
+    const Queue other("other");
+    const auto locked = [&](const Queue &which, const std::function<void()> &meanwhile) {
+        fqtrans trans = record_of(which);
+        EXPECT_EQ(fq_lock('w', &trans), 31);
+        meanwhile();
+        EXPECT_EQ(fq_unlock(&trans), 0);
+    };
+    Signal taken, go;
+    Peer peer([&] {
+        locked(other, [&] {
+            taken.send();
+            std::thread second([&] { locked(queue, [] {}); });
+            go.wait();
+            usleep(300000);
+            second.detach();
+        });
+        usleep(300000);
+        return HasFailure();
+    });
+    ASSERT_TRUE(taken.wait());
+    locked(queue, [&] {
+        go.send();
+        usleep(100000); // the peer's second thread waits for this one now
+        std::thread second([&] { locked(other, [] {}); });
+        second.join();
+    });
+    EXPECT_EQ(peer.wait(), 0);
 }
 
 TEST_F(Locks, giving_back_what_is_not_held_prints_three_lines) {

@@ -21,7 +21,7 @@
 #include "fq/format.h"
 #include "halvo/fq.h"
 #include "tests/support/capture.h"
-#include "tests/support/directory.h"
+#include "tools/fixture/directory.h"
 
 namespace halvo::test {
 

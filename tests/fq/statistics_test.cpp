@@ -4,7 +4,7 @@
 #include <ctime>
 
 #include "tests/fq/queue_fixture.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 using namespace halvo::test;
 

@@ -27,22 +27,23 @@ TEST_F(FrxOperations, never_give_a_length_that_a_slot_cannot_hold) {
 }
 
 TEST_F(FrxOperations, refuse_null_and_report_what_the_ring_refuses) {
-    EXPECT_EQ(frx_read(&reader, nullptr, 0), ESMS_INVAL);
-    EXPECT_EQ(frx_readBuf(&reader, nullptr, 0, 0), ESMS_INVAL);
-    EXPECT_EQ(frx_readMarked(&reader, 0, nullptr), ESMS_INVAL);
-    EXPECT_EQ(frx_view(&reader, nullptr), ESMS_INVAL);
-    EXPECT_EQ(::frx_write(&writer, 1, nullptr, 5, -1), ESMS_INVAL);
-    const auto printed = [&](auto call, int code) {
-        return captured_stdout([&] { EXPECT_EQ(call(), code); });
+    for (const int answer : {frx_read(&reader, nullptr, 0), frx_readBuf(&reader, nullptr, 0, 0),
+                             frx_readMarked(&reader, 0, nullptr), frx_view(&reader, nullptr),
+                             ::frx_write(&writer, 1, nullptr, 5, -1)})
+        EXPECT_EQ(answer, ESMS_INVAL);
+    const struct {
+        std::function<int()> call;
+        std::string printed;
+    } refused[] = {
+        {[&] { return frx_write(&writer, "", -1); }, "snd error .... ESMS_INVAL\n"},
+        {[&] { return frx_writeMark(&writer, 1, "", 0, -1); }, "snd error ..... ESMS_INVAL\n"},
+        {[&] { return frx_writeBuf(&writer, 1, "x", 1, 5, -1); },
+         "frx_writeBuf snd error ..... ESMS_INVAL\n"},
     };
-    EXPECT_EQ(printed([&] { return frx_write(&writer, "", -1); }, ESMS_INVAL),
-              "snd error .... ESMS_INVAL\n");
-    EXPECT_EQ(printed([&] { return frx_writeMark(&writer, 1, "", 0, -1); }, ESMS_INVAL),
-              "snd error ..... ESMS_INVAL\n");
-    EXPECT_EQ(printed([&] { return frx_writeBuf(&writer, 1, "x", 1, 5, -1); }, ESMS_INVAL),
-              "frx_writeBuf snd error ..... ESMS_INVAL\n");
+    for (const auto &[call, printed] : refused)
+        EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(call(), ESMS_INVAL); }), printed);
     fill(4);
-    EXPECT_EQ(printed([&] { return frx_write(&writer, "x", -1); }, ESMS_FULL), "")
+    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(frx_write(&writer, "x", -1), ESMS_FULL); }), "")
         << "a full ring is no error to report";
     Slot slot(q);
     EXPECT_EQ(frx_readBuf(&reader, slot.data(), 0, 5), ESMS_FAILED);
@@ -96,6 +97,7 @@ TEST_F(FrxOperations, probes_need_no_opened_handle) {
     probe.side = 'w';
     EXPECT_EQ(frx_stat(&probe), HALVO_SLOT_FREE);
     EXPECT_EQ(frx_statBuf(&probe, -1), ESMS_INVAL);
+    EXPECT_EQ(frx_statBuf(&probe, 0), HALVO_SLOT_FREE);
     EXPECT_EQ(frx_statBuf(&probe, 5), HALVO_SLOT_READABLE) << "one index more than buffers";
     EXPECT_EQ(frx_statBuf(&probe, 6), ESMS_INVAL);
 }
@@ -133,6 +135,7 @@ TEST_F(FrxOperations, sizes_and_counts_by_channel_number) {
     EXPECT_EQ(frx_pcountFor(0, 1), 3);
     EXPECT_EQ(frx_resetPCountFor(0, 1), 3);
     EXPECT_EQ(frx_pcountFor(0, 1), 0);
+    EXPECT_EQ(frx_pcountFor(0, 0), 3) << "all types";
     for (int type : {-1, 4096}) {
         EXPECT_EQ(frx_pcountFor(0, type), ESMS_INVAL);
         EXPECT_EQ(frx_resetPCountFor(0, type), ESMS_INVAL);

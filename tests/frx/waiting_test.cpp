@@ -1,4 +1,5 @@
 // Waits: how they end, and what they leave behind.
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/sem.h>
 
@@ -25,6 +26,29 @@ protected:
 };
 
 void ignore(int) {}
+
+// A thread that ends by its cancellation, if at all.
+void *read_from(void *end) {
+    char slot[64];
+    frx_read(static_cast<FrxChannel *>(end), slot, 60000);
+    return nullptr;
+}
+
+int value_of(const Segment &segment, const char *suffix) {
+    const std::string path = segment.key_file() + suffix;
+    return semctl(semget(ftok(path.c_str(), 1), 1, 0), 0, GETVAL);
+}
+
+// Replaces standard output by a pipe that takes no byte more.
+void stall_output() {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    char page[4096] = {};
+    while (::write(ends[1], page, sizeof page) > 0) {
+    }
+    fcntl(ends[1], F_SETFL, 0);
+    ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
+}
 
 // A signal that is not the monitor's, to this thread, again and again until it is stopped.
 class ForeignSignals {
@@ -137,6 +161,55 @@ TEST_F(FrxWaiting, a_semaphore_removed_under_a_wait_ends_it_in_time) {
     remover.join();
 }
 
+TEST_F(FrxWaiting, a_message_or_room_that_nobody_told_of_is_found) {
+    const auto wait_beside = [this](auto silent, auto call) {
+        const int64_t start = milliseconds_now();
+        std::thread later([&] {
+            usleep(50000);
+            silent();
+        });
+        call();
+        EXPECT_LT(milliseconds_now() - start, 2000) << "or the machine is very busy";
+        later.join();
+    };
+    wait_beside([this] { halvo::test::write(q, "silent"); }, [this] { EXPECT_EQ(read(10000), "silent"); });
+    fill(4);
+    wait_beside([this] { halvo::test::read(q); },
+                [this] { EXPECT_EQ(frx_write(&writer, "x", 10000), ESMS_OK); });
+}
+
+TEST_F(FrxWaiting, whoever_begins_to_wait_wakes_the_other_side) {
+    q->wwait = 1;
+    EXPECT_EQ(read(0), "[-1]");
+    EXPECT_EQ(value_of(segment, ".req"), 1);
+    q->wwait = 0;
+    fill(4);
+    q->rwait = 1;
+    EXPECT_EQ(frx_write(&writer, "x", 0), ESMS_TIMEOUT);
+    EXPECT_EQ(value_of(segment, ".post"), 1);
+}
+
+TEST_F(FrxWaiting, a_cancelled_thread_withdraws_its_wait) {
+    FrxChannel file_end{};
+    ASSERT_EQ(frx_openChannel(&file_end, "f", 1, 'r', 1000), ESMS_OK);
+    for (FrxChannel *end : {&reader, &file_end}) {
+        const halvo_channel *channel = q_chnnl2q(end->channel);
+        pthread_t thread{};
+        ASSERT_EQ(pthread_create(&thread, nullptr, read_from, end), 0);
+        while (halvo::load(channel->rwait) == 0) usleep(100);
+        usleep(end == &reader ? 20000 : 0); // asleep, or anywhere in its round
+        pthread_cancel(thread);
+        void *result = nullptr;
+        pthread_join(thread, &result);
+        EXPECT_EQ(result, PTHREAD_CANCELED);
+        EXPECT_EQ(channel->rwait, 0);
+    }
+    EXPECT_EQ(reg_wait_thread(0), 0) << "no registration is left";
+    unreg_wait_thread();
+    fill(1);
+    EXPECT_EQ(read(), "0");
+}
+
 TEST_F(FrxWaiting, a_throttled_reader_and_a_blocked_writer_do_not_wake_each_other_for_ever) {
     fill(4);
     q->tpsmx = 1;
@@ -165,6 +238,82 @@ TEST_F(FrxWaiting, threads_of_one_end_share_it) {
     for (std::thread &thread : writers) thread.join();
     for (std::thread &thread : readers) thread.join();
     EXPECT_EQ(received, 1000);
+}
+
+TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
+    const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    ASSERT_EQ(initialise(segment), ESMS_OK);
+    FrxChannel reader{};
+    ASSERT_EQ(frx_openChannel(&reader, "parent", 0, 'r', 1000), ESMS_OK);
+    Slot slot(q_chnnl2q(0));
+    EXPECT_EQ(frx_read(&reader, slot.data(), 0), ESMS_TIMEOUT);
+    std::atomic<bool> stop{false};
+    std::thread busy([&] {
+        while (!stop) {
+            reg_wait_thread(60000);
+            unreg_wait_thread();
+        }
+    });
+    reg_wait_thread(60000);
+    for (int i = 0; i < 200; ++i) {
+        Peer child([&] {
+            alarm(10);
+            if (frx_read(&reader, slot.data(), 0) != ESMS_ACCESS) return 1;
+            return reg_wait_thread(1000) == 0 ? 0 : 2; // its parent's waits are not its own
+        });
+        ASSERT_EQ(child.wait(), 0);
+    }
+    stop = true;
+    busy.join();
+}
+
+TEST(FrxSessions, a_stalled_standard_output_holds_no_time_limit) {
+    const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    for (const bool somebody_prints : {false, true}) {
+        Peer process([&] {
+            FrxChannel end{};
+            if (initialise(segment) != ESMS_OK) return 1;
+            if (frx_openChannel(&end, "reader", 0, 'r', 1000) != ESMS_OK) return 2;
+            stall_output();
+            std::thread printer([=] {
+                if (somebody_prints) std::puts(std::string(100000, 'x').c_str());
+            });
+            printer.detach();
+            usleep(100000);
+            if (!somebody_prints) std::fputs("kept in the buffer", stdout);
+            char slot[64];
+            const int64_t start = milliseconds_now();
+            const int first = frx_read(&end, slot, 100), second = frx_read(&end, slot, 100);
+            _exit(first == ESMS_TIMEOUT && second == ESMS_TIMEOUT &&
+                          milliseconds_now() - start < 5000
+                      ? 0
+                      : 3);
+        });
+        alarm(20);
+        EXPECT_EQ(process.wait(), 0);
+    }
+}
+
+TEST(FrxSessions, a_segment_goes_beside_the_monitor_and_its_clock) {
+    const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    for (int i = 0; i < 20; ++i) {
+        Peer process([&] {
+            if (initialise(segment) != ESMS_OK) return 1;
+            std::thread clock([] {
+                while (q_settime() != -1) {
+                }
+            });
+            std::thread monitor([] {
+                while (q_settime() != -1) frx_monitorTimeout();
+            });
+            usleep(2000);
+            const int result = close_shm();
+            clock.join();
+            monitor.join();
+            return result;
+        });
+        ASSERT_EQ(process.wait(), 0);
+    }
 }
 
 TEST(FrxSessions, a_reader_killed_while_it_sleeps_gives_the_channel_back) {

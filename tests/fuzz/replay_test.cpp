@@ -4,14 +4,13 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "tests/fuzz/attachment.h"
 #include "tests/fuzz/targets.h"
 #include "tests/support/capture.h"
+#include "tests/support/files.h"
 
 namespace {
 
@@ -31,8 +30,7 @@ void replay(const char *name, Target target) {
     ASSERT_FALSE(files.empty());
     for (const auto &file : files) {
         SCOPED_TRACE(file.filename().string());
-        std::ifstream in(file, std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(in)), {});
+        const std::string bytes = halvo::test::content_of(file);
         const halvo::test::StdoutCapture unseen;
         target(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
     }

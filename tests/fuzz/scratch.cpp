@@ -3,9 +3,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 
-#include "core/posix.h"
+#include "tests/support/files.h"
 
 namespace halvo::fuzz {
 
@@ -14,14 +13,10 @@ namespace {
 struct Scratch {
     std::string path;
     Scratch() {
-        const bool shared_memory = access("/dev/shm", W_OK) == 0;
-        path = std::string(shared_memory ? "/dev/shm" : "/tmp") + "/halvo-fuzz-XXXXXX";
-        if (!mkdtemp(path.data())) std::abort();
+        if (access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
+        path = test::make_test_directory();
     }
-    ~Scratch() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
+    ~Scratch() { test::remove_tree(path); }
 };
 
 } // namespace
@@ -34,9 +29,7 @@ const std::string &scratch_directory() {
 std::string scratch_file(const std::string &name) { return scratch_directory() + "/" + name; }
 
 void write_scratch(const std::string &path, const std::string &content) {
-    const Descriptor file = open_file(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC);
-    if (write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()))
-        std::abort();
+    test::write_file(path, content);
 }
 
 } // namespace halvo::fuzz

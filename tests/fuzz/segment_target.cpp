@@ -12,6 +12,7 @@
 #include "tests/fuzz/attachment.h"
 #include "tests/fuzz/input.h"
 #include "tests/fuzz/targets.h"
+#include "tools/qm/segment.h"
 
 using namespace halvo;
 using halvo::fuzz::Input;
@@ -44,26 +45,11 @@ constexpr uint32_t kSegmentWords[] = {
 
 constexpr uint32_t kFirstChannel = sizeof(halvo_segment);
 constexpr uint32_t kSlots = sizeof(halvo_channel); // where the first slots of a channel begin
-constexpr uint32_t kValues[] = {0,
-                                1,
-                                3,
-                                5,
-                                17,
-                                20,
-                                64,
-                                512,
-                                4096,
-                                kSlots,
-                                kSlots + 20,
-                                kSlots + 512,
-                                kSlots + 2048,
-                                kFirstChannel,
-                                kFirstChannel + 4,
-                                269,
-                                0x7FFFFFFF,
-                                0x80000000,
-                                0xFFFFFFFC,
-                                0xFFFFFFFF};
+// clang-format off
+constexpr uint32_t kValues[] = {
+    0, 1, 3, 5, 17, 20, 64, 512, 4096, kSlots, kSlots + 20, kSlots + 512, kSlots + 2048, kFirstChannel,
+    kFirstChannel + 4, 269, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFC, 0xFFFFFFFF};
+// clang-format on
 
 // Where channel n is in a sound segment.
 uint32_t sound_channel(uint32_t n) {
@@ -76,16 +62,11 @@ uint32_t sound_channel(uint32_t n) {
 
 uint32_t word_to_damage(Input &input) {
     const uint32_t channel = sound_channel(input.below(fuzz::kChannels));
-    switch (input.below(4)) {
-    case 0:
-        return kSegmentWords[input.below(std::size(kSegmentWords))];
-    case 1:
-        return input.number<uint32_t>();
-    case 2: // a word of the slots
-        return channel + kSlots + 4 * input.number<uint16_t>();
-    default:
-        return channel + kChannelWords[input.below(std::size(kChannelWords))];
-    }
+    const uint32_t choice = input.below(4);
+    if (choice == 0) return kSegmentWords[input.below(std::size(kSegmentWords))];
+    if (choice == 1) return input.number<uint32_t>();
+    if (choice == 2) return channel + kSlots + 4 * input.number<uint16_t>(); // of the slots
+    return channel + kChannelWords[input.below(std::size(kChannelWords))];
 }
 
 void damage(Input &input) {
@@ -129,76 +110,66 @@ Message any_message(Input &input, uint32_t slot_size) {
     return {length, exactly(length)};
 }
 
+// What an operation is given, drawn from the input before it is chosen.
+struct Given {
+    Input &input;
+    halvo_channel *q;
+    int n, type;
+    Message message;
+    Memory slot;
+    FrxChannel *handle;
+
+    const void *data() const { return message.data.get(); }
+    uint32_t length() const { return message.length; }
+};
+using Operation = void (*)(const Given &);
+
+template <size_t n>
+void run_any(Input &input, const Operation (&operations)[n], const Given &given) {
+    operations[input.below(n)](given);
+}
+
+// A kept input names an operation by its place: new ones stand behind a table's last.
+constexpr Operation kWrites[] = {
+    [](const Given &g) { q_write_mark(g.q, g.type, g.data(), g.length()); },
+    [](const Given &g) {
+        q_write_mark_at(g.q, g.type, g.data(), g.length(), static_cast<uint32_t>(g.n));
+    },
+    [](const Given &g) { q_write_commit(g.q); },
+    [](const Given &g) { q_write_commit_all(g.q); },
+    [](const Given &g) { q_write_rollback(g.q); },
+    [](const Given &g) { q_write_rollback_all(g.q); },
+    [](const Given &g) { q_write_buf(g.q, g.type, g.data(), g.length(), g.n); },
+    [](const Given &g) { q_write_buf_commit(g.q, g.n); },
+    [](const Given &g) { q_write_buf_rollback(g.q, g.n); },
+    [](const Given &g) { q_write(g.q, g.type, g.data(), g.length()); },
+};
+
+constexpr Operation kReads[] = {
+    [](const Given &g) { q_read_mark(g.q, g.n); },
+    [](const Given &g) { q_read_markedmsg(g.q, g.n, g.slot.get()); },
+    [](const Given &g) { q_read_commit(g.q, g.n, g.input.number<int32_t>()); },
+    [](const Given &g) { q_read_commit_with_error(g.q, g.n, "E1"); },
+    [](const Given &g) { q_read_rollback(g.q); },
+    [](const Given &g) { q_read_buf(g.q, g.slot.get(), g.n); },
+    [](const Given &g) { q_read_buf_clear(g.q, g.n); },
+    [](const Given &g) { q_read(g.q, g.slot.get()); },
+};
+
 void write_slots(Input &input, halvo_channel *q) {
-    const Message message = any_message(input, q->qbsz);
-    const int type = input.number<uint16_t>();
-    const int index = input.number<int8_t>();
-    switch (input.below(10)) {
-    case 0:
-        q_write_mark(q, type, message.data.get(), message.length);
-        break;
-    case 1:
-        q_write_mark_at(q, type, message.data.get(), message.length, static_cast<uint32_t>(index));
-        break;
-    case 2:
-        q_write_commit(q);
-        break;
-    case 3:
-        q_write_commit_all(q);
-        break;
-    case 4:
-        q_write_rollback(q);
-        break;
-    case 5:
-        q_write_rollback_all(q);
-        break;
-    case 6:
-        q_write_buf(q, type, message.data.get(), message.length, index);
-        break;
-    case 7:
-        q_write_buf_commit(q, index);
-        break;
-    case 8:
-        q_write_buf_rollback(q, index);
-        break;
-    default:
-        q_write(q, type, message.data.get(), message.length);
-    }
+    Message message = any_message(input, q->qbsz);
+    const int type = input.number<uint16_t>(), n = input.number<int8_t>();
+    run_any(input, kWrites, {input, q, n, type, std::move(message), nullptr, nullptr});
     q_writable_count(q);
     q_writeview(q, exactly(q->qbsz).get());
 }
 
 void read_slots(Input &input, halvo_channel *q) {
-    const Memory slot = exactly(q->qbsz);
-    const int n = input.number<int8_t>();
-    switch (input.below(8)) {
-    case 0:
-        q_read_mark(q, n);
-        break;
-    case 1:
-        q_read_markedmsg(q, n, slot.get());
-        break;
-    case 2:
-        q_read_commit(q, n, input.number<int32_t>());
-        break;
-    case 3:
-        q_read_commit_with_error(q, n, "E1");
-        break;
-    case 4:
-        q_read_rollback(q);
-        break;
-    case 5:
-        q_read_buf(q, slot.get(), n);
-        break;
-    case 6:
-        q_read_buf_clear(q, n);
-        break;
-    default:
-        q_read(q, slot.get());
-    }
-    use_body(q, slot);
-    q_readview(q, slot.get());
-    use_body(q, slot);
+    const Given given = {input, q, input.number<int8_t>(), 0, {}, exactly(q->qbsz), nullptr};
+    run_any(input, kReads, given);
+    use_body(q, given.slot);
+    q_readview(q, given.slot.get());
+    use_body(q, given.slot);
     q_read_markedcount(q);
 }
 
@@ -237,59 +208,42 @@ void use_length(int length, const Memory &slot, uint32_t slot_size) {
     std::memcpy(copy.get(), slot.get() + offsetof(qmsg, data), static_cast<size_t>(length));
 }
 
+uint32_t slot_size_of(const halvo_channel *q) { return q ? q->qbsz : 64; }
+
 // The guarded interface; a wait is interrupted at once.
+constexpr Operation kGuarded[] = {
+    [](const Given &g) { frx_write(g.handle, g.n, g.data(), g.length(), g.n); },
+    [](const Given &g) { frx_writeMark(g.handle, g.n, g.data(), g.length(), g.n); },
+    [](const Given &g) { frx_writeBuf(g.handle, g.n, g.data(), g.length(), g.n & 7, g.n); },
+    [](const Given &g) { frx_writeCommit(g.handle); },
+    [](const Given &g) { frx_writeBufCommit(g.handle, g.n); },
+    [](const Given &g) { frx_writeBufRollback(g.handle, g.n); },
+    [](const Given &g) {
+        use_length(frx_read(g.handle, g.slot.get(), g.n), g.slot, slot_size_of(g.q));
+    },
+    [](const Given &g) {
+        use_length(frx_readBuf(g.handle, g.slot.get(), g.n, g.n & 7), g.slot, slot_size_of(g.q));
+    },
+    [](const Given &g) { frx_readMark(g.handle, g.n, g.n); },
+    [](const Given &g) { frx_readMarked(g.handle, g.n, g.slot.get()); },
+    [](const Given &g) { frx_readCommit(g.handle, g.n); },
+    [](const Given &g) { frx_readRollback(g.handle), frx_writeRollback(g.handle); },
+};
+
 void guarded_operation(Input &input, int channel) {
     static FrxChannel handles[2];
     const char side = input.below(2) ? 'w' : 'r';
     FrxChannel *handle = &handles[side == 'w'];
     frx_openChannel(handle, "fuzz", channel, side, 0);
-    const halvo_channel *q = checked_channel(channel);
-    const uint32_t slot_size = q ? q->qbsz : 64;
-    const Memory slot = exactly(slot_size);
-    const Message message = any_message(input, slot_size);
+    halvo_channel *q = checked_channel(channel);
+    Message message = any_message(input, slot_size_of(q));
     const int n = input.number<int8_t>();
-    frx_view(handle, slot.get());
+    const Given given = {input, q, n, 0, std::move(message), exactly(slot_size_of(q)), handle};
+    frx_view(handle, given.slot.get());
     frx_stat(handle);
     frx_statBuf(handle, n);
     frx_isCountpartAlive(handle, n);
-    switch (input.below(12)) {
-    case 0:
-        frx_write(handle, n, message.data.get(), message.length, n);
-        break;
-    case 1:
-        frx_writeMark(handle, n, message.data.get(), message.length, n);
-        break;
-    case 2:
-        frx_writeBuf(handle, n, message.data.get(), message.length, n & 7, n);
-        break;
-    case 3:
-        frx_writeCommit(handle);
-        break;
-    case 4:
-        frx_writeBufCommit(handle, n);
-        break;
-    case 5:
-        frx_writeBufRollback(handle, n);
-        break;
-    case 6:
-        use_length(frx_read(handle, slot.get(), n), slot, slot_size);
-        break;
-    case 7:
-        use_length(frx_readBuf(handle, slot.get(), n, n & 7), slot, slot_size);
-        break;
-    case 8:
-        frx_readMark(handle, n, n);
-        break;
-    case 9:
-        frx_readMarked(handle, n, slot.get());
-        break;
-    case 10:
-        frx_readCommit(handle, n);
-        break;
-    default:
-        frx_readRollback(handle);
-        frx_writeRollback(handle);
-    }
+    run_any(input, kGuarded, given);
     frx_closeChannel(handle);
 }
 
@@ -317,78 +271,59 @@ struct Monitor {
     }
 };
 
-void print(Input &input, const Monitor &monitor) {
-    static constexpr char kModes[] = {'a', 's', 'w', 'f'};
-    const char mode = kModes[input.below(4)];
-    const Memory document = exactly(128 + 1024 * monitor.channels);
-    char text[HALVO_LAST_MESSAGE_SIZE];
-    switch (input.below(10)) {
-    case 0:
-        q_statprint_xml(mode, document.get());
-        break;
-    case 1:
-        q_statprint_json(mode, document.get());
-        break;
-    case 2:
-        q_statprint_classic(mode);
-        break;
-    case 3:
-        q_statprint(mode);
-        break;
-    case 4:
-        q_statprint2(mode);
-        break;
-    case 5:
-        q_tstatprint("s");
-        break;
-    case 6:
-        q_clientsprint();
-        break;
-    case 7:
-        q_statlog(mode);
-        break;
-    case 8:
+struct Printing {
+    Input &input;
+    char mode;
+    char *document;
+};
+
+constexpr void (*kPrinters[])(const Printing &) = {
+    [](const Printing &p) { q_statprint_xml(p.mode, p.document); },
+    [](const Printing &p) { q_statprint_json(p.mode, p.document); },
+    [](const Printing &p) { q_statprint_classic(p.mode); },
+    [](const Printing &p) { q_statprint(p.mode); },
+    [](const Printing &p) { q_statprint2(p.mode); },
+    [](const Printing &) { q_tstatprint("s"); },
+    [](const Printing &) { q_clientsprint(); },
+    [](const Printing &p) { q_statlog(p.mode); },
+    [](const Printing &) {
+        char text[HALVO_LAST_MESSAGE_SIZE];
         qm_sprint_last_msg(text);
         qm_last_out_q(q_0());
-        break;
-    default:
-        q_printlogo2(mode);
-        if (const halvo_channel *q = checked_channel(any_channel(input))) q_print_rwrw_bufs(q);
-    }
+    },
+    [](const Printing &p) {
+        q_printlogo2(p.mode);
+        if (const halvo_channel *q = checked_channel(any_channel(p.input))) q_print_rwrw_bufs(q);
+    },
+};
+
+void print(Input &input, const Monitor &monitor) {
+    const Memory document = exactly(128 + 1024 * monitor.channels);
+    const char mode = "aswf"[input.below(4)];
+    kPrinters[input.below(std::size(kPrinters))]({input, mode, document.get()});
 }
 
 void operate(Input &input, Monitor &monitor) {
     const int channel = any_channel(input);
-    switch (input.below(16)) {
-    case 0:
-    case 1:
-        if (halvo_channel *q = checked_channel(channel)) write_slots(input, q);
-        break;
-    case 2:
-    case 3:
-        if (halvo_channel *q = checked_channel(channel)) read_slots(input, q);
-        break;
-    case 4:
-        look_at_channel(input, channel);
-        break;
-    case 5:
-        open_and_recover(input, channel);
-        break;
-    case 6:
-    case 7:
-        guarded_operation(input, channel);
-        break;
-    case 8:
-        damage(input); // by another process, meanwhile
-        break;
-    case 9:
-        monitor.take_snapshot(input.below(2));
-        break;
-    case 10:
-        q_settime();
-        break;
-    default:
-        print(input, monitor);
+    halvo_channel *q = checked_channel(channel);
+    const uint32_t choice = input.below(16);
+    if (choice < 2 && q) write_slots(input, q);
+    if (choice / 2 == 1 && q) read_slots(input, q);
+    if (choice == 4) look_at_channel(input, channel);
+    if (choice == 5) open_and_recover(input, channel);
+    if (choice / 2 == 3) guarded_operation(input, channel);
+    if (choice == 8) damage(input); // by another process, meanwhile
+    if (choice == 9) monitor.take_snapshot(input.below(2));
+    if (choice == 10) q_settime();
+    if (choice > 10) print(input, monitor);
+}
+
+// What the queue manager says of it.
+void examine() {
+    try {
+        qm::check("fuzzed");
+        qm::list("fuzzed");
+    } catch (const qm::Error &) { // the only one that may come out
     }
 }
 
@@ -400,6 +335,7 @@ void halvo::fuzz::segment(const uint8_t *data, size_t size) {
     const uint32_t cut = input.below(8) == 0 ? input.number<uint32_t>() % sound_size() / 4 * 4 : 0;
     place_segment(sound_size() - cut);
     for (uint32_t pieces = input.below(16); pieces > 0 && input.more(); --pieces) damage(input);
+    examine();
     attach();
     Monitor monitor;
     for (int i = 0; i < kMostOperations && input.more(); ++i) operate(input, monitor);

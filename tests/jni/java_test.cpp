@@ -33,26 +33,47 @@ Segment test_segment() {
     return builder.build();
 }
 
-Outcome run_junit(const Segment &s, Words options, const Words &classes) {
-    options.push_back("-Dhalvoipc.library=" HALVO_LIBRARY);
-    Words command{"org.junit.runner.JUnitCore"};
-    for (const std::string &name : classes) command.push_back(kPackage + name);
-    return run_vm(s, options, command);
+// The tests run in every VM of the library's width that is there.
+class Vm : public testing::TestWithParam<int> {
+protected:
+    void SetUp() override {
+        java_ = find_java(GetParam(), 8 * sizeof(void *));
+        if (java_.empty())
+            GTEST_SKIP() << "no JDK " << GetParam() << " of " << 8 * sizeof(void *)
+                         << " bits under /usr/lib/jvm: not tested with it";
+    }
+    static bool restricts_native_access() { return GetParam() >= 24; }
+
+    Outcome junit(const Segment &s, Words options, const Words &classes) const {
+        options.push_back("-Dhalvoipc.library=" HALVO_LIBRARY);
+        if (restricts_native_access()) options.push_back("--enable-native-access=ALL-UNNAMED");
+        Words command{"org.junit.runner.JUnitCore"};
+        for (const std::string &name : classes) command.push_back(kPackage + name);
+        return run_vm(s, options, command, java_);
+    }
+    void run(const std::string &name) const { expect_ok(junit(test_segment(), {}, {name})); }
+    static void expect_ok(const Outcome &outcome);
+
+    std::string java_;
+};
+
+std::string name_of(const testing::TestParamInfo<int> &version) {
+    return "on" + std::to_string(version.param);
 }
+#ifdef __i386__ // for which there is no later one
+INSTANTIATE_TEST_SUITE_P(jni, Vm, testing::Values(17), name_of);
+#else
+INSTANTIATE_TEST_SUITE_P(jni, Vm, testing::Values(17, 25), name_of);
+#endif
 
 // The VM ended by itself, every test ran, and none failed.
-void expect_ok(const Outcome &outcome) {
+void Vm::expect_ok(const Outcome &outcome) {
     EXPECT_EQ(outcome.status, 0);
     std::smatch result;
     if (std::regex_search(outcome.out, result, std::regex("\nOK \\([0-9]+ tests?\\)\n")))
         std::printf("%s", result.str().c_str() + 1);
     else
         ADD_FAILURE() << outcome.out;
-}
-
-void expect_ok(const std::string &name) {
-    const Segment s = test_segment();
-    expect_ok(run_junit(s, {}, {name}));
 }
 
 std::string content(const std::string &path) {
@@ -64,17 +85,29 @@ std::string content(const std::string &path) {
 
 } // namespace
 
-TEST(jni, BindingTest) { expect_ok("BindingTest"); }
-TEST(jni, UnattachedTest) { expect_ok("UnattachedTest"); }
-TEST(jni, BlockingTest) { expect_ok("BlockingTest"); }
+TEST_P(Vm, BindingTest) { run("BindingTest"); }
+TEST_P(Vm, UnattachedTest) { run("UnattachedTest"); }
+TEST_P(Vm, BlockingTest) { run("BlockingTest"); }
+
+TEST_P(Vm, WaitsTest) {
+    expect_ok(junit(test_segment(),
+                    {"-Djdk.virtualThreadScheduler.parallelism=1",
+                     "-Djdk.virtualThreadScheduler.maxPoolSize=1"},
+                    {"WaitsTest"}));
+}
+
+TEST_P(Vm, AttachTest) {
+    const Segment other = SegmentBuilder().channel("other", 'M', 4, 64).build();
+    expect_ok(junit(test_segment(), {"-Dhalvo.test.other=" + other.key_file()}, {"AttachTest"}));
+}
 
 // The VM's own check of every call that a native makes. The remaining classes run under it alone.
-TEST(jni, CheckedCalls) {
+TEST_P(Vm, CheckedCalls) {
     const Segment s = test_segment();
     const Outcome outcome =
-        run_junit(s, {"-Xcheck:jni"},
-                  {"LifecycleTest", "TransferTest", "TransactionsTest", "CountersTest",
-                   "LiveStatTest", "BlockingTest", "FileQueueTest", "CompanionTest"});
+        junit(s, {"-Xcheck:jni"},
+              {"LifecycleTest", "TransferTest", "TransactionsTest", "CountersTest", "LiveStatTest",
+               "BlockingTest", "FileQueueTest", "CompanionTest"});
     expect_ok(outcome);
     // What the VM has to say of the calls; that the library handles SIGUSR2 it says once.
     std::istringstream lines(outcome.out);
@@ -83,7 +116,7 @@ TEST(jni, CheckedCalls) {
         EXPECT_FALSE(std::regex_search(line, warning)) << line;
 }
 
-TEST(jni, ExchangeTest) {
+TEST_P(Vm, ExchangeTest) {
     const Segment s = SegmentBuilder()
                           .channel("toC", 'M', 4, 64)
                           .channel("fromC", 'M', 4, 64)
@@ -105,7 +138,7 @@ TEST(jni, ExchangeTest) {
         }
         return 0;
     });
-    expect_ok(run_junit(s, {}, {"ExchangeTest"}));
+    expect_ok(junit(s, {}, {"ExchangeTest"}));
     EXPECT_EQ(echo.wait(), 0);
 }
 
@@ -118,6 +151,32 @@ TEST(jni, Hello) {
     EXPECT_NE(outcome.out.find("7: Hello, gateway\n"), std::string::npos) << outcome.out;
     EXPECT_NE(outcome.out.find("SHM_INIT_FINISHED.\n"), std::string::npos)
         << "what the library prints comes out at the end of the VM\n"
+        << outcome.out;
+}
+
+// A VM at another path than the one that the library was built with: its own libjsig.so serves.
+TEST_P(Vm, OfAnotherPath) {
+    const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    std::string library = content(HALVO_LIBRARY);
+    const std::string place = std::filesystem::path(HALVO_JAVA).parent_path().parent_path();
+    for (size_t at = 0; (at = library.find(place, at)) != std::string::npos; ++at)
+        library[at + place.size() - 1] = '_';
+    std::ofstream(s.path("libhalvoipc.so"), std::ios::binary) << library;
+    const Outcome outcome = run_vm(s, {"-Dhalvoipc.library=" + s.path("libhalvoipc.so")},
+                                   {"Hello", s.key_file(), "MT01"}, java_);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_NE(outcome.out.find("7: Hello, gateway\n"), std::string::npos) << outcome.out;
+}
+
+TEST_P(Vm, ThatRefusesNativeCodeTellsHowToAllowIt) {
+    if (!restricts_native_access()) GTEST_SKIP() << "this VM restricts nothing";
+    const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    const Outcome outcome =
+        run_vm(s, {"--illegal-native-access=deny", "-Dhalvoipc.library=" HALVO_LIBRARY},
+               {"Hello", s.key_file(), "MT01"}, java_);
+    EXPECT_NE(outcome.status, 0);
+    EXPECT_NE(outcome.out.find("start java with --enable-native-access=ALL-UNNAMED"),
+              std::string::npos)
         << outcome.out;
 }
 

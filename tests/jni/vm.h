@@ -2,20 +2,47 @@
 #pragma once
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 #include "tests/support/program.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 
 using Words = std::vector<std::string>;
 
-// The VM's standard error is added to its output.
-inline Outcome run_vm(const Segment &s, const Words &options, const Words &command) {
-    unsetenv("LD_LIBRARY_PATH"); // the library must be found without
-    for (const char *name : {"JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS", "_JAVA_OPTIONS"})
-        unsetenv(name);
-    Words words{HALVO_JAVA,
+// The program of a VM under /usr/lib/jvm, or nothing.
+inline std::string find_java(int version, int width) {
+    const std::string wanted[] = {"JAVA_VERSION=\"" + std::to_string(version) + ".",
+                                  width == 32 ? "OS_ARCH=\"x86\"" : "OS_ARCH=\"x86_64\""};
+    std::error_code none;
+    for (const auto &entry : std::filesystem::directory_iterator("/usr/lib/jvm", none)) {
+        std::ifstream file(entry.path() / "release");
+        const std::string release(std::istreambuf_iterator<char>(file), {});
+        const auto java = entry.path() / "bin/java";
+        if (release.find(wanted[0]) != std::string::npos &&
+            release.find(wanted[1]) != std::string::npos && exists(java, none))
+            return java;
+    }
+    return {};
+}
+
+// The library of a word size: this build tree's, or that of the tree beside it; empty if not there.
+inline std::string find_library(int width) {
+    if (width == static_cast<int>(8 * sizeof(void *))) return HALVO_LIBRARY;
+    const std::string other = std::string(HALVO_BUILD_TREES) + (width == 32 ? "/i386" : "/x86_64") +
+                              "/lib/libhalvoipc.so";
+    return std::filesystem::exists(other) ? other : std::string();
+}
+
+// The words that start a VM with the classes of the tests.
+inline Words vm_words(const Segment &s, const Words &options, const Words &command,
+                      const std::string &java = HALVO_JAVA) {
+    for (const char *name :
+         {"LD_LIBRARY_PATH", "JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS", "_JAVA_OPTIONS"})
+        unsetenv(name); // the library must be found without
+    Words words{java,
                 "-Xmx64m",
                 "-XX:ErrorFile=/dev/stderr",
                 "-cp",
@@ -25,7 +52,13 @@ inline Outcome run_vm(const Segment &s, const Words &options, const Words &comma
                 "-Dhalvo.test.dir=" + s.path("")};
     words.insert(words.end(), options.begin(), options.end());
     words.insert(words.end(), command.begin(), command.end());
-    Outcome outcome = run_program(words);
+    return words;
+}
+
+// The VM's standard error is added to its output.
+inline Outcome run_vm(const Segment &s, const Words &options, const Words &command,
+                      const std::string &java = HALVO_JAVA) {
+    Outcome outcome = run_program(vm_words(s, options, command, java));
     outcome.out += outcome.err;
     return outcome;
 }

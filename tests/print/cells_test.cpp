@@ -1,3 +1,7 @@
+// The pieces that the tables are made of: cells, elapsed times, and the banner above them.
+#include <algorithm>
+#include <cstdlib>
+
 #include "tests/print/scenario.h"
 #include "tests/support/fixed_clock.h"
 
@@ -5,41 +9,57 @@ using namespace halvo::test;
 
 namespace {
 
-template <class F>
-std::string printed(F f) {
-    return "[" + captured_stdout(f) + "]";
-}
-
 std::string elapsed(int32_t seconds) {
     char text[HALVO_ELAPSED_SIZE];
     q_print_elapsed_str(text, kNow - seconds);
     return text;
 }
 
+class Banner : public Status {
+protected:
+    ~Banner() override { qoptTitle = nullptr; }
+
+    // What stands between the two rules, without line breaks.
+    static std::string title(char mode) {
+        const std::string rule(139, '=');
+        std::string all = captured_stdout([=] { q_printlogo2(mode); });
+        EXPECT_EQ(all.find(rule + "\n"), 0u);
+        EXPECT_EQ(all.rfind(rule + "\n"), all.size() - 140);
+        all = all.substr(140, all.size() - 280);
+        all.erase(std::remove(all.begin(), all.end(), '\n'), all.end());
+        return all;
+    }
+    halvo_print_option colours{HALVO_OPTION_SPECIAL, 0, 1, 36};
+};
+
 } // namespace
 
-TEST(Cells, text_stands_right_or_left) {
-    EXPECT_EQ(printed([] { q_print_txt(6, "큐"); }), "[    큐]"); // a syllable counts two
-    EXPECT_EQ(printed([] { q_print_txt(-6, "ab"); }), "[ab    ]");
+TEST(Cells, keep_their_width) {
+    set_clock(kNow);
+    const struct {
+        void (*print)();
+        const char *printed;
+    } cases[] = {
+        {[] { q_print_txt(6, "큐"); }, "    큐"}, // a syllable counts two
+        {[] { q_print_txt(-6, "ab"); }, "ab    "},
+        {[] { q_print_txt(1, "long"); }, "long"},
+        {[] { q_print_txt(2, nullptr); }, "  "},
+        {[] { q_print_txt_indent(-8, "ab", 3); }, "   ab   "},
+        {[] { q_print_txt_indent(8, "ab", 3); }, "      ab"},
+        {[] { q_print_txt_indent(-4, "ab", -1); }, "ab  "},
+        {[] { q_print_txt_indent(-4, "ab", 7); }, "       ab"},
+        {[] { q_print_num(4, 0); }, "    "},
+        {[] { q_print_num(4, -12); }, " -12"},
+        {[] { q_print_num(2, 9223372036854775807); }, "9223372036854775807"},
+        {[] { q_print_num2(4, 7, -5, 12); }, "   7/12  "},
+        {[] { q_print_num2(4, 0, 5, 12); }, "      /12"},
+        {[] { q_print_num2(4, 7, 5, 0); }, "   7     "},
+        {[] { q_print_elapsed(0); }, "        "},
+        {[] { q_print_elapsed(kNow - 61); }, "00:01:01"},
+    };
+    for (const auto &[print, printed] : cases) EXPECT_EQ(captured_stdout(print), printed);
+    captured_stdout([] { q_print_txt(-6, "ab"); });
     EXPECT_STREQ(cellformat, "%-6s");
-    EXPECT_EQ(printed([] { q_print_txt(1, "long"); }), "[long]");
-    EXPECT_EQ(printed([] { q_print_txt(2, nullptr); }), "[  ]");
-}
-
-TEST(Cells, indented_text_keeps_the_width) {
-    EXPECT_EQ(printed([] { q_print_txt_indent(-8, "ab", 3); }), "[   ab   ]");
-    EXPECT_EQ(printed([] { q_print_txt_indent(8, "ab", 3); }), "[      ab]");
-    EXPECT_EQ(printed([] { q_print_txt_indent(-4, "ab", -1); }), "[ab  ]");
-    EXPECT_EQ(printed([] { q_print_txt_indent(-4, "ab", 7); }), "[       ab]");
-}
-
-TEST(Cells, numbers_are_blank_when_0) {
-    EXPECT_EQ(printed([] { q_print_num(4, 0); }), "[    ]");
-    EXPECT_EQ(printed([] { q_print_num(4, -12); }), "[ -12]");
-    EXPECT_EQ(printed([] { q_print_num(2, 9223372036854775807); }), "[9223372036854775807]");
-    EXPECT_EQ(printed([] { q_print_num2(4, 7, -5, 12); }), "[   7/12  ]");
-    EXPECT_EQ(printed([] { q_print_num2(4, 0, 5, 12); }), "[      /12]");
-    EXPECT_EQ(printed([] { q_print_num2(4, 7, 5, 0); }), "[   7     ]");
 }
 
 TEST(Cells, elapsed_time_changes_its_form_after_a_day) {
@@ -49,6 +69,48 @@ TEST(Cells, elapsed_time_changes_its_form_after_a_day) {
     EXPECT_EQ(elapsed(90000), "01-01:00");
     EXPECT_EQ(elapsed(kNow), "");
     EXPECT_EQ(elapsed(-5), "00:00:-5"); // a clock that was set back
-    EXPECT_EQ(printed([] { q_print_elapsed(0); }), "[        ]");
-    EXPECT_EQ(printed([] { q_print_elapsed(kNow - 61); }), "[00:01:01]");
+}
+
+// With a snapshot it stands in the tables that are kept in `expected`.
+TEST_F(Banner, without_a_snapshot) {
+    const std::string plain =
+        "☆    HALVO Queue Monitor Release1.02 Uptime: 3days 현재:2023.11.16 02:00:00 ";
+    EXPECT_EQ(title('f'), plain + "\x1b[0m");
+    qoptTitle = &colours;
+    EXPECT_EQ(title('w'), "\x1b[1m\x1b[36m" + plain);
+    take_snapshot(0); // never taken
+    EXPECT_EQ(title('w'), "\x1b[1m\x1b[36m" + plain);
+}
+
+TEST_F(Banner, with_a_snapshot_and_colours) {
+    take_snapshot(kNow - 119);
+    qoptTitle = &colours;
+    const std::string text =
+        "   HALVO Queue Monitor Release1.02 Uptime: 3days  현재:2023.11.16 02:00:00  경과 1분.";
+    EXPECT_EQ(title('w'), "☆ " + text);
+    EXPECT_EQ(title('f'), "☆ \x1b[0m\x1b[1m\x1b[36m" + text + "\x1b[0m");
+}
+
+TEST_F(Banner, stars_of_a_real_host_change_places_and_colours) {
+    take_snapshot(kNow);
+    setenv("HALVO_HOST_TYPE", "REAL", 1);
+    const auto stars = [](char mode) {
+        const std::string line = title(mode);
+        return line.substr(0, line.find(mode == 'w' ? " " : "\x1b[0m"));
+    };
+    titleToggle = 30001; // starts over
+    EXPECT_EQ(stars('f'), "\x1b[30m★\x1b[31m☆");
+    EXPECT_EQ(titleToggle, 1);
+    EXPECT_EQ(stars('f'), "\x1b[31m☆\x1b[32m★");
+    titleToggle = 6;
+    EXPECT_EQ(stars('f'), "\x1b[36m★\x1b[30m☆");
+    EXPECT_EQ(stars('w'), "☆★");
+    setenv("HALVO_HOST_TYPE", "REALLY", 1);
+    EXPECT_EQ(title('w').substr(0, 6), "☆    ");
+}
+
+TEST_F(Banner, begins_the_up_time_of_a_fresh_segment) {
+    q_0()->uptime = 0;
+    EXPECT_NE(title('f').find("Uptime: 0days"), std::string::npos);
+    EXPECT_EQ(q_0()->uptime, kNow);
 }

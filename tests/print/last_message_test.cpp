@@ -29,13 +29,6 @@ protected:
     }
 };
 
-std::string trimmed(int (*trim)(char *, int), const char *text, int n, int stops_at) {
-    char copy[64] = {};
-    std::strcpy(copy, text);
-    EXPECT_EQ(trim(copy, n), stops_at);
-    return copy;
-}
-
 } // namespace
 
 // The library's rand() too.
@@ -108,12 +101,25 @@ TEST_F(LastMessage, without_an_outbound_channel_there_is_none) {
 }
 
 TEST(LastMessageText, is_trimmed_from_the_right) {
-    EXPECT_EQ(trimmed(qm_rtrim2, "ab \t\n", 4, 1), "ab");
-    EXPECT_EQ(trimmed(qm_rtrim2, "   ", 2, 0), " ");       // index 0 is not examined
-    EXPECT_EQ(trimmed(qm_rtrim2, "ab  ", 10, 10), "ab  "); // a terminator is no white space
-    EXPECT_EQ(trimmed(qm_rtrim, "pay 5$ \n", 7, 5), "pay 5");
-    EXPECT_EQ(trimmed(qm_rtrim, "$5$$ ", 4, 3), "$5$");
-    EXPECT_EQ(trimmed(qm_rtrim, "a\\nb\\n\\n ", 8, 7), "a\nb\n\n");
+    const struct {
+        int (*trim)(char *, int);
+        const char *text;
+        int length, stops_at;
+        const char *left;
+    } cases[] = {
+        {qm_rtrim2, "ab \t\n", 4, 1, "ab"},
+        {qm_rtrim2, "   ", 2, 0, " "},       // index 0 is not examined
+        {qm_rtrim2, "ab  ", 10, 10, "ab  "}, // a terminator is no white space
+        {qm_rtrim, "pay 5$ \n", 7, 5, "pay 5"},
+        {qm_rtrim, "$5$$ ", 4, 3, "$5$"},
+        {qm_rtrim, "a\\nb\\n\\n ", 8, 7, "a\nb\n\n"},
+    };
+    for (const auto &[trim, text, length, stops_at, left] : cases) {
+        char copy[64] = {};
+        std::strcpy(copy, text);
+        EXPECT_EQ(trim(copy, length), stops_at);
+        EXPECT_STREQ(copy, left);
+    }
 }
 
 TEST(LastMessageText, has_its_line_breaks_blanked) {

@@ -63,23 +63,20 @@ TEST_F(Options, words_that_are_no_attributes_and_lines_that_are_no_channels) {
 }
 
 TEST_F(Options, the_next_file_replaces_the_list_and_a_missing_one_leaves_it) {
+    const std::string directory = segment.path("directory");
+    mkdir(directory.c_str(), 0700);
+    EXPECT_EQ(q_load_print_options(directory.c_str()), 0);
+    EXPECT_EQ(qprtopts, nullptr);
     load("MT01\n!MSG 33\n");
     load("XCN1\n");
     EXPECT_EQ(records(), (std::vector<Record>{{1, 0, -1, -1}}));
     EXPECT_EQ(qoptMsg, nullptr);
     EXPECT_LT(q_load_print_options(segment.path("missing").c_str()), 0);
     EXPECT_LT(q_load_print_options(nullptr), 0);
-    mkdir(segment.path("directory").c_str(), 0700);
-    EXPECT_EQ(q_load_print_options(segment.path("directory").c_str()), 0);
+    EXPECT_EQ(q_load_print_options(directory.c_str()), 0);
     EXPECT_EQ(records(), (std::vector<Record>{{1, 0, -1, -1}}));
     load("");
     EXPECT_EQ(records(), std::vector<Record>{});
-}
-
-TEST_F(Options, a_directory_loads_nothing) {
-    mkdir(segment.path("directory").c_str(), 0700);
-    EXPECT_EQ(q_load_print_options(segment.path("directory").c_str()), 0);
-    EXPECT_EQ(qprtopts, nullptr);
 }
 
 TEST_F(Options, more_than_the_list_holds_is_ignored_with_a_word) {

@@ -148,6 +148,16 @@ halvo_channel &Status::image(int channel) {
     return reinterpret_cast<halvo_channel *>(first)[channel];
 }
 
+void Status::take_snapshot_of_before() {
+    take_snapshot(kNow - 125 * 60 - 30);
+    image(0).gcnt.count = 900;
+    image(0).gcnt.ecount = 1;
+    image(1).fgcnt.count = 7000;
+    image(1).gcnt.count = 7399;
+    image(2).tcnt[5].count = image(2).tcnt[5].ecount = 10;
+    image(2).tcnt[6].count = image(2).tcnt[6].ecount = 0;
+}
+
 std::string Status::write_file(const std::string &name, const std::string &content) {
     const std::string path = segment.path(name);
     std::ofstream(path, std::ios::binary) << content;

@@ -9,7 +9,7 @@
 
 #include "halvo/status.h"
 #include "tests/support/capture.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 
@@ -33,6 +33,7 @@ protected:
     void provide_baseline(); // every channel: 500 messages counted, two seconds ago
     halvo_segment &take_snapshot(int32_t at);
     halvo_channel &image(int channel); // of the snapshot
+    void take_snapshot_of_before();    // two hours ago, with counts to compare
     std::string write_file(const std::string &name, const std::string &content);
     std::string xml(char mode) const;
     std::string json(char mode = 'a') const;

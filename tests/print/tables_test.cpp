@@ -18,16 +18,6 @@ protected:
         std::strcpy(body + 306, "안녕하세요 halvo\r\nend");
     }
 
-    void image_of_before() {
-        take_snapshot(kNow - 125 * 60 - 30);
-        image(0).gcnt.count = 900;
-        image(0).gcnt.ecount = 1;
-        image(1).fgcnt.count = 7000;
-        image(1).gcnt.count = 7399;
-        image(2).tcnt[5].count = image(2).tcnt[5].ecount = 10;
-        image(2).tcnt[6].count = image(2).tcnt[6].ecount = 0;
-    }
-
     // The printed lines below the banner.
     template <class F>
     static std::vector<std::string> table(F print) {
@@ -46,33 +36,25 @@ protected:
 
 } // namespace
 
-TEST_F(Tables, classic_counts_from_the_start_or_from_the_snapshot) {
-    image_of_before();
-    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statprint_classic('a'), 0); }),
-              expected("classic_all.txt"));
-    provide_baseline();
-    EXPECT_EQ(captured_stdout([] { q_statprint_classic('s'); }),
-              expected("classic_since_snapshot.txt"));
-}
-
-TEST_F(Tables, plain_shows_every_chosen_channel) {
-    image_of_before();
-    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statprint('s'), 0); }),
-              expected("plain_since_snapshot.txt"));
-}
-
-TEST_F(Tables, cells_with_and_without_escapes) {
-    image_of_before();
-    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statprint2('s'), 3); }),
-              expected("cells_since_snapshot.txt"));
-    provide_baseline();
-    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statprint2('w'), 3); }),
-              expected("cells_without_escapes.txt"));
-}
-
-TEST_F(Tables, the_log_line_counts_from_the_snapshot) {
-    image_of_before();
-    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_statlog('s'), 0); }), expected("log_line.txt"));
+TEST_F(Tables, are_laid_out_to_the_column) {
+    const struct {
+        int (*print)(char);
+        char mode;
+        int result;
+        const char *file;
+    } cases[] = {
+        {q_statprint_classic, 'a', 0, "classic_all.txt"},
+        {q_statprint_classic, 's', 0, "classic_since_snapshot.txt"},
+        {q_statprint, 's', 0, "plain_since_snapshot.txt"},
+        {q_statprint2, 's', 3, "cells_since_snapshot.txt"},
+        {q_statprint2, 'w', 3, "cells_without_escapes.txt"},
+        {q_statlog, 's', 0, "log_line.txt"},
+    };
+    take_snapshot_of_before();
+    for (const auto &[print, mode, result, file] : cases) {
+        provide_baseline();
+        EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(print(mode), result); }), expected(file));
+    }
 }
 
 TEST_F(Tables, the_log_keeps_idle_channels_and_ends_its_line_without_an_outbound_channel) {
@@ -104,28 +86,30 @@ TEST_F(Tables, a_name_that_begins_with_xcn_stands_flush_left) {
 }
 
 TEST_F(Tables, rates) {
-    const auto classic = [&] {
-        return row("MT01", [] { q_statprint_classic('a'); }).substr(33, 5);
+    const auto classic = [] { return row("MT01", [] { q_statprint_classic('a'); }).substr(33, 5); };
+    const auto plain = [] { return row("MT01", [] { q_statprint('a'); }).substr(34, 4); };
+    const struct {
+        uint64_t from, to;
+        uint32_t milliseconds;
+        const char *classic, *plain;
+    } cases[] = {
+        {0, 1999, 1000, " 1000", "1999"}, // one whole message per millisecond
+        {0, 999, 1000, "    0", " 999"},
+        {0, 1999, 0, "    0", "   0"},
+        {100, 40, 1000, "    0", " -60"}, // counters start anew
     };
-    const auto plain = [&] { return row("MT01", [] { q_statprint('a'); }).substr(34, 4); };
-    const auto count = [&](uint64_t from, uint64_t to, int32_t milliseconds) {
-        lastcheck[0].count = from;
-        mt->gcnt.count = to;
-        lastcheck[0].tstart = static_cast<int32_t>(static_cast<uint32_t>(q_day_millis()) -
-                                                   static_cast<uint32_t>(milliseconds));
-    };
-    count(0, 1999, 1000);
-    EXPECT_EQ(classic(), " 1000"); // one whole message per millisecond
-    count(0, 1999, 1000);
-    EXPECT_EQ(plain(), "1999");
-    count(0, 999, 1000);
-    EXPECT_EQ(classic(), "    0");
-    count(0, 1999, 0);
-    EXPECT_EQ(classic(), "    0");
-    count(0, 1999, 0);
-    EXPECT_EQ(plain(), "   0");
-    count(100, 40, 1000); // counters start anew
-    EXPECT_EQ(plain(), " -60");
+    for (const auto &rate : cases) {
+        const auto measure = [&] {
+            lastcheck[0].count = rate.from;
+            mt->gcnt.count = rate.to;
+            lastcheck[0].tstart =
+                static_cast<int32_t>(static_cast<uint32_t>(q_day_millis()) - rate.milliseconds);
+        };
+        measure();
+        EXPECT_EQ(classic(), rate.classic);
+        measure();
+        EXPECT_EQ(plain(), rate.plain);
+    }
     lastcheck = nullptr;
     EXPECT_EQ(plain(), "   0");
 }
@@ -139,7 +123,7 @@ TEST_F(Tables, the_millisecond_clock_starts_at_0_and_wraps) {
 }
 
 TEST_F(Tables, types_that_match) {
-    image_of_before();
+    take_snapshot_of_before();
     for (const int type : {5, 6, 7}) q_0()->qtcnt[type].tstart = 1;
     EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_tstatprint("sub"), 0); }), expected("types.txt"));
     // A type that is not in use keeps its cells in the rows, but not its name in the header.

@@ -1,10 +1,16 @@
+// The writer and the reader of a stream that go on where a killed one was.
 #include "tests/stress/kill_ledger.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <random>
+
 #include "core/ring.h"
 #include "halvo/frx.h"
+#include "halvo/queue.h"
+#include "tests/support/messages.h"
 
 namespace halvo::test {
 
@@ -12,119 +18,131 @@ namespace {
 
 constexpr int kOpenMilliseconds = 20000;
 constexpr int kWaitMilliseconds = 1000; // of each call; then the goal is looked at
+constexpr size_t kRoom = kSlotSize - 16;
+constexpr int kBuffer = 3; // the one that is used of each side's
 
 // An end of channel 0 that is put right.
-struct RecoveredEnd {
-    FrxChannel handle{};
-    halvo_channel *q = nullptr;
-    RecoveredEnd(const std::string &key_file, char side, Ledger &ledger) {
+class StreamEnd {
+public:
+    StreamEnd(const std::string &key_file, char side, Ledger &ledger, uint32_t seed)
+        : ledger_(ledger), random_(seed) {
         const int nowhere = open("/dev/null", O_WRONLY); // for the library's lines
         dup2(nowhere, STDOUT_FILENO);
         if (frx_initialize(key_file.c_str()) != ESMS_OK) return;
-        if (frx_openChannel(&handle, "stress", 0, side, kOpenMilliseconds) != ESMS_OK) return;
+        if (frx_openChannel(&end_, "stress", 0, side, kOpenMilliseconds) != ESMS_OK) return;
         const int done = q_recover(0, side);
         if (done > 0) ++ledger.recovered;
         if (done >= 0) q = q_chnnl2q(0);
     }
+    bool is_open() const { return q != nullptr; }
+
+protected:
+    bool one_of(unsigned cases) { return random_() % cases == 0; }
+
+    Ledger &ledger_;
+    std::minstd_rand random_;
+    FrxChannel end_{};
+    halvo_channel *q = nullptr;
 };
 
-class StreamWriter {
+class StreamWriter : StreamEnd {
 public:
-    StreamWriter(RecoveredEnd &end, Ledger &ledger, uint32_t seed)
-        : end_(end), q(end.q), ledger_(ledger), random_(seed) {
+    using StreamEnd::is_open;
+
+    StreamWriter(const std::string &key_file, Ledger &ledger, uint32_t seed)
+        : StreamEnd(key_file, 'w', ledger, seed) {
+        if (!is_open()) return;
         // Of the messages counted since the last entry all are readable but perhaps the last.
         const uint32_t counted = ledger_.written.counted_since(q->pcnt.count);
-        next_ = ledger_.written.get().done + (counted > 0 ? counted - 1 : 0);
+        next_ = ledger_.written.done() + (counted > 0 ? counted - 1 : 0);
         for (int i = 0; i < HALVO_BUFFERS; ++i) q_write_buf_rollback(q, i);
-        enter();
+        enter(ESMS_OK, 0);
+    }
+    bool has_more(uint32_t ahead = 0) const {
+        return ledger_.goal == 0 || next_ + ahead < ledger_.goal;
     }
 
     bool write_some() {
+        const std::string text = message(0);
+        const auto length = static_cast<uint32_t>(text.size());
         switch (random_() % 4) {
         case 0:
-            return write_one();
+            return enter(frx_write(&end_, 1, text.data(), length, kWaitMilliseconds), 1);
         case 1:
-            return mark_one();
+            return finish(
+                frx_writeMark(&end_, 1, text.data(), length, kWaitMilliseconds),
+                [&] { return frx_writeCommit(&end_); }, [&] { return frx_writeRollback(&end_); });
         case 2:
-            return park_one();
+            return finish(
+                frx_writeBuf(&end_, 1, text.data(), length, kBuffer, kWaitMilliseconds),
+                [&] { return waking(frx_writeBufCommit(&end_, kBuffer)); },
+                [&] { return frx_writeBufRollback(&end_, kBuffer); });
         default:
             return write_batch();
         }
     }
-    uint32_t next() const { return next_; }
 
 private:
-    void enter() { ledger_.written.set(next_, q->pcnt.count); }
-    bool done(int result, uint32_t messages) {
-        if (result == ESMS_TIMEOUT) return true; // the ring is full
-        if (result != ESMS_OK) return false;
+    std::string message(uint32_t ahead) const {
+        return numbered_message(static_cast<int>(next_ + ahead), kRoom);
+    }
+    // Some calls of the core wake nobody.
+    static int waking(int result) {
+        sem_postx(0);
+        return result;
+    }
+    bool enter(int result, uint32_t messages) {
+        if (result != ESMS_OK) return result == ESMS_TIMEOUT; // the ring is full
         next_ += messages;
-        enter();
+        ledger_.written.set(next_, q->pcnt.count);
         return true;
     }
-
-    bool write_one() {
-        const std::string text = stream_message(next_);
-        return done(frx_write(&end_.handle, 1, text.data(), static_cast<uint32_t>(text.size()),
-                              kWaitMilliseconds),
-                    1);
-    }
-    bool mark_one() {
-        const std::string text = stream_message(next_);
-        const int marked = frx_writeMark(&end_.handle, 1, text.data(),
-                                         static_cast<uint32_t>(text.size()), kWaitMilliseconds);
-        if (marked != ESMS_OK) return marked == ESMS_TIMEOUT;
-        if (random_() % 4 == 0) return frx_writeRollback(&end_.handle) == ESMS_OK;
-        return done(frx_writeCommit(&end_.handle), 1);
-    }
-    bool park_one() {
-        const std::string text = stream_message(next_);
-        const int parked = frx_writeBuf(&end_.handle, 1, text.data(),
-                                        static_cast<uint32_t>(text.size()), 3, kWaitMilliseconds);
-        if (parked != ESMS_OK) return parked == ESMS_TIMEOUT;
-        if (random_() % 4 == 0) return frx_writeBufRollback(&end_.handle, 3) == ESMS_OK;
-        const int committed = frx_writeBufCommit(&end_.handle, 3);
-        sem_postx(0); // that call wakes nobody
-        return done(committed, 1);
+    // What was begun is committed, or in one of four cases taken back.
+    template <class Commit, class TakeBack>
+    bool finish(int begun, Commit commit, TakeBack take_back) {
+        if (begun != ESMS_OK) return begun == ESMS_TIMEOUT;
+        return one_of(4) ? take_back() == ESMS_OK : enter(commit(), 1);
     }
     bool write_batch() {
         uint32_t marked = 0;
-        while (marked < kBatch && next_ + marked < ledger_.goal) {
-            const std::string text = stream_message(next_ + marked);
-            const int result =
-                q_write_mark_at(q, 1, text.data(), static_cast<uint32_t>(text.size()), marked);
-            if (result == ESMS_FULL) break;
-            if (result != ESMS_OK) return false;
-            ++marked;
+        int result = ESMS_OK;
+        while (marked < kBatch && has_more(marked) && result == ESMS_OK) {
+            const std::string text = message(marked);
+            result = q_write_mark_at(q, 1, text.data(), static_cast<uint32_t>(text.size()), marked);
+            if (result == ESMS_OK) ++marked;
         }
-        const int result = q_write_commit_all(q);
-        sem_postx(0);
-        if (marked == 0) return write_one();
-        return done(result, marked);
+        if (result != ESMS_OK && result != ESMS_FULL) return false;
+        return enter(waking(q_write_commit_all(q)), marked);
     }
 
-    RecoveredEnd &end_;
-    halvo_channel *const q;
-    Ledger &ledger_;
-    std::minstd_rand random_;
     uint32_t next_ = 0;
 };
 
-class StreamReader {
+class StreamReader : StreamEnd {
 public:
-    StreamReader(RecoveredEnd &end, Ledger &ledger, uint32_t seed)
-        : end_(end), q(end.q), ledger_(ledger), random_(seed) {
-        const uint32_t counted = ledger_.read.counted_since(q->gcnt.count);
-        record(std::min<uint32_t>(counted, kBatch)); // what lies in the slots was counted
-        drop_recorded_buffer();
+    using StreamEnd::is_open;
+
+    StreamReader(const std::string &key_file, Ledger &ledger, uint32_t seed)
+        : StreamEnd(key_file, 'r', ledger, seed) {
+        if (!is_open()) return;
+        const auto counted = static_cast<int>(ledger_.read.counted_since(q->gcnt.count));
+        enter(std::min(counted, kBatch)); // what lies in the slots was counted
+        // A held message whose number is entered needs only be cleared.
+        const uint32_t done = ledger_.read.done();
+        const int held = number_in(buffer_slot(q, q->rbufs, kBuffer), kRoom);
+        if (done > 0 && held == ledger_.log[done - 1]) q_read_buf_clear(q, kBuffer);
     }
+    bool has_more() const { return ledger_.goal == 0 || ledger_.highest + 1 < ledger_.goal; }
 
     bool read_some() {
         switch (random_() % 3) {
         case 0:
-            return read_one();
+            return enter_one(frx_read(&end_, ledger_.slots[0], kWaitMilliseconds));
         case 1:
-            return read_buffered();
+            if (!enter_one(frx_readBuf(&end_, ledger_.slots[0], kWaitMilliseconds, kBuffer)))
+                return false;
+            frx_readBufClear(&end_, kBuffer);
+            return true;
         default:
             return read_batch();
         }
@@ -132,73 +150,46 @@ public:
 
 private:
     // Enters the first messages of the slots as read.
-    void record(uint32_t messages) {
-        uint32_t done = ledger_.read.get().done;
-        for (uint32_t i = 0; i < messages && done < kLogSize; ++i) {
-            const uint32_t n = stream_number(ledger_.slots[i]);
-            ledger_.torn += n == kNotWhole;
-            if (n != kNotWhole && n > ledger_.highest) ledger_.highest = n;
+    void enter(int messages) {
+        uint32_t done = ledger_.read.done();
+        for (int i = 0; i < messages && done < kLogSize; ++i) {
+            const int n = number_in(ledger_.slots[i], kRoom);
+            ledger_.torn += n == kTorn;
+            ledger_.highest = std::max(ledger_.highest.load(), static_cast<uint32_t>(n + (n < 0)));
             ledger_.log[done++] = n;
         }
         ledger_.read.set(done, q->gcnt.count);
     }
-
-    // A held message whose number is entered needs only be cleared.
-    void drop_recorded_buffer() {
-        const uint32_t done = ledger_.read.get().done;
-        const auto *held = reinterpret_cast<const uint8_t *>(buffer_slot(q, q->rbufs, 0));
-        if (done > 0 && stream_number(held) == ledger_.log[done - 1]) q_read_buf_clear(q, 0);
-    }
-
-    bool read_one() {
-        const int result = frx_read(&end_.handle, ledger_.slots[0], kWaitMilliseconds);
-        if (result > 0) record(1);
-        return result > 0 || result == ESMS_TIMEOUT;
-    }
-    bool read_buffered() {
-        const int result = frx_readBuf(&end_.handle, ledger_.slots[0], kWaitMilliseconds, 0);
-        if (result > 0) {
-            record(1);
-            frx_readBufClear(&end_.handle, 0);
-        }
-        return result > 0 || result == ESMS_TIMEOUT;
+    bool enter_one(int length) {
+        if (length > 0) enter(1);
+        return length > 0 || length == ESMS_TIMEOUT;
     }
     bool read_batch() {
-        const int marked = frx_readMark(&end_.handle, kBatch, kWaitMilliseconds);
+        const int marked = frx_readMark(&end_, kBatch, kWaitMilliseconds);
         for (int i = 0; i < marked; ++i)
-            if (frx_readMarked(&end_.handle, i, ledger_.slots[i]) != ESMS_OK) return false;
-        if (marked > 0 && random_() % 8 == 0) return frx_readRollback(&end_.handle) == marked;
-        if (marked > 0) {
-            if (frx_readCommit(&end_.handle, marked) != marked) return false;
-            record(static_cast<uint32_t>(marked));
-        }
-        return marked >= 0;
+            if (frx_readMarked(&end_, i, ledger_.slots[i]) != ESMS_OK) return false;
+        if (marked <= 0) return marked == 0;
+        if (one_of(8)) return frx_readRollback(&end_) == marked;
+        if (frx_readCommit(&end_, marked) != marked) return false;
+        enter(marked);
+        return true;
     }
-
-    RecoveredEnd &end_;
-    halvo_channel *const q;
-    Ledger &ledger_;
-    std::minstd_rand random_;
 };
 
 } // namespace
 
 int write_stream(const std::string &key_file, Ledger &ledger, uint32_t seed) {
-    RecoveredEnd end(key_file, 'w', ledger);
-    if (!end.q) return 1;
-    StreamWriter writer(end, ledger, seed);
-    ++ledger.writer_at_work;
-    while (writer.next() < ledger.goal)
+    StreamWriter writer(key_file, ledger, seed);
+    if (!writer.is_open()) return 1;
+    while (writer.has_more())
         if (!writer.write_some()) return 2;
     return 0;
 }
 
 int read_stream(const std::string &key_file, Ledger &ledger, uint32_t seed) {
-    RecoveredEnd end(key_file, 'r', ledger);
-    if (!end.q) return 1;
-    StreamReader reader(end, ledger, seed);
-    ++ledger.reader_at_work;
-    while (ledger.highest + 1 < ledger.goal)
+    StreamReader reader(key_file, ledger, seed);
+    if (!reader.is_open()) return 1;
+    while (reader.has_more())
         if (!reader.read_some()) return 2;
     return 0;
 }

@@ -1,16 +1,18 @@
 // A process that stands in front of an operation and goes through it one machine instruction at a
 // time, until it has returned or is killed.
 //
-//     Stage &stage = shared_stage();
+//     Stage &stage = shared_object<Stage>();
+//     stay_on_this_processor();
 //     SingleStep process(stage, [&] { q_open(0, 'w'); }, [&] { return q_write(q, 1, "x", 1); });
 //     while (!process.has_returned()) process.step();
+//
+// Each step is two changes between the two processes, which cost many times as much when they run on
+// two processors that must wake each other.
 //
 // Warm up the operation before: the first call of a function of a shared library would lead the
 // steps through the dynamic linker.
 #pragma once
 
-#include <sched.h>
-#include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +20,8 @@
 #include <cerrno>
 #include <csignal>
 #include <stdexcept>
+
+#include "tests/support/machine.h"
 
 namespace halvo::test {
 
@@ -27,22 +31,6 @@ struct Stage {
     volatile int32_t result;
     alignas(8) uint8_t buffer[256]; // for the operation's use
 };
-
-inline Stage &shared_stage() {
-    void *page =
-        mmap(nullptr, sizeof(Stage), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (page == MAP_FAILED) throw std::runtime_error("mmap");
-    return *static_cast<Stage *>(page);
-}
-
-// Each step is two changes between the two processes, which cost many times as much when they run
-// on two processors that must wake each other.
-inline void stay_on_this_processor() {
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(static_cast<unsigned>(sched_getcpu()), &one);
-    sched_setaffinity(0, sizeof one, &one);
-}
 
 class SingleStep {
 public:
@@ -66,6 +54,7 @@ public:
     SingleStep &operator=(const SingleStep &) = delete;
     ~SingleStep() { kill(); }
 
+    pid_t pid() const { return pid_; }
     bool has_returned() const { return stage_.returned != 0; }
 
     void step() {

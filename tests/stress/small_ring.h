@@ -2,46 +2,23 @@
 // are whole.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <string>
 #include <vector>
 
+#include "tests/support/messages.h"
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 
-// Message number n: its length and every byte follow from n.
-inline std::string numbered_message(int n) {
-    char number[16];
-    std::snprintf(number, sizeof number, "%04d", n);
-    std::string text = number;
-    for (int i = 0; i < 4 + n * 7 % 21; ++i) text += static_cast<char>('a' + (n * 31 + i * 7) % 26);
-    return text;
-}
-
-constexpr int kTorn = -1; // not one of ours, byte for byte
-
-inline int number_in(const std::string &body) {
-    const int n = std::atoi(body.substr(0, 4).c_str());
-    return body == numbered_message(n) ? n : kTorn;
-}
-
-inline int number_in(const void *image) {
-    qmsg header{};
-    std::memcpy(&header, image, sizeof header);
-    if (header.len > 64) return kTorn;
-    return number_in({static_cast<const char *>(image) + offsetof(qmsg, data), header.len});
-}
+constexpr size_t kRoom = 32; // for a message in a slot of the small ring
+inline std::string numbered_message(int n) { return numbered_message(n, kRoom); }
 
 class SmallRing {
 public:
     static constexpr int kSlots = 4;
     static constexpr int kType = 3; // of every message
 
-    SmallRing() : segment_(SegmentBuilder().channel("MT01", 'M', kSlots, 48).build()) {
+    SmallRing() : segment_(SegmentBuilder().channel("MT01", 'M', kSlots, 16 + kRoom).build()) {
         segment_.attach();
         q = segment_.channel("MT01");
     }
@@ -55,7 +32,7 @@ public:
         std::vector<int> numbers;
         Slot slot(q);
         while (numbers.size() < 100 && q_read(q, slot.data()) == ESMS_OK)
-            numbers.push_back(number_in(slot.data()));
+            numbers.push_back(number_in(slot.data(), kRoom));
         return numbers;
     }
 

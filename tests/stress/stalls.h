@@ -7,8 +7,6 @@
 #pragma once
 
 #include <pthread.h>
-#include <sched.h>
-#include <time.h>
 
 #include <algorithm>
 #include <atomic>
@@ -17,14 +15,9 @@
 #include <vector>
 
 #include "core/posix.h"
+#include "tests/support/machine.h"
 
 namespace halvo::test {
-
-inline int64_t microseconds_now() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
-}
 
 class Stalls {
 public:
@@ -68,10 +61,7 @@ private:
     };
 
     void watch(unsigned cpu) {
-        cpu_set_t here;
-        CPU_ZERO(&here);
-        CPU_SET(cpu, &here);
-        pthread_setaffinity_np(pthread_self(), sizeof here, &here);
+        run_on_processor(cpu);
         while (!stop_) {
             const int64_t start = microseconds_now();
             usleep(1000);

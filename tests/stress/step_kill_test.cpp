@@ -32,7 +32,7 @@ class StepKill : public testing::Test {
 protected:
     StepKill() { stay_on_this_processor(); }
     SmallRing ring;
-    Stage &stage = shared_stage();
+    Stage &stage = shared_object<Stage>();
     SmallRing::Image empty = ring.save();
 
     // Kills after every instruction. The steps begin a few instructions before the operation and

@@ -32,7 +32,7 @@ protected:
     StoreOrder() { stay_on_this_processor(); }
     SmallRing ring;
     halvo_channel *q = ring.q;
-    Stage &stage = shared_stage();
+    Stage &stage = shared_object<Stage>();
     int orders = 0, violations = 0;
 
     Watched watch(const char *name, const void *at, size_t size) {

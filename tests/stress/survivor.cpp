@@ -19,7 +19,7 @@ void reader_at_work(SmallRing &ring, const Filling &filling, Between &between) {
     if (filling.peer_marks) {
         Slot slot(ring.q);
         if (q_read_markedmsg(ring.q, 0, slot.data()) == ESMS_OK)
-            between.taken.push_back(number_in(slot.data()));
+            between.taken.push_back(number_in(slot.data(), kRoom));
         q_read_commit(ring.q, 1, 0);
     }
     const std::vector<int> rest = ring.drain();
@@ -112,7 +112,7 @@ std::vector<int> held_messages(SmallRing &ring) {
     Slot slot(ring.q);
     for (int i = 0; i < HALVO_BUFFERS; ++i) {
         if (q_read_buf(ring.q, slot.data(), i) != ESMS_OK) continue; // the ring is empty
-        numbers.push_back(number_in(slot.data()));
+        numbers.push_back(number_in(slot.data(), kRoom));
         q_read_buf_clear(ring.q, i);
     }
     return numbers;
@@ -176,7 +176,7 @@ Faults survive(SmallRing &ring, const RingOperation &operation, const Filling &f
     found.parked = parked_messages(ring);
     found.held = held_messages(ring);
     if (operation.name == std::string("read") || operation.name == std::string("read_buf"))
-        found.delivered = number_in(stage.buffer);
+        found.delivered = number_in(stage.buffer, kRoom);
 
     const bool finished = stage.returned != 0;
     const Legal *legal = find(operation.legal(first_numbers(filling.messages)), found, finished);

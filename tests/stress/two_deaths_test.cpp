@@ -30,7 +30,7 @@ class TwoDeaths : public testing::Test {
 protected:
     TwoDeaths() { stay_on_this_processor(); }
     SmallRing ring;
-    Stage &stage = shared_stage();
+    Stage &stage = shared_object<Stage>();
     const SmallRing::Image empty = ring.save();
     Findings findings;
 

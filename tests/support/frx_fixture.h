@@ -3,13 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <ctime>
-
 #include "halvo/frx.h"
 #include "tests/support/capture.h"
+#include "tests/support/machine.h"
 #include "tests/support/peer.h"
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 
@@ -24,13 +23,6 @@ inline int initialise(const Segment &segment) {
 
 inline int frx_write(FrxChannel *end, const std::string &text, int timeout) {
     return ::frx_write(end, 1, text.data(), static_cast<uint32_t>(text.size()), timeout);
-}
-
-// A clock for durations (<chrono> holds text that EUC-KR cannot express).
-inline int64_t milliseconds_now() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 // Channel 0 MT01 ('M') and channel 1 FQ01 ('F', no semaphores), both ends of MT01 open.

@@ -12,7 +12,7 @@
 
 #include "core/ring.h"
 #include "halvo/queue.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 

@@ -1,14 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
-#include <fstream>
-
-#include "tests/support/directory.h"
-#include "tests/support/peer.h"
+#include "tests/support/files.h"
 #include "tests/support/program.h"
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/directory.h"
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 namespace {
@@ -24,40 +20,39 @@ bool is_one_line(const std::string &text) {
 }
 
 TEST(HalvoQm, takes_a_segment_through_its_life) {
-    const std::string directory = make_test_directory();
-    const std::string key = directory + "/key";
-    const Descriptor janitor = start_janitor(directory, key);
-
-    const Outcome created = halvo_qm({"create", HALVO_EXAMPLE_CONFIG, "--key", key});
-    EXPECT_EQ(created.status, 0) << created.err;
-    EXPECT_EQ(created.out + created.err, "");
-    const Outcome checked = halvo_qm({"check", "--key", key});
-    EXPECT_EQ(checked.status, 0) << checked.err;
-    const Outcome again = halvo_qm({"create", HALVO_EXAMPLE_CONFIG, "--key", key});
-    EXPECT_EQ(again.status, 1);
-    EXPECT_TRUE(is_one_line(again.err)) << again.err;
-    EXPECT_NE(again.err.find("--replace"), std::string::npos) << again.err;
-    EXPECT_EQ(halvo_qm({"create", HALVO_EXAMPLE_CONFIG, "--key", key, "--replace"}).status, 0);
-    EXPECT_EQ(halvo_qm({"remove", "--key", key}).status, 0);
-    const Outcome nothing = halvo_qm({"remove", "--key", key});
-    EXPECT_EQ(nothing.status, 1);
-    EXPECT_TRUE(is_one_line(nothing.err)) << nothing.err;
-    EXPECT_EQ(halvo_qm({"list", "--key", key}).status, 2);
-
-    remove_tree(directory);
+    const TestDirectory directory;
+    const std::string key = directory.path("key"), config = HALVO_EXAMPLE_CONFIG;
+    const struct {
+        std::vector<std::string> arguments;
+        int status;
+        std::string told;
+    } steps[] = {
+        {{"create", config, "--key", key}, 0, ""},
+        {{"check", "--key", key}, 0, ""},
+        {{"create", config, "--key", key}, 1, "--replace"},
+        {{"create", config, "--key", key, "--replace"}, 0, ""},
+        {{"remove", "--key", key}, 0, ""},
+        {{"remove", "--key", key}, 1, key},
+        {{"list", "--key", key}, 2, key},
+    };
+    for (const auto &[arguments, status, told] : steps) {
+        const Outcome outcome = halvo_qm(arguments);
+        EXPECT_EQ(outcome.status, status) << outcome.err;
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(is_one_line(outcome.err), status != 0) << outcome.err;
+        EXPECT_NE(outcome.err.find(told), std::string::npos) << outcome.err;
+    }
 }
 
 TEST(HalvoQm, a_wrong_configuration_is_one_line_and_creates_nothing) {
-    const std::string directory = make_test_directory();
-    std::ofstream(directory + "/bad.toml") << "[[channel]]\nname = 'MT01'\nslots = 0\n"
-                                              "slot_size = 64\n";
-    const Outcome outcome =
-        halvo_qm({"create", directory + "/bad.toml", "--key", directory + "/key"});
+    const TestDirectory directory;
+    const std::string config = directory.path("bad.toml"), key = directory.path("key");
+    write_file(config, "[[channel]]\nname = 'MT01'\nslots = 0\nslot_size = 64\n");
+    const Outcome outcome = halvo_qm({"create", config, "--key", key});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.err, "halvo-qm: " + directory +
-                               "/bad.toml:3: slots is 0; it must be from 1 to 4294967295\n");
-    EXPECT_NE(access((directory + "/key").c_str(), F_OK), 0);
-    remove_tree(directory);
+    EXPECT_EQ(outcome.err,
+              "halvo-qm: " + config + ":3: slots is 0; it must be from 1 to 4294967295\n");
+    EXPECT_FALSE(exists(key));
 }
 
 TEST(HalvoQm, list_shows_the_channels_as_a_table) {
@@ -84,16 +79,6 @@ TEST(HalvoQm, list_shows_the_channels_as_a_table) {
     EXPECT_NE(held.find(std::to_string(getpid()) + "*"), std::string::npos) << held;
 }
 
-TEST(HalvoQm, check_tells_faults_line_by_line) {
-    const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
-    s.attach();
-    s.channel("MT01")->wpos += 4;
-    const std::string wpos = std::to_string(s.channel("MT01")->wpos);
-    const Outcome outcome = halvo_qm({"check", "--key", s.key_file()});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.err, "halvo-qm: channel 0 MT01: wpos " + wpos + " is no slot of the ring\n");
-}
-
 TEST(HalvoQm, check_repairs_what_a_dead_writer_left) {
     const Segment s =
         SegmentBuilder().channel("MT01", 'M', 4, 64).channel("MO01", 'M', 4, 64).build();
@@ -114,6 +99,10 @@ TEST(HalvoQm, check_repairs_what_a_dead_writer_left) {
     EXPECT_EQ(other->wpos, other->qstart);
     EXPECT_EQ(outcome.status, 1) << "the other channel's fault stands";
     EXPECT_EQ(outcome.err.find("halvo-qm: channel 1 MO01: "), 0u) << outcome.err;
+    other->wpos += 4;
+    const std::string wpos = std::to_string(other->wpos);
+    EXPECT_EQ(halvo_qm({"check", "--key", s.key_file()}).err,
+              "halvo-qm: channel 1 MO01: wpos " + wpos + " is no slot of the ring\n");
 }
 
 TEST(HalvoQm, wrong_usage_is_told_in_one_line) {

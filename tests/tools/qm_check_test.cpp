@@ -1,16 +1,14 @@
 #include <gtest/gtest.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <functional>
-#include <random>
 
+#include "tests/support/ipc.h"
 #include "tests/support/peer.h"
 #include "tests/support/ring.h"
-#include "tests/support/segment_builder.h"
+#include "tools/fixture/segment_builder.h"
+
+using namespace halvo::test;
 
 namespace halvo::qm {
 namespace {
@@ -30,9 +28,8 @@ protected:
         s_.attach();
         q_ = s_.open("MT01", 'w');
         s_.open("MT01", 'r');
-        id_ = shmget(ftok(s_.key_file().c_str(), 1), 0, 0);
         shmid_ds state{};
-        shmctl(id_, IPC_STAT, &state);
+        shmctl(segment_under(s_.key_file()), IPC_STAT, &state);
         good_.assign(bytes(), bytes() + state.shm_segsz);
     }
 
@@ -41,43 +38,38 @@ protected:
     qmsg *slot(uint32_t number) { return slot_at(q_, q_->qstart + number * q_->qbsz); }
     Lines faults() { return check(s_.key_file()); }
 
-    const test::Segment s_ =
-        test::SegmentBuilder().channel("MT01", 'M', 4, 64).channel("FQ01", 'F', 2, 20).build();
+    const Segment s_ =
+        SegmentBuilder().channel("MT01", 'M', 4, 64).channel("FQ01", 'F', 2, 20).build();
     halvo_channel *q_ = nullptr;
-    int id_ = -1;
     std::vector<char> good_;
 };
 
 TEST_F(CheckTest, whatever_the_library_leaves_in_a_channel_is_sound) {
+    Slot slot(q_);
     const std::vector<std::function<void()>> steps = {
-        [&] { test::write(q_, "one"); },
-        [&] { test::write(q_, std::string(48, 'x')); }, // the longest
+        [&] { write(q_, "one"); },
+        [&] { write(q_, std::string(48, 'x')); }, // the longest
         [&] { q_read_mark(q_, 1); },
         [&] { q_read_commit(q_, 1, 0); },
-        [&] { test::write_mark_at(q_, "pending behind a gap", 1); },
-        [&] { q_write_rollback_all(q_), test::write_mark_at(q_, "first", 0); },
+        [&] { write_mark_at(q_, "pending behind a gap", 1); },
+        [&] { q_write_rollback_all(q_), write_mark_at(q_, "first", 0); },
         [&] { q_write_commit_all(q_); },
-        [&] { test::read(q_), test::read(q_); },
-        [&] { EXPECT_EQ(test::write_buf(q_, "parked", 4), ESMS_OK); },
-        [&] { EXPECT_EQ(test::write_buf(q_, "parked too", 0), ESMS_OK); },
-        [&] { EXPECT_EQ(test::write_mark_at(q_, "behind the parked", 0), ESMS_OK); },
+        [&] { read(q_), read(q_); },
+        [&] { EXPECT_EQ(write_buf(q_, "parked", 4), ESMS_OK); },
+        [&] { EXPECT_EQ(write_buf(q_, "parked too", 0), ESMS_OK); },
+        [&] { EXPECT_EQ(write_mark_at(q_, "behind the parked", 0), ESMS_OK); },
+        [&] {
+            restore();
+            while (write(q_, "until it is full") == ESMS_OK) continue;
+        },
+        [&] { q_read_mark(q_, 0); },
+        [&] { q_read_commit(q_, 2, 0), write(q_, "over the end"); },
+        [&] { q_read_rollback(q_), q_read_buf(q_, slot.data(), 4); },
     };
     for (size_t i = 0; i < steps.size(); ++i) {
         steps[i]();
         EXPECT_EQ(faults(), Lines()) << "after step " << i;
     }
-    restore();
-    for (const char *text : {"1", "2", "3", "4"}) test::write(q_, text);
-    EXPECT_EQ(faults(), Lines()) << "full";
-    q_read_mark(q_, 0);
-    EXPECT_EQ(faults(), Lines()) << "full of marks";
-    q_read_commit(q_, 2, 0);
-    test::write(q_, "over the end");
-    EXPECT_EQ(faults(), Lines()) << "wrapped";
-    test::Slot slot(q_);
-    q_read_rollback(q_);
-    q_read_buf(q_, slot.data(), 4);
-    EXPECT_EQ(faults(), Lines()) << "a read buffer in use";
 }
 
 TEST_F(CheckTest, every_damage_is_found_and_named) {
@@ -115,14 +107,14 @@ TEST_F(CheckTest, every_damage_is_found_and_named) {
         {[&] { q_->wpos += 4; }, "wpos"},
         {[&] { q_->wpos += 64; }, "slot 0 holds no message between rpos and wpos"},
         {[&] { fill(1, HALVO_SLOT_READABLE, 3); }, "slot 1 holds a message outside rpos .. wpos"},
-        {[&] { test::write(q_, "1"), fill(0, HALVO_SLOT_PENDING, 1); }, "slot 0 holds no message"},
-        {[&] { test::write(q_, "1"), test::write(q_, "2"), fill(1, HALVO_SLOT_MARKED, 1); },
+        {[&] { write(q_, "1"), fill(0, HALVO_SLOT_PENDING, 1); }, "slot 0 holds no message"},
+        {[&] { write(q_, "1"), write(q_, "2"), fill(1, HALVO_SLOT_MARKED, 1); },
          "slot 1 is marked behind one that is not"},
         {[&] { fill(3, 2, 1); }, "slot 3 has the unknown state 2"},
-        {[&] { test::write(q_, "1"), fill(0, HALVO_SLOT_READABLE, 0); }, "slot 0 holds 0 bytes"},
-        {[&] { test::write(q_, "1"), fill(0, HALVO_SLOT_READABLE, 49); }, "slot 0 holds 49 bytes"},
+        {[&] { write(q_, "1"), fill(0, HALVO_SLOT_READABLE, 0); }, "slot 0 holds 0 bytes"},
+        {[&] { write(q_, "1"), fill(0, HALVO_SLOT_READABLE, 49); }, "slot 0 holds 49 bytes"},
         {[&] { slot_at(q_, q_->rbufs)->state = 3; }, "read buffer 0 has the unknown state 3"},
-        {[&] { test::write_buf(q_, "1", 2), slot_at(q_, q_->wbufs + 128)->len = 99; },
+        {[&] { write_buf(q_, "1", 2), slot_at(q_, q_->wbufs + 128)->len = 99; },
          "write buffer 2 holds 99 bytes"},
         {[&] { q_->pbuffs = 1; }, "pbuffs is 1, but 0 write buffers hold a message"},
         {[&] { q_->pbuffs = -1; }, "pbuffs is -1"},
@@ -137,12 +129,12 @@ TEST_F(CheckTest, every_damage_is_found_and_named) {
 }
 
 TEST_F(CheckTest, missing_or_wrong_semaphores_are_found) {
-    const int locks = semget(ftok(s_.key_file().c_str(), 201), 0, 0);
+    const int locks = set_under(s_.key_file(), kReadLocks);
     semctl(locks, 1, SETVAL, 2);
     EXPECT_EQ(faults(), Lines{"read locks: semaphore 1 is 2"});
     semctl(locks, 0, IPC_RMID);
     EXPECT_EQ(faults(), Lines{"read locks: No such file or directory"});
-    semget(ftok(s_.key_file().c_str(), 201), 3, IPC_CREAT | 0600);
+    semget(ftok(s_.key_file().c_str(), kReadLocks), 3, IPC_CREAT | 0600);
     EXPECT_EQ(faults(), Lines{"read locks: the set has 3 semaphores instead of 2"});
     // Away for a while only: without the file its semaphore could not be removed afterwards.
     const std::string file = s_.key_file() + ".req";
@@ -153,48 +145,21 @@ TEST_F(CheckTest, missing_or_wrong_semaphores_are_found) {
     EXPECT_NE(found[1].find("channel 0: request semaphore: key file"), std::string::npos);
 }
 
-TEST_F(CheckTest, garbage_never_harms_the_examiner) {
-    std::mt19937 random(1);
-    // The words that say where something lies are the first of each header.
-    const size_t headers[] = {0, q_0()->qoffs[0], q_0()->qoffs[1]};
-    for (int round = 0; round < 100; ++round) {
-        for (int words = round % 4; words >= 0; --words) {
-            char *word = bytes() + headers[random() % 3] + random() % 38 * 4;
-            // Small multiples of 4 get past more of the first tests than any value does.
-            const auto value =
-                static_cast<uint32_t>(round % 2 ? random() : random() % good_.size() / 4 * 4);
-            std::memcpy(word, &value, sizeof value);
-        }
-        faults();
-        try {
-            list(s_.key_file());
-        } catch (const Error &) { // fine: it cannot be listed
-        }
-        restore();
-    }
-    for (size_t i = 0; i < good_.size(); ++i) bytes()[i] = static_cast<char>(random());
-    q_0()->nchnnl = HALVO_CHANNELS_MAX;
-    EXPECT_GT(faults().size(), 100U);
-    restore();
-    EXPECT_EQ(faults(), Lines());
-}
-
 TEST_F(CheckTest, a_ring_of_garbage_does_not_flood_the_operator) {
-    const test::Segment big = test::SegmentBuilder().channel("BIG", 'F', 5000, 20).build();
-    const int id = shmget(ftok(big.key_file().c_str(), 1), 0, 0);
-    auto *segment = static_cast<halvo_segment *>(shmat(id, nullptr, 0));
-    auto *q =
-        reinterpret_cast<halvo_channel *>(reinterpret_cast<char *>(segment) + segment->qoffs[0]);
+    const Segment big = SegmentBuilder().channel("BIG", 'F', 5000, 20).build();
+    auto *bytes = static_cast<char *>(shmat(segment_under(big.key_file()), nullptr, 0));
+    const uint32_t offset = reinterpret_cast<halvo_segment *>(bytes)->qoffs[0];
+    auto *q = reinterpret_cast<halvo_channel *>(bytes + offset);
     std::memset(slot_at(q, q->qstart), 0x7f, 5000 * 20);
     const Lines lines = check(big.key_file());
-    shmdt(segment);
+    shmdt(bytes);
     ASSERT_GT(lines.size(), 10U);
     EXPECT_LT(lines.size(), 40U);
     EXPECT_NE(lines.back().find("more faults like these"), std::string::npos) << lines.back();
 }
 
 TEST(CheckRunningTest, messages_on_their_way_are_no_fault) {
-    const test::Segment s = test::SegmentBuilder().channel("MT01", 'M', 3, 64).build();
+    const Segment s = SegmentBuilder().channel("MT01", 'M', 3, 64).build();
     const auto forever = [&](char mode, auto step) {
         return [&s, mode, step] {
             s.attach();
@@ -203,8 +168,8 @@ TEST(CheckRunningTest, messages_on_their_way_are_no_fault) {
             return 0;
         };
     };
-    test::Peer writer(forever('w', [](halvo_channel *q) { test::write(q, "streaming"); }));
-    test::Peer reader(forever('r', [](halvo_channel *q) { test::read(q); }));
+    Peer writer(forever('w', [](halvo_channel *q) { write(q, "streaming"); }));
+    Peer reader(forever('r', [](halvo_channel *q) { read(q); }));
     for (;; usleep(1000)) {
         const ChannelInfo info = list(s.key_file())[0];
         if (info.writer != 0 && info.reader != 0) break;

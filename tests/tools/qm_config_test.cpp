@@ -2,33 +2,33 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-
-#include "tests/support/directory.h"
+#include "tests/support/files.h"
 
 namespace halvo::qm {
 namespace {
 
 class ConfigTest : public testing::Test {
 protected:
-    ~ConfigTest() override { test::remove_tree(directory_); }
-
     SegmentPlan load(const std::string &content) {
-        std::ofstream(path_, std::ios::binary) << content;
+        test::write_file(path_, content);
         return load_config(path_);
     }
 
-    std::string complaint_about(const std::string &content) {
+    static std::string complaint_about(const std::string &path) {
         try {
-            load(content);
+            load_config(path);
         } catch (const Error &error) {
             return error.what();
         }
         return "no complaint";
     }
+    std::string complaint_about_content(const std::string &content) {
+        test::write_file(path_, content);
+        return complaint_about(path_);
+    }
 
-    const std::string directory_ = test::make_test_directory();
-    const std::string path_ = directory_ + "/config.toml";
+    const test::TestDirectory directory_;
+    const std::string path_ = directory_.path("config.toml");
 };
 
 TEST_F(ConfigTest, takes_every_field_and_fills_in_what_is_left_out) {
@@ -37,39 +37,16 @@ TEST_F(ConfigTest, takes_every_field_and_fills_in_what_is_left_out) {
                                   "[[channel]]\nname = '12345678901234567890123'\ntype = 'F'\n"
                                   "slots = 1\nslot_size = 2_048\nrate_limit = 10\n");
     EXPECT_EQ(plan.type_names, (std::map<int, std::string>{{1, "first"}, {4095, "last"}}));
-    ASSERT_EQ(plan.channels.size(), 2U);
-    const ChannelPlan &first = plan.channels[0];
-    EXPECT_EQ(first.name, "MT01");
-    EXPECT_EQ(first.type, 'M');
-    EXPECT_EQ(first.slots, 4U);
-    EXPECT_EQ(first.slot_size, 20U);
-    EXPECT_EQ(first.rate_limit, 0);
-    const ChannelPlan &second = plan.channels[1];
-    EXPECT_EQ(second.name.size(), 23U);
-    EXPECT_EQ(second.type, 'F');
-    EXPECT_EQ(second.slot_size, 2048U);
-    EXPECT_EQ(second.rate_limit, 10);
-}
-
-TEST_F(ConfigTest, the_example_is_sound) {
-    const SegmentPlan plan = load_config(HALVO_EXAMPLE_CONFIG);
-    ASSERT_GE(plan.channels.size(), 2U);
-    EXPECT_EQ(plan.channels[0].name, "MT01");
-    EXPECT_EQ(plan.channels[1].name, "MO01");
+    std::string channels;
+    for (const ChannelPlan &c : plan.channels)
+        channels += c.name + ' ' + c.type + ' ' + std::to_string(c.slots) + ' ' +
+                    std::to_string(c.slot_size) + ' ' + std::to_string(c.rate_limit) + '\n';
+    EXPECT_EQ(channels, "MT01 M 4 20 0\n12345678901234567890123 F 1 2048 10\n");
 }
 
 TEST_F(ConfigTest, a_file_that_cannot_be_read_is_named_with_the_reason) {
-    EXPECT_THROW(
-        {
-            try {
-                load_config(path_);
-            } catch (const Error &error) {
-                EXPECT_EQ(error.what(), path_ + ": No such file or directory");
-                throw;
-            }
-        },
-        Error);
-    EXPECT_THROW(load_config(directory_), Error);
+    EXPECT_EQ(complaint_about(path_), path_ + ": No such file or directory");
+    EXPECT_NE(complaint_about(directory_.path()), "no complaint");
 }
 
 TEST_F(ConfigTest, every_fault_is_told_with_its_line_and_reason) {
@@ -119,7 +96,7 @@ TEST_F(ConfigTest, every_fault_is_told_with_its_line_and_reason) {
         {"types = 1\n" + channel, 1, "[types]"},
     };
     for (const auto &[content, line, reason] : cases) {
-        const std::string complaint = complaint_about(content);
+        const std::string complaint = complaint_about_content(content);
         const std::string place = path_ + ":" + std::to_string(line) + ": ";
         EXPECT_EQ(complaint.substr(0, place.size()), place) << complaint << "\n" << content;
         EXPECT_NE(complaint.find(reason), std::string::npos) << complaint << "\n" << content;
@@ -131,7 +108,7 @@ TEST_F(ConfigTest, the_channel_after_the_last_possible_one_is_refused) {
     std::string content;
     for (int i = 0; i < 270; ++i)
         content += "[[channel]]\nname = 'C" + std::to_string(i) + "'\nslots = 1\nslot_size = 20\n";
-    EXPECT_EQ(complaint_about(content),
+    EXPECT_EQ(complaint_about_content(content),
               path_ + ":" + std::to_string(269 * 4 + 1) + ": there are more than 269 channels");
 }
 

@@ -1,3 +1,4 @@
+// halvo-qm check: whether rings, buffers and headers lie where they may.
 #include "core/ring.h"
 #include "tools/frame/text.h"
 #include "tools/qm/check.h"

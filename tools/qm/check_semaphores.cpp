@@ -1,3 +1,4 @@
+// halvo-qm check: the semaphore sets, their sizes and values.
 #include <sys/sem.h>
 
 #include "core/ring.h"

@@ -1,3 +1,4 @@
+// halvo-qm check: slot states and positions of rings that stand still.
 #include <unistd.h>
 
 #include <array>

@@ -1,3 +1,4 @@
+// halvo-qm create: the segment, its semaphores and key files, all or none of them.
 #include <fcntl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>

@@ -1,3 +1,4 @@
+// halvo-qm list: what stands in a segment.
 #include "core/ring.h"
 #include "tools/frame/text.h"
 #include "tools/qm/segment.h"

@@ -147,7 +147,7 @@ int main(int argc, char **argv) {
                  "halvo-qm");
     Arguments arguments;
     std::function<int(const Arguments &)> run;
-    app.set_version_flag("--version", "halvo-qm " HALVO_QM_VERSION);
+    app.set_version_flag("--version", "halvo-qm " HALVOIPC_VERSION);
     app.footer(kFooter);
     app.require_subcommand(1);
 

@@ -1,3 +1,4 @@
+// halvo-qm remove: the segment, its semaphores and key files.
 #include <sys/stat.h>
 #include <unistd.h>
 

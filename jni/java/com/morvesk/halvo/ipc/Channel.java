@@ -1,10 +1,9 @@
 package com.morvesk.halvo.ipc;
 
+import java.nio.ByteBuffer;
 import java.time.Duration;
 import java.util.Arrays;
 import java.util.Objects;
-import java.util.concurrent.TimeUnit;
-import java.util.concurrent.locks.ReentrantLock;
 
 /**
  * An open end of a channel.
@@ -16,23 +15,37 @@ import java.util.concurrent.locks.ReentrantLock;
  * }
  * }</pre>
  *
- * <p>Threads may share one: their calls are made one after the other, and waiting for one's turn
- * counts into the timeout. A failed operation raises {@link HalvoException} with the library's
- * code.
+ * <p><b>Deaths.</b> A message that {@link #write} put into the channel is there, whatever becomes of
+ * this process. One that {@link #read} took is gone from the channel: a process that must not lose
+ * messages by its own death takes them by {@link #mark} and commits when it has dealt with them. {@link
+ * Batch} and {@link Marked} tell what a death leaves of their transactions. Opening an end puts right
+ * what the death of its last holder left behind.
+ *
+ * <p><b>Threads</b> may share a channel: their calls are made one after the other, and waiting for
+ * one's turn counts into the timeout. A wait ends with {@link InterruptedException} when its thread is
+ * interrupted, and with {@link ChannelClosedException} when another thread closes the channel; nothing
+ * was read or written then. A call that has done its work before it notices the interrupt returns as
+ * usual, and the thread stays interrupted. Calls that cannot wait do not look for interrupts.
+ *
+ * <p><b>Virtual threads</b> may call every method. A wait in the library would hold their carrier, so
+ * a platform thread waits for them: that takes two more changes of threads than in a platform thread,
+ * but for calls that need not wait.
+ *
+ * <p>A failed operation raises {@link HalvoException} with the library's code. The wrong use of an
+ * object (closed, or open for the other direction) is an {@link IllegalStateException}.
  */
 public final class Channel implements AutoCloseable {
-    static {
-        NativeLibrary.load();
-    }
+    private static final int LEN = 8; // of a slot's fields
+    private static final int TYPE = 12;
+    private static final int BODY = 14;
+    private static final int MOST_TYPE = 0xffff;
+    private static final int HANDED_OVER_AT_ONCE = 100;
+    private static final int MOST_MARKED_BYTES = 1 << 30;
 
-    private static boolean attached;
-
-    private final ReentrantLock turn = new ReentrantLock();
-    private final String name;
-    private final int number;
-    private final boolean forWrite;
-    private final byte[] slot;
-    private boolean open = true;
+    private final ChannelEnd end;
+    private final byte[] scratch; // for the message that is being read, in its turn
+    private byte[] slots = {}; // for marked messages
+    private volatile int lastType = -1;
 
     /** A message that was read. */
     public static final class Message {
@@ -42,6 +55,15 @@ public final class Channel implements AutoCloseable {
         private Message(int type, byte[] body) {
             this.type = type;
             this.body = body;
+        }
+
+        static Message ofSlot(byte[] slots, int at, int slotSize) {
+            int length = slots[at + LEN] & 0xff | (slots[at + LEN + 1] & 0xff) << 8
+                    | (slots[at + LEN + 2] & 0xff) << 16 | (slots[at + LEN + 3] & 0xff) << 24;
+            int fits = slotSize - BODY;
+            int end = at + BODY + (length < 0 || length > fits ? fits : length);
+            return new Message(slots[at + TYPE] & 0xff | (slots[at + TYPE + 1] & 0xff) << 8,
+                    Arrays.copyOfRange(slots, at + BODY, end));
         }
 
         /**
@@ -54,7 +76,8 @@ public final class Channel implements AutoCloseable {
         }
 
         /**
-         * The message's bytes.
+         * The message's bytes. The library does not look at them; texts have the charset that the
+         * programs at both ends agree on.
          *
          * @return the array, which belongs to the caller
          */
@@ -63,80 +86,122 @@ public final class Channel implements AutoCloseable {
         }
     }
 
-    private Channel(String name, int number, boolean forWrite) throws HalvoException {
-        this.name = name;
-        this.number = number;
-        this.forWrite = forWrite;
-        this.slot = new byte[HalvoException.check("size of " + name,
-                IPCFunctions.sizeOfBlock(number))];
+    /**
+     * What {@link #forEach} does with a message.
+     *
+     * @param <X> what it may throw
+     */
+    public interface Handler<X extends Exception> {
+        /**
+         * Deals with a message.
+         *
+         * @param message the message
+         * @throws X when it cannot; the message is read again
+         */
+        void handle(Message message) throws X;
     }
+
+    private Channel(ChannelEnd end) {
+        this.end = end;
+        scratch = new byte[end.longest + 2];
+    }
+
+    // ---- Attaching
 
     /**
      * Starts the library in this process, attaches it to a segment and starts the
-     * {@link TimeoutMonitor}. Further calls change nothing.
+     * {@link TimeoutMonitor}. A process attaches once for its lifetime: for the segment that it has
+     * already this does nothing more, and another one is refused.
      *
      * @param keyFile path of the key file
-     * @throws HalvoException when there is no such segment
+     * @throws HalvoException {@code ESMS_SHMOP} when there is no such segment or it is not complete,
+     *     and a later call may succeed; {@code ESMS_ALREADY} when the process has another segment
      */
-    public static synchronized void attach(String keyFile) throws HalvoException {
-        Objects.requireNonNull(keyFile, "keyFile");
-        if (!attached) {
-            int result = IPCFunctions.initialize(keyFile);
-            if (result != IPCFunctions.ESMS_ALREADY) {
-                HalvoException.check("attach to " + keyFile, result);
-            }
-            attached = true;
-        }
-        TimeoutMonitor.start();
+    public static void attach(String keyFile) throws HalvoException {
+        Attachment.attach(keyFile);
     }
+
+    /**
+     * Attaches as {@link #attach(String)}, waiting for the segment to be made.
+     *
+     * @param keyFile path of the key file
+     * @param timeout the longest wait
+     * @throws HalvoException {@code ESMS_TIMEOUT} when there is no such segment in time; {@code
+     *     ESMS_ALREADY} when the process has another segment
+     * @throws InterruptedException when the thread is interrupted
+     */
+    public static void attach(String keyFile, Duration timeout)
+            throws HalvoException, InterruptedException {
+        Attachment.attach(keyFile, timeout);
+    }
+
+    // ---- Opening and closing
 
     /**
      * Opens the reader's end of a channel, and puts it right when its last holder was killed.
      *
-     * @param client  the name to show for this process; 23 bytes are kept
+     * @param client  the name to show for this process: its first 23 bytes, in the VM's UTF-8
      * @param channel the channel's name
      * @param timeout the longest wait while another process holds the end
      * @return the open end
      * @throws HalvoException {@code ESMS_INVAL} for an unknown channel, {@code ESMS_ACCESS} when
-     *     the end is not given in time
+     *     the end is not given in time; the text names its holder
+     * @throws InterruptedException when the thread is interrupted
      */
     public static Channel openReader(String client, String channel, Duration timeout)
-            throws HalvoException {
+            throws HalvoException, InterruptedException {
         return open(client, channel, false, timeout);
     }
 
     /**
      * Opens the writer's end of a channel, and puts it right when its last holder was killed.
      *
-     * @param client  the name to show for this process; 23 bytes are kept
+     * @param client  the name to show for this process: its first 23 bytes, in the VM's UTF-8
      * @param channel the channel's name
      * @param timeout the longest wait while another process holds the end
      * @return the open end
      * @throws HalvoException as {@link #openReader}
+     * @throws InterruptedException when the thread is interrupted
      */
     public static Channel openWriter(String client, String channel, Duration timeout)
-            throws HalvoException {
+            throws HalvoException, InterruptedException {
         return open(client, channel, true, timeout);
     }
 
     private static Channel open(String client, String name, boolean forWrite, Duration timeout)
-            throws HalvoException {
+            throws HalvoException, InterruptedException {
         Objects.requireNonNull(client, "client");
         Objects.requireNonNull(name, "channel");
         int number = IPCFunctions.channelByName(name);
         if (number < 0) {
-            throw new HalvoException("no channel " + name + ", or not attached",
-                    IPCFunctions.ESMS_INVAL);
+            throw new HalvoException("open " + name, IPCFunctions.ESMS_INVAL,
+                    "no such channel, or not attached");
         }
-        Channel channel = new Channel(name, number, forWrite);
-        HalvoException.check("open " + name,
-                IPCFunctions.openChannel(client, number, forWrite, millis(timeout)));
-        HalvoException.check("recover " + name, recover(number, forWrite));
-        return channel;
+        ChannelEnd end = new ChannelEnd(name, number, forWrite);
+        end.check("look at", IPCFunctions.sizeOfBlock(number));
+        end.open(client, timeout);
+        return new Channel(end);
     }
 
-    /** Puts the end right when its last holder died in the middle of an operation. */
-    private static native int recover(int channel, boolean forWrite);
+    /**
+     * Gives the end back to other processes. Marked messages that were not committed are read again;
+     * waits of other threads end.
+     *
+     * @throws HalvoException when the end was not this process's to give
+     */
+    @Override
+    public void close() throws HalvoException {
+        end.close();
+    }
+
+    /**
+     * The channel's name.
+     *
+     * @return the name by which it was opened
+     */
+    public String name() {
+        return end.name;
+    }
 
     /**
      * The channel's number, for the natives.
@@ -144,7 +209,7 @@ public final class Channel implements AutoCloseable {
      * @return the number
      */
     public int number() {
-        return number;
+        return end.number;
     }
 
     /**
@@ -153,51 +218,260 @@ public final class Channel implements AutoCloseable {
      * @return bytes
      */
     public int longestMessage() {
-        return IPCFunctions.sizeOfData(number);
+        return end.longest;
+    }
+
+    // ---- Reading
+
+    /**
+     * Takes the next message, waiting for one.
+     *
+     * @param timeout the longest wait; 0 or less does not wait
+     * @return the message
+     * @throws HalvoException {@code ESMS_TIMEOUT} when none came in time
+     * @throws InterruptedException when the thread is interrupted
+     */
+    public Message read(Duration timeout) throws HalvoException, InterruptedException {
+        Message message = poll(timeout);
+        if (message == null) {
+            throw end.failure("read from", IPCFunctions.ESMS_TIMEOUT);
+        }
+        return message;
     }
 
     /**
      * Takes the next message, waiting for one.
      *
-     * @param timeout the longest wait
-     * @return the message
-     * @throws HalvoException {@code ESMS_TIMEOUT} when none came in time, {@code ESMS_JAVAINTR}
-     *     when a signal ended the wait
-     * @throws InterruptedException when the thread is interrupted while it waits for its turn
+     * @param timeout the longest wait; 0 or less does not wait
+     * @return the message; null when none came in time
+     * @throws HalvoException when the channel cannot be read
+     * @throws InterruptedException when the thread is interrupted
      */
-    public Message read(Duration timeout) throws HalvoException, InterruptedException {
-        int left = takeTurn("read from ", timeout);
-        try {
-            int length = HalvoException.check("read from " + name,
-                    IPCFunctions.read(number, slot, 0, slot.length, left, true));
-            int end = Math.min(14 + length, slot.length);
-            return new Message((slot[13] & 0xff) << 8 | slot[12] & 0xff,
-                    Arrays.copyOfRange(slot, 14, end));
-        } finally {
-            turn.unlock();
+    public Message poll(Duration timeout) throws HalvoException, InterruptedException {
+        Taken taken = new Taken();
+        return taken.message(end().inTime(timeout, IPCFunctions.ESMS_EMPTY, taken));
+    }
+
+    /**
+     * Takes the next message if there is one at once.
+     *
+     * @return the message; null when there is none, or another thread uses the channel
+     * @throws HalvoException when the channel cannot be read
+     */
+    public Message tryRead() throws HalvoException {
+        Taken taken = new Taken();
+        return taken.message(end().atOnce(IPCFunctions.ESMS_EMPTY, taken));
+    }
+
+    /** Reads into the scratch array and, still in turn, makes a message of it. */
+    private final class Taken implements WakeableCall.Call {
+        private byte[] body;
+
+        @Override
+        public long run(ByteBuffer cell, int millis) {
+            long taken = ChannelCalls.read(cell, end.number, scratch, 0, scratch.length, millis);
+            if (taken >= 0) {
+                body = Arrays.copyOf(scratch, (int) taken);
+            }
+            return taken;
+        }
+
+        Message message(long result) throws HalvoException {
+            if (result == IPCFunctions.ESMS_TIMEOUT || result == IPCFunctions.ESMS_EMPTY) {
+                return null;
+            }
+            end.check("read from", result);
+            return new Message((int) (result >> 32), body);
         }
     }
+
+    /**
+     * Takes the next message into an array, waiting for one. Nothing is allocated.
+     *
+     * @param into    receives the message
+     * @param offset  where in the array it begins
+     * @param length  the room for it
+     * @param timeout the longest wait; 0 or less does not wait
+     * @return the message's length; {@link #lastType} tells its type
+     * @throws HalvoException {@code ESMS_TIMEOUT} when none came in time; {@code ESMS_EXEED} when the
+     *     message is longer than the room, and stays
+     * @throws InterruptedException when the thread is interrupted
+     */
+    public int read(byte[] into, int offset, int length, Duration timeout)
+            throws HalvoException, InterruptedException {
+        checkRange(into, offset, length);
+        long taken = end().inTime(timeout, IPCFunctions.ESMS_EMPTY, (cell, millis) ->
+                ChannelCalls.read(cell, end.number, into, offset, length, millis));
+        return taken(taken, length);
+    }
+
+    /**
+     * Takes the next message into a buffer, waiting for one. Nothing is allocated. The message begins
+     * at the buffer's position, which then stands behind it.
+     *
+     * @param into    receives the message
+     * @param timeout the longest wait; 0 or less does not wait
+     * @return the message's length; {@link #lastType} tells its type
+     * @throws HalvoException as {@link #read(byte[], int, int, Duration)}
+     * @throws InterruptedException when the thread is interrupted
+     */
+    public int read(ByteBuffer into, Duration timeout)
+            throws HalvoException, InterruptedException {
+        int room = into.remaining();
+        if (into.isReadOnly()) {
+            throw new IllegalArgumentException("the buffer cannot be written to");
+        }
+        long taken = end().inTime(timeout, IPCFunctions.ESMS_EMPTY, (cell, millis) -> {
+            long got = ChannelCalls.read(
+                    cell, end.number, scratch, 0, Math.min(room, scratch.length), millis);
+            if (got >= 0) {
+                into.put(scratch, 0, (int) got);
+            }
+            return got;
+        });
+        return taken(taken, room);
+    }
+
+    private int taken(long taken, int room) throws HalvoException {
+        if (taken == IPCFunctions.ESMS_EXEED) {
+            throw new HalvoException("read from " + end.name, (int) taken,
+                    "the next message is longer than " + room + " bytes");
+        }
+        end.check("read from", taken);
+        lastType = (int) (taken >> 32);
+        return (int) taken;
+    }
+
+    /**
+     * The type of the message that was last read into an array or a buffer.
+     *
+     * @return 0 to 65535; -1 before the first
+     */
+    public int lastType() {
+        return lastType;
+    }
+
+    /**
+     * Marks messages that are there, waiting for the first.
+     *
+     * @param max     the most to mark, 1 or more
+     * @param timeout the longest wait; 0 or less does not wait
+     * @return the messages, none when none came in time
+     * @throws HalvoException when the channel cannot be read
+     * @throws InterruptedException when the thread is interrupted
+     */
+    public Marked mark(int max, Duration timeout) throws HalvoException, InterruptedException {
+        if (max < 1) {
+            throw new IllegalArgumentException("mark " + max + " messages");
+        }
+        int slotSize = IPCFunctions.sizeOfBlock(end.number);
+        int most = Math.min(Math.min(max, end().slots()), MOST_MARKED_BYTES / slotSize);
+        Marking marking = new Marking(slotSize, most);
+        long result = end.inTime(timeout, IPCFunctions.ESMS_EMPTY, marking);
+        if (result == IPCFunctions.ESMS_TIMEOUT) {
+            return new Marked(end, slots, slotSize, marking.owner);
+        }
+        end.check("mark messages of", result);
+        return marking.marked;
+    }
+
+    /** Only one set is marked at a time, and so the array for its slots is used again. */
+    private final class Marking implements WakeableCall.Call {
+        private final int slotSize;
+        private final int most;
+        private final Thread owner = Thread.currentThread();
+        private Marked marked;
+
+        Marking(int slotSize, int most) {
+            this.slotSize = slotSize;
+            this.most = most;
+        }
+
+        @Override
+        public long run(ByteBuffer cell, int millis) {
+            if (slots.length / slotSize < most) {
+                slots = new byte[slotSize * most];
+            }
+            marked = new Marked(end, slots, slotSize, owner);
+            return marked.begin(cell, most, millis);
+        }
+    }
+
+    /**
+     * Hands each message to a handler, in order, until none has come for a while. Messages are marked,
+     * handled, then committed, up to a hundred at a time. When the handler throws, those that it had
+     * handled are committed, the others are read again, and the exception goes on. A message may be
+     * handled twice when this process dies: one that was handled and not yet committed.
+     *
+     * @param handler what to do with a message; it must not read from this channel
+     * @param timeout how long to wait for a message
+     * @param <X>     what the handler may throw
+     * @return the number of messages handled
+     * @throws HalvoException when the channel cannot be read
+     * @throws InterruptedException when the thread is interrupted, between two sets of messages
+     * @throws X what the handler throws
+     */
+    public <X extends Exception> long forEach(Handler<? extends X> handler, Duration timeout)
+            throws HalvoException, InterruptedException, X {
+        for (long handled = 0;;) {
+            try (Marked messages = mark(HANDED_OVER_AT_ONCE, timeout)) {
+                if (messages.size() == 0) {
+                    return handled;
+                }
+                handled += handle(messages, handler);
+            }
+        }
+    }
+
+    private static <X extends Exception> int handle(Marked messages, Handler<? extends X> handler)
+            throws HalvoException, X {
+        int handled = 0;
+        try {
+            for (Message message : messages) {
+                handler.handle(message);
+                handled++;
+            }
+        } finally {
+            if (handled > 0) {
+                messages.commit(handled);
+            }
+        }
+        return handled;
+    }
+
+    // ---- Writing
 
     /**
      * Puts one message into the channel, waiting for room.
      *
      * @param type    the message type, 0 to 65535
      * @param body    the message's bytes, 1 to {@link #longestMessage}
-     * @param timeout the longest wait
+     * @param timeout the longest wait; 0 or less does not wait
      * @throws HalvoException {@code ESMS_TIMEOUT} when there was no room in time, {@code
-     *     ESMS_EXEED} for too long a message
-     * @throws InterruptedException when a signal ended the wait, or the thread is interrupted while
-     *     it waits for its turn
+     *     ESMS_EXEED} for too long a message, {@code ESMS_INVAL} for an empty one
+     * @throws InterruptedException when the thread is interrupted
      */
     public void write(int type, byte[] body, Duration timeout)
             throws HalvoException, InterruptedException {
-        int left = takeTurn("write to ", timeout);
-        try {
-            HalvoException.check("write to " + name,
-                    IPCFunctions.write(number, type, body, 0, body.length, left));
-        } finally {
-            turn.unlock();
-        }
+        write(type, body, 0, body.length, timeout);
+    }
+
+    /**
+     * Puts one message that is part of an array into the channel, waiting for room.
+     *
+     * @param type    the message type, 0 to 65535
+     * @param data    holds the message
+     * @param offset  where in the array it begins
+     * @param length  its length in bytes, 1 to {@link #longestMessage}
+     * @param timeout the longest wait; 0 or less does not wait
+     * @throws HalvoException as {@link #write(int, byte[], Duration)}
+     * @throws InterruptedException when the thread is interrupted
+     */
+    public void write(int type, byte[] data, int offset, int length, Duration timeout)
+            throws HalvoException, InterruptedException {
+        checkMessage(writing(), type, data, offset, length);
+        end.check("write to", end.inTime(timeout, IPCFunctions.ESMS_FULL, (cell, millis) ->
+                ChannelCalls.write(cell, end.number, type, data, offset, length, millis)));
     }
 
     /**
@@ -206,67 +480,56 @@ public final class Channel implements AutoCloseable {
      * @param type the message type, 0 to 65535
      * @param body the message's bytes, 1 to {@link #longestMessage}
      * @return false when there is no room, or another thread uses the channel
-     * @throws HalvoException as {@link #write}, but for the timeout
+     * @throws HalvoException as {@link #write(int, byte[], Duration)}, but for the timeout
      */
     public boolean tryWrite(int type, byte[] body) throws HalvoException {
-        if (!turn.tryLock()) {
-            return false;
-        }
-        try {
-            requireOpen();
-            int result = IPCFunctions.write(number, type, body, 0, body.length, -1);
-            return result != IPCFunctions.ESMS_FULL
-                    && HalvoException.check("write to " + name, result) >= 0;
-        } catch (InterruptedException e) { // not without a wait
-            Thread.currentThread().interrupt();
-            return false;
-        } finally {
-            turn.unlock();
+        checkMessage(writing(), type, body, 0, body.length);
+        long result = end.atOnce(IPCFunctions.ESMS_FULL, (cell, millis) ->
+                ChannelCalls.write(cell, end.number, type, body, 0, body.length, millis));
+        return result != IPCFunctions.ESMS_FULL && end.check("write to", result) >= 0;
+    }
+
+    /**
+     * Begins messages that are written together.
+     *
+     * @return a batch without messages
+     */
+    public Batch batch() {
+        return new Batch(writing());
+    }
+
+    // ---- Checks
+
+    private ChannelEnd end() {
+        end.require(false);
+        return end;
+    }
+
+    private ChannelEnd writing() {
+        end.require(true);
+        return end;
+    }
+
+    private static void checkRange(byte[] data, int offset, int length) {
+        if (offset < 0 || length < 0 || length > data.length - offset) {
+            throw new IndexOutOfBoundsException(
+                    length + " bytes from " + offset + " on in an array of " + data.length);
         }
     }
 
-    /** Gives the end back to other processes, after a call that another thread is in has ended. */
-    @Override
-    public void close() throws HalvoException {
-        turn.lock();
-        try {
-            if (open) {
-                open = false;
-                HalvoException.check("close " + name, IPCFunctions.closeChannel(number, forWrite));
-            }
-        } finally {
-            turn.unlock();
+    /** Refuses what the library would, or would send as something else. */
+    static void checkMessage(ChannelEnd end, int type, byte[] data, int offset, int length)
+            throws HalvoException {
+        checkRange(data, offset, length);
+        if (type < 0 || type > MOST_TYPE) {
+            throw new IllegalArgumentException("message type " + type + ", not 0 to " + MOST_TYPE);
         }
-    }
-
-    /** Takes the lock. Returns the milliseconds that are left. */
-    private int takeTurn(String operation, Duration timeout)
-            throws HalvoException, InterruptedException {
-        long until = System.nanoTime() + TimeUnit.MILLISECONDS.toNanos(millis(timeout));
-        if (!turn.tryLock() && !turn.tryLock(millis(timeout), TimeUnit.MILLISECONDS)) {
-            throw new HalvoException(operation + name, IPCFunctions.ESMS_TIMEOUT);
+        if (length > end.longest) {
+            throw end.tooLong("write to", length, end.longest);
         }
-        try {
-            requireOpen();
-        } catch (IllegalStateException e) {
-            turn.unlock();
-            throw e;
+        if (length == 0) {
+            throw new HalvoException("write to " + end.name, IPCFunctions.ESMS_INVAL,
+                    "an empty message");
         }
-        long left = TimeUnit.NANOSECONDS.toMillis(until - System.nanoTime() + 999_999);
-        return (int) Math.max(0, left);
-    }
-
-    private void requireOpen() {
-        if (!open) {
-            throw new IllegalStateException("channel " + name + " is closed");
-        }
-    }
-
-    private static int millis(Duration timeout) {
-        if (timeout.isNegative()) {
-            return 0;
-        }
-        long seconds = timeout.getSeconds();
-        return seconds >= Integer.MAX_VALUE / 1000 ? Integer.MAX_VALUE : (int) timeout.toMillis();
     }
 }

@@ -1,8 +1,9 @@
 package com.morvesk.halvo.ipc;
 
-import java.io.IOException;
+import java.time.Duration;
 import java.util.Arrays;
 import java.util.Objects;
+import java.util.concurrent.TimeUnit;
 
 /**
  * A file queue: a persistent queue of byte items in a directory.
@@ -14,7 +15,7 @@ import java.util.Objects;
  *     out.put(second);
  *     out.commit();               // readable all at once; without it they are dropped
  * }
- * try (FileQueue.Reader in = queue.reader(2000)) {
+ * try (FileQueue.Reader in = queue.reader()) {
  *     for (byte[] item; (item = in.next()) != null;) {
  *         process(item);
  *     }
@@ -23,9 +24,18 @@ import java.util.Objects;
  * }</pre>
  *
  * <p>A transaction begins with its first item and from then on locks its side of the queue for all
- * other threads and processes. It must be used by one thread at a time.
+ * other threads and processes, which wait without limit and without looking for interrupts; a virtual
+ * thread holds its carrier meanwhile. A thread that would wait for itself gets an {@link
+ * IllegalStateException}. A transaction must be used by one thread at a time.
+ *
+ * <p><b>Deaths.</b> When the process dies before a commit, the items of a write transaction are
+ * dropped and those of a read transaction are read again. A put that has returned is in the queue.
+ *
+ * <p>Paths reach the files in the VM's UTF-8.
  */
 public final class FileQueue {
+    private static final int USUAL_ITEM = 2000;
+    private static final int LONGEST_ITEM = 999_999_977;
     private final String path;
     private final int channel;
 
@@ -53,14 +63,16 @@ public final class FileQueue {
      * Puts one item, readable at once.
      *
      * @param type 0 to 4095 counts the item for that type; any other does not
-     * @param item its bytes, 1 or more
-     * @throws IOException when the queue cannot be locked or written; the cause is on the standard
-     *     output
+     * @param item its bytes, 1 to 999999977
+     * @throws HalvoException when the queue cannot be locked or written; {@code ESMS_INVAL} for an
+     *     empty item
      */
-    public void put(int type, byte[] item) throws IOException {
+    public void put(int type, byte[] item) throws HalvoException {
+        checkItem(item);
+        FileQueueTransaction.refuseOwnLock(path, true);
         int result = IPCFunctions.writeFileQueue(channel, path, type, item, 0, item.length, false);
-        if (result != 0) {
-            throw failure("put", result);
+        if (result != 0) { // a failure to lock is a positive number
+            throw failure("put into", result > 0 ? FileQueueCalls.LOCK - result : result);
         }
     }
 
@@ -76,99 +88,171 @@ public final class FileQueue {
     /**
      * A read transaction.
      *
-     * @param longestItem bytes of the longest item to expect. A longer one is not read and looks
-     *     like the end of the queue
      * @return the transaction, which has not yet begun
      */
-    public Reader reader(int longestItem) {
-        return new Reader(longestItem);
+    public Reader reader() {
+        return new Reader(USUAL_ITEM);
     }
 
-    private IOException failure(String operation, long result) {
-        return new IOException(operation + " " + path + ": result " + result);
+    /**
+     * A read transaction for items of a known length.
+     *
+     * @param usualItem bytes of the items to expect. The room for longer ones is made as they come
+     * @return the transaction, which has not yet begun
+     */
+    public Reader reader(int usualItem) {
+        return new Reader(Math.max(1, usualItem));
     }
 
-    /** A write transaction. After a commit, the next item begins another. */
+    private HalvoException failure(String operation, int result) {
+        return FileQueueTransaction.failure(operation + " " + path, result);
+    }
+
+    private void checkItem(byte[] item) throws HalvoException {
+        if (item.length == 0 || item.length > LONGEST_ITEM) {
+            throw new HalvoException("put into " + path, IPCFunctions.ESMS_INVAL,
+                    "an item of " + item.length + " bytes, not 1 to " + LONGEST_ITEM);
+        }
+    }
+
+    /** A write transaction. After a commit or a rollback, the next item begins another. */
     public final class Writer implements AutoCloseable {
-        private long handle;
+        private final FileQueueTransaction transaction = new FileQueueTransaction(path, true);
+        private HalvoException failed;
 
         private Writer() {}
 
         /**
          * Adds an item.
          *
-         * @param item its bytes, 1 or more
-         * @throws IOException when it cannot be written; the transaction cannot be committed then
+         * @param item its bytes, 1 to 999999977
+         * @throws HalvoException when it cannot be written: the items before it are lost too, and the
+         *     transaction can only be rolled back or closed; {@code ESMS_INVAL} for an empty item,
+         *     which changes nothing
          */
-        public void put(byte[] item) throws IOException {
-            long result;
-            if (handle == 0) {
-                result = IPCFunctions.writeFileQueueBuf(
-                        channel, path, 0, item, 0, item.length, false);
-                handle = Math.max(result, 0);
-            } else {
-                result = IPCFunctions.writeFileQueueBufNext(
-                        channel, handle, 0, item, 0, item.length, false);
-            }
+        public void put(byte[] item) throws HalvoException {
+            checkItem(item);
+            transaction.requireUsable();
+            requireNotFailed();
+            boolean wasOpen = transaction.isOpen();
+            int result = FileQueueCalls.add(
+                    channel, path, transaction.words, item, 0, item.length);
+            transaction.begun(wasOpen);
             if (result < 0) {
-                throw failure("put", result);
+                HalvoException failure = failure("put into", result);
+                if (wasOpen) {
+                    end(false);
+                    failed = failure;
+                }
+                throw failure;
             }
         }
 
         /**
          * Makes the items readable, all at once. Without an item it does nothing.
          *
-         * @throws IOException when they cannot be made readable
+         * @throws HalvoException when they cannot be made readable
          */
-        public void commit() throws IOException {
-            if (handle == 0) {
-                return;
-            }
-            int result = IPCFunctions.writeFileQueueBufCommit(channel, handle);
-            handle = 0;
+        public void commit() throws HalvoException {
+            transaction.requireUsable();
+            requireNotFailed();
+            int result = end(true);
             if (result < 0) {
-                throw failure("commit", result);
+                throw failure("commit to", result);
             }
+        }
+
+        /** Drops the items since the last commit. */
+        public void rollback() {
+            failed = null;
+            end(false);
         }
 
         /** Drops the items that were not committed. */
         @Override
         public void close() {
-            if (handle != 0) {
-                IPCFunctions.writeFileQueueBufRollback(channel, handle);
-                handle = 0;
+            if (transaction.close()) {
+                end(false);
+            }
+        }
+
+        private int end(boolean commit) {
+            transaction.ending();
+            return FileQueueCalls.endWrite(channel, transaction.words, commit);
+        }
+
+        private void requireNotFailed() {
+            if (failed != null) {
+                throw new IllegalStateException("the transaction has failed", failed);
             }
         }
     }
 
-    /** A read transaction. After a commit, the next item begins another. */
+    /** A read transaction. After a commit or a rollback, the next item begins another. */
     public final class Reader implements AutoCloseable {
-        private final byte[] buffer;
-        private long handle;
+        private static final long MOST_PAUSE = 20_000_000L; // nanoseconds
+        private static final long FIRST_PAUSE = 500_000L;
+        private final FileQueueTransaction transaction = new FileQueueTransaction(path, false);
+        private byte[] buffer;
 
-        private Reader(int longestItem) {
-            buffer = new byte[longestItem];
+        private Reader(int usualItem) {
+            buffer = new byte[usualItem];
         }
 
         /**
          * Reads an item. Does not wait for one.
          *
-         * @return its bytes; null when there is none to read, for whatever reason
+         * @return its bytes; null when there is none, or the channel's read rate is above its limit
+         * @throws HalvoException when the queue cannot be locked or read. The items before it stay
+         *     in the transaction
          */
-        public byte[] next() {
-            boolean read;
-            if (handle == 0) {
-                handle = IPCFunctions.readFileQueue(channel, path, buffer, 0, buffer.length);
-                read = handle != 0;
-            } else {
-                read = IPCFunctions.readFileQueueNext(
-                        channel, path, handle, buffer, 0, buffer.length) == 1;
+        public byte[] next() throws HalvoException {
+            transaction.requireUsable();
+            boolean wasOpen = transaction.isOpen();
+            int result;
+            while (true) {
+                result = FileQueueCalls.take(channel, path, transaction.words, buffer);
+                if (result != FileQueueCalls.TOO_LONG || buffer.length >= LONGEST_ITEM) {
+                    break;
+                }
+                buffer = new byte[(int) Math.min(LONGEST_ITEM, 2L * buffer.length)];
             }
-            return read ? Arrays.copyOf(buffer, IPCFunctions.readFileQueueBytes(handle)) : null;
+            transaction.begun(wasOpen);
+            if (result < 0) {
+                throw failure("read from", result);
+            }
+            return result == 0 ? null : Arrays.copyOf(buffer, result);
         }
 
-        /** Consumes the items. Without an item it does nothing. */
-        public void commit() {
+        /**
+         * Reads an item, waiting for one. It looks every 20 ms at least.
+         *
+         * @param timeout the longest wait; 0 or less does not wait
+         * @return its bytes; null when none came in time
+         * @throws HalvoException as {@link #next}
+         * @throws InterruptedException when the thread is interrupted while it waits for an item
+         */
+        public byte[] poll(Duration timeout) throws HalvoException, InterruptedException {
+            long until = ChannelEnd.deadline(timeout);
+            for (long pause = FIRST_PAUSE;; pause = Math.min(MOST_PAUSE, 2 * pause)) {
+                if (Thread.interrupted()) {
+                    throw new InterruptedException(path);
+                }
+                byte[] item = next();
+                long left = until - System.nanoTime();
+                if (item != null || left <= 0) {
+                    return item;
+                }
+                TimeUnit.NANOSECONDS.sleep(Math.min(pause, left));
+            }
+        }
+
+        /**
+         * Consumes the items. Without an item it does nothing.
+         *
+         * @throws HalvoException when they cannot be consumed; they are read again then
+         */
+        public void commit() throws HalvoException {
             commit(0);
         }
 
@@ -176,21 +260,32 @@ public final class FileQueue {
          * Consumes the items and counts errors for the channel. Without an item it does nothing.
          *
          * @param errors how many
+         * @throws HalvoException as {@link #commit()}
          */
-        public void commit(int errors) {
-            if (handle != 0) {
-                IPCFunctions.readFileQueueCommit(channel, handle, errors);
-                handle = 0;
+        public void commit(int errors) throws HalvoException {
+            transaction.requireUsable();
+            int result = end(errors, true);
+            if (result < 0) {
+                throw failure("commit what was read from", result);
             }
+        }
+
+        /** Leaves the items since the last commit in the queue. */
+        public void rollback() {
+            end(0, false);
         }
 
         /** Leaves the items that were not committed in the queue. */
         @Override
         public void close() {
-            if (handle != 0) {
-                IPCFunctions.readFileQueueRollback(channel, handle);
-                handle = 0;
+            if (transaction.close()) {
+                end(0, false);
             }
+        }
+
+        private int end(int errors, boolean commit) {
+            transaction.ending();
+            return FileQueueCalls.endRead(channel, transaction.words, errors, commit);
         }
     }
 }

@@ -9,6 +9,9 @@ import java.lang.reflect.Method;
 import java.lang.reflect.Modifier;
 import java.net.URL;
 import java.net.URLClassLoader;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.Paths;
 import org.junit.Test;
 
 /** The classes and the library fit together. */
@@ -29,6 +32,8 @@ public class BindingTest {
     public void everyDeclaredNativeIsInTheLibrary() {
         assertEquals(51, boundNatives(IPCFunctions.class));
         assertEquals(8, boundNatives(LiveStat.class));
+        assertEquals(11, boundNatives(ChannelCalls.class));
+        assertEquals(5, boundNatives(FileQueueCalls.class));
     }
 
     private interface NativeValue {
@@ -84,5 +89,16 @@ public class BindingTest {
         assertTrue(searched, searched.contains("no halvoipc in java.library.path"));
         assertTrue(searched, searched.contains("-Dhalvoipc.library=<full path of libhalvoipc.so>"));
         assertTrue(searched, searched.contains("-Djava.library.path=<its directory>"));
+    }
+
+    @Test
+    public void aLibraryOfTheOtherWidthSaysSo() throws Exception {
+        byte[] library = Files.readAllBytes(Paths.get(System.getProperty("halvoipc.library")));
+        library[4] = (byte) (3 - library[4]); // the ELF class: 1 is of 32 bits, 2 of 64
+        Path other = Paths.get(System.getProperty("halvo.test.dir"), "libother.so");
+        Files.write(other, library);
+        String wrong = loadFailure(other.toString());
+        assertTrue(wrong, wrong.contains("The library has the other word size: this VM is of "
+                + System.getProperty("sun.arch.data.model") + " bits"));
     }
 }

@@ -12,12 +12,14 @@ import static org.junit.Assert.assertTrue;
 import java.io.File;
 import java.io.IOException;
 import java.nio.file.Files;
+import java.time.Duration;
 import java.util.Arrays;
 import java.util.concurrent.FutureTask;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.TimeoutException;
 import org.junit.Before;
 import org.junit.Test;
+import org.junit.function.ThrowingRunnable;
 
 /** The file queue by its natives and by its class. */
 public class FileQueueTest {
@@ -194,7 +196,6 @@ public class FileQueueTest {
             writer.commit();
             writer.put(bytes("one"));
             writer.put(bytes("two"));
-            assertThrows(IOException.class, () -> writer.put(new byte[0]));
         }
         files.put(1, bytes("three"));
         try (FileQueue.Writer writer = files.writer()) {
@@ -216,5 +217,98 @@ public class FileQueueTest {
             reader.commit();
         }
         assertFalse(new File(queue + ".missing").exists());
+    }
+
+    private static void failed(String code, ThrowingRunnable call) {
+        HalvoException failure = assertThrows(HalvoException.class, call);
+        assertEquals(failure.getMessage(), code, failure.codeName());
+        assertTrue(failure.getMessage(), failure.getMessage().contains(code));
+        assertFalse(failure.isTimeout());
+    }
+
+    @Test
+    public void aTransactionKnowsItsState() throws Exception {
+        FileQueue files = new FileQueue(queue);
+        FileQueue.Writer writer = files.writer();
+        writer.put(bytes("one"));
+        failed("ESMS_INVAL", () -> writer.put(new byte[0]));
+        assertThrows(IllegalStateException.class, () -> files.put(1, bytes("would wait for itself")));
+        assertThrows(IllegalStateException.class, () -> files.writer().put(bytes("likewise")));
+        new FileQueue(queue + 2).put(1, bytes("another queue"));
+        writer.commit();
+        writer.put(bytes("dropped"));
+        writer.rollback();
+        writer.put(bytes("two"));
+        writer.commit();
+        writer.close();
+        assertThrows(IllegalStateException.class, () -> writer.put(bytes("late")));
+        assertThrows(IllegalStateException.class, writer::commit);
+        files.put(1, bytes("three")); // the side is free
+
+        FileQueue.Reader reader = files.reader(1);
+        assertArrayEquals(bytes("one"), reader.next());
+        assertThrows(IllegalStateException.class, () -> files.reader().next());
+        assertArrayEquals(bytes("two"), reader.next());
+        reader.commit();
+        assertArrayEquals(bytes("three"), reader.next());
+        reader.rollback();
+        assertArrayEquals(bytes("three"), reader.next());
+        reader.close();
+        assertThrows(IllegalStateException.class, reader::next);
+        assertThrows(IllegalStateException.class, reader::commit);
+        assertEquals("three", take());
+    }
+
+    @Test
+    public void aBadRangeLeavesNoLock() throws Exception {
+        assertThrows(ArrayIndexOutOfBoundsException.class,
+                () -> writeFileQueueBuf(NONE, queue, 1, new byte[3], 2, 2, false));
+        FutureTask<Integer> next = new FutureTask<>(() -> put(NONE, queue, 1, "next", false));
+        Thread thread = new Thread(next);
+        thread.setDaemon(true);
+        thread.start();
+        assertEquals(0, (int) next.get(10, TimeUnit.SECONDS));
+        assertEquals("next", take());
+    }
+
+    @Test
+    public void theReaderTellsWhyThereIsNothing() throws Exception {
+        String missing = directory + "/missing/mo";
+        failed("FQ_LOCK_FILE", () -> new FileQueue(missing).put(1, bytes("x")));
+        failed("FQ_LOCK_FILE", () -> new FileQueue(missing).writer().put(bytes("x")));
+        failed("FQ_LOCK_FILE", () -> new FileQueue(missing).reader().next());
+        failed("ESMS_INVAL", () -> new FileQueue(new String(new char[5000])).reader().next());
+        FileQueue files = new FileQueue(queue);
+        byte[] large = new byte[300_000];
+        Arrays.fill(large, (byte) 'l');
+        try (FileQueue.Reader reader = files.reader(10)) {
+            assertNull(reader.next());
+            files.put(1, bytes("small"));
+            files.put(1, large);
+            files.put(1, bytes("after it"));
+            assertArrayEquals(bytes("small"), reader.next());
+            assertArrayEquals(large, reader.next());
+            assertArrayEquals(bytes("after it"), reader.next());
+            assertNull(reader.next());
+            reader.commit();
+        }
+        Files.write(new File(queue + ".head").toPath(), bytes("no position at all, not anywhere"));
+        String damage = assertThrows(HalvoException.class, () -> files.reader().next()).codeName();
+        assertTrue(damage, damage.startsWith("FQ_"));
+    }
+
+    @Test
+    public void aPollWaitsForTheNextItem() throws Exception {
+        FileQueue files = new FileQueue(queue);
+        try (FileQueue.Reader reader = files.reader()) {
+            long start = System.nanoTime();
+            assertNull(reader.poll(Duration.ofMillis(150)));
+            assertTrue(System.nanoTime() - start >= 150_000_000L);
+            new Thread(() -> assertEquals(0, put(NONE, queue, 1, "late", false))).start();
+            assertArrayEquals(bytes("late"), reader.poll(Duration.ofSeconds(30)));
+            reader.commit();
+            Thread.currentThread().interrupt();
+            assertThrows(InterruptedException.class, () -> reader.poll(Duration.ofSeconds(30)));
+        }
     }
 }

@@ -255,4 +255,15 @@ public class TransferTest {
         assertTrue("pidpf", wrap(header).getInt(132) > 0);
         assertEquals("pidgf", wrap(header).getInt(132), wrap(header).getInt(136));
     }
+
+    @Test
+    public void aHeaderThatIsDamagedLaterDoesNotEndTheVm() throws Exception {
+        int channel = both();
+        int slots = intAt(channel, 0);
+        putIntAt(channel, 0, -1);
+        int result = write(channel, "x");
+        assertTrue("result " + result, result == 0 || result == ESMS_INVAL);
+        putIntAt(channel, 0, slots);
+        assertEquals(result == 0 ? "x" : "[" + ESMS_TIMEOUT + "]", read(channel));
+    }
 }

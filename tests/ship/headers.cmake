@@ -1,5 +1,4 @@
-# Every public header compiles alone, as C11 and as C++, with warnings as errors; the examples of
-# the documents compile and run against the built library.
+# Every public header compiles alone, as C11 and as C++, with warnings as errors.
 file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/halvo/*.h)
 set(alone)
 foreach(header IN LISTS headers)

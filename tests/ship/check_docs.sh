@@ -18,6 +18,12 @@ for picture in docs/pictures/*.dot; do
         complain "$picture has changed since it was drawn: make pictures"
 done
 
+# The README shows the examples as they are installed and compiled.
+for example in hello.c Hello.java; do
+    block='```'${example#*.}$'\n'$(<"docs/examples/$example")$'\n```'
+    [[ $(<README.md) == *"$block"* ]] || complain "README.md: $example is not shown as it is"
+done
+
 kept=docs/kept-behaviour.md
 commented() {
     grep -rE --include='*.cpp' --include='*.h' --include='*.java' -o 'Kept:' \

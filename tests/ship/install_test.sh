@@ -35,10 +35,10 @@ if grep -rl --include='*.pc' --include='*.cmake' -e "$build" -e "$source" "$pref
     echo "the files above name the build"
     exit 1
 fi
+version=$(PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig pkg-config --modversion halvoipc)
 [ "$(readlink "$prefix/$libdir/libhalvoipc.so")" = libhalvoipc.so.1 ]
-[ "$(readlink "$prefix/$libdir/libhalvoipc.so.1")" = libhalvoipc.so.1.0.0 ]
-[ "$("$prefix/bin/halvo-qm" --version)" = "halvo-qm $(PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig \
-    pkg-config --modversion halvoipc)" ]
+[ "$(readlink "$prefix/$libdir/libhalvoipc.so.1")" = "libhalvoipc.so.$version" ]
+[ "$("$prefix/bin/halvo-qm" --version)" = "halvo-qm $version" ]
 
 step "a segment of the installed queue manager"
 export PATH=$prefix/bin:$PATH

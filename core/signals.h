@@ -1,0 +1,13 @@
+// sms_sig: what the library itself asks of the signal service.
+#pragma once
+
+namespace halvo {
+
+// Makes what init_sig() would make, where nobody has: the key, and the handler if the program has
+// left SIGUSR2 alone, which would end it otherwise.
+void start_signal_service() noexcept;
+
+// Clears what getSignal() reports for the calling thread.
+void forget_signal() noexcept;
+
+} // namespace halvo

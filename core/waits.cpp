@@ -1,0 +1,112 @@
+#include "core/waits.h"
+
+#include <signal.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <limits>
+
+#include "core/end.h"
+#include "core/mapping.h"
+#include "core/posix.h"
+#include "core/semaphores.h"
+
+namespace halvo {
+
+namespace {
+
+pthread_mutex_t lock_of_waits = PTHREAD_MUTEX_INITIALIZER; // guards the list and its members
+WaitInProgress *first_wait = nullptr;
+int generation = 0; // forks that this process descends from
+
+// A forked child starts without waits: their threads are its parent's.
+void begin_anew() {
+    lock_of_waits = PTHREAD_MUTEX_INITIALIZER;
+    first_wait = nullptr;
+    ++generation;
+}
+[[maybe_unused]] const int watched = pthread_atfork(nullptr, nullptr, begin_anew);
+
+} // namespace
+
+double wall_clock() noexcept {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1000000.0;
+}
+
+WantedState wanted_state(const Side &side, halvo_channel *q) noexcept {
+    const bool reader = &side == &kReader;
+    const qmsg *slot = reader ? ReaderEnd(q).current() : WriterEnd(q).current();
+    if (!in_segment(slot, sizeof slot->state)) return {};
+    return {&slot->state, reader ? HALVO_SLOT_READABLE : HALVO_SLOT_FREE};
+}
+
+WaitInProgress::WaitInProgress(const Sleeper &sleeper, double end, const Side &side,
+                               halvo_channel *q, int channel) noexcept
+    : frame_(sleeper.frame()), end_(end), side_(side), q_(q), channel_(channel) {
+    const MutexLock lock(lock_of_waits);
+    generation_ = generation;
+    next_ = first_wait;
+    if (next_) next_->previous_ = this;
+    first_wait = this;
+}
+
+void WaitInProgress::leave() noexcept {
+    if (!linked_) return;
+    linked_ = false;
+    {
+        const MutexLock lock(lock_of_waits);
+        if (generation_ != generation) return; // this is the child of a fork in a signal handler
+        (previous_ ? previous_->next_ : first_wait) = next_;
+        if (next_) next_->previous_ = previous_;
+    }
+    if (signal_sent_) getppid(); // a signal that was sent is delivered with the next system call
+}
+
+void WaitInProgress::signal() noexcept {
+    signal_sent_ = true;
+    pthread_kill(thread_, SIGUSR2);
+}
+
+bool WaitInProgress::slot_stands_ready(const halvo_segment *segment) const noexcept {
+    if (!q_ || !frame_.marks || !segment) return false;
+    const WantedState slot = wanted_state(side_, q_);
+    return slot.state && load(*slot.state) == slot.wanted;
+}
+
+void WaitInProgress::visit(double now, const halvo_segment *segment) noexcept {
+    const bool overdue = now > end_;
+    const bool past_signal = slept_past_a_signal(frame_);
+    const bool ready = slot_stands_ready(segment);
+    if (overdue) {
+        if (was_overdue_) signal();
+    } else if (past_signal && was_past_signal_) {
+        signal_missed_ = true;
+        signal();
+    }
+    if (ready && was_ready_) {
+        sent_to_look_ = true;
+        post(side_.semaphore(channel_));
+    }
+    was_overdue_ = overdue;
+    was_past_signal_ = past_signal;
+    was_ready_ = ready;
+}
+
+void WaitInProgress::lose_limit() noexcept { end_ = std::numeric_limits<double>::infinity(); }
+
+void visit_waits() noexcept {
+    const double now = wall_clock();
+    const MappingUse mapping;
+    const MutexLock lock(lock_of_waits);
+    for (WaitInProgress *wait = first_wait; wait; wait = wait->next())
+        wait->visit(now, mapping.segment());
+}
+
+void lose_limits() noexcept {
+    const MutexLock lock(lock_of_waits);
+    for (WaitInProgress *wait = first_wait; wait; wait = wait->next()) wait->lose_limit();
+}
+
+} // namespace halvo

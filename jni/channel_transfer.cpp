@@ -1,0 +1,143 @@
+// Java binding, Channel: reads, writes and transactions. Each has two forms: without a wake cell it
+// tries once and answers ESMS_EMPTY or ESMS_FULL, with one it waits.
+#include "jni/companion.h"
+#include "jni/wake.h"
+
+using namespace halvo;
+
+namespace {
+
+constexpr int kTypeShift = 32; // a read's result: the type above the length
+
+// Runs attempt(), which gets a place for "not yet", once or until it no longer says so.
+template <class Attempt>
+jint once_or_waiting(const Waiter &waiter, WakeCell *cell, jint not_yet, Attempt attempt) {
+    jint result = ESMS_OK;
+    const auto settled = [&] {
+        result = attempt();
+        return result != not_yet;
+    };
+    if (!cell) {
+        settled();
+        return result;
+    }
+    const WakeableWait wakeable(cell);
+    if (!wakeable.may_wait()) return ESMS_JAVAINTR;
+    const Wait wait = wait_until(waiter, settled);
+    return wait == Wait::settled ? result : code_of(wait);
+}
+
+// The message that a read would take has no room in `room` bytes.
+bool is_too_long(halvo_channel *q, uint32_t room) {
+    const qmsg *slot = slot_at(q, position_in(q, load(q->rpos)));
+    return load_state(slot) == HALVO_SLOT_READABLE && body_length(q, slot) > room;
+}
+
+// A staged message of a batch: its length and type, then its body.
+struct Staged {
+    uint32_t length;
+    int32_t type;
+};
+static_assert(sizeof(Staged) == 8);
+
+// Writes staged messages, for which there is room. ESMS_OK, or what stopped it.
+jint write_staged(halvo_channel *q, const char *at, jint count) {
+    for (; count > 0; --count) {
+        Staged head;
+        std::memcpy(&head, at, sizeof head);
+        at += sizeof head;
+        const int result = q_write(q, head.type, at, head.length);
+        if (result != ESMS_OK) return result;
+        at += head.length;
+    }
+    return ESMS_OK;
+}
+
+} // namespace
+
+// type << 32 | length of the message whose body was copied; ESMS_EXEED when it is longer than the
+// range, and stays.
+COMPANION_NATIVE(jlong, ChannelCalls, read)
+(JNIEnv *env, jclass, jobject cell, jint channel, jbyteArray into, jint offset, jint length,
+ jint timeout) noexcept {
+    const ArrayRange range{into, offset, length};
+    if (!has_room(env, range) || length < 0) return ESMS_INVAL;
+    const CheckedChannel end = owned_channel(kReader, channel);
+    if (end.fault != ESMS_OK) return end.fault;
+    const SlotImage image(end.q);
+    if (!image) return ESMS_FAILED;
+    const jint result = once_or_waiting({kReader, end.q, channel, timeout}, cell_of(env, cell),
+                                        ESMS_EMPTY, [&]() -> jint {
+                                            if (is_too_long(end.q, static_cast<uint32_t>(length)))
+                                                return ESMS_EXEED;
+                                            return q_read(end.q, image.get());
+                                        });
+    if (result != ESMS_OK) return result;
+    finish_transfer(kReader, end.q, channel);
+    const uint32_t size = body_length(slot_size(end.q), image.get());
+    copy_out(env, range, body(image.get()), size);
+    return jlong{image.get()->type} << kTypeShift | size;
+}
+
+COMPANION_NATIVE(jint, ChannelCalls, write)
+(JNIEnv *env, jclass, jobject cell, jint channel, jint type, jbyteArray data, jint offset,
+ jint length, jint timeout) noexcept {
+    return on_side(kWriter, channel, [&](halvo_channel *q) {
+        const BytesIn bytes(env, {data, offset, length});
+        if (bytes.fault() != ESMS_OK) return bytes.fault();
+        const jint result =
+            once_or_waiting({kWriter, q, channel, timeout}, cell_of(env, cell), ESMS_FULL,
+                            [&] { return q_write(q, type, bytes.data(), bytes.length()); });
+        if (result == ESMS_OK) finish_transfer(kWriter, q, channel);
+        return result;
+    });
+}
+
+// Marks at most n messages, as many as there is room for their slots, and copies the slots. Returns
+// their number.
+COMPANION_NATIVE(jint, ChannelCalls, mark)
+(JNIEnv *env, jclass, jobject cell, jint channel, jint n, jbyteArray slots, jint timeout) noexcept {
+    return on_side(kReader, channel, [&](halvo_channel *q) -> jint {
+        const uint32_t size = slot_size(q);
+        if (n < 1 || int64_t{n} * size > env->GetArrayLength(slots)) return ESMS_INVAL;
+        const jint marked = once_or_waiting({kReader, q, channel, timeout}, cell_of(env, cell),
+                                            ESMS_EMPTY, [&]() -> jint {
+                                                const int count = q_read_mark(q, n);
+                                                return count != 0 ? count : ESMS_EMPTY;
+                                            });
+        if (marked <= 0) return marked;
+        refresh(q->rwait, 0);
+        jint copied = 0;
+        {
+            const PinnedBytes bytes(env, slots, 0);
+            while (bytes.get() && copied < marked &&
+                   q_read_markedmsg(q, copied, bytes.get() + copied * size) == ESMS_OK)
+                ++copied;
+        }
+        if (copied == marked) return marked;
+        q_read_rollback(q);
+        return ESMS_FAILED;
+    });
+}
+
+// Makes `count` staged messages readable, all or none while this process lives. ESMS_FULL, or a
+// wait, when there is no room for all.
+COMPANION_NATIVE(jint, ChannelCalls, writeAll)
+(JNIEnv *env, jclass, jobject cell, jint channel, jbyteArray staged, jint count,
+ jint timeout) noexcept {
+    return on_side(kWriter, channel, [&](halvo_channel *q) -> jint {
+        const jint room =
+            once_or_waiting({kWriter, q, channel, timeout}, cell_of(env, cell), ESMS_FULL, [&] {
+                const int writable = q_writable_count(q);
+                return writable >= 0 && writable < count ? ESMS_FULL : writable;
+            });
+        if (room < 0) return room;
+        jint result = ESMS_FAILED;
+        {
+            const PinnedBytes bytes(env, staged, JNI_ABORT);
+            if (bytes.get()) result = write_staged(q, bytes.get(), count);
+        }
+        finish_transfer(kWriter, q, channel);
+        return result;
+    });
+}

@@ -1,0 +1,129 @@
+// Java binding, FileQueue: transactions that answer with the file queue's own codes. The handle of an
+// open transaction is the address of its record, which belongs to Java until the transaction's end.
+#include "halvo/fq.h"
+
+#include <sys/ipc.h>
+
+#include "fq/format.h"
+#include "jni/companion.h"
+
+using namespace halvo;
+
+namespace {
+
+constexpr jint kLockFailure =
+    -20;                      // plus what fq_lock answered: other failures have the same numbers
+constexpr jint kTooLong = -2; // from a read
+constexpr size_t kItemHeader = 20; // bytes of an item before its data
+
+// What Java keeps of a transaction: handle, 0 for none, and the key of the lock that it holds.
+class Transaction {
+public:
+    Transaction(JNIEnv *env, jlongArray words) noexcept : env_(env), words_(words) {}
+
+    fqtrans *record() const noexcept {
+        jlong handle = 0;
+        env_->GetLongArrayRegion(words_, 0, 1, &handle);
+        return reinterpret_cast<fqtrans *>(static_cast<uintptr_t>(handle));
+    }
+    void begin(Memory<fqtrans> record) const noexcept {
+        const jlong words[] = {static_cast<jlong>(reinterpret_cast<uintptr_t>(record.get())),
+                               record->lockkey};
+        record.release();
+        env_->SetLongArrayRegion(words_, 0, 2, words);
+    }
+    void end() const noexcept {
+        const jlong none = 0;
+        env_->SetLongArrayRegion(words_, 0, 1, &none);
+    }
+
+private:
+    JNIEnv *env_;
+    jlongArray words_;
+};
+
+// A failure to begin: one to lock leaves the record without a mutex.
+jint begin_failure(jint result, const fqtrans &record) {
+    return result < 0 && record.path[0] != '\0' && !record.mtx ? kLockFailure + result : result;
+}
+
+// Ends a transaction by end(record), unless a failure has ended it already; its record goes.
+template <class End>
+jint end_by(JNIEnv *env, jlongArray words, End end) {
+    const Transaction transaction(env, words);
+    const Memory<fqtrans> record(transaction.record());
+    transaction.end();
+    return record && record->lockfd > 0 ? end(record.get()) : ESMS_OK;
+}
+
+} // namespace
+
+// Begins a write transaction with its first item, or adds one. Above 0, or the failure; one to add
+// ends the transaction, whose record then waits for endWrite.
+COMPANION_NATIVE(jint, FileQueueCalls, add)
+(JNIEnv *env, jclass, jint channel, jstring path, jlongArray words, jbyteArray data, jint offset,
+ jint length) noexcept {
+    const Transaction transaction(env, words);
+    const BytesIn bytes(env, {data, offset, length});
+    if (bytes.fault() != ESMS_OK) return bytes.fault();
+    if (fqtrans *record = transaction.record())
+        return fq_enqueue_next(channel, bytes.data(), bytes.length(), record);
+    const StringChars queue(env, path);
+    Memory<fqtrans> record = zeroed<fqtrans>(sizeof(fqtrans));
+    if (!queue || !record) return ESMS_FAILED;
+    const jint result =
+        fq_enqueue(channel, queue.get(), bytes.data(), bytes.length(), record.get());
+    if (result < 0) return begin_failure(result, *record);
+    transaction.begin(std::move(record));
+    return result;
+}
+
+COMPANION_NATIVE(jint, FileQueueCalls, endWrite)
+(JNIEnv *env, jclass, jint channel, jlongArray words, jboolean commit) noexcept {
+    return end_by(env, words, [=](fqtrans *record) {
+        return commit ? fq_enqueue_commit(channel, record) : fq_enqueue_rollback(channel, record);
+    });
+}
+
+// Reads an item, the first of a transaction or the next. Returns its length; 0 when there is none, or
+// the channel's read rate is above its limit; or the failure.
+COMPANION_NATIVE(jint, FileQueueCalls, take)
+(JNIEnv *env, jclass, jint channel, jstring path, jlongArray words, jbyteArray buffer) noexcept {
+    const Transaction transaction(env, words);
+    const StringChars queue(env, path);
+    const jint room = env->GetArrayLength(buffer);
+    const Block item(static_cast<size_t>(room) + FQ_ITEM_EXTRA + 1);
+    if (!queue || !item.get()) return ESMS_FAILED;
+    fqtrans *open = transaction.record();
+    Memory<fqtrans> made = open ? nullptr : zeroed<fqtrans>(sizeof(fqtrans));
+    fqtrans *record = open ? open : made.get();
+    if (!record) return ESMS_FAILED;
+    const auto capacity = static_cast<unsigned>(room);
+    const jint result = open ? fq_dequeue_next(channel, queue.get(), open, item.get(), capacity)
+                             : fq_dequeue(channel, queue.get(), item.get(), capacity, record);
+    if (result <= 0) {
+        if (open) return result == ESMS_EMPTY ? 0 : result;
+        return record->path[0] == '\0' && result == ESMS_EMPTY ? 0 : begin_failure(result, *record);
+    }
+    const jint length = record->itemlen;
+    copy_out(env, {buffer, 0, room}, item.get() + kItemHeader, static_cast<uint32_t>(length));
+    if (made) transaction.begin(std::move(made));
+    return length;
+}
+
+COMPANION_NATIVE(jint, FileQueueCalls, endRead)
+(JNIEnv *env, jclass, jint channel, jlongArray words, jint errors, jboolean commit) noexcept {
+    return end_by(env, words, [=](fqtrans *record) {
+        record->errcnt = errors;
+        return commit ? fq_dequeue_commit(channel, record) : fq_dequeue_rollback(channel, record);
+    });
+}
+
+// The key of a side's lock as it is now; -1 when there is none. A thread that holds it must not take
+// it again.
+COMPANION_NATIVE(jint, FileQueueCalls, lockKey)
+(JNIEnv *env, jclass, jstring path, jboolean for_write) noexcept {
+    const StringChars queue(env, path);
+    if (!queue || !fq::usable_path(queue.get())) return -1;
+    return ftok(fq::lock_file(queue.get(), for_write ? 'w' : 'r').text, 1);
+}

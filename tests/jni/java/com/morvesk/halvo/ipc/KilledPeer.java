@@ -1,0 +1,91 @@
+package com.morvesk.halvo.ipc;
+
+import java.nio.ByteBuffer;
+import java.nio.ByteOrder;
+import java.nio.MappedByteBuffer;
+import java.nio.channels.FileChannel;
+import java.nio.file.Paths;
+import java.nio.file.StandardOpenOption;
+import java.time.Duration;
+import java.util.Arrays;
+
+/**
+ * Writes or reads numbered messages and may be killed and started again at any moment: KilledPeer
+ * KEYFILE CHANNEL write|read COUNT LEDGER. The ledger has the next number, and how many came twice.
+ */
+public final class KilledPeer {
+    private static final Duration LONG = Duration.ofSeconds(60);
+    private static final int AT_ONCE = 50;
+    private static final int LENGTH = 40;
+
+    private KilledPeer() {}
+
+    public static void main(String[] args) throws Exception {
+        Channel.attach(args[0], LONG);
+        int count = Integer.parseInt(args[3]);
+        MappedByteBuffer ledger;
+        try (FileChannel file = FileChannel.open(Paths.get(args[4]), StandardOpenOption.CREATE,
+                StandardOpenOption.READ, StandardOpenOption.WRITE)) {
+            ledger = file.map(FileChannel.MapMode.READ_WRITE, 0, 8);
+        }
+        ledger.order(ByteOrder.LITTLE_ENDIAN);
+        if (args[2].equals("write")) {
+            write(args[1], count, ledger);
+        } else {
+            read(args[1], count, ledger);
+        }
+        System.exit(0);
+    }
+
+    private static byte[] message(int number) {
+        byte[] body = new byte[LENGTH];
+        for (int i = 0; i < LENGTH; i += 4) {
+            ByteBuffer.wrap(body).putInt(i, number + i);
+        }
+        return body;
+    }
+
+    private static void write(String channel, int count, MappedByteBuffer ledger)
+            throws Exception {
+        try (Channel out = Channel.openWriter("writer", channel, LONG);
+                Batch batch = out.batch()) {
+            for (int next = ledger.getInt(0); next < count; next = ledger.getInt(0)) {
+                while (batch.size() < AT_ONCE && next < count) {
+                    batch.write(1, message(next++));
+                }
+                batch.commit(LONG);
+                ledger.putInt(0, next);
+                if (next % (4 * AT_ONCE) == 0) {
+                    Thread.sleep(1); // there must be time for kills
+                }
+            }
+        }
+    }
+
+    private static void read(String channel, int count, MappedByteBuffer ledger) throws Exception {
+        try (Channel in = Channel.openReader("reader", channel, LONG)) {
+            while (ledger.getInt(0) < count) {
+                try (Marked messages = in.mark(2 * AT_ONCE, LONG)) {
+                    for (Channel.Message message : messages) {
+                        take(message.body(), ledger);
+                    }
+                    messages.commit();
+                }
+            }
+        }
+    }
+
+    private static void take(byte[] body, MappedByteBuffer ledger) {
+        int number = ByteBuffer.wrap(body).getInt(0);
+        int expected = ledger.getInt(0);
+        if (number > expected || !Arrays.equals(body, message(number))) {
+            System.err.println("message " + number + " instead of " + expected);
+            System.exit(3);
+        }
+        if (number == expected) {
+            ledger.putInt(0, expected + 1);
+        } else {
+            ledger.putInt(4, ledger.getInt(4) + 1);
+        }
+    }
+}
