@@ -57,7 +57,7 @@ say "what README.md says"
 unshare --mount --pid --ipc --fork --kill-child --mount-proc="$root/proc" \
     env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 \
     chroot "$root" bash /root/readme.sh 2>&1 | tee "$work/log"
-for sign in 'demo: done' 'from a C writer to a Java reader' '7: Hello, gateway'; do
+for sign in 'demo: done' 'look at it while it works: http:' 'from a C writer to a Java reader' '7: Hello, gateway'; do
     grep -qF "$sign" "$work/log" || fail "no \"$sign\" above"
 done
 [ "$(grep -cx 'hello, world' "$work/log")" = 3 ] || fail "not every program said hello"

@@ -90,6 +90,7 @@ def a_bar_tells_that_figures_are_old(lab, page):
     lab.remove()
     page.wait(bar, "The segment is gone")
     assert len(page.run(ORDER)) == 269, "the last figures stay"
+    page.wait("return document.getElementById('age').textContent.endsWith(' old')")
     lab.create()
     page.wait("return document.getElementById('bar').hidden")
     page.wait("return (() => { %s })() === '0'" % "return document.getElementById('total-depth').textContent")

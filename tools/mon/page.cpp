@@ -8,7 +8,7 @@ namespace halvo::mon {
 namespace {
 
 constexpr unsigned char kPage[] = {
-#include "page.inc"
+#include "tools/mon/page.inc"
 };
 constexpr std::string_view kMark = "@NONCE@";
 

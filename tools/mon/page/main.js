@@ -1,7 +1,8 @@
 // Asking once a second while somebody looks, the filters in the address, the keys.
 const view = { text: "", type: "", trouble: false, sort: "state", dir: "", channel: "" };
 let shown = null;      // the document on the screen
-let arrived = 0;       // when it came, by this page's own clock
+let heard = 0;         // when the server last had something new to say, by this page's own clock
+let arrived = 0;       // when the figures on the screen came
 let arranged = 0;      // when rows last changed places
 let pointed = -1e9;    // when the pointer last moved over the rows
 const shownTime = () => shown ? shown.time / 1000 + (performance.now() - arrived) / 1000 : 0;
@@ -118,7 +119,8 @@ const show = async next => {
   if (mayMove(next)) { arranged = performance.now(); arrange(next.channels); }
   const first = !shown;
   shown = next;
-  arrived = performance.now();
+  heard = performance.now();
+  if (next.segment.up) arrived = heard;
   for (const row of visible) drawRow(row);
   if (opened && next.segment.up) {
     const row = rows.get(opened.number);
@@ -129,13 +131,13 @@ const show = async next => {
 
 // The bar: the server does not answer, it gives old figures, or the segment is gone.
 const showAge = () => {
-  const age = shown ? (performance.now() - arrived) / 1000 : performance.now() / 1000;
-  put(by("age"), !shown ? "none" : age < 3 ? "live" : `${seconds(age)} old`);
-  by("age").classList.toggle("live", shown !== null && age < 3);
+  const age = (performance.now() - arrived) / 1000;
+  put(by("age"), !arrived ? "none" : age < 3 ? "live" : `${seconds(age)} old`);
+  by("age").classList.toggle("live", arrived > 0 && age < 3);
   const bar = by("bar");
   let why = "";
-  if (shown && !shown.segment.up) why = `The segment is gone, the last figures are shown. ${shown.segment.why}`;
-  if (age > 3) why = shown ? "No new data: the last figures are shown." : "The server does not answer.";
+  if (shown && !shown.segment.up) why = `The segment is gone${arrived ? ", the last figures are shown" : ""}. ${shown.segment.why}`;
+  if (performance.now() - heard > 3000) why = shown ? "No new data: the last figures are shown." : "The server does not answer.";
   bar.hidden = !why;
   if (why) put(bar, why);
   document.body.classList.toggle("stale", Boolean(why));
