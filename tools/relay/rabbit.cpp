@@ -14,7 +14,7 @@ namespace halvo::relay {
 
 namespace {
 
-constexpr int kOpenMillis = 5000;    // for a connection
+constexpr int kOpenMillis = 10000;   // for a connection
 constexpr int kAnswerMillis = 10000; // for the answer to a call
 constexpr int kGoodbyeMillis = 2000;
 constexpr unsigned kUnsentMillis = 8000; // what is sent must reach the other machine within
