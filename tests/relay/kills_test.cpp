@@ -45,7 +45,7 @@ const char *const kIn = "from = \"amqp:mt01\"\nto = \"channel:MT01\"";
 TEST(RelayKills, nothing_is_lost_doubled_or_reordered) {
     if (!Broker::is_installed()) GTEST_SKIP() << "no broker here: dev/setup.sh relay installs it";
     const Kills kills{length(3, 20), length(1, 5)};
-    const int messages = length(30000, 300000);
+    const int messages = length(60000, 300000);
     Broker broker;
     Machine here(url_of(broker), HALVO_BIN), there(url_of(broker), kOther);
     here.route(kOut);
