@@ -105,7 +105,7 @@ remove() {
     local entry
     for entry in /proc/[0-9]*; do
         [ "$(cat "$entry/comm" 2>/dev/null)" = epmd ] || continue
-        tr '\0' '\n' <"$entry/environ" 2>/dev/null | grep -qx "ERL_EPMD_PORT=$mapper" || continue
+        { tr "\\0" "\\n" <"$entry/environ"; } 2>/dev/null | grep -qx "ERL_EPMD_PORT=$mapper" || continue
         kill "${entry#/proc/}" 2>/dev/null || true
     done
     rm -rf "$dir"

@@ -1,5 +1,7 @@
 // A stream through two relays and a broker while all three are killed: the ledger must show each
 // message once, in order. The short form kills each relay three times and the broker once.
+#include <thread>
+
 #include "tests/relay/relay_fixture.h"
 #include "tests/stress/form.h"
 
@@ -43,7 +45,7 @@ const char *const kIn = "from = \"amqp:mt01\"\nto = \"channel:MT01\"";
 TEST(RelayKills, nothing_is_lost_doubled_or_reordered) {
     if (!Broker::is_installed()) GTEST_SKIP() << "no broker here: dev/setup.sh relay installs it";
     const Kills kills{length(3, 20), length(1, 5)};
-    const int messages = length(30000, 300000);
+    const int messages = length(60000, 300000);
     Broker broker;
     Machine here(url_of(broker), HALVO_BIN), there(url_of(broker), kOther);
     here.route(kOut);
@@ -70,4 +72,57 @@ TEST(RelayKills, nothing_is_lost_doubled_or_reordered) {
         std::fprintf(stderr, "%s\n----\n%s\n", here.log().c_str(), there.log().c_str());
     EXPECT_EQ(here.end(), 0);
     EXPECT_EQ(there.end(), 0);
+}
+
+// Three nodes with quorum queues; one of them, which may hold the queue's leader and the relays'
+// connections, is killed and comes back.
+TEST(RelayKills, a_cluster_that_loses_a_node_loses_no_message) {
+    if (!Broker::is_installed()) GTEST_SKIP() << "no broker here: dev/setup.sh relay installs it";
+    if (!is_long_form()) GTEST_SKIP() << "three nodes take memory and time: in make stress alone";
+    constexpr int kMessages = 150000, kKilled = 2;
+    const std::string mapper = std::to_string(31000 + getpid() % 900);
+    std::vector<std::unique_ptr<Broker>> nodes(3);
+    std::vector<std::thread> starts;
+    for (size_t i = 0; i < nodes.size(); ++i)
+        starts.emplace_back([&nodes, &mapper, i] {
+            nodes[i] = std::make_unique<Broker>(
+                std::vector<std::string>{},
+                std::map<std::string, std::string>{
+                    {"BROKER_NAME", "n" + std::to_string(i) + "x" + mapper},
+                    {"BROKER_NODES", "n0x" + mapper + " n1x" + mapper + " n2x" + mapper},
+                    {"BROKER_COOKIE", "c" + mapper},
+                    {"BROKER_MAPPER", mapper}});
+        });
+    for (std::thread &start : starts) start.join();
+    std::string urls;
+    for (const auto &node : nodes) urls += (urls.empty() ? "" : ", ") + url_of(*node);
+    Machine here(urls, HALVO_BIN), there(urls, kOther);
+    here.route(kOut);
+    there.route(kIn);
+    here.declare();
+    NumberReader reader(there.segment(), kMessages, 60);
+    const auto writer = write_numbers(here.segment(), 1, kMessages);
+    const int64_t began = milliseconds_now();
+    here.start();
+    there.start();
+    for (int i = 0; i < kKilled; ++i) {
+        EXPECT_TRUE(there.reaches("messages_total", kMessages / 4 * (i + 1)));
+        Broker &node = *nodes[static_cast<size_t>(i)];
+        node.kill();
+        usleep(3000000); // the others elect a leader meanwhile
+        node.start();
+    }
+    EXPECT_EQ(writer->wait(), 0);
+    const Ledger ledger = reader.result();
+    const int64_t took = milliseconds_now() - began;
+    figure("cluster of three, two nodes killed in turn: messages lost", "0", ledger.lost);
+    figure("cluster of three, two nodes killed in turn: messages doubled", "0", ledger.doubled);
+    figure("cluster of three, two nodes killed in turn: messages reordered", "0", ledger.reordered);
+    figure("cluster of three: messages a second, kills and all", "-",
+           kMessages * int64_t{1000} / took);
+    figure("cluster of three: repeats dropped", "-", there.figure("repeats_total"));
+    expect_perfect(ledger, kMessages);
+    if (HasFailure())
+        std::fprintf(stderr, "%s\n----\n%s\n", here.log().c_str(), there.log().c_str());
+    EXPECT_EQ(here.end() + there.end(), 0);
 }

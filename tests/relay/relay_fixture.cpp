@@ -22,8 +22,10 @@ std::string content_of(const std::string &path) {
     return text.str();
 }
 
+// At once: a relay that starts may be reading it.
 void write_file(const std::string &path, const std::string &text) {
-    std::ofstream(path, std::ios::trunc) << text;
+    std::ofstream(path + ".new", std::ios::trunc) << text;
+    std::rename((path + ".new").c_str(), path.c_str());
 }
 
 } // namespace
@@ -71,7 +73,8 @@ Machine::Machine(const std::string &urls, const std::string &binaries, uint32_t 
 
 void Machine::credentials(const std::string &user, const std::string &password, int mode) const {
     write_file(path("credentials"), "user = " + user + "\npassword = " + password + "\n");
-    chmod(path("credentials").c_str(), static_cast<mode_t>(mode));
+    chmod(path("credentials").c_str(),
+          static_cast<mode_t>(mode)); // refused until then, tried again
 }
 
 void Machine::route(const std::string &lines, const std::string &name) {
@@ -105,6 +108,14 @@ void Machine::start() {
         execl(program.c_str(), "halvo-relay", "run", config.c_str(), nullptr);
         return 127;
     });
+}
+
+double Machine::processor_seconds() const {
+    std::string stat = content_of("/proc/" + std::to_string(relay_->pid()) + "/stat");
+    long user = 0, system = 0;
+    std::sscanf(stat.c_str() + stat.rfind(')') + 2,
+                "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &user, &system);
+    return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 std::string Machine::log() const { return content_of(path("log")); }

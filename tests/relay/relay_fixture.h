@@ -68,6 +68,7 @@ public:
     void kill() const { relay_->kill(SIGKILL), relay_->wait(); }
     int end() const { return relay_->kill(SIGTERM), relay_->wait(); }
     void signal(int number) const { relay_->kill(number); }
+    double processor_seconds() const;                           // that the relay has used
     int wait() const { return relay_->wait(); }                 // the exit status
     std::string log() const;                                    // since the first start
     bool logs(const std::string &text, int seconds = 20) const; // waits for it

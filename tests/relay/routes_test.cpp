@@ -176,6 +176,9 @@ TEST_F(RelayRoutes, signals_metrics_and_the_service_manager) {
     EXPECT_EQ(told().rfind("RELOADING=1\n", 0), 0U);
     EXPECT_EQ(told(), "READY=1");
     EXPECT_TRUE(here_->reaches("messages_total", 7, "back"));
+    const double used = here_->processor_seconds();
+    usleep(1000000);
+    EXPECT_LT(here_->processor_seconds() - used, 0.3) << "routes without messages sleep";
     const std::string log = here_->log();
     EXPECT_EQ(std::count(log.begin(), log.end(), '{'), std::count(log.begin(), log.end(), '\n'));
     here_->relay("nonsense = 1");

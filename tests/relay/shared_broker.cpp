@@ -8,9 +8,9 @@ namespace {
 
 // An authority, a server's certificate for "localhost", a client's, and another authority.
 const char *const kMakeCertificates = R"(cd "$0" && exec >/dev/null 2>&1
-authority() { openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=$1" -keyout "$1.key" -out "$1.pem"; }
+authority() { openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj "/CN=$1" -keyout "$1.key" -out "$1.pem"; }
 signed() {
-    openssl req -newkey rsa:2048 -nodes -subj "/CN=$2" -keyout "$1.key" -out "$1.csr" &&
+    openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj "/CN=$2" -keyout "$1.key" -out "$1.csr" &&
     printf 'subjectAltName=DNS:%s' "$2" >"$1.ext" &&
     openssl x509 -req -in "$1.csr" -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile "$1.ext" -out "$1.pem"
 }

@@ -35,8 +35,8 @@ public:
     virtual void give_back() = 0;                // the whole batch
     virtual void describe(Place &place) = 0;     // where the end stands, or the batch begins
     virtual int64_t waiting() = 0;               // messages, -1 when nobody knows
-    // How many of the messages behind a place of this incarnation have been consumed since; at
-    // least that many have when it is nothing that can be told.
+    // How many of the messages behind a place of this incarnation have been consumed since; nothing
+    // when that cannot be told.
     virtual std::optional<uint32_t> consumed_since(const Sending &sending) = 0;
 };
 

@@ -21,12 +21,13 @@ constexpr size_t kHeaderBytes = 20, kLengthAt = 16;
 constexpr unsigned kFirstRoom = 65536, kMostRoom = 128U << 20; // bytes of an item
 constexpr int kPollMilliseconds = 10; // nothing wakes a reader of a file queue
 
-void describe_position(const fqtrans &trans, Place &place) {
-    std::memset(place.position, 0, sizeof place.position);
-    std::memcpy(place.position, trans.startpos, 9);           // file order
-    std::memcpy(place.position + 10, trans.startpos + 10, 9); // offset
-    place.pid = getpid();
+// File order and offset of a position.
+void copy_position(char (&to)[24], const char *record) {
+    std::memset(to, 0, sizeof to);
+    std::memcpy(to, record, 9);
+    std::memcpy(to + 10, record + 10, 9);
 }
+bool same(const char (&a)[24], const char (&b)[24]) { return std::memcmp(a, b, sizeof a) == 0; }
 
 // Room for an item of any length.
 class ItemRoom {
@@ -78,22 +79,26 @@ public:
         if (fq_dequeue_rollback(kNoChannel, &trans_) < 0) fail("give back");
     }
     void describe(Place &place) override {
-        describe_position(trans_, place);
+        copy_position(place.position, trans_.startpos);
+        copy_position(place.after, items_.empty() ? trans_.startpos : trans_.nextpos);
+        place.pid = getpid();
         if (incarnation_ == 0 && trans_.startpos[0]) // its files are there
             incarnation_ = incarnation_of_file(path_ + ".head");
         place.incarnation = incarnation_;
         place.fingerprint = items_.empty() ? 0 : hash_of(items_[0].data(), items_[0].size());
     }
     int64_t waiting() override { return -1; }
-    // A commit moves the position, and is all or nothing. An item at the old position that is not the
-    // one that was there belongs to a queue that was made anew.
+    // A commit moves the position behind the whole batch. At the old position must be the item that
+    // was there; at any other one somebody else has been at work.
     std::optional<uint32_t> consumed_since(const Sending &sending) override {
         begin();
         Place now{};
         describe(now);
         give_back();
-        if (!now.same_position(sending.place)) return sending.count;
-        if (sending.count == 0 || now.fingerprint == sending.place.fingerprint) return 0;
+        const Place &then = sending.place;
+        if (sending.count > 0 && same(now.position, then.after)) return sending.count;
+        if (!same(now.position, then.position)) return std::nullopt;
+        if (sending.count == 0 || now.fingerprint == then.fingerprint) return 0;
         return std::nullopt;
     }
 
@@ -131,20 +136,10 @@ private:
     uint64_t incarnation_ = 0;
 };
 
-// A part of a batch is read again, for a transaction ends as a whole.
+// The whole batch or nothing, for so a transaction ends.
 void FileSource::release(uint32_t count) {
     if (count == 0) return give_back();
-    if (count < items_.size()) {
-        Place before{}, again{};
-        describe(before);
-        give_back();
-        if (take(count, 0) != count) fail("read again");
-        describe(again);
-        if (!again.same_position(before)) {
-            give_back();
-            fail("another reader came between: read again");
-        }
-    }
+    if (count != items_.size()) fail("release a part");
     items_.clear();
     locked_ = false;
     if (fq_dequeue_commit(kNoChannel, &trans_) < 0) fail("commit");
@@ -177,7 +172,9 @@ public:
         locked_ = false;
     }
     void describe(Place &place) override {
-        describe_position(trans_, place);
+        copy_position(place.position, trans_.startpos);
+        copy_position(place.after, trans_.nextpos);
+        place.pid = getpid();
         place.incarnation = incarnation();
         place.fingerprint = fingerprint_;
     }

@@ -98,11 +98,18 @@ Identity Numbering::identity(uint32_t index) const {
     return {now_.source + now_.shard[index], numbers_[index]};
 }
 
-// A file queue commits a whole transaction, so that the number in it must be the number released.
+// A file queue commits whole transactions: for a part of one these messages are taken again.
 void Numbering::before_release(uint32_t count) {
-    if (route_.local().kind != Endpoint::file_queue || count == now_.count) return;
-    now_.count = count;
-    state_.store(now_);
+    if (route_.local().kind != Endpoint::file_queue || count == 0 || count == now_.count) return;
+    sent_before_ = std::max(sent_before_, now_.listed);
+    const Place before = now_.place;
+    source_.give_back();
+    const uint32_t again = source_.take(count, 0);
+    Place place{};
+    source_.describe(place);
+    if (again != count || place.fingerprint != before.fingerprint)
+        throw EndError(text_of(route_.local()) + ": another program has read from it meanwhile");
+    plan(count);
 }
 
 // Moves the numbers over the first messages of the list.

@@ -14,12 +14,11 @@ namespace halvo::relay {
 
 namespace {
 
-constexpr int kOpenSeconds = 5;          // for a connection
-constexpr int kAnswerSeconds = 10;       // for the answer to a call
+constexpr int kOpenMillis = 10000;   // for a connection
+constexpr int kAnswerMillis = 10000; // for the answer to a call
+constexpr int kGoodbyeMillis = 2000;
 constexpr unsigned kUnsentMillis = 8000; // what is sent must reach the other machine within
 constexpr int kFrameBytes = 131072;
-
-timeval time_of(int milliseconds) { return {milliseconds / 1000, milliseconds % 1000 * 1000}; }
 
 BrokerError::Kind kind_of(int code) {
     switch (code) {
@@ -66,8 +65,7 @@ Rabbit::Rabbit(const BrokerConfig &broker, unsigned attempt) : state_(nullptr) {
 
 Rabbit::~Rabbit() {
     if (usable_) {
-        const timeval soon{2, 0};
-        amqp_set_rpc_timeout(state_, &soon);
+        amqp_set_rpc_timeout(state_, LibraryTime(kGoodbyeMillis).get());
         amqp_connection_close(state_, AMQP_REPLY_SUCCESS);
     }
     amqp_destroy_connection(state_);
@@ -87,10 +85,11 @@ void Rabbit::open_socket(const BrokerConfig &broker, const Address &address) {
         amqp_ssl_socket_set_verify_hostname(socket, 1);
         amqp_ssl_socket_set_ssl_versions(socket, AMQP_TLSv1_2, AMQP_TLSvLATEST);
     }
-    const timeval limit{kOpenSeconds, 0}, answer{kAnswerSeconds, 0};
-    expect(amqp_socket_open_noblock(socket, address.host.c_str(), address.port, &limit), "connect");
-    amqp_set_handshake_timeout(state_, &limit);
-    amqp_set_rpc_timeout(state_, &answer);
+    const LibraryTime limit(kOpenMillis), answer(kAnswerMillis);
+    expect(amqp_socket_open_noblock(socket, address.host.c_str(), address.port, limit.get()),
+           "connect");
+    amqp_set_handshake_timeout(state_, limit.get());
+    amqp_set_rpc_timeout(state_, answer.get());
     // A send to a machine that has gone would wait for minutes, whatever the heartbeat.
     const unsigned unsent = kUnsentMillis;
     setsockopt(amqp_get_sockfd(state_), IPPROTO_TCP, TCP_USER_TIMEOUT, &unsent, sizeof unsent);
@@ -156,8 +155,8 @@ void Rabbit::closed(const amqp_method_t &method, const std::string &what) {
 }
 
 bool Rabbit::wait_frame(amqp_frame_t &frame, int milliseconds) {
-    const timeval limit = time_of(milliseconds);
-    const int status = amqp_simple_wait_frame_noblock(state_, &frame, &limit);
+    const LibraryTime limit(milliseconds);
+    const int status = amqp_simple_wait_frame_noblock(state_, &frame, limit.get());
     if (status == AMQP_STATUS_TIMEOUT) return false;
     expect(status, "receive");
     return true;

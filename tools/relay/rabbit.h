@@ -21,6 +21,18 @@ inline std::string text_of(amqp_bytes_t bytes) {
                      : std::string();
 }
 
+// A time as the library was compiled with: 32-bit packages know no 64-bit seconds, which our own sources
+// use, and would read a fraction of a second as none.
+class LibraryTime {
+public:
+    explicit LibraryTime(int milliseconds)
+        : seconds_(milliseconds / 1000), microseconds_(milliseconds % 1000 * 1000) {}
+    const timeval *get() const { return reinterpret_cast<const timeval *>(this); }
+
+private:
+    long seconds_, microseconds_;
+};
+
 class Rabbit {
 public:
     Rabbit(const BrokerConfig &broker, unsigned attempt); // connects, logs in, opens the channel

@@ -75,9 +75,10 @@ Incoming incoming_of(const amqp_envelope_t &envelope) {
 void RabbitConsumer::fetch(std::vector<Incoming> &into, size_t most, int milliseconds) {
     amqp_maybe_release_buffers(rabbit_.state());
     while (into.size() < most) {
-        const timeval limit{milliseconds / 1000, milliseconds % 1000 * 1000};
+        const LibraryTime limit(milliseconds);
         amqp_envelope_t envelope;
-        const amqp_rpc_reply_t reply = amqp_consume_message(rabbit_.state(), &envelope, &limit, 0);
+        const amqp_rpc_reply_t reply =
+            amqp_consume_message(rabbit_.state(), &envelope, limit.get(), 0);
         if (reply.reply_type == AMQP_RESPONSE_NORMAL) {
             into.push_back(incoming_of(envelope));
             amqp_destroy_envelope(&envelope);

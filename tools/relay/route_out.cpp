@@ -52,16 +52,21 @@ private:
     std::vector<uint32_t> lengths_; // of the batch
     int64_t next_look_ = 0;
     bool told_blocked_ = false;
+    bool idle_ = true; // no message came
 };
 
 void Carrier::connect() {
     context_.enter(Phase::connecting);
     publisher_ = connect_publisher(context_.broker, context_.attempt);
+    idle_ = true;
     ++figures_.connections;
     log(Level::info, route_.name, "connected", text_of(route_.from) + " to " + text_of(route_.to));
 }
 
+// The answers to a batch show what the broker has to say; without batches somebody must look.
 void Carrier::look() {
+    const int64_t now = milliseconds_now();
+    if (now < next_look_ && !idle_ && !told_blocked_) return;
     publisher_->serve();
     if (publisher_->blocked() != told_blocked_) {
         told_blocked_ = publisher_->blocked();
@@ -71,7 +76,6 @@ void Carrier::look() {
                           : "the broker takes messages again");
     }
     context_.enter(told_blocked_ ? Phase::blocked : Phase::running);
-    const int64_t now = milliseconds_now();
     if (now < next_look_) return;
     next_look_ = now + 1000;
     figures_.lag = source_->waiting();
@@ -94,7 +98,8 @@ void Carrier::carry() {
     if (told_blocked_) return sleep_until(milliseconds_now() + 50, context_.stop);
     const uint32_t allowed = pace_.allow(limit_, context_.stop);
     const uint32_t count = allowed == 0 ? 0 : source_->take(allowed, kWaitMilliseconds);
-    if (count == 0) return;
+    idle_ = count == 0;
+    if (idle_) return;
     pace_.used(count);
     carry_batch(acceptable(count));
 }

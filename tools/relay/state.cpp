@@ -28,7 +28,7 @@ struct StateContent {
     alignas(64) Window windows[kSources];
 };
 static_assert(sizeof(Figures) == 120 && offsetof(StateContent, sendings) % 64 == 0);
-static_assert(sizeof(Identity) == 16 && sizeof(Place) == 56 && sizeof(Window) == 32 + kWindow / 8);
+static_assert(sizeof(Identity) == 16 && sizeof(Place) == 80 && sizeof(Window) == 32 + kWindow / 8);
 
 namespace {
 
@@ -91,10 +91,6 @@ const char *name_of(Phase phase) {
                                         "blocked", "waiting",    "failed"};
     const auto index = static_cast<size_t>(phase);
     return index < std::size(names) ? names[index] : "?";
-}
-
-bool Place::same_position(const Place &other) const {
-    return std::memcmp(position, other.position, sizeof position) == 0;
 }
 
 uint64_t Sending::sum() const {

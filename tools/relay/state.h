@@ -21,8 +21,8 @@ namespace halvo::relay {
 constexpr uint32_t kMostBatch = 4096; // half a window: what comes again is within it
 constexpr uint32_t kMostShards = 64;
 
-// Where a batch begins. A channel: the slot, and the count of consumed or put messages there. A file
-// queue: file order and offset as in its position file, and a fingerprint of the first item.
+// Where a batch begins. A channel: the slot, and the count of consumed messages there. A file queue:
+// file order and offset as in its position files, and a fingerprint of the first item.
 struct alignas(8) Place {
     uint64_t incarnation; // of the segment or file queue; see incarnation.h
     uint64_t counted;
@@ -30,7 +30,7 @@ struct alignas(8) Place {
     uint32_t slot;
     int32_t pid; // that held the end
     char position[24];
-    bool same_position(const Place &other) const;
+    char after[24]; // position behind the batch, which its commit saves
 };
 
 // Of a route out.
