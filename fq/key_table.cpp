@@ -2,8 +2,6 @@
 
 #include <cstdio>
 
-#include "fq/open_files.h"
-
 using namespace halvo;
 using namespace halvo::fq;
 
@@ -13,15 +11,8 @@ OpenKey openkeys[256]; // entries are never released
 pthread_mutex_t mtxkeys = PTHREAD_MUTEX_INITIALIZER;
 pthread_once_t once_control = PTHREAD_ONCE_INIT;
 
-void before_fork() {
-    lock_sides();
-    pthread_mutex_lock(&mtxkeys);
-}
-
-void after_fork() {
-    pthread_mutex_unlock(&mtxkeys);
-    unlock_sides();
-}
+void before_fork() { pthread_mutex_lock(&mtxkeys); }
+void after_fork() { pthread_mutex_unlock(&mtxkeys); }
 
 // No thread of the parent's runs in the child, so nobody there would give these mutexes back. The
 // parent's file locks keep the child out. The sides of its transactions are left to whoever ends the

@@ -24,6 +24,11 @@ constexpr rlim_t kHighest = 8192;
 pthread_mutex_t mtxsides = PTHREAD_MUTEX_INITIALIZER;
 OpenSide *sides = nullptr; // idle ones, the last used first; guarded by mtxsides
 
+// A forked child must find the list whole.
+void lock_sides() { pthread_mutex_lock(&mtxsides); }
+void unlock_sides() { pthread_mutex_unlock(&mtxsides); }
+[[maybe_unused]] const int watched = pthread_atfork(lock_sides, unlock_sides, unlock_sides);
+
 // Asks for no times: a file whose times have been seen pays for new ones at its next write.
 FileState state(int fd, const char *name, int flags) noexcept {
     struct statx seen;
@@ -271,6 +276,3 @@ void halvo::fq::drop_side(OpenSide *side) noexcept {
     side->entry->side = nullptr;
     close_side(side);
 }
-
-void halvo::fq::lock_sides() noexcept { pthread_mutex_lock(&mtxsides); }
-void halvo::fq::unlock_sides() noexcept { pthread_mutex_unlock(&mtxsides); }

@@ -141,8 +141,4 @@ private:
     KeptFile own_;
 };
 
-// For a fork, which must find the list of sides whole.
-void lock_sides() noexcept;
-void unlock_sides() noexcept;
-
 } // namespace halvo::fq

@@ -4,7 +4,7 @@
 #include <random>
 #include <set>
 
-#include "tests/support/directory.h"
+#include "tools/fixture/directory.h"
 #include "tests/support/frx_fixture.h"
 #include "tests/support/program.h"
 #include "tools/relay/config.h"

@@ -7,7 +7,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "tests/support/directory.h"
+#include "tools/fixture/directory.h"
 
 namespace halvo::test {
 

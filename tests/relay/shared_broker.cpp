@@ -1,6 +1,6 @@
 #include "tests/relay/shared_broker.h"
 
-#include "tests/support/directory.h"
+#include "tools/fixture/directory.h"
 
 namespace halvo::test {
 

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
@@ -55,17 +54,6 @@ void remove_consumed(const std::string &path, int32_t began, int32_t ended) {
     for (const DataFile &file : data_files(path))
         if (fq::comes_after(began, file.order) && fq::comes_after(file.order, ended))
             unlink(fq::data_file(path.c_str(), file.order).text);
-}
-
-std::string text(const char *format, ...) {
-    va_list values;
-    va_start(values, format);
-    char *made = nullptr;
-    const int length = vasprintf(&made, format, values);
-    va_end(values);
-    std::string result(length > 0 ? made : "");
-    if (length >= 0) free(made);
-    return result;
 }
 
 namespace {

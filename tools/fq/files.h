@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/fq/inspect.h"
+#include "tools/frame/text.h"
 
 namespace halvo::tools {
 
@@ -28,7 +29,6 @@ void for_each_waiting(const QueueFiles &queue,
 // Removes the data files between two that a reader has gone through in one transaction.
 void remove_consumed(const std::string &path, int32_t began, int32_t ended);
 
-[[gnu::format(printf, 1, 2)]] std::string text(const char *format, ...);
 // A JSON string: of text as it is, of bytes with each above 0x7e as the character of that number.
 std::string quoted(const std::string &text);
 std::string quoted_bytes(const std::string &bytes);

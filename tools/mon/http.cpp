@@ -159,7 +159,7 @@ struct HttpServer::State {
 
 HttpServer::HttpServer(const ListenAddress &address, Handler handler)
     : state_(std::make_unique<State>(std::move(handler))) {
-    Listener listener = listen_at(address);
+    Listener listener = listen_at(address, kConnections);
     state_->url = listener.url;
     // A thread for each connection: with fewer, clients that are slow keep the others waiting.
     state_->daemon = MHD_start_daemon(

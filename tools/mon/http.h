@@ -2,11 +2,12 @@
 // for GET and HEAD, with headers that leave a browser no choice.
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+
+#include "tools/mon/listen.h"
 
 namespace halvo::mon {
 
@@ -24,18 +25,6 @@ struct Response {
 };
 
 Response text_response(unsigned status, std::string text);
-
-// "127.0.0.1:9470", "[::1]:9470", "localhost:9470"; port 0 takes a free one.
-struct ListenAddress {
-    std::string host;
-    uint16_t port = 0;
-    bool loopback = false;
-};
-ListenAddress parse_listen(const std::string &text); // throws ToolError
-
-// Whether a Host header names an address or localhost, with or without a port. A page that a stranger's
-// name resolves to this machine is refused by it.
-bool is_own_host(const std::string &header);
 
 // Serves from the constructor to the destructor, which ends connections at once. handler() runs in a
 // thread for each connection, several at a time.

@@ -95,7 +95,7 @@ bool is_own_host(const std::string &header) {
     return is_localhost(at.host) || is_address(AF_INET, at.host);
 }
 
-Listener listen_at(const ListenAddress &address) {
+Listener listen_at(const ListenAddress &address, unsigned backlog) {
     addrinfo hints{};
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
     hints.ai_socktype = SOCK_STREAM;
@@ -108,7 +108,7 @@ Listener listen_at(const ListenAddress &address) {
     const int on = 1;
     if (socket) setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (!socket || bind(socket.get(), at.ai_addr, at.ai_addrlen) != 0 ||
-        listen(socket.get(), static_cast<int>(HttpServer::kConnections)) != 0)
+        listen(socket.get(), static_cast<int>(backlog)) != 0)
         throw ToolError(kFailed, address.host + ":" + port + ": " + std::strerror(errno));
     const bool six = at.ai_family == AF_INET6;
     const std::string host = six ? "[" + address.host + "]" : address.host;
