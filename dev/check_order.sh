@@ -14,7 +14,7 @@ fi
 library=$1
 
 # Exported q_ functions that are no operations on a ring. A new one must be either here or below.
-others='q_(0|chnnl2q|name2chnnl|statchr|open|open_wait|close|recover|set_spin|settime|(save_|load_)?snapshot'
+others='q_(0|attach_view|chnnl2q|name2chnnl|statchr|open|open_wait|close|recover|set_spin|settime|(save_|load_)?snapshot'
 others+='|.*print.*|statlog|last|day_millis)'
 ring='q_(read.*|writ.*|peek.*|release.*|reserve.*|publish.*|[pg]count_.*|getcount|gettime|check_tps)'
 

@@ -20,7 +20,7 @@ const std::string kOther =
 void kill_around(Broker &broker, Machine &here, Machine &there, Kills kills) {
     std::mt19937 random(seed());
     const auto pause = [&](int most) {
-        usleep(1000U * (100 + random() % static_cast<unsigned>(most)));
+        usleep(static_cast<useconds_t>(1000U * (100 + random() % static_cast<unsigned>(most))));
     };
     const int rounds = kills.relays;
     for (int i = 0; i < rounds; ++i) {

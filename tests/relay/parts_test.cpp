@@ -26,7 +26,7 @@ TEST(RelayWindow, remembers_the_last_numbers_of_each_source) {
         const uint64_t source = 256 * (1 + random() % 3);
         uint64_t &top = highest[source];
         // Mostly the next one, at times a leap, a straggler, one from long ago.
-        const unsigned kind = random() % 1000;
+        const auto kind = random() % 1000;
         const uint64_t number = kind == 0    ? top + 20000
                                 : kind < 50  ? top + 1 + random() % 40
                                 : kind < 200 ? top - std::min<uint64_t>(top - 1, random() % 9000)

@@ -55,7 +55,7 @@ bool goes_on(Moved moved) {
 // What the feeder has sent and the collector got, in memory that all processes share.
 struct Tally {
     std::atomic<int> sent, got, doubled;
-    std::atomic<bool> enough;
+    std::atomic<bool> enough, fed; // no more is wanted; no more will be sent
 };
 
 struct SharedTally {
@@ -73,6 +73,7 @@ int feed(const Segment &s, Tally &tally) {
         ++tally.sent;
         if (number % 50 == 0) sleep_for(1);
     }
+    tally.fed = true;
     return 0;
 }
 
@@ -82,8 +83,12 @@ int collect(const Segment &s, Tally &tally) {
     if (frx_openChannel(&in, "collector", s.number("TO"), 'r', kPatience) != ESMS_OK) return 2;
     alignas(qmsg) char slot[64];
     std::vector<bool> seen;
-    while (!tally.enough || tally.got < tally.sent) {
-        if (frx_read(&in, slot, kPatience) != int{sizeof(int)}) return 3;
+    // A message may come before the feeder has counted it, so that only his end tells how many.
+    for (int idle = 0; !tally.fed || tally.got < tally.sent;) {
+        const int length = frx_read(&in, slot, 1000);
+        if (length == ESMS_TIMEOUT && ++idle < kPatience / 1000) continue;
+        if (length != int{sizeof(int)}) return 3;
+        idle = 0;
         int number = 0;
         std::memcpy(&number, slot + offsetof(qmsg, data), sizeof number);
         if (reinterpret_cast<qmsg *>(slot)->type != 7) return 4;
