@@ -36,7 +36,8 @@ jint once_or_waiting(const Waiter &waiter, WakeCell *cell, jint not_yet, Attempt
 // The message that a read would take has no room in `room` bytes.
 bool is_too_long(halvo_channel *q, uint32_t room) {
     const qmsg *slot = ring_slot(q, load(q->rpos));
-    return slot && load_state(slot) == HALVO_SLOT_READABLE && body_length(load(q->qbsz), slot) > room;
+    return slot && load_state(slot) == HALVO_SLOT_READABLE &&
+           body_length(load(q->qbsz), slot) > room;
 }
 
 // A staged message of a batch: its length and type, then its body.

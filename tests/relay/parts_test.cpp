@@ -4,9 +4,9 @@
 #include <random>
 #include <set>
 
-#include "tools/fixture/directory.h"
 #include "tests/support/frx_fixture.h"
 #include "tests/support/program.h"
+#include "tools/fixture/directory.h"
 #include "tools/relay/config.h"
 #include "tools/relay/ends.h"
 #include "tools/relay/numbering.h"

@@ -8,7 +8,7 @@ namespace halvo::mon {
 
 namespace {
 
-constexpr int kWholeEvery = 60;   // samples
+constexpr int kWholeEvery = 60;         // samples
 constexpr int64_t kTrackedBefore = 900; // seconds that a jump looks at before, for rates and ages
 constexpr int64_t kVersion = 1;
 
