@@ -8,6 +8,7 @@
 namespace halvo::bench {
 
 void measure_ring(const Settings &, Report &);       // q_ and frx_ throughput
+void measure_in_place(const Settings &, Report &);   // without a copy, bodies alone, many at a time
 void measure_round_trip(const Settings &, Report &); // busy and blocking
 void measure_wake(const Settings &, Report &);       // both sides asleep
 void measure_java(const Settings &, Report &);       // two VMs

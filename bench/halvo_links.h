@@ -42,6 +42,13 @@ private:
     std::vector<uint64_t> words_;
 };
 
+// Whether a call did what it was asked for, rather than answer `not_yet`.
+inline bool done(const char *call, int result, int not_yet) {
+    if (result != ESMS_OK && result != not_yet)
+        throw Failure(std::string(call) + " " + std::to_string(result));
+    return result == ESMS_OK;
+}
+
 // q_write and q_read, polling.
 struct QLink : HalvoLink {
     using HalvoLink::HalvoLink;
@@ -54,10 +61,7 @@ struct QLink : HalvoLink {
             if (!q) throw Failure("q_open");
         }
         bool send(uint32_t length) {
-            const int result = q_write(q, 1, body(), length);
-            if (result != ESMS_OK && result != ESMS_FULL)
-                throw Failure("q_write " + std::to_string(result));
-            return result == ESMS_OK;
+            return done("q_write", q_write(q, 1, body(), length), ESMS_FULL);
         }
         halvo_channel *q;
     };
@@ -66,10 +70,7 @@ struct QLink : HalvoLink {
             if (!q) throw Failure("q_open");
         }
         const char *receive() {
-            const int result = q_read(q, slot.data());
-            if (result != ESMS_OK && result != ESMS_EMPTY)
-                throw Failure("q_read " + std::to_string(result));
-            return result == ESMS_OK ? slot.body() : nullptr;
+            return done("q_read", q_read(q, slot.data()), ESMS_EMPTY) ? slot.body() : nullptr;
         }
         halvo_channel *q;
         SlotBuffer slot;
@@ -93,9 +94,7 @@ struct FrxLink : HalvoLink {
     struct Writer : End, Body {
         Writer(FrxLink &link, int lane) : End(lane, 'w'), Body(link.shape()) {}
         bool send(uint32_t length) {
-            const int result = frx_write(&handle, 1, body(), length, kPatience);
-            if (result != ESMS_OK) throw Failure("frx_write " + std::to_string(result));
-            return true;
+            return done("frx_write", frx_write(&handle, 1, body(), length, kPatience), ESMS_OK);
         }
     };
     struct Reader : End {

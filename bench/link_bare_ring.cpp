@@ -1,6 +1,7 @@
 // The limit of the design's idea: a ring whose slots are a state word, a length and a body, with
 // private positions and no counters, owners, heartbeats, types or limits. And the limit of any
 // ring: its copies alone, by one thread.
+#include <algorithm>
 #include <atomic>
 #include <vector>
 
@@ -18,6 +19,9 @@ struct BareSlot {
     char body[1]; // goes on to the end of the slot
 };
 
+// kInPlace: the writer touches the first bytes of a body in its slot, and the reader looks at those
+// alone, as the contenders of in_place_links.h do; else bodies are copied.
+template <bool kInPlace>
 struct BareRingLink {
     BareRingLink(const Shape &given, int lanes)
         : shape(given), memory(size_t{given.slot} * given.slots * static_cast<size_t>(lanes)) {}
@@ -34,29 +38,31 @@ struct BareRingLink {
             at += size;
             if (at == end) at = start;
         }
+        static constexpr uint32_t kTouched = kInPlace ? kTouchedInPlace : UINT32_MAX;
+        static uint32_t moved(uint32_t length) { return std::min(length, kTouched); }
         uint32_t size;
         char *start, *end, *at;
     };
     struct Writer : Place, Body {
         Writer(const BareRingLink &link, int lane) : Place(link, lane), Body(link.shape) {}
         bool send(uint32_t length) {
-            BareSlot &to = slot();
+            BareSlot &to = Place::slot();
             if (to.full.load(std::memory_order_acquire)) return false;
             to.length = length;
-            std::memcpy(to.body, body(), length);
+            std::memcpy(to.body, body(), Place::moved(length));
             to.full.store(1, std::memory_order_release);
-            step();
+            Place::step();
             return true;
         }
     };
     struct Reader : Place {
         Reader(const BareRingLink &link, int lane) : Place(link, lane), body(link.shape.slot) {}
         const char *receive() {
-            BareSlot &from = slot();
+            BareSlot &from = Place::slot();
             if (!from.full.load(std::memory_order_acquire)) return nullptr;
-            std::memcpy(body.data(), from.body, from.length);
+            std::memcpy(body.data(), from.body, Place::moved(from.length));
             from.full.store(0, std::memory_order_release);
-            step();
+            Place::step();
             return body.data();
         }
         std::vector<char> body;
@@ -90,7 +96,9 @@ Measured copy_alone(const Shape &shape, uint32_t count) {
 
 } // namespace
 
-const Link kBareRing{"bare ring", throughput<BareRingLink>, round_trip<BareRingLink>};
+const Link kBareRing{"bare ring", throughput<BareRingLink<false>>, round_trip<BareRingLink<false>>};
+const Link kBareRingInPlace{"bare ring in place", throughput<BareRingLink<true>>,
+                            round_trip<BareRingLink<true>>};
 const Link kMemoryCopy{"memcpy limit", copy_alone, nullptr};
 
 } // namespace halvo::bench

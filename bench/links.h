@@ -6,6 +6,9 @@
 
 namespace halvo::bench {
 
+// Bytes of a body that the ends in place touch.
+inline constexpr uint32_t kTouchedInPlace = 64;
+
 using LinkRun = Measured (*)(const Shape &, uint32_t count);
 
 // How a contender runs; null where it does not take part.
@@ -18,6 +21,11 @@ struct Link {
 // Ours: q_write and q_read, polling; frx_write and frx_read, blocking.
 extern const Link kQ;
 extern const Link kFrx;
+// The same without a copy; bodies alone (as kFrx, but the reader copies no whole slot); many at a time.
+extern const Link kQInPlace;
+extern const Link kFrxInPlace;
+extern const Link kFrxBody;
+extern const Link kFrxMany;
 // Traffic through channel `used` of a number of open ones.
 Measured q_throughput_with_open(const Shape &, uint32_t count, int channels, size_t used);
 Measured frx_throughput_with_open(const Shape &, uint32_t count, int channels, size_t used);
@@ -31,6 +39,7 @@ extern const Link kBoostMq;
 // Rings in shared memory, polling.
 extern const Link kBoostSpsc;
 extern const Link kBareRing;
+extern const Link kBareRingInPlace;
 // Copies by one thread into a ring and out again: what no two processes can do better.
 extern const Link kMemoryCopy;
 

@@ -20,9 +20,9 @@ struct Group {
 };
 
 constexpr Group kGroups[] = {
-    {"ring", measure_ring},   {"trip", measure_round_trip}, {"wake", measure_wake},
-    {"java", measure_java},   {"file", measure_file_queue}, {"flat", measure_flat},
-    {"print", measure_print},
+    {"ring", measure_ring},   {"place", measure_in_place}, {"trip", measure_round_trip},
+    {"wake", measure_wake},   {"java", measure_java},      {"file", measure_file_queue},
+    {"flat", measure_flat},   {"print", measure_print},
 #ifdef HALVO_BENCH_RELAY
     {"relay", measure_relay},
 #endif
@@ -37,8 +37,8 @@ Exit status 0 when every measurement worked, also when goals are short; 1 when o
 
   --quick       shorter measurements and a shorter backlog
   --rounds N    rounds of each comparison (5); the median counts
-  --only ...    some of: ring trip wake java file flat print relay
-  --size B/S    ring and trip at one size only, such as 1000/1024
+  --only ...    some of: ring place trip wake java file flat print relay
+  --size B/S    ring, place and trip at one size only, such as 1000/1024
   --seconds S   length of one measurement (0.5, quick 0.1)
   --slots N     slots of a ring (256; the spsc_queue always has 256)
   --backlog N   items of the long file queue (10000000, quick 100000)
@@ -76,10 +76,11 @@ void print_machine(const Settings &settings) {
     getloadavg(&load, 1);
     std::printf("%s, %d processors, Linux %s, load %.2f\n", model.c_str(), processors(),
                 system.release, load);
-    std::printf("%d-bit, %d rounds of %.2f s, rings of %u slots; ratio: median of the rounds' "
-                "ratios, above 1 is ours ahead\n",
-                static_cast<int>(8 * sizeof(void *)), settings.rounds, settings.seconds,
-                settings.slots);
+    std::printf(
+        "%d-bit, %d rounds of %.2f s, rings of %u slots; ratio: median of the rounds' "
+        "ratios, above 1 is ours ahead;\n"
+        "spread: between the quartiles of the rounds' ratios; noisy: more than to the goal\n",
+        static_cast<int>(8 * sizeof(void *)), settings.rounds, settings.seconds, settings.slots);
 }
 
 int measure(const Settings &settings, const std::string &values) {

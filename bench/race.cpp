@@ -7,11 +7,15 @@ namespace halvo::bench {
 
 namespace {
 
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+// The value below which `quarters` of 4 of them lie.
+double quartile(std::vector<double> values, size_t quarters) {
+    const size_t last = values.size() - 1;
+    const size_t place = quarters == 2 ? values.size() / 2 : (last * quarters + 2) / 4;
+    const auto at = values.begin() + static_cast<ptrdiff_t>(place);
+    std::nth_element(values.begin(), at, values.end());
+    return *at;
 }
+double median(const std::vector<double> &values) { return quartile(values, 2); }
 
 // Finds the count that takes about the wanted time. Runs that are much too short tell too little.
 void calibrate(Contender &contender, double seconds) {
@@ -71,6 +75,7 @@ void compare(Report &report, const Row &names, const Contender &ours, const Cont
     row.ours = median_of(ours, value);
     row.theirs = median_of(peer, value);
     row.ratio = median(ratios);
+    row.spread = quartile(ratios, 3) - quartile(ratios, 1);
     report.add(row);
 }
 

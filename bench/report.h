@@ -18,7 +18,8 @@ struct Row {
     double ours;
     double theirs;
     double ratio;
-    double goal; // the least ratio that is asked for; 0: none
+    double goal;   // the least ratio that is asked for; 0: none
+    double spread; // of the ratio: between the rounds' quartiles
 };
 
 class Report {
@@ -40,7 +41,7 @@ private:
     std::FILE *values_ = nullptr;
     std::string measure_; // of the row before
     int failures_ = 0, reached_ = 0;
-    std::vector<std::string> short_;
+    std::vector<std::string> short_, noisy_;
 };
 
 } // namespace halvo::bench

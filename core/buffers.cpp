@@ -19,16 +19,21 @@ qmsg *buffer_of(halvo_channel *q, const End &end, uint32_t area, int index) {
 
 } // namespace
 
-int q_read_buf(halvo_channel *q, void *buffer, int index) noexcept {
+int halvo::read_buf_image(halvo_channel *q, void *image, uint32_t size, int index) noexcept {
     const ReaderEnd end(q);
     end.touch();
     qmsg *held = buffer_of(q, end, load(q->rbufs), index);
     if (!held) return ESMS_INVAL;
+    if (!is_size_of(end.ring(), size)) return ESMS_FAILED;
     if (load_state(held) == HALVO_SLOT_READABLE) {
-        copy_slot(end.size(), held, buffer);
+        copy_slot(end.size(), held, image);
         return ESMS_OK;
     }
-    return take(q, end, buffer, held);
+    return take(q, end, image, held);
+}
+
+int q_read_buf(halvo_channel *q, void *buffer, int index) noexcept {
+    return read_buf_image(q, buffer, kAnySize, index);
 }
 
 int q_read_buf_clear(halvo_channel *q, int index) noexcept {

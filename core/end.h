@@ -167,4 +167,18 @@ inline uint32_t slot_size(const halvo_channel *q) noexcept {
     return size;
 }
 
+// In place of a size: whatever the slots have. No room is that large without being enough.
+inline constexpr uint32_t kAnySize = UINT32_MAX;
+inline bool is_size_of(const Ring &ring, uint32_t size) noexcept {
+    return size == kAnySize || size == ring.size;
+}
+// The slot at an end's position, whatever its state.
+template <class End>
+int view_slot(const End &end, void *image, uint32_t size) noexcept {
+    if (!end.usable()) return ESMS_INVAL;
+    if (!is_size_of(end.ring(), size)) return ESMS_FAILED;
+    copy_slot(end.size(), end.slot(end.offset()), image);
+    return ESMS_OK;
+}
+
 } // namespace halvo

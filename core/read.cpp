@@ -25,9 +25,10 @@ template <class End>
     return ESMS_OK;
 }
 
-[[gnu::cold]] int read_anew(halvo_channel *q, void *buffer) {
+[[gnu::cold]] int read_anew(halvo_channel *q, void *buffer, uint32_t size) {
     const ReaderEnd end(q);
     end.touch();
+    if (end.usable() && !is_size_of(end.ring(), size)) return ESMS_FAILED;
     return get(q, end, buffer, nullptr);
 }
 
@@ -40,16 +41,25 @@ int halvo::take(halvo_channel *q, const ReaderEnd &end, void *buffer, qmsg *held
 int q_read(halvo_channel *q, void *buffer) noexcept {
     const QuickReaderEnd end(q);
     if (!end.holds()) [[unlikely]]
-        return read_anew(q, buffer);
+        return read_anew(q, buffer, kAnySize);
     end.touch();
     return get(q, end, buffer, nullptr);
 }
 
+int halvo::read_image(halvo_channel *q, void *image, uint32_t size) noexcept {
+    const QuickReaderEnd end(q);
+    if (!end.holds() || end.size() != size) [[unlikely]]
+        return read_anew(q, image, size);
+    end.touch();
+    return get(q, end, image, nullptr);
+}
+
+int halvo::read_view_image(const halvo_channel *q, void *image, uint32_t size) noexcept {
+    return view_slot(ReaderEnd(const_cast<halvo_channel *>(q)), image, size);
+}
+
 int q_readview(const halvo_channel *q, void *buffer) noexcept {
-    const ReaderEnd end(const_cast<halvo_channel *>(q));
-    if (!end.usable()) return ESMS_INVAL;
-    copy_slot(end.size(), end.slot(end.offset()), buffer);
-    return 0;
+    return read_view_image(q, buffer, kAnySize);
 }
 
 int q_read_mark(halvo_channel *q, int n) noexcept {
@@ -84,9 +94,14 @@ int q_read_markedcount(halvo_channel *q) noexcept {
 }
 
 int q_read_markedmsg(halvo_channel *q, int index, void *buffer) noexcept {
+    return read_marked_image(q, buffer, kAnySize, index);
+}
+
+int halvo::read_marked_image(halvo_channel *q, void *image, uint32_t size, int index) noexcept {
     const ReaderEnd end(q);
     end.touch();
     if (index < 0 || !end.usable()) return ESMS_INVAL;
+    if (!is_size_of(end.ring(), size)) return ESMS_FAILED;
     const AheadOffset marked = end.ahead(end.offset(), index);
     if (!marked.inside) {
         std::printf("%d(%d)  IndexOutOfBounds as tellg %d\n", index, index,
@@ -95,7 +110,7 @@ int q_read_markedmsg(halvo_channel *q, int index, void *buffer) noexcept {
     }
     const qmsg *slot = end.slot(marked.offset);
     if (load_state(slot) != HALVO_SLOT_MARKED) return ESMS_INVAL;
-    copy_slot(end.size(), slot, buffer);
+    copy_slot(end.size(), slot, image);
     return ESMS_OK;
 }
 

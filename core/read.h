@@ -1,4 +1,4 @@
-// sms_shm: what the read buffers share with the ring's reader.
+// sms_shm: what the read buffers and the bindings share with the ring's reader.
 #pragma once
 
 #include "core/end.h"
@@ -18,5 +18,14 @@ template <class End>
 // q_read, which also puts the message into the empty read buffer `held` unless that is null. It is
 // held before its ring slot is freed: a process killed in between leaves it twice, never lost.
 int take(halvo_channel *q, const ReaderEnd &end, void *buffer, qmsg *held) noexcept;
+
+// q_read, q_read_buf, q_read_markedmsg and q_readview for callers who made room for one slot some
+// time ago. A channel's slots may have another size by now, if only by damage, and those calls
+// would copy as many bytes as they have. These compare and copy by one load of the size: when it is
+// not `size` they answer ESMS_FAILED, and nothing is taken.
+int read_image(halvo_channel *q, void *image, uint32_t size) noexcept;
+int read_buf_image(halvo_channel *q, void *image, uint32_t size, int index) noexcept;
+int read_marked_image(halvo_channel *q, void *image, uint32_t size, int index) noexcept;
+int read_view_image(const halvo_channel *q, void *image, uint32_t size) noexcept;
 
 } // namespace halvo

@@ -70,9 +70,11 @@ bool WaitInProgress::slot_stands_ready(const halvo_segment *segment) const noexc
     return slot.state && load(*slot.state) == slot.wanted;
 }
 
-void WaitInProgress::visit(double now, const halvo_segment *segment) noexcept {
-    const bool overdue = now > end_;
+void WaitInProgress::visit(const halvo_segment *segment) noexcept {
     const bool past_signal = slept_past_a_signal(frame_);
+    // The clock is read behind that: when it was the registry's signal, also in the name of another
+    // thread's pass, then the wait is overdue by now.
+    const bool overdue = wall_clock() > end_;
     const bool ready = slot_stands_ready(segment);
     if (overdue) {
         if (was_overdue_) signal();
@@ -92,11 +94,10 @@ void WaitInProgress::visit(double now, const halvo_segment *segment) noexcept {
 void WaitInProgress::lose_limit() noexcept { end_ = kNever; }
 
 void visit_waits() noexcept {
-    const double now = wall_clock();
     const MappingUse mapping;
     const MutexLock lock(lock_of_waits);
     for (WaitInProgress *wait = first_wait; wait; wait = wait->next())
-        wait->visit(now, mapping.segment());
+        wait->visit(mapping.segment());
 }
 
 void lose_limits() noexcept {

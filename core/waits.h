@@ -43,7 +43,7 @@ public:
     bool signal_missed() const noexcept { return signal_missed_; }
 
     // One visit. Lock of the list held.
-    void visit(double now, const halvo_segment *segment) noexcept;
+    void visit(const halvo_segment *segment) noexcept;
     void lose_limit() noexcept;
 
     WaitInProgress *next() const noexcept { return next_; }

@@ -185,11 +185,12 @@ int q_write_rollback_all(halvo_channel *q) noexcept {
     return static_cast<int>(count);
 }
 
+int halvo::write_view_image(const halvo_channel *q, void *image, uint32_t size) noexcept {
+    return view_slot(WriterEnd(const_cast<halvo_channel *>(q)), image, size);
+}
+
 int q_writeview(const halvo_channel *q, void *buffer) noexcept {
-    const WriterEnd end(const_cast<halvo_channel *>(q));
-    if (!end.usable()) return ESMS_INVAL;
-    copy_slot(end.size(), end.slot(end.offset()), buffer);
-    return 0;
+    return write_view_image(q, buffer, kAnySize);
 }
 
 int q_writable_count(halvo_channel *q) noexcept {

@@ -65,4 +65,7 @@ void count_parked(halvo_channel *q, int32_t amount) noexcept;
 int park(halvo_channel *q, const WriterEnd &end, qmsg *buffer, int type, const void *data,
          uint32_t length) noexcept;
 
+// q_writeview for callers who made room for one slot some time ago, as the calls of core/read.h.
+int write_view_image(const halvo_channel *q, void *image, uint32_t size) noexcept;
+
 } // namespace halvo

@@ -1,5 +1,8 @@
 // Java binding, Channel: reads, writes and transactions. Each has two forms: without a wake cell it
 // tries once and answers ESMS_EMPTY or ESMS_FULL, with one it waits.
+#include <algorithm>
+
+#include "core/read.h"
 #include "jni/companion.h"
 #include "jni/wake.h"
 
@@ -31,13 +34,6 @@ jint once_or_waiting(const Waiter &waiter, WakeCell *cell, jint not_yet, Attempt
         return true;
     });
     return wait == Wait::settled ? result : code_of(wait);
-}
-
-// The message that a read would take has no room in `room` bytes.
-bool is_too_long(halvo_channel *q, uint32_t room) {
-    const qmsg *slot = ring_slot(q, load(q->rpos));
-    return slot && load_state(slot) == HALVO_SLOT_READABLE &&
-           body_length(load(q->qbsz), slot) > room;
 }
 
 // A staged message of a batch: its length and type, then its body.
@@ -72,19 +68,19 @@ COMPANION_NATIVE(jlong, ChannelCalls, read)
     if (!has_room(env, range) || length < 0) return ESMS_INVAL;
     const CheckedChannel end = owned_channel(kReader, channel);
     if (end.fault != ESMS_OK) return end.fault;
-    const SlotImage image(end.q);
-    if (!image) return ESMS_FAILED;
-    const jint result = once_or_waiting({kReader, end.q, channel, timeout}, cell_of(env, cell),
-                                        ESMS_EMPTY, [&]() -> jint {
-                                            if (is_too_long(end.q, static_cast<uint32_t>(length)))
-                                                return ESMS_EXEED;
-                                            return q_read(end.q, image.get());
-                                        });
+    // No body is longer than a slot, however long the range.
+    const uint32_t capacity = std::min(slot_size(end.q), static_cast<uint32_t>(length));
+    const Block bytes(capacity);
+    if (!bytes.get()) return ESMS_FAILED;
+    int type = 0;
+    uint32_t size = 0;
+    const jint result =
+        once_or_waiting({kReader, end.q, channel, timeout}, cell_of(env, cell), ESMS_EMPTY,
+                        [&] { return q_read_body(end.q, &type, bytes.get(), capacity, &size); });
     if (result != ESMS_OK) return result;
     finish_transfer(kReader, end.q, channel);
-    const uint32_t size = body_length(slot_size(end.q), image.get());
-    copy_out(env, range, body(image.get()), size);
-    return jlong{image.get()->type} << kTypeShift | size;
+    copy_out(env, range, bytes.get(), size);
+    return jlong{type} << kTypeShift | size;
 }
 
 COMPANION_NATIVE(jint, ChannelCalls, write)
@@ -119,9 +115,8 @@ COMPANION_NATIVE(jint, ChannelCalls, mark)
         {
             const PinnedBytes bytes(env, slots, 0);
             while (bytes.get() && copied < marked &&
-                   q_read_markedmsg(q, copied,
-                                    bytes.get() + size_t{size} * static_cast<size_t>(copied)) ==
-                       ESMS_OK)
+                   read_marked_image(q, bytes.get() + size_t{size} * static_cast<size_t>(copied),
+                                     size, copied) == ESMS_OK)
                 ++copied;
         }
         if (copied == marked) return marked;

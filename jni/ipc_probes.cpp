@@ -1,6 +1,8 @@
 // Java binding, IPCFunctions: looking at slots, buffers and heartbeats.
 
 #include "core/process.h"
+#include "core/read.h"
+#include "core/write.h"
 #include "jni/native.h"
 
 using namespace halvo;
@@ -29,11 +31,10 @@ IPC_NATIVE(jint, view)
     if (which == 1 && !owns(kWriter, q)) return ESMS_ACCESS;
     const SlotImage image(q);
     if (!image) return ESMS_FAILED;
-    if (which == 0)
-        q_readview(q, image.get());
-    else
-        q_writeview(q, image.get());
-    copy_out(env, range, image.get(), slot_size(q));
+    const auto view = which == 0 ? read_view_image : write_view_image;
+    const jint result = view(q, image.get(), image.size());
+    if (result != ESMS_OK) return result;
+    copy_out(env, range, image.get(), image.size());
     return ESMS_OK;
 }
 

@@ -1,4 +1,5 @@
 // Java binding, IPCFunctions: marks, commits, rollbacks, buffers: one core call each, none waits.
+#include "core/read.h"
 #include "jni/native.h"
 
 using namespace halvo;
@@ -62,8 +63,8 @@ IPC_NATIVE(jint, readMarked)
     return on_side(kReader, channel, [=](halvo_channel *q) -> jint {
         const SlotImage image(q);
         if (!image) return ESMS_FAILED;
-        const jint result = q_read_markedmsg(q, index, image.get());
-        return result != ESMS_OK ? result : deliver(env, range, q, image, raw);
+        const jint result = read_marked_image(q, image.get(), image.size(), index);
+        return result != ESMS_OK ? result : deliver(env, range, image, raw);
     });
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 
+#include "core/read.h"
 #include "jni/native.h"
 
 using namespace halvo;
@@ -24,7 +25,7 @@ jint read_one(JNIEnv *env, jint channel, const ArrayRange &range, jint timeout, 
     if (!image) return ESMS_FAILED;
     jint result = ESMS_OK;
     const Wait wait = wait_until({kReader, end.q, channel, timeout, registration}, [&] {
-        result = operation(end.q, image.get());
+        result = operation(end.q, image);
         return result != ESMS_EMPTY;
     });
     if (wait == Wait::unregistered) return ESMS_MTXLOCK;
@@ -32,7 +33,7 @@ jint read_one(JNIEnv *env, jint channel, const ArrayRange &range, jint timeout, 
     if (result != ESMS_OK) return result;
     finish_transfer(kReader, end.q, channel);
     // Kept: a message of which nothing can be copied (length 0) is consumed all the same.
-    return deliver(env, range, end.q, image, raw);
+    return deliver(env, range, image, raw);
 }
 
 // ---- Writing
@@ -86,7 +87,9 @@ IPC_NATIVE(jint, read)
 (JNIEnv *env, jclass, jint channel, jbyteArray buf, jint offset, jint length, jint timeout,
  jboolean raw) noexcept {
     return read_one(env, channel, {buf, offset, length}, timeout, raw, Registration::optional,
-                    [](halvo_channel *q, qmsg *slot) { return q_read(q, slot); });
+                    [](halvo_channel *q, const SlotImage &image) {
+                        return read_image(q, image.get(), image.size());
+                    });
 }
 
 // Kept: here alone a full registry of waiting threads ends the call, and rwait stays raised.
@@ -94,7 +97,9 @@ IPC_NATIVE(jint, readBuf)
 (JNIEnv *env, jclass, jint channel, jbyteArray buf, jint offset, jint length, jint timeout,
  jboolean raw, jint index) noexcept {
     return read_one(env, channel, {buf, offset, length}, timeout, raw, Registration::required,
-                    [=](halvo_channel *q, qmsg *slot) { return q_read_buf(q, slot, index); });
+                    [=](halvo_channel *q, const SlotImage &image) {
+                        return read_buf_image(q, image.get(), image.size(), index);
+                    });
 }
 
 IPC_NATIVE(jint, readMark)(JNIEnv *, jclass, jint channel, jint n, jint timeout) noexcept {

@@ -50,12 +50,11 @@ jint copy_out(JNIEnv *env, const ArrayRange &range, const void *from, uint32_t s
     return n;
 }
 
-jint deliver(JNIEnv *env, const ArrayRange &range, const halvo_channel *q, const SlotImage &image,
-             bool raw) noexcept {
+jint deliver(JNIEnv *env, const ArrayRange &range, const SlotImage &image, bool raw) noexcept {
     const qmsg *slot = image.get();
-    const uint32_t length = body_length(slot_size(q), slot);
+    const uint32_t length = body_length(image.size(), slot);
     const jint n =
-        raw ? copy_out(env, range, slot, slot_size(q)) : copy_out(env, range, body(slot), length);
+        raw ? copy_out(env, range, slot, image.size()) : copy_out(env, range, body(slot), length);
     return n < 1 ? ESMS_INVAL : static_cast<jint>(length);
 }
 

@@ -81,8 +81,7 @@ jint copy_out(JNIEnv *env, const ArrayRange &range, const void *from, uint32_t s
 
 // Hands a message to Java: the whole slot when raw, else its body. Returns the message's length,
 // also when less was copied; ESMS_INVAL when nothing was.
-jint deliver(JNIEnv *env, const ArrayRange &range, const halvo_channel *q, const SlotImage &image,
-             bool raw) noexcept;
+jint deliver(JNIEnv *env, const ArrayRange &range, const SlotImage &image, bool raw) noexcept;
 
 // Record `index` of a table of counters. One more than the table has is a record too: it lies in
 // the fields behind the table, which belong to the same header.

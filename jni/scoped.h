@@ -84,17 +84,19 @@ private:
 };
 
 // Room for an image of one slot of a channel, whose header is zeros at first; false when there is no
-// memory.
+// memory. It is filled by the calls of core/read.h that compare its size with the slots'.
 class SlotImage {
 public:
     explicit SlotImage(const halvo_channel *q) noexcept
-        : block_(std::max<size_t>(slot_size(q), sizeof(qmsg))) {
+        : size_(slot_size(q)), block_(std::max<size_t>(size_, sizeof(qmsg))) {
         if (block_.get()) std::memset(block_.get(), 0, sizeof(qmsg));
     }
     explicit operator bool() const noexcept { return block_.get() != nullptr; }
     qmsg *get() const noexcept { return reinterpret_cast<qmsg *>(block_.get()); }
+    uint32_t size() const noexcept { return size_; } // bytes of a slot when this was made
 
 private:
+    uint32_t size_;
     Block block_;
 };
 

@@ -132,6 +132,24 @@ public class BlockingTest {
         assertEquals(2, (int) counter.result());
     }
 
+    /** Its room was made before the wait, of the size that the slots had then. */
+    @Test
+    public void aReaderTakesNoSlotThatOutgrewItsRoomMeanwhile() throws Exception {
+        int channel = both();
+        int parking = both();
+        byte[] buf = new byte[2 * SLOT_SIZE];
+        staysWhenOutgrown(channel, () -> read(channel, buf, 0, buf.length, LONG, true));
+        staysWhenOutgrown(parking, () -> readBuf(parking, buf, 0, buf.length, LONG, true, 0));
+    }
+
+    private static void staysWhenOutgrown(int channel, Callable<Integer> read) throws Exception {
+        Waiting<Integer> reader = Waiting.on(channel, RWAIT, read);
+        putIntAt(channel, QBSZ, 2 * SLOT_SIZE);
+        write(channel, "hello");
+        assertEquals(ESMS_FAILED, (int) reader.result());
+        assertEquals("hello", read(channel));
+    }
+
     @Test
     public void aCommitWakesAReader() throws Exception {
         int channel = both();

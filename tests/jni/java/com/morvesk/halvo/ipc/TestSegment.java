@@ -12,6 +12,7 @@ import java.util.Map;
 final class TestSegment {
     // Offsets in a channel header.
     static final int QTYPE = 32;
+    static final int QBSZ = 4;
     static final int PIDP = 100;
     static final int PIDG = 128;
     static final int WWAIT = 148;
