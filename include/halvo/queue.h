@@ -12,6 +12,8 @@
  *   buffer    room for the channel's whole slot, qbsz bytes (header included), owned by the
  *             caller; the message is found in it through qmsg. It stays untouched when nothing
  *             is read.
+ *   header    what the channel's header says counts, at each operation. When its ring does not lie
+ *             in the segment the operations answer ESMS_INVAL.
  *   results   ESMS_* codes of result.h. A failing operation changes nothing but the heartbeat
  *             (wtime or rtime).
  *

@@ -8,7 +8,7 @@
  *             | halvo_segment: nchnnl, now, qoffs[], qtcnt[4096], uptime     |
  *             +--------------------------------------------------------------+ qoffs[0]
  *             | halvo_channel 0: positions, owners, heartbeats, counters     |
- *             | ring: qcnt slots | five read buffers | five write buffers    |
+ *             | five read buffers | five write buffers | ring: qcnt slots    |
  *             +--------------------------------------------------------------+ qoffs[1]
  *             | halvo_channel 1 ...                                          |
  *
