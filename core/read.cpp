@@ -3,6 +3,8 @@
 
 #include <cstdio>
 
+#include "core/output.h"
+
 using namespace halvo;
 
 namespace {
@@ -104,6 +106,7 @@ int halvo::read_marked_image(halvo_channel *q, void *image, uint32_t size, int i
     if (!is_size_of(end.ring(), size)) return ESMS_FAILED;
     const AheadOffset marked = end.ahead(end.offset(), index);
     if (!marked.inside) {
+        const Uncancelled printing;
         std::printf("%d(%d)  IndexOutOfBounds as tellg %d\n", index, index,
                     static_cast<int>(load(q->rpos)));
         return ESMS_INVAL;

@@ -1,6 +1,7 @@
 // sms_shm: the names of the result codes, for people.
 #include <cstdio>
 
+#include "core/output.h"
 #include "halvo/result.h"
 
 namespace {
@@ -30,6 +31,7 @@ static_assert(sizeof kNamedCodes / sizeof kNamedCodes[0] == 18 + 9);
 } // namespace
 
 int printr(const char *prefix, int code) noexcept {
+    const halvo::Uncancelled printing;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"

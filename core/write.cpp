@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "core/output.h"
+
 using namespace halvo;
 
 namespace {
@@ -25,6 +27,7 @@ int mark(qmsg *slot, int type, const void *data, uint32_t length) {
 [[gnu::cold]] int refuse(const halvo_channel *q, int fault, uint32_t size, const void *data,
                          uint32_t length, uint32_t readable) {
     if (fault != ESMS_EXEED) return fault;
+    const Uncancelled printing;
     std::printf("q_write to %.24s %%qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", q->qname,
                 static_cast<int>(size), static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
     std::printf("DATA %.*s\n", static_cast<int>(std::min(readable, 100u)),
@@ -61,6 +64,7 @@ int look_ahead(const halvo_channel *q, const Ring &ring, uint32_t offset) noexce
     int32_t state = load_state(slot);
     if (state == HALVO_SLOT_READABLE || state == HALVO_SLOT_MARKED) return ESMS_FULL;
     state = load_state(slot);
+    const Uncancelled printing;
     if (state == HALVO_SLOT_PENDING) {
         std::printf("ESMSPENDING...%d\n", state);
         return ESMS_PENDING;
@@ -71,9 +75,10 @@ int look_ahead(const halvo_channel *q, const Ring &ring, uint32_t offset) noexce
 }
 
 int report_length(uint32_t slot_size, int fault, uint32_t length) noexcept {
-    if (fault == ESMS_EXEED)
-        std::printf("qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", static_cast<int>(slot_size),
-                    static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
+    if (fault != ESMS_EXEED) return fault;
+    const Uncancelled printing;
+    std::printf("qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", static_cast<int>(slot_size),
+                static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
     return fault;
 }
 

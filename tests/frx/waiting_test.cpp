@@ -39,6 +39,15 @@ int value_of(const Segment &segment, const char *suffix) {
     return semctl(semget(ftok(path.c_str(), 1), 1, 0), 0, GETVAL);
 }
 
+// A thread that has been cancelled when it writes what the channel cannot take.
+void *write_cancelled(void *end) {
+    const char too_long[4096] = {};
+    pthread_cancel(pthread_self());
+    ::frx_write(static_cast<FrxChannel *>(end), 1, too_long, sizeof too_long, 0);
+    pthread_testcancel();
+    return nullptr;
+}
+
 // Replaces standard output by a pipe that takes no byte more.
 void stall_output() {
     int ends[2];
@@ -212,6 +221,17 @@ TEST_F(FrxWaiting, a_cancelled_thread_withdraws_its_wait) {
     EXPECT_EQ(read(), "0");
 }
 #endif
+
+TEST_F(FrxWaiting, a_cancelled_thread_that_prints_a_refusal_gives_the_end_back) {
+    setvbuf(stdout, nullptr, _IONBF, 0); // so that each line is written at once
+    pthread_t thread{};
+    ASSERT_EQ(pthread_create(&thread, nullptr, write_cancelled, &writer), 0);
+    void *result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    fill(1);
+    EXPECT_EQ(read(), "0");
+}
 
 TEST_F(FrxWaiting, a_throttled_reader_and_a_blocked_writer_do_not_wake_each_other_for_ever) {
     fill(4);
