@@ -96,11 +96,12 @@ void Names::ask(int start) noexcept {
     id_ = id;
     seconds_ = seen.stx_ctime.tv_sec;
     nanoseconds_ = seen.stx_ctime.tv_nsec;
-    // The clock of the directory's next change must have gone on.
+    // The clock of the directory's next change must have gone on, by more than the unit in which the
+    // file system counts (10 ms in one), and a change under way must have become visible.
+    constexpr int64_t kSecond = 1000000000, kSettled = kSecond / 10; // nanoseconds
     timespec now{};
     certain_ = found && nanoseconds_ != 0 && clock_gettime(CLOCK_REALTIME_COARSE, &now) == 0 &&
-               (now.tv_sec > seconds_ ||
-                (now.tv_sec == seconds_ && static_cast<uint32_t>(now.tv_nsec) > nanoseconds_));
+               (now.tv_sec - seconds_) * kSecond + now.tv_nsec - nanoseconds_ > kSettled;
 }
 
 // ---- Files -------------------------------------------------------------------------------------

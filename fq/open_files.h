@@ -22,8 +22,8 @@ namespace halvo::fq {
 
 // The names in a queue's directory. Every change of one marks the directory's time, so that a
 // directory of the same path, device, inode and time has the names that it had: what was asked of
-// each file since then holds. A time of which the clock may still make another equal one does not
-// count, nor does one without a fraction, as file systems have that count seconds.
+// each file since then holds. A time of a moment ago does not count, for there may still be another
+// change of that time, nor does one without a fraction, as file systems have that count seconds.
 class Names {
 public:
     void in_directory_of(const char *path) noexcept;
