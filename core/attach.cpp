@@ -7,6 +7,7 @@
 #include <sys/shm.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -92,7 +93,8 @@ void find_semaphores(const char *keyfile, const KeyPath &posts, const KeyPath &r
 // Gives up looking at a segment.
 void drop_view() {
     if (view_id < 0) return;
-    attached = nullptr;
+    std::atomic_ref(attached).store(nullptr);
+    wait_for_mapping_users();
     is_view = false;
     shmdt(std::exchange(segment_ever, nullptr));
     view_id = -1;
@@ -115,8 +117,9 @@ bool look_at(int id) {
         return false;
     }
     segment_size = static_cast<size_t>(found.shm_segsz);
-    attached = segment_ever = static_cast<halvo_segment *>(address);
-    is_view = true;
+    segment_ever = static_cast<halvo_segment *>(address);
+    is_view = true; // before another thread's q_settime() can find it, which would store
+    std::atomic_ref(attached).store(segment_ever);
     view_id = id;
     return true;
 }
