@@ -78,8 +78,7 @@ class Announced {
 public:
     Announced(const Waiter &waiter, const Sleeper &sleeper, bool wake_peer) noexcept
         : waiter_(waiter), registered_(announce(wake_peer)),
-          in_progress_(sleeper, registered_ ? end_ : kNever, waiter.side, waiter.q,
-                       waiter.channel) {}
+          in_progress_(sleeper, end_, waiter.side, waiter.q, waiter.channel) {}
     Announced(const Announced &) = delete;
     Announced &operator=(const Announced &) = delete;
     ~Announced() { withdraw(); }
@@ -112,7 +111,9 @@ private:
             waiter_.side.wake_peer(waiter_.channel);
         // Not after the registry's deadline: the visits must not take its signal for another one.
         end_ = wall_clock() + waiter_.timeout / 1000.0;
-        return reg_wait_thread(waiter_.timeout) >= 0;
+        if (reg_wait_thread(waiter_.timeout) >= 0) return true;
+        end_ = kNever;
+        return false;
     }
     void count_up() {
         halvo_i32 &waiting = waiter_.q->*waiter_.side.waiting;

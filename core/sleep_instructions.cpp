@@ -89,6 +89,7 @@ static_assert(offsetof(SleepFrame, operation) == 0); // the frame's address serv
 
 #ifdef __x86_64__
 #define FRAME_IN "r"(at), OPERANDS
+// NOLINTNEXTLINE(bugprone-macro-parentheses)
 #define FRAME_REGISTER register SleepFrame *at __asm__("r8") = &frame
 #else
 #define FRAME_IN "D"(at), [ipc] "i"(SYS_ipc), OPERANDS

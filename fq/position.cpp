@@ -142,7 +142,7 @@ int halvo::fq::load_position(OpenSide &side, char *record, bool &made_first) noe
 }
 
 bool halvo::fq::read_guessed_position(OpenSide &side, char *record) noexcept {
-    constexpr ssize_t pair = 2 * kRecordSize;
+    constexpr ssize_t pair = ssize_t{2} * kRecordSize;
     char bytes[pair + 1]; // one more: the log must end there
     if (side.log_guess < pair) return false;
     if (pread(side.log.get(), bytes, sizeof bytes, side.log_guess - pair) != pair) return false;

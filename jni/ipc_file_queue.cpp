@@ -22,9 +22,8 @@ jlong handle_of(const fqtrans *trans) {
 // The record of a handle; null for 0 and for a number that is no address here.
 fqtrans *transaction_of(jlong handle) {
     const auto address = static_cast<uintptr_t>(handle);
-    return handle > 0 && static_cast<jlong>(address) == handle
-               ? reinterpret_cast<fqtrans *>(address)
-               : nullptr;
+    if (handle <= 0 || static_cast<jlong>(address) != handle) return nullptr;
+    return reinterpret_cast<fqtrans *>(address); // NOLINT(performance-no-int-to-ptr)
 }
 
 void forget(fqtrans *trans) { Memory<fqtrans>(trans).reset(); }

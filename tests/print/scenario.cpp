@@ -113,6 +113,7 @@ Status::Status()
 Status::~Status() {
     lastcheck = nullptr;
     snapshot = nullptr;
+    std::free(qprtopts);
     qprtopts = qoptTitle = qoptMsg = qoptHeader = nullptr;
 }
 

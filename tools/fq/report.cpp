@@ -9,8 +9,6 @@ namespace halvo::tools {
 
 namespace {
 
-using fq::Position;
-
 struct Count {
     int64_t items = 0;
     int64_t bytes = 0; // of data

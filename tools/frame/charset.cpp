@@ -14,7 +14,8 @@ namespace {
 class Converter {
 public:
     Converter(const char *to, const char *from) : handle_(iconv_open(to, from)) {
-        if (handle_ == reinterpret_cast<iconv_t>(-1))
+        const auto failed = reinterpret_cast<iconv_t>(-1); // NOLINT(performance-no-int-to-ptr)
+        if (handle_ == failed)
             throw std::runtime_error("iconv does not know EUC-KR here; --no-utf8 does without");
     }
     ~Converter() { iconv_close(handle_); }
