@@ -171,7 +171,7 @@ HttpServer::HttpServer(const ListenAddress &address, Handler handler)
         MHD_OPTION_CONNECTION_LIMIT, kConnections,            //
         MHD_OPTION_CONNECTION_TIMEOUT, kSeconds,              //
         MHD_OPTION_CONNECTION_MEMORY_LIMIT, size_t{kRequestBytes}, MHD_OPTION_THREAD_STACK_SIZE,
-        size_t{256 * 1024},                              //
+        size_t{256} * 1024,                              //
         MHD_OPTION_STRICT_FOR_CLIENT, 1,                 //
         MHD_OPTION_UNESCAPE_CALLBACK, unescape, nullptr, //
         MHD_OPTION_NOTIFY_CONNECTION, State::on_connection, state_.get(),
