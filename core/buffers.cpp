@@ -1,7 +1,5 @@
 // sms_shm: the five parked messages per side. They lie in the segment, so that a parked or half
 // processed message outlives the process that handles it. Buffer states: 0 empty, 1 holding.
-#include <cstdio>
-
 #include "core/output.h"
 #include "core/read.h"
 #include "core/ring.h"
@@ -71,9 +69,7 @@ int q_write_buf_commit(halvo_channel *q, int index) noexcept {
         publish_state(parked, HALVO_SLOT_FREE);
     } else {
         count_parked(q, 1);
-        const Uncancelled printing;
-        std::printf("WARNING!!!!!!!! buff control broken! r= %d, pbuffs=%d\n", result,
-                    load(q->pbuffs));
+        print("WARNING!!!!!!!! buff control broken! r= %d, pbuffs=%d\n", result, load(q->pbuffs));
     }
     return result;
 }

@@ -1,10 +1,12 @@
 #include "core/output.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <stdio_ext.h>
 #include <sys/stat.h>
 
 #include <climits>
+#include <cstdarg>
 #include <cstdio>
 
 namespace halvo {
@@ -19,6 +21,16 @@ bool takes_what_is_buffered(int descriptor) {
 }
 
 } // namespace
+
+void print(const char *format, ...) noexcept {
+    int before = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    va_list values;
+    va_start(values, format);
+    std::vprintf(format, values);
+    va_end(values);
+    pthread_setcancelstate(before, nullptr);
+}
 
 ReadyOutput::ReadyOutput() noexcept : locked_(ftrylockfile(stdout) == 0) {
     if (!locked_) return;

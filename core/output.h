@@ -2,22 +2,11 @@
 // another thread that does; and for threads that may be cancelled.
 #pragma once
 
-#include <pthread.h>
-
 namespace halvo {
 
-// Puts a cancellation off while a line is printed, which is a cancellation point: the thread may
-// hold an end's lock there, and no frame of the library could be unwound.
-class Uncancelled {
-public:
-    Uncancelled() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    Uncancelled(const Uncancelled &) = delete;
-    Uncancelled &operator=(const Uncancelled &) = delete;
-    ~Uncancelled() { pthread_setcancelstate(before_, nullptr); }
-
-private:
-    int before_ = 0;
-};
+// printf(), with a cancellation put off: it is a point for one, where the thread may hold an end's lock,
+// and no frame of the library could be unwound.
+[[gnu::format(printf, 1, 2)]] void print(const char *format, ...) noexcept;
 
 // Standard output, locked for this thread, if it takes a few lines at once.
 class ReadyOutput {

@@ -1,8 +1,6 @@
 // sms_shm: the reader's side of a ring. Nothing here blocks, allocates or takes a lock.
 #include "core/read.h"
 
-#include <cstdio>
-
 #include "core/output.h"
 
 using namespace halvo;
@@ -106,9 +104,8 @@ int halvo::read_marked_image(halvo_channel *q, void *image, uint32_t size, int i
     if (!is_size_of(end.ring(), size)) return ESMS_FAILED;
     const AheadOffset marked = end.ahead(end.offset(), index);
     if (!marked.inside) {
-        const Uncancelled printing;
-        std::printf("%d(%d)  IndexOutOfBounds as tellg %d\n", index, index,
-                    static_cast<int>(load(q->rpos)));
+        print("%d(%d)  IndexOutOfBounds as tellg %d\n", index, index,
+              static_cast<int>(load(q->rpos)));
         return ESMS_INVAL;
     }
     const qmsg *slot = end.slot(marked.offset);

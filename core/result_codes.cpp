@@ -1,7 +1,8 @@
 // sms_shm: the names of the result codes, for people.
+#include <pthread.h>
+
 #include <cstdio>
 
-#include "core/output.h"
 #include "halvo/result.h"
 
 namespace {
@@ -28,10 +29,7 @@ constexpr NamedCode kNamedCodes[] = {
 };
 static_assert(sizeof kNamedCodes / sizeof kNamedCodes[0] == 18 + 9);
 
-} // namespace
-
-int printr(const char *prefix, int code) noexcept {
-    const halvo::Uncancelled printing;
+int print_code(const char *prefix, int code) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -40,4 +38,14 @@ int printr(const char *prefix, int code) noexcept {
     for (const NamedCode &named : kNamedCodes)
         if (named.code == code) return std::puts(named.line);
     return std::printf(" Unknown err %d\n", code);
+}
+
+} // namespace
+
+int printr(const char *prefix, int code) noexcept {
+    int before = 0; // as halvo::print()
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    const int result = print_code(prefix, code);
+    pthread_setcancelstate(before, nullptr);
+    return result;
 }

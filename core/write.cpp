@@ -2,7 +2,6 @@
 #include "core/write.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "core/output.h"
 
@@ -27,11 +26,10 @@ int mark(qmsg *slot, int type, const void *data, uint32_t length) {
 [[gnu::cold]] int refuse(const halvo_channel *q, int fault, uint32_t size, const void *data,
                          uint32_t length, uint32_t readable) {
     if (fault != ESMS_EXEED) return fault;
-    const Uncancelled printing;
-    std::printf("q_write to %.24s %%qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", q->qname,
-                static_cast<int>(size), static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
-    std::printf("DATA %.*s\n", static_cast<int>(std::min(readable, 100u)),
-                static_cast<const char *>(data));
+    print("q_write to %.24s %%qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", q->qname, static_cast<int>(size),
+          static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
+    print("DATA %.*s\n", static_cast<int>(std::min(readable, 100u)),
+          static_cast<const char *>(data));
     return fault;
 }
 
@@ -64,21 +62,19 @@ int look_ahead(const halvo_channel *q, const Ring &ring, uint32_t offset) noexce
     int32_t state = load_state(slot);
     if (state == HALVO_SLOT_READABLE || state == HALVO_SLOT_MARKED) return ESMS_FULL;
     state = load_state(slot);
-    const Uncancelled printing;
     if (state == HALVO_SLOT_PENDING) {
-        std::printf("ESMSPENDING...%d\n", state);
+        print("ESMSPENDING...%d\n", state);
         return ESMS_PENDING;
     }
     state = load_state(slot);
-    if (state == HALVO_SLOT_FREE) std::printf("Concurrent error Fixed..!...%d\n", state);
+    if (state == HALVO_SLOT_FREE) print("Concurrent error Fixed..!...%d\n", state);
     return ESMS_OK;
 }
 
 int report_length(uint32_t slot_size, int fault, uint32_t length) noexcept {
     if (fault != ESMS_EXEED) return fault;
-    const Uncancelled printing;
-    std::printf("qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", static_cast<int>(slot_size),
-                static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
+    print("qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", static_cast<int>(slot_size),
+          static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
     return fault;
 }
 

@@ -28,8 +28,8 @@ fi
 
 objdump -d --no-show-raw-insn "$library" | LIST=$list ROOTS=$roots perl -ne '
     BEGIN {
-        # What may be called in the library of the system: copies, and the lines of a failure.
-        $outside = qr/^(memcpy|memmove|printf|__printf_chk|puts)\@plt$/;
+        # What may be called in the library of the system: copies, and what the line of a failure needs.
+        $outside = qr/^(memcpy|memmove|v?f?printf|__v?f?printf_chk|pthread_setcancelstate)\@plt$/;
         # Of the compiler: the address of the data, and divisions of 64 bits.
         $compiler = qr/^(__x86\.get_pc_thunk\.[a-z]+|__u?divdi3|__divmoddi4|__udivmoddi4)$/;
     }
