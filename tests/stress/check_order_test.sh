@@ -20,7 +20,7 @@ for which in ' q_[a-z_]+$' ' (q_[a-z_]+\.|[^q])'; do
                 seek=$((16#${function% *} - 16#$address + 16#$offset))
         planted=$((planted + 1))
     done
-    found=$("$check" "$work/planted.so" | grep -c ': xchg ' || true)
+    found=$("$check" "$work/planted.so" | grep -cE ': xchg +%eax,\(%[er]sp\)' || true)
     echo "figure | exchanges planted and found in functions like$which | $planted | $found"
     [ "$planted" -gt 5 ] && [ "$found" -eq "$planted" ] || status=1
 done
