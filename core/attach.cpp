@@ -195,7 +195,7 @@ int close_shm() noexcept {
     delete[] semPosts;
     delete[] semRqsts;
     semPosts = semRqsts = nullptr;
-    attached = nullptr;
+    std::atomic_ref(attached).store(nullptr); // beside those that MappingUse is for
     forget_channels();
     wait_for_mapping_users();
     // Kept: segment_ever, shmblock and the lock sets stay: a process attaches once for its lifetime.

@@ -14,7 +14,7 @@ using namespace halvo;
 int q_settime() noexcept {
     const MappingUse mapping; // the monitor calls this beside a close_shm()
     halvo_segment *segment = mapping.segment();
-    if (!segment || segment != writable_segment()) return -1;
+    if (!segment || is_view.load(std::memory_order_acquire)) return -1;
     const auto now = static_cast<int32_t>(std::time(nullptr));
     store(segment->now, now);
     return now;

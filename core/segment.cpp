@@ -9,7 +9,7 @@ halvo_segment *attached = nullptr;
 halvo_segment *segment_ever = nullptr;
 size_t segment_size = 0;
 int first_channels = 0;
-bool is_view = false;
+std::atomic<bool> is_view{false};
 
 } // namespace halvo
 

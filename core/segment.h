@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 
 #include "core/ring.h"
 #include "halvo/queue.h"
@@ -17,7 +18,8 @@ extern halvo_segment *segment_ever
     HALVO_HIDDEN;                        // set by a successful attach; stays after close_shm
 extern size_t segment_size HALVO_HIDDEN; // bytes, at least those of the segment header
 extern int first_channels HALVO_HIDDEN;  // channels at the time of the attach, at most 269
-extern bool is_view HALVO_HIDDEN;        // attached by q_attach_view(), without a right to store
+// Attached by q_attach_view(), without a right to store.
+extern std::atomic<bool> is_view HALVO_HIDDEN;
 #undef HALVO_HIDDEN
 
 inline halvo_segment *attached_segment() noexcept { return attached; }

@@ -71,7 +71,7 @@ TEST_F(FrxOperations, a_batch_of_the_writer_appears_or_vanishes_as_one) {
     for (const int index : {0, 1}) EXPECT_EQ(mark(index), ESMS_OK);
     std::string got;
     std::thread waiting([&] { got = read(); }); // the commit wakes it
-    while (q->rwait == 0) usleep(1000);
+    while (halvo::load(q->rwait) == 0) usleep(1000);
     EXPECT_EQ(frx_writeCommitAll(&writer), ESMS_OK);
     waiting.join();
     EXPECT_EQ(got + read(), "01");
