@@ -8,20 +8,35 @@ trap 'rm -rf "$work"' EXIT
 strip --strip-debug -o "$work/sound.so" "$2"
 mapfile -t functions < <("$check" --list "$work/sound.so")
 read -r address offset < <(objdump -h "$work/sound.so" | awk '$2 == ".text" { print $4, $6 }')
+plant() {
+    printf '\x87\x04\x24' | # xchg %eax, (%esp)
+        dd of="$work/planted.so" bs=1 conv=notrunc status=none \
+            seek=$((16#${1% *} - 16#$address + 16#$offset))
+}
+found() { "$check" "$work/planted.so" | grep -cE ': xchg +%eax,\(%[er]sp\)' || true; }
 status=0
-# The operations themselves, and then what they call, for which the former must be whole.
-for which in ' q_[a-z_]+$' ' (q_[a-z_]+\.|[^q])'; do
-    cp "$work/sound.so" "$work/planted.so"
-    planted=0
-    for function in "${functions[@]}"; do
-        [[ $function =~ $which ]] || continue
-        printf '\x87\x04\x24' | # xchg %eax, (%esp)
-            dd of="$work/planted.so" bs=1 conv=notrunc status=none \
-                seek=$((16#${function% *} - 16#$address + 16#$offset))
-        planted=$((planted + 1))
-    done
-    found=$("$check" "$work/planted.so" | grep -cE ': xchg +%eax,\(%[er]sp\)' || true)
-    echo "figure | exchanges planted and found in functions like$which | $planted | $found"
-    [ "$planted" -gt 5 ] && [ "$found" -eq "$planted" ] || status=1
+judge() {
+    echo "figure | exchanges planted and found in $1 | $2 | $3"
+    [ "$2" -gt 5 ] && [ "$3" -eq "$2" ] || status=1
+}
+
+# All operations at once. What they call one by one: an exchange takes the place of instructions, and
+# one of these may be the call that leads to the next function.
+operations=0 called=0 found_in_called=0
+cp "$work/sound.so" "$work/planted.so"
+for function in "${functions[@]}"; do
+    if [[ $function =~ \ q_[a-z_]+$ ]]; then
+        plant "$function"
+        operations=$((operations + 1))
+    fi
 done
+judge "the ring operations" $operations "$(found)"
+for function in "${functions[@]}"; do
+    [[ $function =~ \ q_[a-z_]+$ ]] && continue
+    cp "$work/sound.so" "$work/planted.so"
+    plant "$function"
+    called=$((called + 1))
+    [ "$(found)" -gt 0 ] && found_in_called=$((found_in_called + 1))
+done
+judge "the functions that they call" $called $found_in_called
 exit $status

@@ -107,8 +107,7 @@ struct Digest {
     void operator()(const std::string &value) { text += value + '\0'; }
     template <class Number>
     void operator()(const Number &value) {
-        const auto number = static_cast<int64_t>(value);
-        text.append(reinterpret_cast<const char *>(&number), sizeof number);
+        text.append(reinterpret_cast<const char *>(&value), sizeof value);
     }
 };
 

@@ -146,7 +146,7 @@ ChannelSample sample_of(Look &look, int number) {
         out.name = shown_name(q->qname, sizeof q->qname);
         out.type = q->qtype;
     }
-    if (!out.damage.empty()) return out;
+    if (!q || !out.damage.empty()) return out;
     read_ring(out, *q, ring);
     out.writer =
         ring_end(look.writers, number, q->pname, load(q->pidp), load(q->wtime), look.processes);

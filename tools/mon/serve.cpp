@@ -16,9 +16,7 @@
 
 namespace halvo::mon {
 
-using tools::kFailed;
 using tools::monotonic;
-using tools::ToolError;
 
 namespace {
 

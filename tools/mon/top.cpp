@@ -315,7 +315,7 @@ void Top::draw_titles() {
 void Top::draw_rows() {
     const auto places = placed(terminal_.columns(), choice_.sorted_by);
     for (int row = 0; row < page_rows(); ++row) {
-        const auto index = static_cast<size_t>(first_ + row);
+        const auto index = static_cast<size_t>(first_) + static_cast<size_t>(row);
         std::string line;
         Look look = Look::plain;
         if (index < rows_.size()) {
@@ -342,7 +342,7 @@ void Top::draw_lines(const std::vector<std::string> &lines) {
     const int room = terminal_.rows() - kHeadRows + 1 - kFootRows;
     scrolled_ = std::clamp(scrolled_, 0, std::max(static_cast<int>(lines.size()) - room, 0));
     for (int row = 0; row < room; ++row) {
-        const auto index = static_cast<size_t>(scrolled_ + row);
+        const auto index = static_cast<size_t>(scrolled_) + static_cast<size_t>(row);
         terminal_.put(kHeadRows - 1 + row, 0, terminal_.columns(),
                       index < lines.size() ? lines[index] : "",
                       index == 0 ? Look::bold : Look::plain);

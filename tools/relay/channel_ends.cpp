@@ -127,7 +127,7 @@ public:
     ChannelSink(const std::string &channel, int default_type)
         : end_(channel, 'w'), default_type_(default_type) {}
 
-    ~ChannelSink() override { drop(); }
+    ~ChannelSink() override { ChannelSink::drop(); }
     uint32_t longest() const override {
         return static_cast<uint32_t>(frx_sizeOfData(end_number()));
     }

@@ -262,6 +262,7 @@ std::string text_of(const Endpoint &endpoint) {
 std::vector<std::string> RouteConfig::queues() const {
     if (shards == 1) return {remote().name};
     std::vector<std::string> names;
+    names.reserve(static_cast<size_t>(shards));
     for (int i = 0; i < shards; ++i) names.push_back(remote().name + "." + std::to_string(i));
     return names;
 }
@@ -270,8 +271,8 @@ Config load_config(const std::string &path) { return Loader(path).load(); }
 
 Credentials load_credentials(const BrokerConfig &broker) {
     if (broker.credentials.empty()) {
-        const Credentials found{from_environment("HALVO_RELAY_USER"),
-                                from_environment("HALVO_RELAY_PASSWORD")};
+        Credentials found{from_environment("HALVO_RELAY_USER"),
+                          from_environment("HALVO_RELAY_PASSWORD")};
         if (found.user.empty())
             throw ConfigError(
                 "no credentials: [broker] names no file, and HALVO_RELAY_USER is not set");

@@ -148,7 +148,7 @@ void FileSource::release(uint32_t count) {
 class FileSink : public Sink {
 public:
     explicit FileSink(const std::string &path) : path_(path) {}
-    ~FileSink() override { drop(); }
+    ~FileSink() override { FileSink::drop(); }
 
     uint32_t longest() const override { return kMostRoom; }
     uint32_t most() const override { return kMostBatch; }

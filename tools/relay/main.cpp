@@ -32,7 +32,7 @@ int main(int argc, char **argv) {
     std::string path;
     bool declare = false, as_metrics = false;
     std::function<int()> work;
-    const auto add = [&](const char *name, const char *what, std::function<int()> does) {
+    const auto add = [&](const char *name, const char *what, const std::function<int()> &does) {
         CLI::App *command = app.add_subcommand(name, what);
         command->add_option("CONFIG", path, "Configuration, a TOML file")->required();
         command->callback([&work, does] { work = does; });

@@ -26,7 +26,7 @@ inline std::string text_of(amqp_bytes_t bytes) {
 class LibraryTime {
 public:
     explicit LibraryTime(int milliseconds)
-        : seconds_(milliseconds / 1000), microseconds_(milliseconds % 1000 * 1000) {}
+        : seconds_(milliseconds / 1000), microseconds_(long{milliseconds % 1000} * 1000) {}
     const timeval *get() const { return reinterpret_cast<const timeval *>(this); }
 
 private:
