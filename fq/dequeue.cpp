@@ -50,16 +50,9 @@ void delete_finished_file(const fqtrans *trans) {
 // Whether the writer has saved a position that is not before one: what stands before it, it has
 // forced.
 bool writer_is_past(const OpenSide *side, const fqtrans *trans, const Position &at) {
-    const Descriptor log = open_queue_file(side->directory(), tail_file(trans->path), O_RDONLY);
-    LastRecord last;
-    char record[kRecordSize];
-    const int64_t size = log ? state_of(log.get()).size : 0;
-    if (size < kRecordSize || read_last_record(log.get(), size, record, last) != kRecordSize ||
-        !last.found)
-        return false;
-    const Position writer = position_in(record);
-    return comes_after(at.order, writer.order) ||
-           (writer.order == at.order && writer.offset >= at.offset);
+    const Position writer = saved_position(side->directory(), tail_file(trans->path));
+    return writer.valid() && (comes_after(at.order, writer.order) ||
+                              (writer.order == at.order && writer.offset >= at.offset));
 }
 
 // A durable reader's position is saved only behind items that are on the disk.

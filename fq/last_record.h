@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "fq/files.h"
 #include "fq/format.h"
 
 namespace halvo::fq {
@@ -46,6 +47,18 @@ inline ssize_t read_last_record(int fd, int64_t size, char *record, LastRecord &
         break;
     }
     return kRecordSize;
+}
+
+// The position that a side's log tells, as another side looks at it; not valid when it tells none.
+inline Position saved_position(int directory, const FileName &log_name) noexcept {
+    const Descriptor log = open_queue_file(directory, log_name, O_RDONLY);
+    const int64_t size = log ? state_of(log.get()).size : 0;
+    LastRecord last;
+    char record[kRecordSize];
+    if (size < kRecordSize || read_last_record(log.get(), size, record, last) != kRecordSize ||
+        !last.found)
+        return {-1, -1};
+    return position_in(record);
 }
 
 } // namespace halvo::fq

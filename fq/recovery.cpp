@@ -87,15 +87,8 @@ Found settle(int fd, const struct stat &file, Position &at, const char *path) {
 // The data file is gone. A reader removes one only when it has gone on to a later one; then the
 // file had been ended by a writer that died before it saved its position.
 bool follow_reader(int directory, const char *path, Position &at) {
-    const Descriptor log = open_queue_file(directory, head_file(path), O_RDONLY);
-    LastRecord last;
-    char record[kRecordSize];
-    const int64_t size = log ? state_of(log.get()).size : 0;
-    if (size < kRecordSize || read_last_record(log.get(), size, record, last) != kRecordSize ||
-        !last.found)
-        return false;
-    const Position reader = position_in(record);
-    if (!comes_after(at.order, reader.order)) return false;
+    const Position reader = saved_position(directory, head_file(path));
+    if (!reader.valid() || !comes_after(at.order, reader.order)) return false;
     at = {reader.order, 0};
     return true;
 }
