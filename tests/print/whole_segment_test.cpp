@@ -1,5 +1,5 @@
 // Every printer on a full segment, an empty one and none.
-#include "core/attach.h"
+#include "core/segment.h"
 #include "tests/print/scenario.h"
 
 using namespace halvo::test;
