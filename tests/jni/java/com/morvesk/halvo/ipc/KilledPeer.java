@@ -1,11 +1,10 @@
 package com.morvesk.halvo.ipc;
 
+import java.io.RandomAccessFile;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.MappedByteBuffer;
 import java.nio.channels.FileChannel;
-import java.nio.file.Paths;
-import java.nio.file.StandardOpenOption;
 import java.time.Duration;
 import java.util.Arrays;
 
@@ -23,11 +22,8 @@ public final class KilledPeer {
     public static void main(String[] args) throws Exception {
         Channel.attach(args[0], LONG);
         int count = Integer.parseInt(args[3]);
-        MappedByteBuffer ledger;
-        try (FileChannel file = FileChannel.open(Paths.get(args[4]), StandardOpenOption.CREATE,
-                StandardOpenOption.READ, StandardOpenOption.WRITE)) {
-            ledger = file.map(FileChannel.MapMode.READ_WRITE, 0, 8);
-        }
+        MappedByteBuffer ledger = new RandomAccessFile(args[4], "rw").getChannel()
+                .map(FileChannel.MapMode.READ_WRITE, 0, 8);
         ledger.order(ByteOrder.LITTLE_ENDIAN);
         if (args[2].equals("write")) {
             write(args[1], count, ledger);
@@ -45,8 +41,7 @@ public final class KilledPeer {
         return body;
     }
 
-    private static void write(String channel, int count, MappedByteBuffer ledger)
-            throws Exception {
+    private static void write(String channel, int count, MappedByteBuffer ledger) throws Exception {
         try (Channel out = Channel.openWriter("writer", channel, LONG);
                 Batch batch = out.batch()) {
             for (int next = ledger.getInt(0); next < count; next = ledger.getInt(0)) {
