@@ -12,7 +12,6 @@ using namespace halvo::test;
 
 namespace {
 
-constexpr char kPackage[] = "com.morvesk.halvo.ipc.";
 constexpr int kEchoes = 20000; // as many as WaitsTest sends
 
 Segment test_segment() {
@@ -46,45 +45,8 @@ int echo(const Segment &s, const Signal &ready) {
     return 0;
 }
 
-// The tests run in every VM of the library's width that is there.
-class Vm : public testing::TestWithParam<int> {
-protected:
-    void SetUp() override {
-        java_ = find_java(GetParam(), 8 * sizeof(void *));
-        if (java_.empty())
-            GTEST_SKIP() << "no JDK " << GetParam() << " of " << 8 * sizeof(void *)
-                         << " bits under /usr/lib/jvm: not tested with it";
-    }
-    static bool restricts_native_access() { return GetParam() >= 24; }
-
-    static void expect_ok(const Outcome &outcome);
-
-    Outcome junit(const Segment &s, Words options, const Words &classes) const {
-        options.push_back(kLibrary);
-        if (restricts_native_access()) options.push_back("--enable-native-access=ALL-UNNAMED");
-        Words command{"org.junit.runner.JUnitCore"};
-        for (const std::string &name : classes) command.push_back(kPackage + name);
-        return run_vm(s, options, command, java_);
-    }
-    Outcome hello(const Words &options) const {
-        return run_vm(one_, options, {"Hello", one_.key_file(), "MT01"}, java_);
-    }
-
-    const Segment one_ = SegmentBuilder().channel("MT01", 'M', 4, 256).build();
-    std::string java_;
-};
-
-std::string name_of(const testing::TestParamInfo<int> &version) {
-    return "on" + std::to_string(version.param);
-}
-#ifdef __i386__ // for which there is no later one
-INSTANTIATE_TEST_SUITE_P(jni, Vm, testing::Values(17), name_of);
-#else
-INSTANTIATE_TEST_SUITE_P(jni, Vm, testing::Values(17, 25), name_of);
-#endif
-
 // The VM ended by itself, every test ran, and none failed.
-void Vm::expect_ok(const Outcome &outcome) {
+void expect_ok(const Outcome &outcome) {
     EXPECT_EQ(outcome.status, 0);
     std::smatch result;
     if (std::regex_search(outcome.out, result, std::regex("\nOK \\([0-9]+ tests?\\)\n")))
@@ -96,6 +58,37 @@ void Vm::expect_ok(const Outcome &outcome) {
 void expect_text(const Outcome &outcome, const std::string &text) {
     EXPECT_NE(outcome.out.find(text), std::string::npos) << outcome.out;
 }
+
+constexpr int kWidth = 8 * sizeof(void *);
+
+// The tests run in every VM of the library's width that is there.
+class Vm : public testing::TestWithParam<int> {
+protected:
+    void SetUp() override {
+        if (java_.empty())
+            GTEST_SKIP() << "no JDK " << GetParam() << " of " << kWidth
+                         << " bits under /usr/lib/jvm: not tested with it";
+    }
+    static bool restricts_native_access() { return GetParam() >= 24; }
+
+    Outcome junit(const Segment &s, Words options, const Words &classes) const {
+        options.push_back(kLibrary);
+        if (restricts_native_access()) options.push_back("--enable-native-access=ALL-UNNAMED");
+        Words command{"org.junit.runner.JUnitCore"};
+        for (const std::string &name : classes) command.push_back("com.morvesk.halvo.ipc." + name);
+        return run_vm(s, options, command, java_);
+    }
+    Outcome hello(const Words &options) const {
+        return run_vm(one_, options, {"Hello", one_.key_file(), "MT01"}, java_);
+    }
+
+    const Segment one_ = SegmentBuilder().channel("MT01", 'M', 4, 256).build();
+    const std::string java_ = find_java(GetParam(), kWidth);
+};
+// For i386 there is no later one.
+INSTANTIATE_TEST_SUITE_P(jni, Vm,
+                         testing::ValuesIn(kWidth == 32 ? std::vector{17} : std::vector{17, 25}),
+                         testing::PrintToStringParamName());
 
 } // namespace
 

@@ -25,9 +25,6 @@ std::string text(JNIEnv *env, jstring string) {
     return copy;
 }
 
-// Of the library, which this one needs.
-void *symbol(JNIEnv *env, jstring name) { return dlsym(RTLD_DEFAULT, text(env, name).c_str()); }
-
 // Bytes of a channel header and what follows it, or of the segment for a negative number.
 jbyte *bytes_of(jint channel) {
     if (channel < 0) return reinterpret_cast<jbyte *>(q_0());
@@ -46,12 +43,8 @@ TEST_NATIVE(jint, interrupt)(JNIEnv *, jclass, jlong thread) {
     return pthread_kill(static_cast<pthread_t>(thread), foreign);
 }
 
-TEST_NATIVE(jboolean, exports)(JNIEnv *env, jclass, jstring name) {
-    return symbol(env, name) != nullptr;
-}
-
 TEST_NATIVE(jint, variable)(JNIEnv *env, jclass, jstring name) {
-    const void *value = symbol(env, name);
+    const void *value = dlsym(RTLD_DEFAULT, text(env, name).c_str()); // this one needs the library
     return value ? *static_cast<const int32_t *>(value) : 0;
 }
 

@@ -1,6 +1,6 @@
 package com.morvesk.halvo.ipc;
 
-import static com.morvesk.halvo.ipc.Expect.refused;
+import static com.morvesk.halvo.ipc.TestSegment.*;
 import static org.junit.Assert.*;
 
 import java.io.File;
@@ -14,8 +14,6 @@ import org.junit.runners.MethodSorters;
 /** Channel.attach, first in its VM: for a segment that comes late, then for another one. */
 @FixMethodOrder(MethodSorters.NAME_ASCENDING)
 public class AttachTest {
-    private static final String KEY = System.getProperty("halvo.test.key");
-
     @Test
     public void a_aSegmentCanBeWaitedFor() throws Exception {
         Path key = new File(KEY).toPath();

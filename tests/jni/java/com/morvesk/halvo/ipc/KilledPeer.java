@@ -1,12 +1,13 @@
 package com.morvesk.halvo.ipc;
 
+import static org.junit.Assert.*;
+
 import java.io.RandomAccessFile;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.MappedByteBuffer;
 import java.nio.channels.FileChannel;
 import java.time.Duration;
-import java.util.Arrays;
 
 /**
  * Writes or reads numbered messages and may be killed and started again at any moment: KilledPeer
@@ -73,14 +74,9 @@ public final class KilledPeer {
     private static void take(byte[] body, MappedByteBuffer ledger) {
         int number = ByteBuffer.wrap(body).getInt(0);
         int expected = ledger.getInt(0);
-        if (number > expected || !Arrays.equals(body, message(number))) {
-            System.err.println("message " + number + " instead of " + expected);
-            System.exit(3);
-        }
-        if (number == expected) {
-            ledger.putInt(0, expected + 1);
-        } else {
-            ledger.putInt(4, ledger.getInt(4) + 1);
-        }
+        assertTrue(number + " instead of " + expected, number <= expected);
+        assertArrayEquals(message(number), body);
+        int counted = number == expected ? 0 : 4;
+        ledger.putInt(counted, ledger.getInt(counted) + 1);
     }
 }

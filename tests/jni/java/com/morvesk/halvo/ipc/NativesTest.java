@@ -1,6 +1,5 @@
 package com.morvesk.halvo.ipc;
 
-import static com.morvesk.halvo.ipc.Expect.*;
 import static com.morvesk.halvo.ipc.IPCFunctions.*;
 import static com.morvesk.halvo.ipc.TestSegment.*;
 import static org.junit.Assert.*;

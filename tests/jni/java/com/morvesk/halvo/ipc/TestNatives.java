@@ -13,8 +13,6 @@ final class TestNatives {
 
     static native int interrupt(long thread);
 
-    static native boolean exports(String symbol);
-
     static native int variable(String symbol);
 
     static native int resultCode(String name);

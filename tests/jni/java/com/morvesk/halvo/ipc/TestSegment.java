@@ -7,8 +7,9 @@ import java.nio.ByteOrder;
 import java.nio.charset.StandardCharsets;
 import java.util.HashMap;
 import java.util.Map;
+import org.junit.function.ThrowingRunnable;
 
-/** The segment of a test run: fresh channels, and fields of their headers. */
+/** The segment of a test run: fresh channels, fields of their headers; and what tests expect. */
 final class TestSegment {
     // Offsets in a channel header, and what stands there.
     static final int QBSZ = 4, RPOS = 44, WPOS = 48, WTIME = 60, RTIME = 64, FWTIME = 68;
@@ -26,19 +27,18 @@ final class TestSegment {
 
     private static final Map<Character, Integer> USED = new HashMap<>();
 
-    static {
-        int attached = IPCFunctions.initialized() == 1 ? IPCFunctions.ESMS_ALREADY : 0;
-        assertEquals(attached, IPCFunctions.initialize(KEY));
-        IPCFunctions.monitorTimeout(); // a clock that runs
-    }
-
     private TestSegment() {}
 
-    /** Attaches; so does every other method here. */
-    static void attach() {}
+    static void attach() {
+        if (IPCFunctions.initialized() == 0) {
+            assertEquals(0, IPCFunctions.initialize(KEY));
+            IPCFunctions.monitorTimeout(); // a clock that runs
+        }
+    }
 
     /** A channel that no test has used yet: of type 'M' or 'F', with 4 slots of 64 bytes. */
     static int fresh(char type) {
+        attach();
         int next = USED.merge(type, 1, Integer::sum) - 1;
         return named(type + String.format("%02d", next));
     }
@@ -135,6 +135,37 @@ final class TestSegment {
         for (int i = 0; intAt(channel, offset) != value; i++) {
             assertTrue("field " + offset + " never became " + value, i < 10000);
             Thread.sleep(1);
+        }
+    }
+
+    // ---- What several calls are expected to do alike
+
+    /** Natives that all answer the same. */
+    static void all(long expected, long... answers) {
+        for (int i = 0; i < answers.length; i++) {
+            assertEquals("answer " + (i + 1), expected, answers[i]);
+        }
+    }
+
+    static void raises(Class<? extends Throwable> type, ThrowingRunnable... calls) {
+        for (ThrowingRunnable call : calls) {
+            assertThrows(type, call);
+        }
+    }
+
+    /** The call raises a HalvoException with that code, whose text has that part. */
+    static void refused(int code, String part, ThrowingRunnable call) {
+        HalvoException refusal = assertThrows(HalvoException.class, call);
+        String text = refusal.getMessage();
+        assertEquals(text, code, refusal.code());
+        assertTrue(text, text.contains(part) && text.contains(refusal.codeName()));
+        assertEquals(text, code == IPCFunctions.ESMS_TIMEOUT, refusal.isTimeout());
+        assertEquals(HalvoException.nameOf(code), refusal.codeName());
+    }
+
+    static void refused(int code, ThrowingRunnable... calls) {
+        for (ThrowingRunnable call : calls) {
+            refused(code, "", call);
         }
     }
 }

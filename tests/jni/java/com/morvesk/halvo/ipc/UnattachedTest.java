@@ -1,20 +1,17 @@
 package com.morvesk.halvo.ipc;
 
-import static com.morvesk.halvo.ipc.Expect.*;
 import static com.morvesk.halvo.ipc.IPCFunctions.*;
 import static com.morvesk.halvo.ipc.LiveStatTest.*;
+import static com.morvesk.halvo.ipc.TestSegment.*;
 import static org.junit.Assert.*;
 
 import java.lang.reflect.Field;
-import java.lang.reflect.Method;
-import java.lang.reflect.Modifier;
 import java.net.URL;
 import java.net.URLClassLoader;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.Paths;
 import java.time.Duration;
-import java.util.function.ToIntFunction;
 import org.junit.FixMethodOrder;
 import org.junit.Test;
 import org.junit.runners.MethodSorters;
@@ -23,13 +20,11 @@ import org.junit.runners.MethodSorters;
  * library in a state of its own. */
 @FixMethodOrder(MethodSorters.NAME_ASCENDING)
 public class UnattachedTest {
-    private static final String KEY = System.getProperty("halvo.test.key");
-
     private static void nothingIsThere() throws Exception {
         byte[] buffer = new byte[8];
         all(-1, channelByName("M00"));
         all(ESMS_INVAL, openChannel("test", 0, true, 0), read(0, buffer, 0, 8, 0, false),
-                write(0, 1, buffer, 0, 8, 0), getCount(0));
+                IPCFunctions.write(0, 1, buffer, 0, 8, 0), getCount(0));
         all(ESMS_NOINIT, closeChannel(0, true), saveSnapshot("/tmp/never-made"),
                 LiveStat.setBytes(0, 0, 0, null, 0, 0),
                 LiveStat.getBytes(0, LiveStat.IID_GETB_QMAP, 0, buffer, 0, 1));
@@ -71,45 +66,17 @@ public class UnattachedTest {
 
     // ---- The classes and the library
 
-    private static int boundNatives(Class<?> type) {
-        int count = 0;
-        for (Method method : type.getDeclaredMethods()) {
-            if (Modifier.isNative(method.getModifiers())) {
-                String symbol = "Java_" + type.getName().replace('.', '_') + "_" + method.getName();
-                assertTrue(symbol, TestNatives.exports(symbol));
-                count++;
-            }
-        }
-        return count;
-    }
-
-    @Test
-    public void everyDeclaredNativeIsInTheLibrary() {
-        all(51, boundNatives(IPCFunctions.class));
-        all(8, boundNatives(LiveStat.class));
-        all(11, boundNatives(ChannelCalls.class));
-        all(6, boundNatives(FileQueueCalls.class));
-    }
-
-    private static int sameConstants(Class<?> type, String prefix, ToIntFunction<String> inC)
-            throws Exception {
-        int count = 0;
-        for (Field field : type.getFields()) {
-            if (field.getName().startsWith(prefix)) {
-                assertEquals(field.getName(), inC.applyAsInt(field.getName()), field.getInt(null));
-                count++;
-            }
-        }
-        return count;
-    }
-
     @Test
     public void constantsHaveTheValuesOfTheLibrary() throws Exception {
-        assertEquals(26, sameConstants(LiveStat.class, "IID_", TestNatives::variable));
-        assertEquals(18, sameConstants(IPCFunctions.class, "ESMS_", TestNatives::resultCode));
-        for (Field field : IPCFunctions.class.getFields()) {
-            assertEquals(field.getName(), HalvoException.nameOf(field.getInt(null)));
+        for (Field item : LiveStat.class.getFields()) {
+            assertEquals(TestNatives.variable(item.getName()), item.getInt(null));
         }
+        for (Field code : IPCFunctions.class.getFields()) {
+            assertEquals(TestNatives.resultCode(code.getName()), code.getInt(null));
+            assertEquals(code.getName(), HalvoException.nameOf(code.getInt(null)));
+        }
+        assertEquals(26, LiveStat.class.getFields().length);
+        assertEquals(18, IPCFunctions.class.getFields().length);
         assertEquals("unknown code", HalvoException.nameOf(-18));
         assertEquals("unknown code", HalvoException.nameOf(1));
     }

@@ -1,11 +1,13 @@
 package com.morvesk.halvo.ipc;
 
+import static org.junit.Assert.assertEquals;
+
 import java.util.ArrayList;
+import java.util.Collections;
 import java.util.List;
 import java.util.Random;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicLong;
-import org.junit.function.ThrowingRunnable;
 
 /**
  * Blocking round trips between two threads, then waits of 0 to 3 ms beside a writer, all against a
@@ -27,26 +29,6 @@ public final class WaitStress {
 
     private WaitStress() {}
 
-    private static Thread start(ThrowingRunnable work) {
-        Thread thread = new Thread(() -> {
-            try {
-                work.run();
-            } catch (Throwable failure) {
-                failure.printStackTrace();
-                System.exit(2);
-            }
-        });
-        thread.setDaemon(true);
-        thread.start();
-        return thread;
-    }
-
-    private static void expect(int wanted, int result) {
-        if (wanted != result) {
-            throw new AssertionError(result + " instead of " + wanted);
-        }
-    }
-
     private static void judge(String what, long start, long allowedMillis) {
         long end = System.nanoTime();
         long limit = allowedMillis * 1000 + GRACE;
@@ -56,41 +38,27 @@ public final class WaitStress {
     }
 
     private static void roundTrips(int count) throws Exception {
-        Thread echo = start(() -> {
+        InThread echo = InThread.call(() -> {
             byte[] body = new byte[64];
             for (int i = 0; i < count; i++) {
-                expect(1, IPCFunctions.read(THERE, body, 0, 64, TIMEOUT, false));
-                expect(0, IPCFunctions.write(BACK, 1, body, 0, 1, TIMEOUT));
+                assertEquals(1, IPCFunctions.read(THERE, body, 0, 64, TIMEOUT, false));
+                assertEquals(0, IPCFunctions.write(BACK, 1, body, 0, 1, TIMEOUT));
             }
         });
         byte[] body = new byte[64];
         for (int i = 0; i < count; i++) {
             long start = System.nanoTime();
-            expect(0, IPCFunctions.write(THERE, 1, X, 0, 1, TIMEOUT));
-            expect(1, IPCFunctions.read(BACK, body, 0, 64, TIMEOUT, false));
+            assertEquals(0, IPCFunctions.write(THERE, 1, X, 0, 1, TIMEOUT));
+            assertEquals(1, IPCFunctions.read(BACK, body, 0, 64, TIMEOUT, false));
             judge("trip", start, 0);
         }
-        echo.join();
+        echo.get();
     }
 
-    /** When each channel's messages were complete. */
-    private static final class Sent {
-        private final long[] complete = new long[64];
-        private long count;
-
-        synchronized void add() {
-            complete[(int) (count++ % complete.length)] = System.nanoTime();
-        }
-
-        /** Whether message n was there before a call began. */
-        synchronized boolean before(long n, long start) {
-            return count > n && complete[(int) (n % complete.length)] - start < 0;
-        }
-    }
-
-    private static void wait(int channel, int count, Random random, Sent sent) {
+    /** Beside a list of when each message of the channel was complete. */
+    private static void wait(int channel, int count, Random random, List<Long> complete) {
         byte[] body = new byte[64];
-        long next = 0;
+        int next = 0;
         for (int i = 0; i < count; i++) {
             int timeout = random.nextInt(4);
             long start = System.nanoTime();
@@ -98,11 +66,11 @@ public final class WaitStress {
             judge("wait", start, timeout);
             if (result == IPCFunctions.ESMS_TIMEOUT) {
                 TIMED_OUT.incrementAndGet();
-                if (sent.before(next, start)) {
+                if (complete.size() > next && complete.get(next) - start < 0) {
                     BESIDE.incrementAndGet();
                 }
             } else {
-                expect(1, result);
+                assertEquals(1, result);
                 next++;
                 GIVEN.incrementAndGet();
             }
@@ -110,37 +78,38 @@ public final class WaitStress {
     }
 
     private static void waits(int count, long seed) throws Exception {
-        Sent[] sent = new Sent[WAITERS];
-        List<Thread> waiters = new ArrayList<>();
+        List<List<Long>> complete = new ArrayList<>();
+        List<InThread> waiters = new ArrayList<>();
         for (int i = 0; i < WAITERS; i++) {
-            Sent own = sent[i] = new Sent();
+            List<Long> own = Collections.synchronizedList(new ArrayList<>());
+            complete.add(own);
             int channel = FIRST_WAITER + i;
             Random random = new Random(seed + i);
-            waiters.add(start(() -> wait(channel, count / WAITERS, random, own)));
+            waiters.add(InThread.call(() -> wait(channel, count / WAITERS, random, own)));
         }
-        start(() -> {
+        InThread.call(() -> {
             Random random = new Random(seed - 1);
             while (true) {
                 TimeUnit.MICROSECONDS.sleep(random.nextInt(1000));
                 int to = random.nextInt(WAITERS);
                 if (IPCFunctions.write(FIRST_WAITER + to, 1, X, 0, 1, -1) == 0) {
-                    sent[to].add();
+                    complete.get(to).add(System.nanoTime());
                 }
             }
         });
-        for (Thread waiter : waiters) {
-            waiter.join();
+        for (InThread waiter : waiters) {
+            waiter.get();
         }
     }
 
     public static void main(String[] args) throws Exception {
         int count = Integer.parseInt(args[0]);
-        expect(0, IPCFunctions.initialize(System.getProperty("halvo.test.key")));
+        assertEquals(0, IPCFunctions.initialize(System.getProperty("halvo.test.key")));
         for (int channel = 0; channel < FIRST_WAITER + WAITERS; channel++) {
-            expect(0, IPCFunctions.openChannel("stress", channel, false, 1000));
-            expect(0, IPCFunctions.openChannel("stress", channel, true, 1000));
+            assertEquals(0, IPCFunctions.openChannel("stress", channel, false, 1000));
+            assertEquals(0, IPCFunctions.openChannel("stress", channel, true, 1000));
         }
-        start(() -> {
+        InThread.call(() -> {
             while (true) {
                 IPCFunctions.monitorTimeout();
             }
