@@ -14,8 +14,7 @@ import org.junit.runners.MethodSorters;
 /** Channel.attach, first in its VM: for a segment that comes late, then for another one. */
 @FixMethodOrder(MethodSorters.NAME_ASCENDING)
 public class AttachTest {
-    @Test
-    public void a_aSegmentCanBeWaitedFor() throws Exception {
+    @Test public void a_aSegmentCanBeWaitedFor() throws Exception {
         Path key = new File(KEY).toPath();
         Path away = new File(KEY + ".away").toPath();
         Files.move(key, away); // the same file: its segment goes with it
@@ -29,8 +28,7 @@ public class AttachTest {
         assertTrue(IPCFunctions.channelByName("M00") >= 0);
     }
 
-    @Test
-    public void b_theSameSegmentIsFineAndAnotherIsNot() throws Exception {
+    @Test public void b_theSameSegmentIsFineAndAnotherIsNot() throws Exception {
         Channel.attach(KEY);
         Channel.attach(KEY, Duration.ZERO);
         Channel.attach(new File(KEY).getParent() + "/./" + new File(KEY).getName());

@@ -48,8 +48,7 @@ public class BlockingTest {
         }
     }
 
-    @Test
-    public void waitsEndInTime() throws Exception {
+    @Test public void waitsEndInTime() throws Exception {
         after100(ESMS_TIMEOUT, () -> readWithin(100),
                 () -> readBuf(channel, buf, 0, 8, 100, false, 0));
         after100(0, () -> readMark(channel, 0, 100)); // as if nothing were there
@@ -64,8 +63,7 @@ public class BlockingTest {
         takes(channel, "x");
     }
 
-    @Test
-    public void withoutTheMonitorNoTimeoutFires() throws Exception {
+    @Test public void withoutTheMonitorNoTimeoutFires() throws Exception {
         TimeoutMonitor.stop();
         InThread reader = waiting(channel, RWAIT, () -> readWithin(1));
         reader.stillWaits(150);
@@ -73,8 +71,7 @@ public class BlockingTest {
         assertEquals(ESMS_TIMEOUT, reader.result());
     }
 
-    @Test
-    public void transfersAndCommitsWakeTheOtherSide() throws Exception {
+    @Test public void transfersAndCommitsWakeTheOtherSide() throws Exception {
         InThread reader = waiting(channel, RWAIT, () -> readWithin(LONG));
         put(channel, "hello");
         assertEquals(5, reader.result());
@@ -99,8 +96,7 @@ public class BlockingTest {
     }
 
     /** Its room was made before the wait, of the size that the slots had then. */
-    @Test
-    public void aReaderTakesNoSlotThatOutgrewItsRoomMeanwhile() throws Exception {
+    @Test public void aReaderTakesNoSlotThatOutgrewItsRoomMeanwhile() throws Exception {
         int parking = both();
         staysWhenOutgrown(channel, () -> read(channel, buf, 0, buf.length, LONG, true));
         staysWhenOutgrown(parking, () -> readBuf(parking, buf, 0, buf.length, LONG, true, 0));
@@ -138,8 +134,7 @@ public class BlockingTest {
         return writeBuf(channel, 1, X, 0, 1, 0, timeout);
     }
 
-    @Test
-    public void onlyWhatMakesAMessageReadablePostsAndAParkedOneDoesNot() throws Exception {
+    @Test public void onlyWhatMakesAMessageReadablePostsAndAParkedOneDoesNot() throws Exception {
         assertEquals(0, park(-1));
         putIntAt(channel, RWAIT, 1); // as if a reader waited
         all(0, writeBufCommit(channel, 0), mark(-1), writeRollback(channel), posts(RWAIT));
@@ -161,8 +156,7 @@ public class BlockingTest {
         return intAt(channel, announcement);
     }
 
-    @Test
-    public void aTransferEndsTheAnnouncementOfItsSideAndAMarkLeavesIt() throws Exception {
+    @Test public void aTransferEndsTheAnnouncementOfItsSideAndAMarkLeavesIt() throws Exception {
         all(0, announced(WWAIT, () -> write(channel, "x")), announced(WWAIT, () -> park(-1)),
                 announced(RWAIT, () -> read(channel)));
         all(0, writeBufCommit(channel, 0), write(channel, "x"),
@@ -172,8 +166,7 @@ public class BlockingTest {
 
     // ---- Interruptions
 
-    @Test
-    public void aForeignSignalEndsARead() throws Exception {
+    @Test public void aForeignSignalEndsARead() throws Exception {
         InThread reader = waiting(channel, RWAIT, () -> readWithin(LONG));
         reader.signal();
         assertEquals(ESMS_JAVAINTR, reader.result());
@@ -191,8 +184,7 @@ public class BlockingTest {
         assertEquals(0, intAt(channel, WWAIT));
     }
 
-    @Test
-    public void aForeignSignalEndsAWriteWithAnException() throws Exception {
+    @Test public void aForeignSignalEndsAWriteWithAnException() throws Exception {
         fill(channel);
         raisesInterrupted(() -> writeWithin(LONG));
         raisesInterrupted(() -> mark(LONG));
@@ -205,8 +197,7 @@ public class BlockingTest {
         assertEquals(SLOTS, getCount(channel));
     }
 
-    @Test
-    public void aFullRegistryEndsReadBufAlone() throws Exception {
+    @Test public void aFullRegistryEndsReadBufAlone() throws Exception {
         CountDownLatch full = new CountDownLatch(1);
         CountDownLatch done = new CountDownLatch(1);
         InThread others = InThread.call(() -> {
@@ -228,8 +219,7 @@ public class BlockingTest {
     }
 
     /** A daemon's wait outlives the tests; the end of the VM itself is seen from outside. */
-    @Test
-    public void theVmCanEndWhileAThreadWaits() throws Exception {
+    @Test public void theVmCanEndWhileAThreadWaits() throws Exception {
         assertFalse(waiting(channel, RWAIT, () -> readWithin(LONG)).isDone());
     }
 }

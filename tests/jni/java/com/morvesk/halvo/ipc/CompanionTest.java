@@ -12,8 +12,7 @@ import org.junit.Test;
 
 /** Channel with its batches and marked messages, and TimeoutMonitor. */
 public class CompanionTest extends TwoEnds {
-    @Test
-    public void messagesKeepTypeAndBytes() throws Exception {
+    @Test public void messagesKeepTypeAndBytes() throws Exception {
         assertEquals(LONGEST, out.longestMessage());
         out.write(0xfedc, bytes("body"), SHORT);
         assertTrue(out.tryWrite(0xffff, new byte[LONGEST]));
@@ -27,8 +26,7 @@ public class CompanionTest extends TwoEnds {
 
     // ---- Failures
 
-    @Test
-    public void failuresTellTheirCodeWhoAndHowMuch() throws Exception {
+    @Test public void failuresTellTheirCodeWhoAndHowMuch() throws Exception {
         refused(ESMS_INVAL, () -> Channel.openReader("test", "no channel", SHORT),
                 () -> out.tryWrite(1, new byte[0]));
         refused(ESMS_ACCESS, "held by process " + LifecycleTest.ownProcess() + " (billing)",
@@ -50,8 +48,7 @@ public class CompanionTest extends TwoEnds {
         putIntAt(number, PIDP, own);
     }
 
-    @Test
-    public void anEndWorksInItsDirectionAloneUntilItIsClosed() throws Exception {
+    @Test public void anEndWorksInItsDirectionAloneUntilItIsClosed() throws Exception {
         raises(IllegalStateException.class, () -> out.read(SHORT), () -> out.poll(SHORT),
                 out::tryRead, () -> out.mark(1, SHORT), () -> out.read(new byte[9], 0, 9, SHORT),
                 () -> out.forEach(m -> { }, SHORT), () -> in.write(1, X, SHORT),
@@ -64,8 +61,7 @@ public class CompanionTest extends TwoEnds {
     }
 
     /** Another process's number in the header makes the recovery of an end fail. */
-    @Test
-    public void anEndThatCannotBeRecoveredIsGivenBack() throws Exception {
+    @Test public void anEndThatCannotBeRecoveredIsGivenBack() throws Exception {
         out.close();
         byte[] thief = {1, 0, 0, 0};
         AtomicBoolean stop = new AtomicBoolean();
@@ -90,8 +86,7 @@ public class CompanionTest extends TwoEnds {
 
     // ---- Batches
 
-    @Test
-    public void aBatchIsWrittenAsAWhole() throws Exception {
+    @Test public void aBatchIsWrittenAsAWhole() throws Exception {
         try (Batch dropped = out.batch()) {
             dropped.write(1, bytes("dropped"));
         }
@@ -123,8 +118,7 @@ public class CompanionTest extends TwoEnds {
     }
 
     /** Slots that shrink meanwhile: only damage makes a batch stop in its middle. */
-    @Test
-    public void aBatchThatStopsInItsMiddleKeepsTheRest() throws Exception {
+    @Test public void aBatchThatStopsInItsMiddleKeepsTheRest() throws Exception {
         Batch batch = out.batch();
         batch.write(1, bytes("one"));
         batch.write(2, bytes("two of more than there is room for"));
@@ -149,8 +143,7 @@ public class CompanionTest extends TwoEnds {
         return all.toString();
     }
 
-    @Test
-    public void markedMessagesAreReleasedByTheirCommit() throws Exception {
+    @Test public void markedMessagesAreReleasedByTheirCommit() throws Exception {
         try (Marked none = in.mark(9, SHORT)) {
             assertEquals(0, none.size());
             none.commit();
@@ -182,8 +175,7 @@ public class CompanionTest extends TwoEnds {
         receive("again");
     }
 
-    @Test
-    public void aListenerCommitsWhatItHandled() throws Exception {
+    @Test public void aListenerCommitsWhatItHandled() throws Exception {
         send("a", "b", "c");
         StringBuilder seen = new StringBuilder();
         raises(EOFException.class, () -> in.forEach(message -> {
@@ -199,8 +191,7 @@ public class CompanionTest extends TwoEnds {
 
     // ---- Reads into the caller's memory
 
-    @Test
-    public void messagesComeIntoTheCallersMemory() throws Exception {
+    @Test public void messagesComeIntoTheCallersMemory() throws Exception {
         assertNull(in.poll(Duration.ZERO));
         assertNull(in.tryRead());
         assertEquals(-1, in.lastType());
@@ -223,8 +214,7 @@ public class CompanionTest extends TwoEnds {
         }
     }
 
-    @Test
-    public void readsIntoTheCallersMemoryAllocateNothing() throws Exception {
+    @Test public void readsIntoTheCallersMemoryAllocateNothing() throws Exception {
         com.sun.management.ThreadMXBean memory = (com.sun.management.ThreadMXBean)
                 java.lang.management.ManagementFactory.getThreadMXBean();
         long thread = Thread.currentThread().getId();
@@ -247,16 +237,14 @@ public class CompanionTest extends TwoEnds {
 
     // ---- Threads
 
-    @Test
-    public void threadsTakeTurnsWithinTheirTime() throws Exception {
+    @Test public void threadsTakeTurnsWithinTheirTime() throws Exception {
         InThread first = InThread.waiting(number, RWAIT, () -> in.read(LONG));
         refused(ESMS_TIMEOUT, () -> in.read(SHORT));
         send("x");
         assertArrayEquals(X, bodyOf(first.result()));
     }
 
-    @Test
-    public void theMonitorKeepsTheClockGoing() throws Exception {
+    @Test public void theMonitorKeepsTheClockGoing() throws Exception {
         TimeoutMonitor.stop();
         putIntAt(SEGMENT, NOW, 5);
         TimeoutMonitor.start();

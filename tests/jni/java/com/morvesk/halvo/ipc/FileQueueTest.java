@@ -58,8 +58,7 @@ public class FileQueueTest {
 
     // ---- The natives
 
-    @Test
-    public void aWriteTransactionIsReadableAtItsCommit() {
+    @Test public void aWriteTransactionIsReadableAtItsCommit() {
         long handle = begin(queue, "one");
         assertTrue(handle > 0);
         assertEquals(3 + 22, writeFileQueueBufNext(NONE, handle, 1, bytes("two"), 0, 3, false));
@@ -71,8 +70,7 @@ public class FileQueueTest {
         assertEquals("yes part", take());
     }
 
-    @Test
-    public void aReadTransactionConsumesAtItsCommit() {
+    @Test public void aReadTransactionConsumesAtItsCommit() {
         all(0, put("one"), put("three"));
         for (int i = 0; i < 2; i++) { // the second time after the rollback
             long handle = readFileQueue(NONE, queue, buf, 1, 8);
@@ -88,15 +86,13 @@ public class FileQueueTest {
         assertEquals("", take());
     }
 
-    @Test
-    public void anItemThatDoesNotFitStays() {
+    @Test public void anItemThatDoesNotFitStays() {
         String item = new String(new char[500]).replace('\0', 'i');
         all(0, put(item), readFileQueue(NONE, queue, new byte[500], 0, 200));
         assertEquals(item, take());
     }
 
-    @Test
-    public void badArgumentsTouchNoFile() {
+    @Test public void badArgumentsTouchNoFile() {
         all(-2, writeFileQueue(NONE, null, 1, buf, 0, 8, false), begin(null, "x"),
                 readFileQueue(NONE, null, buf, 0, 8), readFileQueueNext(NONE, null, 0, buf, 0, 8));
         for (int[] range : new int[][] {{2, 8}, {-1, 4}, {0, -1}, {Integer.MAX_VALUE, 8}}) {
@@ -113,8 +109,7 @@ public class FileQueueTest {
         }
     }
 
-    @Test
-    public void aBadRangeToWriteRaisesAndWritesZerosOrLeavesNoLock() throws Exception {
+    @Test public void aBadRangeToWriteRaisesAndWritesZerosOrLeavesNoLock() throws Exception {
         raises(ArrayIndexOutOfBoundsException.class,
                 () -> writeFileQueue(NONE, queue, 1, new byte[3], 2, 2, false),
                 () -> writeFileQueueBuf(NONE, queue, 1, new byte[3], 2, 2, false));
@@ -122,8 +117,7 @@ public class FileQueueTest {
         assertEquals("\0\0 next", take());
     }
 
-    @Test
-    public void theChannelCountsWhatPasses() throws Exception {
+    @Test public void theChannelCountsWhatPasses() throws Exception {
         int channel = fresh('F');
         all(0, put(channel, "one", false), put(channel, "two", true), put(channel, "six", false));
         all(3, longAt(channel, FPCNT), pcountFor(channel, 9), getCount(channel));
@@ -142,8 +136,7 @@ public class FileQueueTest {
         assertEquals(9, LiveStat.getLong(channel, LiveStat.IID_GETL_ECOUNT));
     }
 
-    @Test
-    public void theWritersSideIsLockedUntilTheEnd() throws Exception {
+    @Test public void theWritersSideIsLockedUntilTheEnd() throws Exception {
         long handle = begin(queue, "first");
         InThread second = InThread.call(() -> put("second"));
         second.stillWaits(150);
@@ -161,8 +154,7 @@ public class FileQueueTest {
         }
     }
 
-    @Test
-    public void theClassCommitsOrLeavesThingsAsTheyWere() throws Exception {
+    @Test public void theClassCommitsOrLeavesThingsAsTheyWere() throws Exception {
         commitsOrLeavesThingsAsTheyWere();
         FileQueue.setDurable(true); // whether the disk is waited for shows elsewhere
         commitsOrLeavesThingsAsTheyWere();
@@ -198,8 +190,7 @@ public class FileQueueTest {
         assertFalse(new File(queue + ".missing").exists());
     }
 
-    @Test
-    public void aTransactionKnowsItsState() throws Exception {
+    @Test public void aTransactionKnowsItsState() throws Exception {
         FileQueue.Writer writer = files.writer();
         writer.put(bytes("one"));
         refused(ESMS_INVAL, () -> writer.put(new byte[0]));
@@ -239,8 +230,7 @@ public class FileQueueTest {
         }
     }
 
-    @Test
-    public void aQueueThatCannotBeLockedIsAFailure() {
+    @Test public void aQueueThatCannotBeLockedIsAFailure() {
         queue = directory + "/missing/mo";
         int result = put("x");
         assertTrue("result " + result, result > 0 || result == -1);
@@ -252,8 +242,7 @@ public class FileQueueTest {
         failed("ESMS_INVAL", () -> new FileQueue(new String(new char[5000])).reader().next());
     }
 
-    @Test
-    public void theReaderTellsWhyThereIsNothing() throws Exception {
+    @Test public void theReaderTellsWhyThereIsNothing() throws Exception {
         byte[] large = new byte[300_000];
         Arrays.fill(large, (byte) 'l');
         try (FileQueue.Reader reader = files.reader(10)) {
@@ -269,8 +258,7 @@ public class FileQueueTest {
         assertTrue(damage, damage.startsWith("FQ_"));
     }
 
-    @Test
-    public void aPollWaitsForTheNextItem() throws Exception {
+    @Test public void aPollWaitsForTheNextItem() throws Exception {
         try (FileQueue.Reader reader = files.reader()) {
             long start = System.nanoTime();
             assertNull(reader.poll(Duration.ofMillis(100)));
@@ -283,8 +271,7 @@ public class FileQueueTest {
         }
     }
 
-    @Test
-    public void aCommitThatCannotBeKeptThrows() throws Exception {
+    @Test public void aCommitThatCannotBeKeptThrows() throws Exception {
         files.put(1, bytes("one"));
         try (FileQueue.Reader reader = files.reader(); FileQueue.Writer writer = files.writer()) {
             next(reader, "one");

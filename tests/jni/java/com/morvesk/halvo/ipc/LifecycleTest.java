@@ -16,8 +16,7 @@ import org.junit.Test;
 
 /** Start, lookup, open and close; and arguments that no method expects. */
 public class LifecycleTest {
-    @Test
-    public void nullStringsHaveTheirFixedNumbers() {
+    @Test public void nullStringsHaveTheirFixedNumbers() {
         int channel = both();
         all(-1, initialize(null));
         all(-8, channelByName(null), openChannel(null, channel, false, 0));
@@ -28,8 +27,7 @@ public class LifecycleTest {
         assertEquals(1, initialized());
     }
 
-    @Test
-    public void openingRecordsTheClientAndTheProcess() throws Exception {
+    @Test public void openingRecordsTheClientAndTheProcess() throws Exception {
         int channel = fresh('M');
         assertEquals(ESMS_ACCESS, write(channel, "x"));
         all(0, openChannel("a name of more than 23 bytes", channel, true, 0),
@@ -47,8 +45,7 @@ public class LifecycleTest {
         return Integer.parseInt(new File("/proc/self").getCanonicalFile().getName());
     }
 
-    @Test
-    public void aSnapshotFileIsCreatedEmpty() {
+    @Test public void aSnapshotFileIsCreatedEmpty() {
         attach();
         File file = new File(System.getProperty("halvo.test.dir"), "snapshot");
         assertFalse(file.exists());
@@ -77,7 +74,8 @@ public class LifecycleTest {
         if (type == int.class || type == long.class) {
             return 1;
         }
-        return type == boolean.class ? false : type == byte[].class ? new byte[16] : (Object) "text";
+        return type == byte[].class ? new byte[16]
+                : type == boolean.class ? (Object) false : "text";
     }
 
     /** Calls a native with a channel, its first number, and plain arguments; null if it raised. */
@@ -93,8 +91,7 @@ public class LifecycleTest {
         }
     }
 
-    @Test
-    public void anyChannelNumberLeavesTheVmAlive() throws Exception {
+    @Test public void anyChannelNumberLeavesTheVmAlive() throws Exception {
         attach();
         List<Method> natives = nativesOfAChannel(IPCFunctions.class);
         assertEquals(36, natives.size());
@@ -109,8 +106,7 @@ public class LifecycleTest {
         }
     }
 
-    @Test
-    public void everyMethodOfAnEndIsForItsHolderAlone() throws Exception {
+    @Test public void everyMethodOfAnEndIsForItsHolderAlone() throws Exception {
         int channel = fresh('M');
         List<Method> owned = nativesOfAChannel(IPCFunctions.class, "openChannel", "closeChannel",
                 "stat", "statBuf", "isAlive", "touch", "sizeOfBlock", "countOfBlocks",
@@ -128,8 +124,7 @@ public class LifecycleTest {
 
     // ---- Arrays
 
-    @Test
-    public void aNullArrayIsInvalid() throws Exception {
+    @Test public void aNullArrayIsInvalid() throws Exception {
         int channel = both();
         all(ESMS_INVAL, read(channel, null, 0, 1, 0, false),
                 readBuf(channel, null, 0, 1, 0, false, 0),
@@ -142,8 +137,7 @@ public class LifecycleTest {
         all(0, readFileQueue(-1, "/nowhere/q", null, 0, 1), pcount(channel));
     }
 
-    @Test
-    public void aNegativeOrEnormousWriteLengthWritesNothing() throws Exception {
+    @Test public void aNegativeOrEnormousWriteLengthWritesNothing() throws Exception {
         int channel = writer();
         all(ESMS_INVAL, IPCFunctions.write(channel, 1, new byte[8], 0, -1, 0),
                 IPCFunctions.write(channel, 1, new byte[8], 0, 0, 0));

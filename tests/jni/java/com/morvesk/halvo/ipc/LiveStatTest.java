@@ -35,8 +35,7 @@ public class LiveStatTest {
         }
     }
 
-    @Test
-    public void numbersOfTheLayoutAndOfAType() throws Exception {
+    @Test public void numbersOfTheLayoutAndOfAType() throws Exception {
         assertEquals(CHANNELS, getInt(0, IID_GETI_QCOUNT, 0));
         assertEquals(SEGMENT_HEADER, getInt(0, IID_GETI_QMAPSZ, 0));
         assertEquals(214712, getInt(0, IID_GETI_QSTATSZ, 0));
@@ -50,8 +49,7 @@ public class LiveStatTest {
                 getInt(channel, IID_GETI_TINTERVAL, 7));
     }
 
-    @Test
-    public void intervalsOfTheSegmentAreStoredAndReadAsZero() throws Exception {
+    @Test public void intervalsOfTheSegmentAreStoredAndReadAsZero() throws Exception {
         all(30, setInt(-1, IID_SETI_TINTERVAL, 5, 30),
                 intAt(SEGMENT, SEGMENT_TYPES + 5 * RECORD + INTERVAL));
         assertEquals(0, getInt(-1, IID_GETI_TINTERVAL, 5));
@@ -59,8 +57,7 @@ public class LiveStatTest {
         all(32, setInt(-7, IID_SETI_TRATIO, 5, 32), getInt(-1, IID_GETI_TRATIO, 5));
     }
 
-    @Test
-    public void theIndexBehindTheTableStaysInTheHeader() throws Exception {
+    @Test public void theIndexBehindTheTableStaysInTheHeader() throws Exception {
         setInt(channel, IID_SETI_TRATIO, LAST, 41); // the time of the first reader's client
         all(41, intAt(channel, READERS + CLIENT_TIME), getInt(channel, IID_GETI_TRATIO, LAST));
         setString(channel, IID_SETS_TNAME, LAST, "client");
@@ -75,13 +72,12 @@ public class LiveStatTest {
         setInt(-1, IID_SETI_TRATIO, LAST, 0);
     }
 
-    @Test
-    public void namesOfTypesKeep23Bytes() throws Exception {
+    @Test public void namesOfTypesKeep23Bytes() throws Exception {
         setString(channel, IID_SETS_TNAME, 7, "a name of thirty characters...");
         assertEquals("a name of thirty charac", getString(channel, IID_GETS_TNAME, 7));
         setString(channel, IID_SETS_TNAME, 7, "short");
-        assertEquals("short" + new String(new char[19]), text(bytesAt(channel, TYPE_7 + NAME, 24), 24));
-        byte[] name = new byte[24];
+        byte[] name = bytesAt(channel, TYPE_7 + NAME, 24);
+        assertEquals("short" + new String(new char[19]), text(name, 24));
         Arrays.fill(name, (byte) 'n'); // as another program may have left it
         TestNatives.poke(channel, TYPE_7 + NAME, name);
         assertEquals(text(name, 24), getString(channel, IID_GETS_TNAME, 7));
@@ -89,16 +85,14 @@ public class LiveStatTest {
         assertEquals(text(name, 24), getString(channel, IID_GETS_TNAME, 7));
     }
 
-    @Test
-    public void forStringsChannelZeroIsNoChannel() throws Exception {
+    @Test public void forStringsChannelZeroIsNoChannel() throws Exception {
         setString(0, IID_SETS_TNAME, 3, "segment");
         assertEquals("channel 0 has no name", 0, longAt(0, TCNT + 3 * RECORD + NAME));
         assertEquals("segment", getString(0, IID_GETS_TNAME, 3));
         assertEquals("segment", getString(-1, IID_GETS_TNAME, 3));
     }
 
-    @Test
-    public void namesOfChannelsAndHostAndTheStatusDocument() throws Exception {
+    @Test public void namesOfChannelsAndHostAndTheStatusDocument() throws Exception {
         assertEquals(channel, channelByName(getString(channel, IID_GETS_QNAME, 0)));
         String host = Files.readAllLines(Paths.get("/proc/sys/kernel/hostname")).get(0);
         assertEquals(host, getString(-1, IID_GETS_UNAME, 0));
@@ -110,8 +104,7 @@ public class LiveStatTest {
         assertEquals(CHANNELS, document.split("\"name\":").length - 1);
     }
 
-    @Test
-    public void wrongIndexesChannelsAndItemsRaise() throws Exception {
+    @Test public void wrongIndexesChannelsAndItemsRaise() throws Exception {
         for (int index : new int[] {-1, 4097, Integer.MAX_VALUE, Integer.MIN_VALUE}) {
             raised(BAD_INDEX, () -> getInt(channel, IID_GETI_TRATIO, index),
                     () -> setInt(-1, IID_SETI_TSTART, index, 1),
@@ -131,8 +124,7 @@ public class LiveStatTest {
                 () -> setString(0, IID_GETS_TNAME, 0, "x"));
     }
 
-    @Test
-    public void bytesAreTheSegmentsOwn() throws Exception {
+    @Test public void bytesAreTheSegmentsOwn() throws Exception {
         byte[] all = new byte[300000];
         assertEquals(0, getBytes(channel, IID_GETB_QSTAT, -1, all, 8, 32));
         assertEquals(SLOTS, wrap(all).getInt(8));
@@ -156,8 +148,7 @@ public class LiveStatTest {
         assertEquals(78, wrap(all).getInt(RATIO));
     }
 
-    @Test
-    public void bytesAnswerWithCodes() {
+    @Test public void bytesAnswerWithCodes() {
         byte[] buffer = new byte[8];
         all(ESMS_INVAL, getBytes(channel, IID_GETB_COUNTER, 4096, buffer, 0, 8),
                 getBytes(channel, IID_GETB_COUNTER, -1, buffer, 0, 8),

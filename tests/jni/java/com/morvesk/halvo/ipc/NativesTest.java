@@ -7,7 +7,7 @@ import static org.junit.Assert.*;
 import java.util.Arrays;
 import org.junit.Test;
 
-/** What the natives of a channel do at once: transfers, marks, buffers, probes, sizes and counts. */
+/** What a channel's natives do at once: transfers, marks, buffers, probes, sizes and counts. */
 public class NativesTest {
     private static final byte[] X = {'x'};
     private static final int TYPE_9 = TCNT + 9 * RECORD;
@@ -24,8 +24,7 @@ public class NativesTest {
 
     // ---- Sizes and counts
 
-    @Test
-    public void sizesAreTheChannelsAndCountsAre64Bit() throws Exception {
+    @Test public void sizesAreTheChannelsAndCountsAre64Bit() throws Exception {
         assertEquals(SLOT_SIZE, sizeOfBlock(channel));
         assertEquals(SLOTS - 2, countOfBlocks(channel));
         assertEquals(SLOT_SIZE - 16, sizeOfData(channel));
@@ -38,8 +37,7 @@ public class NativesTest {
         assertEquals(0x100000004L, getCount(channel));
     }
 
-    @Test
-    public void getCountAddsTheFileQueueUnlessThatIsAll() {
+    @Test public void getCountAddsTheFileQueueUnlessThatIsAll() {
         for (int counted : new int[] {channel, fresh('F')}) {
             putLongAt(counted, PCNT, 10);
             putLongAt(counted, GCNT, 3);
@@ -49,8 +47,7 @@ public class NativesTest {
         }
     }
 
-    @Test
-    public void pcountForANumberAbove4096TellsAStall() throws Exception {
+    @Test public void pcountForANumberAbove4096TellsAStall() throws Exception {
         assertEquals("nothing waits", 0, pcountFor(channel, 5000));
         put(channel, "x", "x", "x");
         int now = intAt(SEGMENT, NOW);
@@ -62,8 +59,7 @@ public class NativesTest {
         assertEquals("the file queue's messages count too", 0, pcountFor(channel, 5000));
     }
 
-    @Test
-    public void typesHaveCountsAndRatios() throws Exception {
+    @Test public void typesHaveCountsAndRatios() throws Exception {
         long client = 0x1122334455667788L; // the first reader's, in the record behind the table
         IPCFunctions.write(channel, 4095, X, 0, 1, -1);
         IPCFunctions.write(channel, 4096, X, 0, 1, -1);
@@ -86,8 +82,7 @@ public class NativesTest {
 
     // ---- One message in, one out
 
-    @Test
-    public void aRangeOutsideTheArrayIsRefusedBeforeTheChannelIsTouched() throws Exception {
+    @Test public void aRangeOutsideTheArrayIsRefusedBeforeTheChannelIsTouched() throws Exception {
         int marked = both();
         put(marked, "marked");
         put(channel, "message");
@@ -107,8 +102,7 @@ public class NativesTest {
         takes(channel, "message");
     }
 
-    @Test
-    public void whatDoesNotFitTheRangeIsConsumedAllTheSame() throws Exception {
+    @Test public void whatDoesNotFitTheRangeIsConsumedAllTheSame() throws Exception {
         put(channel, "0123456789", "0123456789", "0123456789", "0123456789");
         assertEquals(10, read(channel, buf, 2, 4, 0, false));
         assertEquals("..0123....", text(buf, 10));
@@ -121,8 +115,7 @@ public class NativesTest {
         assertEquals(0, getCount(channel));
     }
 
-    @Test
-    public void rawGivesTheSlotFromItsFirstByte() throws Exception {
+    @Test public void rawGivesTheSlotFromItsFirstByte() throws Exception {
         byte[] slot = new byte[100];
         IPCFunctions.write(channel, 0x1234, bytes("body"), 0, 4, -1);
         assertEquals(4, read(channel, slot, 10, 90, 0, true));
@@ -139,8 +132,7 @@ public class NativesTest {
         assertEquals("no more than the slot is copied", -1, slot[SLOT_SIZE]);
     }
 
-    @Test
-    public void aBadRangeToWriteRaisesAndWritesZeros() throws Exception {
+    @Test public void aBadRangeToWriteRaisesAndWritesZeros() throws Exception {
         raises(ArrayIndexOutOfBoundsException.class,
                 () -> IPCFunctions.write(channel, 1, bytes("data"), 2, 3, -1),
                 () -> IPCFunctions.write(channel, 1, bytes("data"), -1, 2, -1),
@@ -149,8 +141,7 @@ public class NativesTest {
         assertEquals(1, writeRollbackAll(channel));
     }
 
-    @Test
-    public void roomIsCountedAndWithoutATimeoutNothingWaitsForIt() throws Exception {
+    @Test public void roomIsCountedAndWithoutATimeoutNothingWaitsForIt() throws Exception {
         all(ESMS_INVAL, writeWait4N(channel, 0, -1), writeWait4N(channel, SLOTS + 1, -1));
         assertEquals(SLOTS, writeWait4N(channel, SLOTS, 0));
         put(channel, "x", "x", "x");
@@ -165,8 +156,7 @@ public class NativesTest {
     }
 
     /** A length in a slot, and a number of slots, as no writer leaves them. */
-    @Test
-    public void damageNeitherEndsTheVmNorReachesBeyondTheSlot() throws Exception {
+    @Test public void damageNeitherEndsTheVmNorReachesBeyondTheSlot() throws Exception {
         byte[] large = new byte[200];
         Arrays.fill(large, (byte) 0xff);
         put(channel, "x");
@@ -183,8 +173,7 @@ public class NativesTest {
 
     // ---- Buffers
 
-    @Test
-    public void aReadBufferGivesItsMessageUntilItIsCleared() throws Exception {
+    @Test public void aReadBufferGivesItsMessageUntilItIsCleared() throws Exception {
         put(channel, "one", "two");
         for (int i = 0; i < 2; i++) {
             assertEquals(3, readBuf(channel, buf, 0, 8, 0, false, 4));
@@ -198,8 +187,7 @@ public class NativesTest {
         takes(channel, "two");
     }
 
-    @Test
-    public void aWriteBufferParksItsMessage() throws Exception {
+    @Test public void aWriteBufferParksItsMessage() throws Exception {
         assertEquals(0, writeBuf(channel, 7, bytes("parked"), 0, 6, 2, -1));
         assertEquals(ESMS_PENDING, writeBuf(channel, 7, X, 0, 1, 2, -1));
         assertEquals(ESMS_INVAL, writeBuf(channel, 7, X, 0, 1, 5, -1));
@@ -214,8 +202,7 @@ public class NativesTest {
 
     // ---- Marks
 
-    @Test
-    public void marksAreCommittedOrDroppedOneByOneOrAsAWhole() throws Exception {
+    @Test public void marksAreCommittedOrDroppedOneByOneOrAsAWhole() throws Exception {
         assertEquals(0, mark("marked"));
         assertEquals(ESMS_PENDING, mark("x"));
         all(0, getCount(channel), writeCommit(channel));
@@ -236,8 +223,7 @@ public class NativesTest {
         assertEquals(3, pcount(channel));
     }
 
-    @Test
-    public void markedMessagesAreReleasedOrHandedBack() throws Exception {
+    @Test public void markedMessagesAreReleasedOrHandedBack() throws Exception {
         put(channel, "one", "two", "three");
         all(2, readMark(channel, 2, 0), readMarkedCount(channel));
         assertEquals(3, readMarked(channel, 1, buf, 1, 2, false));
@@ -259,8 +245,7 @@ public class NativesTest {
 
     // ---- Probes
 
-    @Test
-    public void viewCopiesTheSlotOfASideAndConsumesNothing() throws Exception {
+    @Test public void viewCopiesTheSlotOfASideAndConsumesNothing() throws Exception {
         byte[] slot = new byte[SLOT_SIZE];
         put(channel, "seen");
         assertEquals(0, view(channel, slot, 0, SLOT_SIZE, 0));
@@ -278,8 +263,7 @@ public class NativesTest {
         assertEquals(0, wrap(slot).getInt(0));
     }
 
-    @Test
-    public void statTellsStatesAndTimes() throws Exception {
+    @Test public void statTellsStatesAndTimes() throws Exception {
         assertEquals(0, stat(channel, 3));
         put(channel, "x");
         int now = intAt(SEGMENT, NOW);
@@ -292,8 +276,7 @@ public class NativesTest {
         assertEquals(now, stat(channel, 4));
     }
 
-    @Test
-    public void touchRefreshesTheHeartbeatOfTheHolder() {
+    @Test public void touchRefreshesTheHeartbeatOfTheHolder() {
         int held = writer();
         int now = intAt(SEGMENT, NOW);
         assertEquals(0, isAlive(held, 0, 1, 1000));
@@ -308,8 +291,7 @@ public class NativesTest {
         assertEquals(now, intAt(held, READERS + 9 * CLIENT + CLIENT_TIME));
     }
 
-    @Test
-    public void onAFileQueueChannelTheFileQueueHasTheHeartbeat() {
+    @Test public void onAFileQueueChannelTheFileQueueHasTheHeartbeat() {
         int fed = fresh('F');
         int now = intAt(SEGMENT, NOW);
         all(now, touch(fed, -1, true), touch(fed, -1, false), intAt(fed, FWTIME));

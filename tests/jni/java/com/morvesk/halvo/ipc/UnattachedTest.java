@@ -40,22 +40,19 @@ public class UnattachedTest {
                 LiveStat.getString(0, LiveStat.IID_GETS_SMSQM, 0));
     }
 
-    @Test
-    public void a_beforeTheAttachNativesAnswerAndDoNothing() throws Exception {
+    @Test public void a_beforeTheAttachNativesAnswerAndDoNothing() throws Exception {
         assertEquals(0, initialized());
         nothingIsThere();
         refused(ESMS_INVAL, () -> Channel.openReader("test", "M00", Duration.ZERO));
     }
 
-    @Test
-    public void b_aNullKeyFileStartsNothing() {
+    @Test public void b_aNullKeyFileStartsNothing() {
         assertEquals(-1, initialize(null));
         assertEquals(0, initialized());
         raises(NullPointerException.class, () -> Channel.attach(null));
     }
 
-    @Test
-    public void c_aFailedAttachIsNoAttachmentAndCannotBeRepeated() throws Exception {
+    @Test public void c_aFailedAttachIsNoAttachmentAndCannotBeRepeated() throws Exception {
         assertEquals(ESMS_SHMOP, initialize("/nonexistent/key"));
         assertEquals(1, initialized());
         assertEquals(ESMS_MTXLOCK, initialize(KEY));
@@ -66,8 +63,7 @@ public class UnattachedTest {
 
     // ---- The classes and the library
 
-    @Test
-    public void constantsHaveTheValuesOfTheLibrary() throws Exception {
+    @Test public void constantsHaveTheValuesOfTheLibrary() throws Exception {
         for (Field item : LiveStat.class.getFields()) {
             assertEquals(TestNatives.variable(item.getName()), item.getInt(null));
         }
@@ -99,8 +95,7 @@ public class UnattachedTest {
         }
     }
 
-    @Test
-    public void aLibraryThatIsNotFoundOrHasTheOtherWidthSaysWhatToDo() throws Exception {
+    @Test public void aLibraryThatIsNotFoundOrHasTheOtherWidthSaysWhatToDo() throws Exception {
         loadFails("/nowhere/libhalvoipc.so", "named by the property halvoipc.library",
                 "/nowhere/libhalvoipc.so");
         loadFails(null, "no halvoipc in java.library.path",

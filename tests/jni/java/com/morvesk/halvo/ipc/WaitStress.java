@@ -11,8 +11,8 @@ import java.util.concurrent.atomic.AtomicLong;
 
 /**
  * Blocking round trips between two threads, then waits of 0 to 3 ms beside a writer, all against a
- * monitor in a tight loop: WaitStress COUNT SEED. Prints calls that took too long, "trip" or "wait",
- * start, end, limit in microseconds; and "waits:", how many timed out, were given a message, and
+ * monitor in a tight loop: WaitStress COUNT SEED. Prints what took too long: "trip" or "wait",
+ * start, end, limit in microseconds. Then "waits:", how many timed out, were given a message, and
  * timed out beside one.
  */
 public final class WaitStress {

@@ -10,7 +10,7 @@ import java.util.concurrent.TimeUnit;
 import org.junit.Assume;
 import org.junit.Test;
 
-/** Waits that other threads, processes and signals end, or do not; most of the companion classes. */
+/** Waits that threads, processes and signals end, or do not; most of the companion classes. */
 public class WaitsTest extends TwoEnds {
     private InThread reading() throws Exception {
         return InThread.waiting(number, RWAIT, () -> in.read(LONG).body().length);
@@ -40,8 +40,7 @@ public class WaitsTest extends TwoEnds {
         }
     }
 
-    @Test
-    public void anInterruptEndsEachWait() throws Exception {
+    @Test public void anInterruptEndsEachWait() throws Exception {
         endsAtOnce(() -> in.read(LONG), () -> in.mark(9, LONG),
                 () -> in.read(new byte[9], 0, 9, LONG),
                 () -> Channel.openReader("second", name, LONG),
@@ -65,8 +64,7 @@ public class WaitsTest extends TwoEnds {
         assertFalse(call.isDone());
     }
 
-    @Test
-    public void aSignalEndsNoWait() throws Exception {
+    @Test public void aSignalEndsNoWait() throws Exception {
         InThread reader = reading();
         waitsOnBesideSignals(reader);
         send("x");
@@ -77,8 +75,7 @@ public class WaitsTest extends TwoEnds {
         writer.result();
     }
 
-    @Test
-    public void timeIsKeptBesideSignals() throws Exception {
+    @Test public void timeIsKeptBesideSignals() throws Exception {
         long start = System.nanoTime();
         InThread reader = InThread.waiting(number, RWAIT, () -> in.poll(SHORT.multipliedBy(2)));
         while (!reader.isDone()) {
@@ -90,8 +87,7 @@ public class WaitsTest extends TwoEnds {
         assertTrue(System.nanoTime() - start >= 190_000_000L);
     }
 
-    @Test
-    public void aCloseEndsTheWaitsOfOthers() throws Exception {
+    @Test public void aCloseEndsTheWaitsOfOthers() throws Exception {
         InThread reader = reading();
         InThread behind = InThread.call(() -> in.read(LONG));
         Thread.sleep(20);
@@ -115,8 +111,7 @@ public class WaitsTest extends TwoEnds {
     }
 
     /** Interrupts at any moment: each message comes once, in order, on both sides. */
-    @Test
-    public void interruptsNeitherLoseNorDouble() throws Exception {
+    @Test public void interruptsNeitherLoseNorDouble() throws Exception {
         int count = 4000;
         InThread writer = InThread.call(() -> {
             for (int i = 0; i < count; i++) {
@@ -145,8 +140,7 @@ public class WaitsTest extends TwoEnds {
     }
 
     /** With one carrier, where whoever waits on it keeps all others from running. */
-    @Test
-    public void virtualThreadsDoNotHoldTheirCarrier() throws Exception {
+    @Test public void virtualThreadsDoNotHoldTheirCarrier() throws Exception {
         Assume.assumeTrue("no virtual threads in this VM",
                 Double.parseDouble(System.getProperty("java.specification.version")) >= 21);
         InThread reader = InThread.call(() -> receive("x"), true);
@@ -174,8 +168,7 @@ public class WaitsTest extends TwoEnds {
     }
 
     /** Through rings that are mostly full or mostly empty, so that both sides block. */
-    @Test
-    public void tensOfThousandsGoThroughAProcessInC() throws Exception {
+    @Test public void tensOfThousandsGoThroughAProcessInC() throws Exception {
         int count = 20000;
         int there = TestSegment.open(named("toC"), true);
         int back = TestSegment.open(named("fromC"), false);
