@@ -49,16 +49,12 @@ COMPANION_NATIVE(jint, ChannelCalls, open)
     if (!name || !checked_channel(channel)) return ESMS_INVAL;
     const WakeableWait wait(cell_of(env, cell));
     if (!wait.may_wait()) return ESMS_JAVAINTR;
-    const char mode = for_write ? 'w' : 'r';
-    halvo_channel *q = q_open_wait(channel, mode, timeout);
-    if (!q) return ESMS_ACCESS;
-    record_owner(side_of(mode), q, name.get());
-    return ESMS_OK;
+    return open_end(channel, for_write, timeout, name.get());
 }
 
 COMPANION_NATIVE(jint, ChannelCalls, recover)
 (JNIEnv *, jclass, jint channel, jboolean for_write) noexcept {
-    return q_recover(channel, for_write ? 'w' : 'r');
+    return q_recover(channel, mode_of(for_write));
 }
 
 // Copies the name of an end's last holder; returns its process id, 0 when there was none.
@@ -66,7 +62,7 @@ COMPANION_NATIVE(jint, ChannelCalls, holder)
 (JNIEnv *env, jclass, jint channel, jboolean for_write, jbyteArray name) noexcept {
     const halvo_channel *q = checked_channel(channel);
     if (!q) return 0;
-    const Side &side = for_write ? kWriter : kReader;
+    const Side &side = side_of(mode_of(for_write));
     copy_out(env, {name, 0, HALVO_NAME_SIZE}, q->*side.name, HALVO_NAME_SIZE);
     return load(q->*side.pid);
 }

@@ -65,7 +65,7 @@ COMPANION_NATIVE(jlong, ChannelCalls, read)
 (JNIEnv *env, jclass, jobject cell, jint channel, jbyteArray into, jint offset, jint length,
  jint timeout) noexcept {
     const ArrayRange range{into, offset, length};
-    if (!has_room(env, range) || length < 0) return ESMS_INVAL;
+    if (!can_receive(env, range)) return ESMS_INVAL;
     const CheckedChannel end = owned_channel(kReader, channel);
     if (end.fault != ESMS_OK) return end.fault;
     // No body is longer than a slot, however long the range.

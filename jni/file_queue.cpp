@@ -14,7 +14,6 @@ namespace {
 constexpr jint kLockFailure =
     -20;                      // plus what fq_lock answered: other failures have the same numbers
 constexpr jint kTooLong = -2; // from a read
-constexpr size_t kItemHeader = 20; // bytes of an item before its data
 
 // What Java keeps of a transaction: handle, 0 for none, and the key of the lock that it holds.
 class Transaction {
@@ -107,7 +106,7 @@ COMPANION_NATIVE(jint, FileQueueCalls, take)
         return record->path[0] == '\0' && result == ESMS_EMPTY ? 0 : begin_failure(result, *record);
     }
     const jint length = record->itemlen;
-    copy_out(env, {buffer, 0, room}, item.get() + kItemHeader, static_cast<uint32_t>(length));
+    copy_out(env, {buffer, 0, room}, item.get() + fq::kHeaderSize, static_cast<uint32_t>(length));
     if (made) transaction.begin(std::move(made));
     return length;
 }
@@ -126,7 +125,7 @@ COMPANION_NATIVE(jint, FileQueueCalls, lockKey)
 (JNIEnv *env, jclass, jstring path, jboolean for_write) noexcept {
     const StringChars queue(env, path);
     if (!queue || !fq::usable_path(queue.get())) return -1;
-    return ftok(fq::lock_file(queue.get(), for_write ? 'w' : 'r').text, 1);
+    return ftok(fq::lock_file(queue.get(), mode_of(for_write)).text, 1);
 }
 
 // What the transactions of this process promise from now on.

@@ -7,7 +7,6 @@ using namespace halvo;
 
 namespace {
 
-constexpr jint kNoPath = -2;   // kept: the result for a string that cannot be read
 constexpr jint kAllTypes = -2; // resetPCountFor: every type
 
 // What value(q) says of a known channel.

@@ -3,15 +3,14 @@
 // transaction ends.
 #include "halvo/fq.h"
 
+#include "fq/format.h"
 #include "jni/native.h"
 
 using namespace halvo;
 
 namespace {
 
-constexpr jint kNoPath = -2;        // result for a string that cannot be read
 constexpr jint kNoTransaction = -1; // readers' result for the handle 0; the writers' is ESMS_INVAL
-constexpr size_t kItemHeader = 20;  // bytes of an item before its data
 constexpr size_t kItemExtra = FQ_ITEM_EXTRA + 1;
 
 // A handle is the record's address, widened without a sign.
@@ -37,13 +36,9 @@ unsigned capacity(const ArrayRange &range) { return static_cast<unsigned>(range.
 
 // Copies the data of the item that was read. False when the array took none of it.
 bool hand_over(JNIEnv *env, const ArrayRange &range, const char *item, const fqtrans &trans) {
-    const jint n = copy_out(env, range, item + kItemHeader, static_cast<uint32_t>(trans.itemlen));
+    const jint n =
+        copy_out(env, range, item + fq::kHeaderSize, static_cast<uint32_t>(trans.itemlen));
     return n > 0 && !env->ExceptionCheck();
-}
-
-// Whether the range can be read into at all.
-bool can_receive(JNIEnv *env, const ArrayRange &range) {
-    return has_room(env, range) && range.length >= 0;
 }
 
 // Ends a write transaction by fq_enqueue_commit or fq_enqueue_rollback.

@@ -12,8 +12,6 @@ namespace {
 constexpr jint kNoKeyFile = -1;
 constexpr jint kNoName = -8;
 
-constexpr char mode_of(jboolean for_write) { return for_write ? 'w' : 'r'; }
-
 } // namespace
 
 IPC_NATIVE(jint, initialize)(JNIEnv *env, jclass, jstring key_file) noexcept {
@@ -40,10 +38,7 @@ IPC_NATIVE(jint, openChannel)
     const StringChars name(env, client);
     if (!name) return kNoName;
     if (!checked_channel(channel)) return ESMS_INVAL;
-    halvo_channel *q = q_open_wait(channel, mode_of(for_write), timeout);
-    if (!q) return ESMS_ACCESS;
-    record_owner(side_of(mode_of(for_write)), q, name.get());
-    return ESMS_OK;
+    return open_end(channel, for_write, timeout, name.get());
 }
 
 // Kept: whoever calls gives the end back; the owner is not looked at.

@@ -67,7 +67,7 @@ IPC_NATIVE(jint, isAlive)
 IPC_NATIVE(jint, touch)(JNIEnv *, jclass, jint channel, jint client, jboolean for_write) noexcept {
     halvo_channel *q = checked_channel(channel);
     if (!q) return ESMS_INVAL;
-    const Side &side = for_write ? kWriter : kReader;
+    const Side &side = side_of(mode_of(for_write));
     const auto pid = process_id();
     const auto now = static_cast<int32_t>(q_gettime());
     if (client >= 0 && client < HALVO_CLIENTS) {

@@ -227,7 +227,7 @@ LIVESTAT_NATIVE(jint, getBytes)
 (JNIEnv *env, jclass, jint channel, jint iid, jint index, jbyteArray buffer, jint offset,
  jint length) noexcept {
     const ArrayRange range{buffer, offset, length};
-    if (!has_room(env, range) || length < 0) return ESMS_INVAL;
+    if (!can_receive(env, range)) return ESMS_INVAL;
     halvo_segment *segment = attached_segment();
     if (!segment) return ESMS_NOINIT;
     const Image image = image_of(segment, channel, iid, index);

@@ -22,6 +22,13 @@ CheckedChannel owned_channel(const Side &side, jint channel) noexcept {
     return {ESMS_OK, q};
 }
 
+jint open_end(jint channel, jboolean for_write, jint timeout, const char *client) noexcept {
+    halvo_channel *q = q_open_wait(channel, mode_of(for_write), timeout);
+    if (!q) return ESMS_ACCESS;
+    record_owner(side_of(mode_of(for_write)), q, client);
+    return ESMS_OK;
+}
+
 bool has_room(JNIEnv *env, const ArrayRange &range) noexcept {
     if (!range.array || range.offset < 0) return false;
     return int64_t{range.offset} + range.length <= env->GetArrayLength(range.array);

@@ -21,6 +21,12 @@ extern "C" jint JNU_ThrowByName(JNIEnv *env, const char *class_name, const char 
 
 namespace halvo {
 
+constexpr jint kNoPath =
+    -2; // kept: result for a path that cannot be read, whatever code has that value
+
+// The letter of an end in the calls of halvo/queue.h.
+constexpr char mode_of(jboolean for_write) noexcept { return for_write ? 'w' : 'r'; }
+
 // A channel that passed the checks, or the code to return at once.
 struct CheckedChannel {
     jint fault;
@@ -29,6 +35,9 @@ struct CheckedChannel {
 
 // ESMS_INVAL for an unknown channel, then ESMS_ACCESS when another process holds the side.
 CheckedChannel owned_channel(const Side &side, jint channel) noexcept;
+
+// Opens an end of a channel for a client: ESMS_OK, or ESMS_ACCESS when the time ran out.
+jint open_end(jint channel, jboolean for_write, jint timeout, const char *client) noexcept;
 
 // A whole native that does not wait: the checks, then operation(q).
 template <class Operation>
@@ -57,6 +66,11 @@ struct ArrayRange {
 // Whether a range that receives data lies in its array. A negative length passes: it limits
 // nothing where lengths are compared unsigned, and the VM refuses what then does not fit.
 bool has_room(JNIEnv *env, const ArrayRange &range) noexcept;
+
+// The same for a range whose length must be one.
+inline bool can_receive(JNIEnv *env, const ArrayRange &range) noexcept {
+    return has_room(env, range) && range.length >= 0;
+}
 
 // A range that supplies data, copied into memory of the call.
 class BytesIn {

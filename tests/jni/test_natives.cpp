@@ -18,21 +18,11 @@
 
 namespace {
 
-// A signal that neither the VM nor the library knows.
-int foreign_signal() { return SIGRTMIN + 5; }
-
-void ignore(int) {}
-
 std::string text(JNIEnv *env, jstring string) {
     const char *chars = env->GetStringUTFChars(string, nullptr);
     std::string copy(chars);
     env->ReleaseStringUTFChars(string, chars);
     return copy;
-}
-
-void *symbol(JNIEnv *env, jstring name) {
-    void *library = dlopen("libhalvoipc.so.1", RTLD_NOW | RTLD_NOLOAD);
-    return library ? dlsym(library, text(env, name).c_str()) : nullptr;
 }
 
 // Bytes of a channel header and what follows it, or of the segment for a negative number.
@@ -46,18 +36,15 @@ jbyte *bytes_of(jint channel) {
 TEST_NATIVE(jlong, thisThread)(JNIEnv *, jclass) { return static_cast<jlong>(pthread_self()); }
 
 TEST_NATIVE(jint, interrupt)(JNIEnv *, jclass, jlong thread) {
+    const int foreign = SIGRTMIN + 5; // neither the VM nor the library knows it
     struct sigaction action {};
-    action.sa_handler = ignore; // without restart
-    sigaction(foreign_signal(), &action, nullptr);
-    return pthread_kill(static_cast<pthread_t>(thread), foreign_signal());
-}
-
-TEST_NATIVE(jboolean, exports)(JNIEnv *env, jclass, jstring name) {
-    return symbol(env, name) != nullptr;
+    action.sa_handler = [](int) {}; // without restart
+    sigaction(foreign, &action, nullptr);
+    return pthread_kill(static_cast<pthread_t>(thread), foreign);
 }
 
 TEST_NATIVE(jint, variable)(JNIEnv *env, jclass, jstring name) {
-    const void *value = symbol(env, name);
+    const void *value = dlsym(RTLD_DEFAULT, text(env, name).c_str()); // this one needs the library
     return value ? *static_cast<const int32_t *>(value) : 0;
 }
 
@@ -70,10 +57,9 @@ TEST_NATIVE(jint, resultCode)(JNIEnv *env, jclass, jstring name) {
 }
 
 TEST_NATIVE(jstring, vmString)(JNIEnv *env, jclass, jbyteArray bytes) {
-    std::string chars(static_cast<size_t>(env->GetArrayLength(bytes)), '\0');
-    env->GetByteArrayRegion(bytes, 0, env->GetArrayLength(bytes),
-                            reinterpret_cast<jbyte *>(chars.data()));
-    return env->ExceptionCheck() ? nullptr : env->NewStringUTF(chars.c_str());
+    char chars[100]{}; // more than any text of the library
+    env->GetByteArrayRegion(bytes, 0, env->GetArrayLength(bytes), reinterpret_cast<jbyte *>(chars));
+    return env->ExceptionCheck() ? nullptr : env->NewStringUTF(chars);
 }
 
 TEST_NATIVE(void, peek)(JNIEnv *env, jclass, jint channel, jint offset, jbyteArray into) {
@@ -84,17 +70,18 @@ TEST_NATIVE(void, poke)(JNIEnv *env, jclass, jint channel, jint offset, jbyteArr
     env->GetByteArrayRegion(from, 0, env->GetArrayLength(from), bytes_of(channel) + offset);
 }
 
-TEST_NATIVE(jint, semaphore)(JNIEnv *env, jclass, jstring key_file, jint channel) {
-    const key_t key = ftok(text(env, key_file).c_str(), channel + 1);
-    return semctl(semget(key, 1, 0), 0, GETVAL);
+// The value of a channel's semaphore in the sets of a key file, that with .post or .req; then it is 0.
+TEST_NATIVE(jint, takePosts)(JNIEnv *env, jclass, jstring key_file, jint channel) {
+    const int set = semget(ftok(text(env, key_file).c_str(), channel + 1), 1, 0);
+    const int posts = semctl(set, 0, GETVAL);
+    semctl(set, 0, SETVAL, 0);
+    return posts;
 }
 
 // Every entry of the registry of waiting threads, with this thread in it; and empty again.
 TEST_NATIVE(void, fillRegistry)(JNIEnv *, jclass) {
-    while (reg_wait_thread(1000000) >= 0) {
-    }
+    while (reg_wait_thread(1000000) >= 0) continue;
 }
 TEST_NATIVE(void, emptyRegistry)(JNIEnv *, jclass) {
-    while (unreg_wait_thread() >= 0) {
-    }
+    while (unreg_wait_thread() >= 0) continue;
 }

@@ -3,8 +3,8 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
+#include "tests/support/files.h"
 #include "tests/support/program.h"
 #include "tools/fixture/segment_builder.h"
 
@@ -12,17 +12,18 @@ namespace halvo::test {
 
 using Words = std::vector<std::string>;
 
+inline const std::string kLibrary = "-Dhalvoipc.library=" HALVO_LIBRARY;
+
 // The program of a VM under /usr/lib/jvm, or nothing.
 inline std::string find_java(int version, int width) {
     const std::string wanted[] = {"JAVA_VERSION=\"" + std::to_string(version) + ".",
                                   width == 32 ? "OS_ARCH=\"x86\"" : "OS_ARCH=\"x86_64\""};
     std::error_code none;
     for (const auto &entry : std::filesystem::directory_iterator("/usr/lib/jvm", none)) {
-        std::ifstream file(entry.path() / "release");
-        const std::string release(std::istreambuf_iterator<char>(file), {});
-        const auto java = entry.path() / "bin/java";
-        if (release.find(wanted[0]) != std::string::npos &&
-            release.find(wanted[1]) != std::string::npos && exists(java, none))
+        const std::string java = entry.path() / "bin/java";
+        if (!exists(java) || !exists(entry.path() / "release")) continue;
+        const std::string release = content_of(entry.path() / "release");
+        if (release.find(wanted[0]) != release.npos && release.find(wanted[1]) != release.npos)
             return java;
     }
     return {};
@@ -33,7 +34,7 @@ inline std::string find_library(int width) {
     if (width == static_cast<int>(8 * sizeof(void *))) return HALVO_LIBRARY;
     const std::string other = std::string(HALVO_BUILD_TREES) + (width == 32 ? "/i386" : "/x86_64") +
                               "/lib/libhalvoipc.so";
-    return std::filesystem::exists(other) ? other : std::string();
+    return exists(other) ? other : std::string();
 }
 
 // The words that start a VM with the classes of the tests.

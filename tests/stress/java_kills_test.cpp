@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/mman.h>
 
 #include <atomic>
 #include <memory>
@@ -12,6 +11,7 @@
 #include "halvo/frx.h"
 #include "tests/jni/vm.h"
 #include "tests/stress/form.h"
+#include "tests/support/machine.h"
 
 using namespace halvo::test;
 
@@ -21,21 +21,16 @@ constexpr int kPatience = 60000; // milliseconds
 
 void sleep_for(uint64_t milliseconds) { usleep(static_cast<useconds_t>(milliseconds * 1000)); }
 
-// Makes a process another program.
-int become(const Words &words, const std::string &log) {
-    std::vector<char *> arguments;
-    for (const std::string &word : words) arguments.push_back(const_cast<char *>(word.c_str()));
-    arguments.push_back(nullptr);
-    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    dup2(fd, STDOUT_FILENO);
-    dup2(fd, STDERR_FILENO);
-    execv(arguments[0], arguments.data());
-    return 127;
+// Starts a program that appends what it prints to a file.
+std::unique_ptr<Peer> start_program(const Words &words, const std::string &log) {
+    return std::make_unique<Peer>([&] {
+        const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        return become(words, STDIN_FILENO, fd, fd);
+    });
 }
 
 std::string tail_of(const std::string &path) {
-    std::ifstream file(path);
-    const std::string text(std::istreambuf_iterator<char>(file), {});
+    const std::string text = content_of(path);
     return text.substr(text.size() > 3000 ? text.size() - 3000 : 0);
 }
 
@@ -56,12 +51,6 @@ bool goes_on(Moved moved) {
 struct Tally {
     std::atomic<int> sent, got, doubled;
     std::atomic<bool> enough, fed; // no more is wanted; no more will be sent
-};
-
-struct SharedTally {
-    Tally *tally = static_cast<Tally *>(
-        mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    ~SharedTally() { munmap(tally, sizeof *tally); }
 };
 
 int feed(const Segment &s, Tally &tally) {
@@ -135,7 +124,7 @@ void exchange(const End &writer, const End &reader) {
                                      {"com.morvesk.halvo.ipc.KilledPeer", s.key_file(), "X",
                                       roles[i], std::to_string(count), s.path(roles[i])},
                                      ends[i]->java);
-        peers[i] = std::make_unique<Peer>([&] { return become(words, s.path("log")); });
+        peers[i] = start_program(words, s.path("log"));
     };
     start(0);
     start(1);
@@ -166,16 +155,13 @@ TEST(JavaKills, a_gateway_loses_nothing) {
     const Segment s =
         SegmentBuilder().channel("FROM", 'M', 128, 64).channel("TO", 'M', 128, 64).build();
     std::mt19937 random(seed());
-    const SharedTally shared;
-    Tally &tally = *shared.tally;
+    Tally &tally = shared_object<Tally>();
     Peer feeder([&] { return feed(s, tally); });
     Peer collector([&] { return collect(s, tally); });
-    const Words words = vm_words(s, {"-Dhalvoipc.library=" HALVO_LIBRARY},
-                                 {"Gateway", s.key_file(), "FROM", s.path("queue"), "TO"});
+    const Words words =
+        vm_words(s, {kLibrary}, {"Gateway", s.key_file(), "FROM", s.path("queue"), "TO"});
     std::unique_ptr<Peer> gateway;
-    const auto start = [&] {
-        gateway = std::make_unique<Peer>([&] { return become(words, s.path("log")); });
-    };
+    const auto start = [&] { gateway = start_program(words, s.path("log")); };
     for (int i = 0; i < kills; ++i) {
         start();
         if (i % 5 != 4) { // every fifth while it starts

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -15,7 +15,9 @@ namespace halvo::test {
 inline std::string content_of(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) throw std::runtime_error("cannot read " + path);
-    return {std::istreambuf_iterator<char>(in), {}};
+    std::ostringstream bytes; // a library has tens of millions
+    bytes << in.rdbuf();
+    return bytes.str();
 }
 
 inline void write_file(const std::string &path, const std::string &content) {

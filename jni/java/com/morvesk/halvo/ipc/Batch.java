@@ -140,8 +140,7 @@ public final class Batch implements AutoCloseable {
         if (left > 0) {
             int from = 0;
             for (long i = 0; i < result; i++) {
-                from += HEADER + (staged[from] & 0xff | (staged[from + 1] & 0xff) << 8
-                        | (staged[from + 2] & 0xff) << 16 | staged[from + 3] << 24);
+                from += HEADER + Channel.intAt(staged, from);
             }
             System.arraycopy(staged, from, staged, 0, used - from);
             used -= from;

@@ -56,8 +56,7 @@ public final class Channel implements AutoCloseable {
         }
 
         static Message ofSlot(byte[] slots, int at, int slotSize) {
-            int length = slots[at + LEN] & 0xff | (slots[at + LEN + 1] & 0xff) << 8
-                    | (slots[at + LEN + 2] & 0xff) << 16 | (slots[at + LEN + 3] & 0xff) << 24;
+            int length = intAt(slots, at + LEN);
             int fits = slotSize - BODY;
             int end = at + BODY + (length < 0 || length > fits ? fits : length);
             return new Message(slots[at + TYPE] & 0xff | (slots[at + TYPE + 1] & 0xff) << 8,
@@ -408,6 +407,12 @@ public final class Channel implements AutoCloseable {
     }
 
     // ---- Checks
+
+    /** Four bytes as the segment has them. */
+    static int intAt(byte[] bytes, int at) {
+        return bytes[at] & 0xff | (bytes[at + 1] & 0xff) << 8 | (bytes[at + 2] & 0xff) << 16
+                | bytes[at + 3] << 24;
+    }
 
     private ChannelReads reading() {
         end.require(false);

@@ -1,64 +1,26 @@
 package com.morvesk.halvo.ipc;
 
 import static com.morvesk.halvo.ipc.IPCFunctions.*;
+import static com.morvesk.halvo.ipc.InThread.waiting;
 import static com.morvesk.halvo.ipc.TestSegment.*;
-import static org.junit.Assert.assertEquals;
-import static org.junit.Assert.assertFalse;
-import static org.junit.Assert.assertThrows;
-import static org.junit.Assert.assertTrue;
+import static org.junit.Assert.*;
 
 import java.util.concurrent.Callable;
 import java.util.concurrent.CountDownLatch;
-import java.util.concurrent.ExecutionException;
-import java.util.concurrent.FutureTask;
 import java.util.concurrent.TimeUnit;
-import java.util.concurrent.TimeoutException;
-import java.util.regex.Matcher;
-import java.util.regex.Pattern;
 import org.junit.After;
 import org.junit.Before;
 import org.junit.Test;
 
-/** Waits: time limits, wake-ups and interruptions. */
+/** Waits of the natives: time limits, wake-ups and interruptions. */
 public class BlockingTest {
     private static final int LONG = 60000;
     private static final byte[] X = {'x'};
-
-    /** A call in a thread of its own. */
-    private static final class Waiting<T> extends FutureTask<T> {
-        volatile long thread;
-
-        static <T> Waiting<T> on(int channel, int announcement, Callable<T> call) throws Exception {
-            Waiting<T> waiting = new Waiting<>(call);
-            Thread thread = new Thread(waiting);
-            thread.setDaemon(true);
-            thread.start();
-            await(channel, announcement, 1);
-            return waiting;
-        }
-
-        private Waiting(Callable<T> call) {
-            super(call);
-        }
-
-        @Override
-        public void run() {
-            thread = TestNatives.thisThread();
-            super.run();
-        }
-
-        T result() throws Exception {
-            return get(30, TimeUnit.SECONDS);
-        }
-
-        void stillWaits() {
-            assertThrows(TimeoutException.class, () -> get(250, TimeUnit.MILLISECONDS));
-        }
-    }
+    private final byte[] buf = new byte[2 * SLOT_SIZE];
+    private final int channel = both(); // each test has its own
 
     @Before
     public void startMonitor() {
-        attach();
         TimeoutMonitor.start();
     }
 
@@ -67,229 +29,197 @@ public class BlockingTest {
         TimeoutMonitor.stop();
     }
 
-    private static void fill(int channel) throws Exception {
-        for (int i = 0; i < SLOTS; i++) {
-            assertEquals(0, write(channel, "x"));
+    private int readWithin(int millis) {
+        return read(channel, buf, 0, 8, millis, false);
+    }
+
+    private int writeWithin(int millis) throws InterruptedException {
+        return IPCFunctions.write(channel, 1, X, 0, 1, millis);
+    }
+
+    /** Calls that must each take about 100 ms, and what all return. */
+    @SafeVarargs
+    private static void after100(int result, Callable<Integer>... calls) throws Exception {
+        for (Callable<Integer> call : calls) {
+            long start = System.nanoTime();
+            assertEquals(result, (int) call.call());
+            long millis = TimeUnit.NANOSECONDS.toMillis(System.nanoTime() - start);
+            assertTrue(millis + " ms", millis >= 99 && millis < 5000);
         }
     }
 
-    /** Runs a call that must take about 200 ms, and returns its result. */
-    private static int after200(Callable<Integer> call) throws Exception {
-        long start = System.nanoTime();
-        int result = call.call();
-        long millis = TimeUnit.NANOSECONDS.toMillis(System.nanoTime() - start);
-        assertTrue(millis + " ms", millis >= 199 && millis < 5000);
-        return result;
-    }
-
-    @Test
-    public void waitsEndInTime() throws Exception {
-        int channel = both();
-        byte[] buf = new byte[8];
-        assertEquals(ESMS_TIMEOUT, after200(() -> read(channel, buf, 0, 8, 200, false)));
-        assertEquals(ESMS_TIMEOUT, after200(() -> readBuf(channel, buf, 0, 8, 200, false, 0)));
-        assertEquals("as if nothing were there", 0, after200(() -> readMark(channel, 0, 200)));
-        assertEquals("until the next pass", ESMS_TIMEOUT, read(channel, buf, 0, 8, -1, false));
+    @Test public void waitsEndInTime() throws Exception {
+        after100(ESMS_TIMEOUT, () -> readWithin(100),
+                () -> readBuf(channel, buf, 0, 8, 100, false, 0));
+        after100(0, () -> readMark(channel, 0, 100)); // as if nothing were there
+        assertEquals("until the next pass", ESMS_TIMEOUT, readWithin(-1));
         fill(channel);
-        assertEquals(ESMS_TIMEOUT, after200(() -> IPCFunctions.write(channel, 1, X, 0, 1, 200)));
-        assertEquals(ESMS_TIMEOUT, after200(() -> writeMark(channel, 1, X, 0, 1, 200)));
-        assertEquals(ESMS_TIMEOUT, after200(() -> writeBuf(channel, 1, X, 0, 1, 0, 200)));
-        assertEquals(ESMS_TIMEOUT, after200(() -> writeWait4N(channel, 1, 200)));
-        assertEquals(ESMS_TIMEOUT, IPCFunctions.write(channel, 1, X, 0, 1, 0));
-        assertEquals(ESMS_ACCESS, after200(() -> openChannel("second", channel, true, 200)));
-        assertEquals(0, intAt(channel, RWAIT));
-        assertEquals(0, intAt(channel, WWAIT));
-        assertEquals("x", read(channel));
+        after100(ESMS_TIMEOUT, () -> writeWithin(100), () -> mark(100),
+                () -> park(100), () -> writeWait4N(channel, 1, 100));
+        after100(ESMS_ACCESS, () -> openChannel("second", channel, true, 100));
+        all(0, closeChannel(channel, true), openChannel("second", channel, true, 100));
+        assertEquals(ESMS_TIMEOUT, writeWithin(0));
+        all(0, intAt(channel, RWAIT), intAt(channel, WWAIT));
+        takes(channel, "x");
     }
 
-    @Test
-    public void withoutTheMonitorNoTimeoutFires() throws Exception {
+    @Test public void withoutTheMonitorNoTimeoutFires() throws Exception {
         TimeoutMonitor.stop();
-        int channel = reader();
-        Waiting<Integer> reader = Waiting.on(channel, RWAIT,
-                () -> read(channel, new byte[8], 0, 8, 1, false));
-        reader.stillWaits();
+        InThread reader = waiting(channel, RWAIT, () -> readWithin(1));
+        reader.stillWaits(150);
         assertEquals(0, monitorTimeout());
-        assertEquals(ESMS_TIMEOUT, (int) reader.result());
+        assertEquals(ESMS_TIMEOUT, reader.result());
     }
 
-    @Test
-    public void aWriteWakesAReaderAndAReadAWriter() throws Exception {
-        int channel = both();
-        byte[] buf = new byte[8];
-        Waiting<Integer> reader =
-                Waiting.on(channel, RWAIT, () -> read(channel, buf, 0, 8, LONG, false));
-        write(channel, "hello");
-        assertEquals(5, (int) reader.result());
+    @Test public void transfersAndCommitsWakeTheOtherSide() throws Exception {
+        InThread reader = waiting(channel, RWAIT, () -> readWithin(LONG));
+        put(channel, "hello");
+        assertEquals(5, reader.result());
         fill(channel);
-        Waiting<Integer> writer = Waiting.on(channel, WWAIT,
-                () -> IPCFunctions.write(channel, 1, X, 0, 1, LONG));
-        assertEquals("x", read(channel));
-        assertEquals(0, (int) writer.result());
-        Waiting<Integer> counter = Waiting.on(channel, WWAIT, () -> writeWait4N(channel, 2, LONG));
-        assertEquals(2, readMark(channel, 2, 0));
-        assertEquals(2, readCommit(channel, 2, false));
-        assertEquals(2, (int) counter.result());
+        InThread writer = waiting(channel, WWAIT, () -> writeWithin(LONG));
+        takes(channel, "x");
+        assertEquals(0, writer.result());
+        InThread counter = waiting(channel, WWAIT, () -> writeWait4N(channel, 2, LONG));
+        all(2, readMark(channel, 2, 0), readCommit(channel, 2, false));
+        assertEquals(2, counter.result());
+        takes(channel, "x", "x");
+
+        mark(-1);
+        InThread marker = waiting(channel, RWAIT, () -> readMark(channel, 0, LONG));
+        assertEquals(0, writeCommit(channel));
+        assertEquals(1, marker.result());
+        readCommit(channel, 0, false);
+        writeMarkAt(channel, 1, X, 0, 1, 0);
+        reader = waiting(channel, RWAIT, () -> readBuf(channel, buf, 0, 8, LONG, false, 0));
+        assertEquals(0, writeCommitAll(channel));
+        assertEquals(1, reader.result());
     }
 
     /** Its room was made before the wait, of the size that the slots had then. */
-    @Test
-    public void aReaderTakesNoSlotThatOutgrewItsRoomMeanwhile() throws Exception {
-        int channel = both();
+    @Test public void aReaderTakesNoSlotThatOutgrewItsRoomMeanwhile() throws Exception {
         int parking = both();
-        byte[] buf = new byte[2 * SLOT_SIZE];
         staysWhenOutgrown(channel, () -> read(channel, buf, 0, buf.length, LONG, true));
         staysWhenOutgrown(parking, () -> readBuf(parking, buf, 0, buf.length, LONG, true, 0));
     }
 
     private static void staysWhenOutgrown(int channel, Callable<Integer> read) throws Exception {
-        Waiting<Integer> reader = Waiting.on(channel, RWAIT, read);
+        InThread reader = waiting(channel, RWAIT, read);
         putIntAt(channel, QBSZ, 2 * SLOT_SIZE);
-        write(channel, "hello");
-        assertEquals(ESMS_FAILED, (int) reader.result());
-        assertEquals("hello", read(channel));
+        put(channel, "hello");
+        assertEquals(ESMS_FAILED, reader.result());
+        takes(channel, "hello");
     }
 
-    @Test
-    public void aCommitWakesAReader() throws Exception {
-        int channel = both();
-        writeMark(channel, 1, X, 0, 1, -1);
-        Waiting<Integer> marker = Waiting.on(channel, RWAIT, () -> readMark(channel, 0, LONG));
-        assertEquals(0, writeCommit(channel));
-        assertEquals(1, (int) marker.result());
-        readCommit(channel, 0, false);
-        writeMarkAt(channel, 1, X, 0, 1, 0);
-        Waiting<Integer> reader = Waiting.on(channel, RWAIT,
-                () -> readBuf(channel, new byte[8], 0, 8, LONG, false, 0));
-        assertEquals(0, writeCommitAll(channel));
-        assertEquals(1, (int) reader.result());
+    // ---- Who is woken
+
+    /** The posts since the last look. */
+    private int posts(int announcement) {
+        return TestNatives.takePosts(KEY + (announcement == RWAIT ? ".post" : ".req"), channel);
     }
 
-    @Test
-    public void onlyWhatMakesAMessageReadablePostsAndAParkedOneDoesNot() throws Exception {
-        int channel = both();
-        assertEquals(0, writeBuf(channel, 1, X, 0, 1, 0, -1));
+    /** Calls that each post once for the other side, which seems to wait. */
+    private void wake(int announcement, Callable<?>... calls) throws Exception {
+        for (Callable<?> call : calls) {
+            putIntAt(channel, announcement, 1);
+            call.call();
+            assertEquals(1, posts(announcement));
+        }
+    }
+
+    private int mark(int timeout) throws InterruptedException {
+        return writeMark(channel, 1, X, 0, 1, timeout);
+    }
+
+    private int park(int timeout) throws InterruptedException {
+        return writeBuf(channel, 1, X, 0, 1, 0, timeout);
+    }
+
+    @Test public void onlyWhatMakesAMessageReadablePostsAndAParkedOneDoesNot() throws Exception {
+        assertEquals(0, park(-1));
         putIntAt(channel, RWAIT, 1); // as if a reader waited
-        assertEquals(0, writeBufCommit(channel, 0));
-        assertEquals(0, writeMark(channel, 1, X, 0, 1, -1));
-        assertEquals(0, writeRollback(channel));
+        all(0, writeBufCommit(channel, 0), mark(-1), writeRollback(channel), posts(RWAIT));
         assertEquals(1, intAt(channel, RWAIT));
-        assertEquals(0, posts(channel));
-        writeMark(channel, 1, X, 0, 1, -1);
-        writeCommit(channel);
-        assertEquals(1, posts(channel));
+        wake(RWAIT, () -> write(channel, "x"), () -> mark(-1) + writeCommit(channel),
+                () -> writeMarkAt(channel, 1, X, 0, 1, 0) + writeCommitAll(channel));
+        wake(WWAIT, () -> read(channel), () -> readBuf(channel, buf, 0, 8, 0, false, 0),
+                () -> readMark(channel, 1, 0) + readCommit(channel, 1, false),
+                () -> readMark(channel, 1, 0) + readCommitWithError(channel, 1, "1"));
+        putIntAt(channel, RWAIT, 0);
+        put(channel, "x");
+        assertEquals("nobody waits", 0, posts(RWAIT));
     }
 
-    @Test
-    public void aTransferPostsOnlyForAnnouncedWaiters() throws Exception {
-        int channel = both();
-        write(channel, "x");
-        assertEquals(0, posts(channel));
-        putIntAt(channel, RWAIT, 1);
-        putIntAt(channel, WWAIT, 1);
-        write(channel, "x");
-        assertEquals(1, posts(channel));
-        assertEquals("the writer waits no more", 0, intAt(channel, WWAIT));
-        assertEquals(0, requests(channel));
-        putIntAt(channel, WWAIT, 1);
-        assertEquals("x", read(channel));
-        assertEquals(1, requests(channel));
-        assertEquals("the reader waits no more", 0, intAt(channel, RWAIT));
-        putIntAt(channel, RWAIT, 1);
-        assertEquals(1, readMark(channel, 0, 0));
-        assertEquals("a mark leaves the announcement", 1, intAt(channel, RWAIT));
+    /** The announcement of a side behind a call of that side, before which it stood. */
+    private int announced(int announcement, Callable<?> call) throws Exception {
+        putIntAt(channel, announcement, 1);
+        call.call();
+        return intAt(channel, announcement);
     }
 
-    private static int posts(int channel) {
-        return TestNatives.semaphore(System.getProperty("halvo.test.key") + ".post", channel);
+    @Test public void aTransferEndsTheAnnouncementOfItsSideAndAMarkLeavesIt() throws Exception {
+        all(0, announced(WWAIT, () -> write(channel, "x")), announced(WWAIT, () -> park(-1)),
+                announced(RWAIT, () -> read(channel)));
+        all(0, writeBufCommit(channel, 0), write(channel, "x"),
+                announced(RWAIT, () -> readBuf(channel, buf, 0, 8, 0, false, 0)));
+        all(1, announced(RWAIT, () -> readMark(channel, 1, 0)), announced(WWAIT, () -> mark(-1)));
     }
 
-    private static int requests(int channel) {
-        return TestNatives.semaphore(System.getProperty("halvo.test.key") + ".req", channel);
+    // ---- Interruptions
+
+    @Test public void aForeignSignalEndsARead() throws Exception {
+        InThread reader = waiting(channel, RWAIT, () -> readWithin(LONG));
+        reader.signal();
+        assertEquals(ESMS_JAVAINTR, reader.result());
+        InThread marker = waiting(channel, RWAIT, () -> readMark(channel, 0, LONG));
+        marker.signal();
+        assertEquals(ESMS_JAVAINTR, marker.result());
     }
 
-    @Test
-    public void aForeignSignalEndsARead() throws Exception {
-        int channel = reader();
-        byte[] buf = new byte[8];
-        Waiting<Integer> reader =
-                Waiting.on(channel, RWAIT, () -> read(channel, buf, 0, 8, LONG, false));
-        assertEquals(0, TestNatives.interrupt(reader.thread));
-        assertEquals(ESMS_JAVAINTR, (int) reader.result());
-        Waiting<Integer> marker = Waiting.on(channel, RWAIT, () -> readMark(channel, 0, LONG));
-        TestNatives.interrupt(marker.thread);
-        assertEquals(ESMS_JAVAINTR, (int) marker.result());
-    }
-
-    private static void raisesInterrupted(int channel, Callable<Integer> write) throws Exception {
-        Waiting<Integer> writer = Waiting.on(channel, WWAIT, write);
-        TestNatives.interrupt(writer.thread);
-        Throwable raised = assertThrows(ExecutionException.class, writer::result).getCause();
+    private void raisesInterrupted(Callable<Integer> write) throws Exception {
+        InThread writer = waiting(channel, WWAIT, write);
+        writer.signal();
+        Throwable raised = writer.failure();
         assertEquals(InterruptedException.class, raised.getClass());
-        Matcher text = Pattern.compile("sendMessage interrupted at #(-?\\d+)")
-                .matcher(raised.getMessage());
-        assertTrue(raised.getMessage(), text.matches());
-        assertEquals((int) writer.thread, Integer.parseInt(text.group(1)));
+        assertEquals("sendMessage interrupted at #" + (int) writer.pthread, raised.getMessage());
         assertEquals(0, intAt(channel, WWAIT));
     }
 
-    @Test
-    public void aForeignSignalEndsAWriteWithAnException() throws Exception {
-        int channel = both();
+    @Test public void aForeignSignalEndsAWriteWithAnException() throws Exception {
         fill(channel);
-        raisesInterrupted(channel, () -> IPCFunctions.write(channel, 1, X, 0, 1, LONG));
-        raisesInterrupted(channel, () -> writeMark(channel, 1, X, 0, 1, LONG));
-        raisesInterrupted(channel, () -> writeBuf(channel, 1, X, 0, 1, 0, LONG));
-        raisesInterrupted(channel, () -> writeWait4N(channel, 1, LONG));
+        raisesInterrupted(() -> writeWithin(LONG));
+        raisesInterrupted(() -> mark(LONG));
+        raisesInterrupted(() -> park(LONG));
+        raisesInterrupted(() -> writeWait4N(channel, 1, LONG));
+        InThread outside = // whose bad range came first
+                waiting(channel, WWAIT, () -> IPCFunctions.write(channel, 1, X, 1, 1, LONG));
+        outside.signal();
+        assertEquals(ArrayIndexOutOfBoundsException.class, outside.failure().getClass());
         assertEquals(SLOTS, getCount(channel));
     }
 
-    @Test
-    public void anInterruptionDoesNotHideTheBadRangeThatCameFirst() throws Exception {
-        int channel = both();
-        fill(channel);
-        Waiting<Integer> writer = Waiting.on(channel, WWAIT,
-                () -> IPCFunctions.write(channel, 1, X, 1, 1, LONG));
-        TestNatives.interrupt(writer.thread);
-        assertEquals(ArrayIndexOutOfBoundsException.class,
-                assertThrows(ExecutionException.class, writer::result).getCause().getClass());
-    }
-
-    @Test
-    public void aFullRegistryEndsReadBufAlone() throws Exception {
-        int channel = both();
+    @Test public void aFullRegistryEndsReadBufAlone() throws Exception {
         CountDownLatch full = new CountDownLatch(1);
         CountDownLatch done = new CountDownLatch(1);
-        Thread others = new Thread(() -> {
+        InThread others = InThread.call(() -> {
             TestNatives.fillRegistry();
             full.countDown();
-            try {
-                done.await();
-            } catch (InterruptedException e) {
-                Thread.currentThread().interrupt();
-            }
+            done.await();
             TestNatives.emptyRegistry();
         });
-        others.start();
         full.await();
-        byte[] buf = new byte[8];
         assertEquals(ESMS_MTXLOCK, readBuf(channel, buf, 0, 8, LONG, false, 0));
         assertEquals("stays raised", 1, intAt(channel, RWAIT));
         putIntAt(channel, RWAIT, 0);
-        Waiting<Integer> reader = // without a time limit
-                Waiting.on(channel, RWAIT, () -> read(channel, buf, 0, 8, 1, false));
-        reader.stillWaits();
-        write(channel, "x");
-        assertEquals(1, (int) reader.result());
+        InThread reader = waiting(channel, RWAIT, () -> readWithin(1)); // without a time limit
+        reader.stillWaits(250);
+        put(channel, "x");
+        assertEquals(1, reader.result());
         done.countDown();
-        others.join();
+        others.result();
     }
 
-    @Test
-    public void theVmCanEndWhileAThreadWaits() throws Exception {
-        int channel = reader();
-        Waiting<Integer> reader = Waiting.on(channel, RWAIT,
-                () -> read(channel, new byte[8], 0, 8, LONG, false));
-        assertFalse(reader.isDone()); // the end of the VM itself is seen from outside
+    /** A daemon's wait outlives the tests; the end of the VM itself is seen from outside. */
+    @Test public void theVmCanEndWhileAThreadWaits() throws Exception {
+        assertFalse(waiting(channel, RWAIT, () -> readWithin(LONG)).isDone());
     }
 }

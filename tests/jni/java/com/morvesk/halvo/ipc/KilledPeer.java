@@ -1,13 +1,13 @@
 package com.morvesk.halvo.ipc;
 
+import static org.junit.Assert.*;
+
+import java.io.RandomAccessFile;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.MappedByteBuffer;
 import java.nio.channels.FileChannel;
-import java.nio.file.Paths;
-import java.nio.file.StandardOpenOption;
 import java.time.Duration;
-import java.util.Arrays;
 
 /**
  * Writes or reads numbered messages and may be killed and started again at any moment: KilledPeer
@@ -23,11 +23,8 @@ public final class KilledPeer {
     public static void main(String[] args) throws Exception {
         Channel.attach(args[0], LONG);
         int count = Integer.parseInt(args[3]);
-        MappedByteBuffer ledger;
-        try (FileChannel file = FileChannel.open(Paths.get(args[4]), StandardOpenOption.CREATE,
-                StandardOpenOption.READ, StandardOpenOption.WRITE)) {
-            ledger = file.map(FileChannel.MapMode.READ_WRITE, 0, 8);
-        }
+        MappedByteBuffer ledger = new RandomAccessFile(args[4], "rw").getChannel()
+                .map(FileChannel.MapMode.READ_WRITE, 0, 8);
         ledger.order(ByteOrder.LITTLE_ENDIAN);
         if (args[2].equals("write")) {
             write(args[1], count, ledger);
@@ -45,8 +42,7 @@ public final class KilledPeer {
         return body;
     }
 
-    private static void write(String channel, int count, MappedByteBuffer ledger)
-            throws Exception {
+    private static void write(String channel, int count, MappedByteBuffer ledger) throws Exception {
         try (Channel out = Channel.openWriter("writer", channel, LONG);
                 Batch batch = out.batch()) {
             for (int next = ledger.getInt(0); next < count; next = ledger.getInt(0)) {
@@ -78,14 +74,9 @@ public final class KilledPeer {
     private static void take(byte[] body, MappedByteBuffer ledger) {
         int number = ByteBuffer.wrap(body).getInt(0);
         int expected = ledger.getInt(0);
-        if (number > expected || !Arrays.equals(body, message(number))) {
-            System.err.println("message " + number + " instead of " + expected);
-            System.exit(3);
-        }
-        if (number == expected) {
-            ledger.putInt(0, expected + 1);
-        } else {
-            ledger.putInt(4, ledger.getInt(4) + 1);
-        }
+        assertTrue(number + " instead of " + expected, number <= expected);
+        assertArrayEquals(message(number), body);
+        int counted = number == expected ? 0 : 4;
+        ledger.putInt(counted, ledger.getInt(counted) + 1);
     }
 }

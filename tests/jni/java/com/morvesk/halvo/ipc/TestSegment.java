@@ -1,54 +1,44 @@
 package com.morvesk.halvo.ipc;
 
-import static org.junit.Assert.assertEquals;
-import static org.junit.Assert.assertTrue;
+import static org.junit.Assert.*;
 
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
+import java.nio.charset.StandardCharsets;
 import java.util.HashMap;
 import java.util.Map;
+import org.junit.function.ThrowingRunnable;
 
-/** The segment of a test run: fresh channels, and fields of their headers. */
+/** The segment of a test run: fresh channels, fields of their headers; and what tests expect. */
 final class TestSegment {
-    // Offsets in a channel header.
-    static final int QTYPE = 32;
-    static final int QBSZ = 4;
-    static final int PIDP = 100;
-    static final int PIDG = 128;
-    static final int WWAIT = 148;
-    static final int RWAIT = 152;
-    static final int LASTOUT = 214668;
-    // Counter records in a channel header, and words of a record.
-    static final int PCNT = 156;
-    static final int GCNT = 208;
-    static final int FPCNT = 416;
-    static final int FGCNT = 468;
-    static final int TCNT = 520;
-    static final int RECORD = 52;
-    static final int ECOUNT = 8;
-    // The segment header.
-    static final int SEGMENT = -1;
-    static final int NOW = 8;
+    // Offsets in a channel header, and what stands there.
+    static final int QBSZ = 4, RPOS = 44, WPOS = 48, WTIME = 60, RTIME = 64, FWTIME = 68;
+    static final int PIDP = 100, PIDG = 128, PIDPF = 132, PIDGF = 136, WWAIT = 148, RWAIT = 152;
+    static final int PCNT = 156, GCNT = 208, FPCNT = 416, FGCNT = 468, TCNT = 520; // counters
+    static final int READERS = 213512, WRITERS = 214072, LASTOUT = 214668; // records of clients
+    // Bytes of a counter's and of a client's record, and offsets in them.
+    static final int RECORD = 52, ECOUNT = 8, INTERVAL = 16, START = 20, RATIO = 24, NAME = 28;
+    static final int CLIENT = 56, CLIENT_TIME = 24;
+    // What stands for the segment's header in place of a channel, and an offset there.
+    static final int SEGMENT = -1, NOW = 8;
 
-    static final int SLOTS = 4;
-    static final int SLOT_SIZE = 64;
-    static final int LONGEST = SLOT_SIZE - 16;
-    static final int CHANNELS = 110;
+    static final int CHANNELS = 112, SLOTS = 4, SLOT_SIZE = 64, LONGEST = SLOT_SIZE - 16;
+    static final String KEY = System.getProperty("halvo.test.key");
 
     private static final Map<Character, Integer> USED = new HashMap<>();
 
-    static {
-        assertEquals(0, IPCFunctions.initialize(System.getProperty("halvo.test.key")));
-        IPCFunctions.monitorTimeout(); // a clock that runs
-    }
-
     private TestSegment() {}
 
-    /** Attaches; so does every other method here. */
-    static void attach() {}
+    static void attach() {
+        if (IPCFunctions.initialized() == 0) {
+            assertEquals(0, IPCFunctions.initialize(KEY));
+            IPCFunctions.monitorTimeout(); // a clock that runs
+        }
+    }
 
     /** A channel that no test has used yet: of type 'M' or 'F', with 4 slots of 64 bytes. */
     static int fresh(char type) {
+        attach();
         int next = USED.merge(type, 1, Integer::sum) - 1;
         return named(type + String.format("%02d", next));
     }
@@ -57,10 +47,6 @@ final class TestSegment {
         int channel = IPCFunctions.channelByName(name);
         assertTrue("no channel " + name, channel >= 0);
         return channel;
-    }
-
-    static int reader() {
-        return open(fresh('M'), false);
     }
 
     static int writer() {
@@ -78,15 +64,29 @@ final class TestSegment {
     }
 
     static byte[] bytes(String text) {
-        byte[] bytes = new byte[text.length()];
-        for (int i = 0; i < bytes.length; i++) {
-            bytes[i] = (byte) text.charAt(i);
-        }
-        return bytes;
+        return text.getBytes(StandardCharsets.ISO_8859_1);
     }
 
     static int write(int channel, String text) throws InterruptedException {
         return IPCFunctions.write(channel, 1, bytes(text), 0, text.length(), -1);
+    }
+
+    /** Writes messages, for which there is room. */
+    static void put(int channel, String... texts) throws InterruptedException {
+        for (String text : texts) {
+            assertEquals(0, write(channel, text));
+        }
+    }
+
+    static void fill(int channel) throws InterruptedException {
+        put(channel, "x", "x", "x", "x");
+    }
+
+    /** The next messages, or their codes in brackets. */
+    static void takes(int channel, String... texts) {
+        for (String text : texts) {
+            assertEquals(text, read(channel));
+        }
     }
 
     /** The body of the next message, or the code in brackets. */
@@ -97,41 +97,37 @@ final class TestSegment {
     }
 
     static String text(byte[] bytes, int length) {
-        StringBuilder text = new StringBuilder();
-        for (int i = 0; i < length; i++) {
-            text.append((char) (bytes[i] & 0xff));
-        }
-        return text.toString();
+        return text(bytes, 0, length);
+    }
+
+    static String text(byte[] bytes, int offset, int length) {
+        return new String(bytes, offset, length, StandardCharsets.ISO_8859_1);
     }
 
     static ByteBuffer wrap(byte[] bytes) {
         return ByteBuffer.wrap(bytes).order(ByteOrder.LITTLE_ENDIAN);
     }
 
-    private static ByteBuffer field(int channel, int offset) {
-        byte[] bytes = new byte[8];
+    static byte[] bytesAt(int channel, int offset, int length) {
+        byte[] bytes = new byte[length];
         TestNatives.peek(channel, offset, bytes);
-        return wrap(bytes);
+        return bytes;
     }
 
     static int intAt(int channel, int offset) {
-        return field(channel, offset).getInt();
+        return wrap(bytesAt(channel, offset, 4)).getInt();
     }
 
     static void putIntAt(int channel, int offset, int value) {
-        byte[] bytes = new byte[4];
-        wrap(bytes).putInt(value);
-        TestNatives.poke(channel, offset, bytes);
+        TestNatives.poke(channel, offset, wrap(new byte[4]).putInt(value).array());
     }
 
     static long longAt(int channel, int offset) {
-        return field(channel, offset).getLong();
+        return wrap(bytesAt(channel, offset, 8)).getLong();
     }
 
     static void putLongAt(int channel, int offset, long value) {
-        byte[] bytes = new byte[8];
-        wrap(bytes).putLong(value);
-        TestNatives.poke(channel, offset, bytes);
+        TestNatives.poke(channel, offset, wrap(new byte[8]).putLong(value).array());
     }
 
     /** Waits until a word of a channel's header has a value. */
@@ -139,6 +135,37 @@ final class TestSegment {
         for (int i = 0; intAt(channel, offset) != value; i++) {
             assertTrue("field " + offset + " never became " + value, i < 10000);
             Thread.sleep(1);
+        }
+    }
+
+    // ---- What several calls are expected to do alike
+
+    /** Natives that all answer the same. */
+    static void all(long expected, long... answers) {
+        for (int i = 0; i < answers.length; i++) {
+            assertEquals("answer " + (i + 1), expected, answers[i]);
+        }
+    }
+
+    static void raises(Class<? extends Throwable> type, ThrowingRunnable... calls) {
+        for (ThrowingRunnable call : calls) {
+            assertThrows(type, call);
+        }
+    }
+
+    /** The call raises a HalvoException with that code, whose text has that part. */
+    static void refused(int code, String part, ThrowingRunnable call) {
+        HalvoException refusal = assertThrows(HalvoException.class, call);
+        String text = refusal.getMessage();
+        assertEquals(text, code, refusal.code());
+        assertTrue(text, text.contains(part) && text.contains(refusal.codeName()));
+        assertEquals(text, code == IPCFunctions.ESMS_TIMEOUT, refusal.isTimeout());
+        assertEquals(HalvoException.nameOf(code), refusal.codeName());
+    }
+
+    static void refused(int code, ThrowingRunnable... calls) {
+        for (ThrowingRunnable call : calls) {
+            refused(code, "", call);
         }
     }
 }

@@ -1,73 +1,111 @@
 package com.morvesk.halvo.ipc;
 
-import static com.morvesk.halvo.ipc.IPCFunctions.ESMS_INVAL;
-import static com.morvesk.halvo.ipc.IPCFunctions.ESMS_MTXLOCK;
-import static com.morvesk.halvo.ipc.IPCFunctions.ESMS_NOINIT;
-import static com.morvesk.halvo.ipc.IPCFunctions.ESMS_SHMOP;
-import static org.junit.Assert.assertEquals;
-import static org.junit.Assert.assertThrows;
-import static org.junit.Assert.assertTrue;
+import static com.morvesk.halvo.ipc.IPCFunctions.*;
+import static com.morvesk.halvo.ipc.LiveStatTest.*;
+import static com.morvesk.halvo.ipc.TestSegment.*;
+import static org.junit.Assert.*;
 
+import java.lang.reflect.Field;
+import java.net.URL;
+import java.net.URLClassLoader;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.Paths;
+import java.time.Duration;
 import org.junit.FixMethodOrder;
 import org.junit.Test;
 import org.junit.runners.MethodSorters;
 
-/** A VM that is attached to nothing. Its last test leaves the library in a state of its own. */
+/** A VM that is attached to nothing, whose classes and library fit together. The test c_ leaves the
+ * library in a state of its own. */
 @FixMethodOrder(MethodSorters.NAME_ASCENDING)
 public class UnattachedTest {
     private static void nothingIsThere() throws Exception {
-        assertEquals(-1, IPCFunctions.channelByName("M00"));
-        assertEquals(ESMS_INVAL, IPCFunctions.openChannel("test", 0, true, 0));
-        assertEquals(ESMS_NOINIT, IPCFunctions.closeChannel(0, true));
-        assertEquals(ESMS_INVAL, IPCFunctions.read(0, new byte[8], 0, 8, 0, false));
-        assertEquals(ESMS_INVAL, IPCFunctions.write(0, 1, new byte[8], 0, 8, 0));
-        assertEquals(ESMS_INVAL, IPCFunctions.getCount(0));
-        assertEquals(ESMS_NOINIT, IPCFunctions.saveSnapshot("/tmp/never-made"));
-        assertEquals(0, IPCFunctions.monitorTimeout());
-
-        assertEquals(ESMS_NOINIT, LiveStat.setBytes(0, 0, 0, null, 0, 0));
-        byte[] buffer = new byte[1];
-        assertEquals(ESMS_NOINIT, LiveStat.getBytes(0, LiveStat.IID_GETB_QMAP, 0, buffer, 0, 1));
+        byte[] buffer = new byte[8];
+        all(-1, channelByName("M00"));
+        all(ESMS_INVAL, openChannel("test", 0, true, 0), read(0, buffer, 0, 8, 0, false),
+                IPCFunctions.write(0, 1, buffer, 0, 8, 0), getCount(0));
+        all(ESMS_NOINIT, closeChannel(0, true), saveSnapshot("/tmp/never-made"),
+                LiveStat.setBytes(0, 0, 0, null, 0, 0),
+                LiveStat.getBytes(0, LiveStat.IID_GETB_QMAP, 0, buffer, 0, 1));
+        assertEquals(0, monitorTimeout());
         assertEquals(4096, LiveStat.getInt(0, LiveStat.IID_GETI_TMAX, 0));
-        LiveStatTest.refused("공유메모리 초기화 오류.",
-                () -> LiveStat.getInt(0, LiveStat.IID_GETI_QCOUNT, 0));
-        LiveStatTest.refused("공유메모리 초기화 오류.",
+        raised(NOT_ATTACHED, () -> LiveStat.getInt(0, LiveStat.IID_GETI_QCOUNT, 0),
                 () -> LiveStat.getLong(0, LiveStat.IID_GETL_ECOUNT));
-        LiveStatTest.refused("공유메모리 초기화 실패.",
-                () -> LiveStat.getInt(-1, LiveStat.IID_GETI_TRATIO, 1));
-        LiveStatTest.refused("공유메모리 초기화 실패.",
-                () -> LiveStat.getString(-1, LiveStat.IID_GETS_TNAME, 1));
-        LiveStatTest.refused("공유메모리 초기화 실패.",
+        raised(ATTACH_FAILED, () -> LiveStat.getInt(-1, LiveStat.IID_GETI_TRATIO, 1),
+                () -> LiveStat.getString(-1, LiveStat.IID_GETS_TNAME, 1),
                 () -> LiveStat.getString(-1, LiveStat.IID_GETS_QNAME, 0));
-        LiveStatTest.refused("채널 획득 실패.",
-                () -> LiveStat.setString(-1, LiveStat.IID_SETS_TNAME, 1, "x"));
+        raised(NO_CHANNEL, () -> LiveStat.setString(-1, LiveStat.IID_SETS_TNAME, 1, "x"));
         assertEquals("{\"smsqm\":[ qm0 is null",
                 LiveStat.getString(0, LiveStat.IID_GETS_SMSQM, 0));
     }
 
-    @Test
-    public void a_beforeTheAttachNativesAnswerAndDoNothing() throws Exception {
-        assertEquals(0, IPCFunctions.initialized());
+    @Test public void a_beforeTheAttachNativesAnswerAndDoNothing() throws Exception {
+        assertEquals(0, initialized());
         nothingIsThere();
-        assertThrows(HalvoException.class,
-                () -> Channel.openReader("test", "M00", java.time.Duration.ZERO));
+        refused(ESMS_INVAL, () -> Channel.openReader("test", "M00", Duration.ZERO));
     }
 
-    @Test
-    public void b_aNullKeyFileStartsNothing() {
-        assertEquals(-1, IPCFunctions.initialize(null));
-        assertEquals(0, IPCFunctions.initialized());
-        assertThrows(NullPointerException.class, () -> Channel.attach(null));
+    @Test public void b_aNullKeyFileStartsNothing() {
+        assertEquals(-1, initialize(null));
+        assertEquals(0, initialized());
+        raises(NullPointerException.class, () -> Channel.attach(null));
     }
 
-    @Test
-    public void c_aFailedAttachIsNoAttachmentAndCannotBeRepeated() throws Exception {
-        assertEquals(ESMS_SHMOP, IPCFunctions.initialize("/nonexistent/key"));
-        assertEquals(1, IPCFunctions.initialized());
-        assertEquals(ESMS_MTXLOCK, IPCFunctions.initialize(System.getProperty("halvo.test.key")));
+    @Test public void c_aFailedAttachIsNoAttachmentAndCannotBeRepeated() throws Exception {
+        assertEquals(ESMS_SHMOP, initialize("/nonexistent/key"));
+        assertEquals(1, initialized());
+        assertEquals(ESMS_MTXLOCK, initialize(KEY));
         nothingIsThere();
-        String text = assertThrows(HalvoException.class,
-                () -> Channel.attach(System.getProperty("halvo.test.key"))).getMessage();
-        assertTrue(text, text.contains("an attach by the natives has failed before"));
+        refused(ESMS_MTXLOCK, "an attach by the natives has failed before",
+                () -> Channel.attach(KEY));
+    }
+
+    // ---- The classes and the library
+
+    @Test public void constantsHaveTheValuesOfTheLibrary() throws Exception {
+        for (Field item : LiveStat.class.getFields()) {
+            assertEquals(TestNatives.variable(item.getName()), item.getInt(null));
+        }
+        for (Field code : IPCFunctions.class.getFields()) {
+            assertEquals(TestNatives.resultCode(code.getName()), code.getInt(null));
+            assertEquals(code.getName(), HalvoException.nameOf(code.getInt(null)));
+        }
+        assertEquals(26, LiveStat.class.getFields().length);
+        assertEquals(18, IPCFunctions.class.getFields().length);
+        assertEquals("unknown code", HalvoException.nameOf(-18));
+        assertEquals("unknown code", HalvoException.nameOf(1));
+    }
+
+    private static void loadFails(String library, String... parts) throws Exception {
+        String kept = System.getProperty("halvoipc.library");
+        URL jar = IPCFunctions.class.getProtectionDomain().getCodeSource().getLocation();
+        System.clearProperty("halvoipc.library");
+        if (library != null) {
+            System.setProperty("halvoipc.library", library);
+        }
+        try (URLClassLoader loader = new URLClassLoader(new URL[] {jar}, null)) {
+            String text = assertThrows(UnsatisfiedLinkError.class,
+                    () -> Class.forName(LiveStat.class.getName(), true, loader)).getMessage();
+            for (String part : parts) {
+                assertTrue(text, text.contains(part));
+            }
+        } finally {
+            System.setProperty("halvoipc.library", kept);
+        }
+    }
+
+    @Test public void aLibraryThatIsNotFoundOrHasTheOtherWidthSaysWhatToDo() throws Exception {
+        loadFails("/nowhere/libhalvoipc.so", "named by the property halvoipc.library",
+                "/nowhere/libhalvoipc.so");
+        loadFails(null, "no halvoipc in java.library.path",
+                "-Dhalvoipc.library=<full path of libhalvoipc.so>",
+                "-Djava.library.path=<its directory>");
+        byte[] library = Files.readAllBytes(Paths.get(System.getProperty("halvoipc.library")));
+        library[4] = (byte) (3 - library[4]); // the ELF class: 1 is of 32 bits, 2 of 64
+        Path other = Paths.get(System.getProperty("halvo.test.dir"), "libother.so");
+        Files.write(other, library);
+        loadFails(other.toString(), "The library has the other word size: this VM is of "
+                + System.getProperty("sun.arch.data.model") + " bits");
     }
 }

@@ -1,260 +1,190 @@
 package com.morvesk.halvo.ipc;
 
 import static com.morvesk.halvo.ipc.TestSegment.*;
-import static org.junit.Assert.assertEquals;
-import static org.junit.Assert.assertTrue;
+import static org.junit.Assert.*;
 
-import java.time.Duration;
+import java.util.Arrays;
 import java.util.Random;
 import java.util.concurrent.Callable;
-import java.util.concurrent.FutureTask;
 import java.util.concurrent.TimeUnit;
-import java.util.concurrent.atomic.AtomicBoolean;
-import org.junit.After;
 import org.junit.Assume;
-import org.junit.Before;
 import org.junit.Test;
 
-/** Waits of the companion classes that other threads and signals end, or do not. */
-public class WaitsTest {
-    private static final Duration LONG = Duration.ofSeconds(30);
-    private static final Duration SHORT = Duration.ofMillis(200);
-    private static final byte[] X = {'x'};
-    private Channel in;
-    private Channel out;
-
-    @Before
-    public void open() throws Exception {
-        attach();
-        Channel.attach(System.getProperty("halvo.test.key"));
-        String name = LiveStat.getString(fresh('M'), LiveStat.IID_GETS_QNAME, 0);
-        in = Channel.openReader("test", name, SHORT);
-        out = Channel.openWriter("test", name, SHORT);
+/** Waits that threads, processes and signals end, or do not; most of the companion classes. */
+public class WaitsTest extends TwoEnds {
+    private InThread reading() throws Exception {
+        return InThread.waiting(number, RWAIT, () -> in.read(LONG).body().length);
     }
 
-    @After
-    public void close() throws Exception {
-        in.close();
-        out.close();
-        TimeoutMonitor.stop();
-    }
-
-    /** A call in a thread; what it threw is its result. */
-    private static final class Call extends Thread {
-        private final Callable<?> call;
-        volatile long pthread;
-        volatile Object result;
-
-        Call(Callable<?> call) {
-            this.call = call;
-            setDaemon(true);
-            start();
-        }
-
-        @Override
-        public void run() {
-            pthread = TestNatives.thisThread();
-            try {
-                result = String.valueOf(call.call());
-            } catch (Throwable e) {
-                result = e;
-            }
-        }
-
-        Object result() throws Exception {
-            join(20000);
-            return result;
-        }
-    }
-
-    private void fill() throws Exception {
-        while (out.tryWrite(1, X)) {
-            continue;
-        }
-    }
-
-    private Call reading() throws Exception {
-        Call call = new Call(() -> in.read(LONG).body().length);
-        await(in.number(), RWAIT, 1);
-        return call;
-    }
-
-    private Call writing() throws Exception {
+    private InThread writing() throws Exception {
         fill();
-        Call call = new Call(() -> {
-            out.write(1, X, LONG);
-            return "written";
-        });
-        await(out.number(), WWAIT, 1);
+        InThread call = InThread.call(() -> out.write(1, X, LONG));
+        await(number, WWAIT, 1);
         return call;
     }
 
     /** A loaded machine may be late now and then; the fastest of five is not. */
-    private static void endsAtOnce(Callable<?> wait) throws Exception {
-        long fastest = Long.MAX_VALUE;
-        for (int i = 0; i < 5; i++) {
-            Call call = new Call(wait);
-            Thread.sleep(30);
-            long start = System.nanoTime();
-            call.interrupt();
-            Object result = call.result();
-            fastest = Math.min(fastest, System.nanoTime() - start);
-            assertEquals(InterruptedException.class, result.getClass());
+    private static void endsAtOnce(InThread.Work... waits) throws Exception {
+        for (InThread.Work wait : waits) {
+            long fastest = Long.MAX_VALUE;
+            for (int i = 0; i < 5; i++) {
+                InThread call = InThread.call(wait);
+                Thread.sleep(10);
+                long start = System.nanoTime();
+                call.interrupt();
+                Throwable failure = call.failure();
+                fastest = Math.min(fastest, System.nanoTime() - start);
+                assertEquals(InterruptedException.class, failure.getClass());
+            }
+            assertTrue(fastest + " ns", fastest < 100_000_000L);
         }
-        assertTrue(fastest + " ns", fastest < 100_000_000L);
     }
 
-    @Test
-    public void anInterruptEndsEachWait() throws Exception {
-        String name = in.name();
-        endsAtOnce(() -> in.read(LONG));
-        endsAtOnce(() -> in.mark(9, LONG));
-        endsAtOnce(() -> in.read(new byte[9], 0, 9, LONG));
-        endsAtOnce(() -> Channel.openReader("second", name, LONG));
-        endsAtOnce(() -> Channel.openWriter("second", name, LONG));
-        Call holder = reading();
+    @Test public void anInterruptEndsEachWait() throws Exception {
+        endsAtOnce(() -> in.read(LONG), () -> in.mark(9, LONG),
+                () -> in.read(new byte[9], 0, 9, LONG),
+                () -> Channel.openReader("second", name, LONG),
+                () -> Channel.openWriter("second", name, LONG));
+        InThread holder = reading();
         endsAtOnce(() -> in.read(LONG)); // that waits for its turn
         holder.interrupt();
-        holder.result();
+        holder.failure();
         fill();
-        endsAtOnce(() -> {
-            out.write(1, X, LONG);
-            return 0;
-        });
         Batch batch = out.batch();
         batch.write(1, X);
-        endsAtOnce(() -> {
-            batch.commit(LONG);
-            return 0;
-        });
-        assertEquals("nothing was written", SLOTS, IPCFunctions.getCount(out.number()));
+        endsAtOnce(() -> out.write(1, X, LONG), () -> batch.commit(LONG));
+        assertEquals("nothing was written", SLOTS, IPCFunctions.getCount(number));
     }
 
-    @Test
-    public void aSignalEndsNoWait() throws Exception {
-        Call reader = reading();
+    private static void waitsOnBesideSignals(InThread call) throws Exception {
         for (int i = 0; i < 20; i++) {
-            TestNatives.interrupt(reader.pthread);
+            call.signal();
             Thread.sleep(2);
         }
-        assertEquals(null, reader.result);
-        out.write(1, X, SHORT);
-        assertEquals("1", reader.result());
-        Call writer = writing();
-        for (int i = 0; i < 20; i++) {
-            TestNatives.interrupt(writer.pthread);
-            Thread.sleep(2);
-        }
-        assertEquals(null, writer.result);
+        assertFalse(call.isDone());
+    }
+
+    @Test public void aSignalEndsNoWait() throws Exception {
+        InThread reader = reading();
+        waitsOnBesideSignals(reader);
+        send("x");
+        assertEquals(1, reader.result());
+        InThread writer = writing();
+        waitsOnBesideSignals(writer);
         in.read(SHORT);
-        assertEquals("written", writer.result());
+        writer.result();
     }
 
-    @Test
-    public void timeIsKeptBesideSignals() throws Exception {
-        Call reader = new Call(() -> in.poll(SHORT));
+    @Test public void timeIsKeptBesideSignals() throws Exception {
         long start = System.nanoTime();
-        while (reader.isAlive()) {
-            if (reader.pthread != 0) {
-                TestNatives.interrupt(reader.pthread);
-            }
+        InThread reader = InThread.waiting(number, RWAIT, () -> in.poll(SHORT.multipliedBy(2)));
+        while (!reader.isDone()) {
+            reader.signal();
             Thread.sleep(10);
             assertTrue(System.nanoTime() - start < 15_000_000_000L);
         }
-        assertEquals("null", reader.result());
+        assertNull(reader.result());
         assertTrue(System.nanoTime() - start >= 190_000_000L);
     }
 
-    @Test
-    public void aCloseEndsTheWaitsOfOthers() throws Exception {
-        Call reader = reading();
-        Call behind = new Call(() -> in.read(LONG));
+    @Test public void aCloseEndsTheWaitsOfOthers() throws Exception {
+        InThread reader = reading();
+        InThread behind = InThread.call(() -> in.read(LONG));
         Thread.sleep(20);
         in.close();
-        assertEquals(ChannelClosedException.class, reader.result().getClass());
-        assertEquals(ChannelClosedException.class, behind.result().getClass());
-        Call writer = writing();
+        assertEquals(ChannelClosedException.class, reader.failure().getClass());
+        assertEquals(ChannelClosedException.class, behind.failure().getClass());
+        InThread writer = writing();
         out.close();
-        assertEquals(ChannelClosedException.class, writer.result().getClass());
+        assertEquals(ChannelClosedException.class, writer.failure().getClass());
+    }
+
+    /** A call that was interrupted has done nothing: it is made again until it is not. */
+    private static <T> T untilDone(Callable<T> call) throws Exception {
+        while (true) {
+            try {
+                return call.call();
+            } catch (InterruptedException e) {
+                continue;
+            }
+        }
     }
 
     /** Interrupts at any moment: each message comes once, in order, on both sides. */
-    @Test
-    public void interruptsNeitherLoseNorDouble() throws Exception {
+    @Test public void interruptsNeitherLoseNorDouble() throws Exception {
         int count = 4000;
-        AtomicBoolean done = new AtomicBoolean();
-        Call writer = new Call(() -> {
-            byte[] body = new byte[4];
+        InThread writer = InThread.call(() -> {
             for (int i = 0; i < count; i++) {
-                wrap(body).putInt(i);
-                while (true) {
-                    try {
-                        out.write(1, body, LONG);
-                        break;
-                    } catch (InterruptedException e) {
-                        continue; // nothing was written
-                    }
-                }
+                byte[] body = wrap(new byte[4]).putInt(i).array();
+                untilDone(() -> {
+                    out.write(1, body, LONG);
+                    return null;
+                });
             }
-            return "all";
         });
-        Call reader = new Call(() -> {
-            for (int i = 0; i < count;) {
-                try {
-                    Channel.Message message = in.read(LONG);
-                    assertEquals(i++, wrap(message.body()).getInt());
-                } catch (InterruptedException e) {
-                    continue; // nothing was read
-                }
+        InThread reader = InThread.call(() -> {
+            for (int i = 0; i < count; i++) {
+                assertEquals(i, wrap(untilDone(() -> in.read(LONG)).body()).getInt());
                 if (i % 64 == 0) {
                     Thread.yield();
                 }
             }
-            done.set(true);
-            return "all";
         });
         Random random = new Random();
-        for (int i = 0; !done.get() && reader.isAlive(); i++) {
+        for (int i = 0; !reader.isDone(); i++) {
             (i % 2 == 0 ? reader : writer).interrupt();
             TimeUnit.NANOSECONDS.sleep(random.nextInt(200_000));
         }
-        assertEquals("all", reader.result());
-        assertEquals("all", writer.result());
+        reader.result();
+        writer.result();
     }
 
     /** With one carrier, where whoever waits on it keeps all others from running. */
-    @Test
-    public void virtualThreadsDoNotHoldTheirCarrier() throws Exception {
-        java.lang.reflect.Method start;
-        try {
-            start = Thread.class.getMethod("startVirtualThread", Runnable.class);
-        } catch (NoSuchMethodException e) {
-            Assume.assumeTrue("no virtual threads in this VM", false);
-            return;
+    @Test public void virtualThreadsDoNotHoldTheirCarrier() throws Exception {
+        Assume.assumeTrue("no virtual threads in this VM",
+                Double.parseDouble(System.getProperty("java.specification.version")) >= 21);
+        InThread reader = InThread.call(() -> receive("x"), true);
+        InThread writer = InThread.call(() -> {
+            await(number, RWAIT, 1);
+            send("x");
+        }, true);
+        reader.result();
+        writer.result();
+        InThread waiting = InThread.call(() -> receive("x"), true);
+        await(number, RWAIT, 1);
+        waiting.interrupt();
+        assertEquals(InterruptedException.class, waiting.failure().getClass());
+    }
+
+    // ---- To a process in C and back: whoever started this VM has forked it
+
+    private static byte[] message(int i) {
+        byte[] body = new byte[5 + i % (LONGEST - 4)];
+        wrap(body).putInt(i);
+        for (int at = 4; at < body.length; at++) {
+            body[at] = (byte) (i * 31 + at);
         }
-        FutureTask<Integer> reader = new FutureTask<>(() -> in.read(LONG).body().length);
-        FutureTask<Object> writer = new FutureTask<>(() -> {
-            await(in.number(), RWAIT, 1);
-            out.write(1, X, LONG);
-            return 0;
-        });
-        start.invoke(null, reader);
-        start.invoke(null, writer);
-        assertEquals(1, (int) reader.get(20, TimeUnit.SECONDS));
-        writer.get(20, TimeUnit.SECONDS);
-        AtomicBoolean interrupted = new AtomicBoolean();
-        Thread waiting = (Thread) start.invoke(null, (Runnable) () -> {
-            try {
-                in.read(LONG);
-            } catch (InterruptedException e) {
-                interrupted.set(true);
-            } catch (HalvoException e) {
-                throw new AssertionError(e);
+        return body;
+    }
+
+    /** Through rings that are mostly full or mostly empty, so that both sides block. */
+    @Test public void tensOfThousandsGoThroughAProcessInC() throws Exception {
+        int count = 20000;
+        int there = TestSegment.open(named("toC"), true);
+        int back = TestSegment.open(named("fromC"), false);
+        InThread writer = InThread.call(() -> {
+            for (int i = 0; i < count; i++) {
+                byte[] body = message(i);
+                assertEquals(0, IPCFunctions.write(there, 1, body, 0, body.length, 30000));
             }
         });
-        await(in.number(), RWAIT, 1);
-        waiting.interrupt();
-        waiting.join(20000);
-        assertTrue("the interrupt ended the wait", interrupted.get());
+        byte[] body = new byte[SLOT_SIZE];
+        for (int i = 0; i < count; i++) {
+            int length = IPCFunctions.read(back, body, 0, body.length, 30000, false);
+            assertArrayEquals("message " + i, message(i), Arrays.copyOf(body, length));
+        }
+        writer.result();
+        assertEquals(count, IPCFunctions.gcount(there));
+        assertEquals(count, IPCFunctions.pcount(back));
     }
 }
