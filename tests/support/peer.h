@@ -41,7 +41,7 @@ public:
 
     void send() const {
         const uint64_t one = 1;
-        if (write(fd_.get(), &one, sizeof one) != sizeof one) std::perror("Signal::send");
+        if (::write(fd_.get(), &one, sizeof one) != sizeof one) std::perror("Signal::send");
     }
 
     // False when nothing was sent within the limit.
@@ -51,7 +51,7 @@ public:
         do ready = poll(&entry, 1, milliseconds);
         while (ready < 0 && errno == EINTR);
         uint64_t one = 0;
-        return ready == 1 && read(fd_.get(), &one, sizeof one) == sizeof one;
+        return ready == 1 && ::read(fd_.get(), &one, sizeof one) == sizeof one;
     }
 
 private:

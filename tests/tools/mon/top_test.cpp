@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "tests/print/scenario.h"
+#include "tests/support/ring.h"
 #include "tests/support/terminal.h"
 #include "tools/mon/details.h"
 #include "tools/mon/terminal.h"
@@ -81,43 +82,31 @@ TEST(TopRows, texts_keep_to_their_cells) {
     EXPECT_EQ(field("a\xff\n\x1b", 5, false), L"a??? ");
 }
 
-namespace {
-
-class OnScreen : public testing::Test {
-protected:
-    Segment segment = SegmentBuilder()
-                          .channel("MT01", 'M', 4, 64)
-                          .channel("한국", 'M', 4, 64)
-                          .channel("FQ01", 'F', 4, 64)
-                          .build();
-    static void put(halvo_channel *q, const std::string &text) {
-        ASSERT_EQ(q_write(q, 1, text.data(), static_cast<uint32_t>(text.size())), ESMS_OK);
-    }
-    void SetUp() override {
-        if (!halvo::test::Terminal::available()) GTEST_SKIP() << "needs tmux";
-        segment.attach();
-        put(segment.open("한국", 'w'), "wait\ning");
-    }
-};
-
-} // namespace
-
-TEST_F(OnScreen, shows_sorts_filters_and_follows_the_segment) {
+TEST(OnScreen, shows_sorts_filters_and_follows_the_segment) {
+    if (!halvo::test::Terminal::available()) GTEST_SKIP() << "needs tmux";
+    const Segment segment = SegmentBuilder()
+                                .channel("MT01", 'M', 4, 64)
+                                .channel("한국", 'M', 4, 64)
+                                .channel("FQ01", 'F', 4, 64)
+                                .build();
+    segment.attach();
+    halvo_channel *q = segment.open("한국", 'w');
+    ASSERT_EQ(write(q, "wait\ning"), ESMS_OK);
     const halvo::test::Terminal terminal(segment.path(""), 80, 24);
-    terminal.type(HALVO_MON " top --every 0.2 --utf8 -k " + segment.key_file() +
-                  "; echo status $?");
-    terminal.press("Enter");
+    const auto row = [&] { return lines(terminal.screen())[4]; };
+    terminal.run(HALVO_BIN "/halvo-mon top --every 0.2 --utf8 -k " + segment.key_file() +
+                 "; echo status $?");
     ASSERT_TRUE(terminal.wait_for("3 channels  depth 1 "));
-    EXPECT_EQ(lines(terminal.screen())[4].find(utf8("no reader 한국 ")), 0u) << terminal.screen();
-    EXPECT_NE(terminal.screen().find(std::to_string(getpid()) + "*"), std::string::npos);
-    put(segment.channel("한국"), "more");
+    EXPECT_EQ(row().find(utf8("no reader 한국 ")), 0u) << terminal.screen();
+    EXPECT_TRUE(terminal.shows(std::to_string(getpid()) + "*"));
+    ASSERT_EQ(write(q, "more"), ESMS_OK);
     EXPECT_TRUE(terminal.wait_for("3 channels  depth 2 "));
 
     terminal.resize(200, 50);
     EXPECT_TRUE(terminal.wait_for("W-NAME"));
     terminal.press("Right"); // by name
     EXPECT_TRUE(terminal.wait_for("sorted by CHANNEL"));
-    EXPECT_NE(lines(terminal.screen())[4].find("FQ01"), std::string::npos);
+    EXPECT_NE(row().find("FQ01"), std::string::npos);
     terminal.type("/" + utf8("국"));
     EXPECT_TRUE(terminal.wait_for("1 shown"));
     terminal.press("Enter");

@@ -58,24 +58,23 @@ TEST(ServedHistory, keeps_a_quarter_of_an_hour_and_gives_what_is_new) {
 }
 
 TEST(ServedDocuments, are_json_whatever_names_hold_and_rank_what_is_wrong) {
-    struct Case {
-        Trouble trouble;
-        const char *state, *level;
-    };
-    for (const Case &each :
-         {Case{Trouble::none, "waiting", "ok"}, Case{Trouble::throttled, "throttled", "warn"},
-          Case{Trouble::old, "old", "warn"}, Case{Trouble::stalled, "stalled", "bad"},
-          Case{Trouble::full, "full", "bad"}}) {
+    for (const auto &[trouble, state, level] :
+         std::vector<std::tuple<Trouble, const char *, const char *>>{
+             {Trouble::none, "waiting", "ok"},
+             {Trouble::throttled, "throttled", "warn"},
+             {Trouble::old, "old", "warn"},
+             {Trouble::stalled, "stalled", "bad"},
+             {Trouble::full, "full", "bad"}}) {
         Sample sample = sample_number(7);
         sample.channels[1].in_rate = sample.channels[1].out_rate = 0;
-        sample.channels[1].trouble = each.trouble;
+        sample.channels[1].trouble = trouble;
         sample.channels[0].name = "\xff<\n"; // no UTF-8 at all
         const json document = json::parse(channels_json({"key", 1, 2, 3}, sample));
         const json &channel = document["channels"][1];
-        EXPECT_EQ(channel["state"], each.state);
-        EXPECT_EQ(channel["level"], each.level);
-        EXPECT_EQ(channel["trouble"].size(), each.trouble == Trouble::none ? 0u : 1u);
-        EXPECT_EQ(document["totals"]["trouble"], each.trouble == Trouble::none ? 0 : 1);
+        EXPECT_EQ(channel["state"], state);
+        EXPECT_EQ(channel["level"], level);
+        EXPECT_EQ(channel["trouble"].size(), trouble == Trouble::none ? 0u : 1u);
+        EXPECT_EQ(document["totals"]["trouble"], trouble == Trouble::none ? 0 : 1);
         EXPECT_EQ(document["channels"][0]["name"], "\xEF\xBF\xBD<\n");
     }
 }

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "tests/print/scenario.h"
-#include "tests/support/fixed_clock.h"
+#include "tests/support/ipc.h"
 #include "tests/support/peer.h"
 #include "tests/support/ring.h"
 #include "tools/mon/tracker.h"
@@ -31,9 +31,9 @@ protected:
         return sample;
     }
     void chmod_segment(unsigned short mode) const {
-        const int id = shmget(ftok(segment.key_file().c_str(), 1), 0, 0);
+        const int id = segment_under(segment.key_file());
         shmid_ds state{};
-        ASSERT_EQ(shmctl(id, IPC_STAT, &state), 0);
+        shmctl(id, IPC_STAT, &state);
         state.shm_perm.mode = mode;
         ASSERT_EQ(shmctl(id, IPC_SET, &state), 0);
     }
@@ -79,7 +79,7 @@ TEST_F(Samples, tell_who_holds_an_end_and_whether_he_lives) {
 TEST_F(Samples, an_end_that_a_dead_process_kept_is_told) {
     Peer taker([&] { // as a program would that asks for no undo
         sembuf take{1, -1, 0};
-        return semop(semget(ftok(segment.key_file().c_str(), 202), 2, 0), &take, 1);
+        return semop(set_under(segment.key_file(), kWriteLocks), &take, 1);
     });
     EXPECT_EQ(taker.wait(), 0);
     const ChannelSample channel = look().channels[1];
@@ -153,36 +153,37 @@ TEST_F(Samples, a_view_follows_a_segment_that_is_made_anew) {
 TEST_F(Samples, rates_are_of_real_intervals_and_troubles_have_their_reasons) {
     segment.attach();
     halvo_channel *mt = segment.channel("MT01"), *file = segment.channel("한국");
-    const auto trouble = [&](double later, int channel = 0) {
-        return word_of(look(later).channels[static_cast<size_t>(channel)].trouble);
-    };
     // A burst of 50 every second is 50 a second, whenever one looks.
     look(0);
     for (int i = 1; i <= 4; ++i) {
         mt->gcnt.count = mt->pcnt.count = static_cast<uint64_t>(50 * i);
         EXPECT_NEAR(look(i).channels[0].out_rate, 50, 1);
     }
-    EXPECT_STREQ(trouble(5), "ok");
     ASSERT_NE(segment.open("MT01", 'r'), nullptr);
-    mt->pcnt.count += 3;
     mt->lastin = 0;
-    EXPECT_STREQ(trouble(10), "ok");
-    EXPECT_STREQ(trouble(21), "stalled");
-    mt->gcnt.count += 1; // it lives, but slowly
-    EXPECT_STREQ(trouble(30), "ok");
-    mt->gcnt.count += 1;
-    EXPECT_STREQ(trouble(71), "old");
-    EXPECT_EQ(look(71).channels[0].oldest, 61);
-    mt->gcnt.count += 1;
-    EXPECT_STREQ(trouble(72), "ok");
-    for (int i = 0; i < 6; ++i) {
-        mt->pcnt.count += 10;
-        mt->gcnt.count += 9;
-        EXPECT_STREQ(trouble(80 + 10 * i), "ok");
+    const struct {
+        double later;
+        uint64_t put, got; // since the line before
+        const char *trouble;
+    } course[] = {
+        {5, 0, 0, "ok"},    {10, 3, 0, "ok"},   {21, 0, 0, "stalled"},
+        {30, 0, 1, "ok"}, // it lives, but slowly
+        {71, 0, 1, "old"},  {72, 0, 1, "ok"},   {80, 10, 9, "ok"},
+        {90, 10, 9, "ok"},  {100, 10, 9, "ok"}, {110, 10, 9, "ok"},
+        {120, 10, 9, "ok"}, {130, 10, 9, "ok"}, {150, 2, 1, "growing"},
+    };
+    for (const auto &[later, put, got, trouble] : course) {
+        mt->pcnt.count += put;
+        mt->gcnt.count += got;
+        const ChannelSample now = look(later).channels[0];
+        EXPECT_STREQ(word_of(now.trouble), trouble) << later;
+        if (later == 71) {
+            EXPECT_EQ(now.oldest, 61);
+        }
     }
-    mt->pcnt.count += 2;
-    mt->gcnt.count += 1;
-    EXPECT_STREQ(trouble(150), "growing");
+    const auto trouble = [&](double later, int channel = 0) {
+        return word_of(look(later).channels[static_cast<size_t>(channel)].trouble);
+    };
     mt->gcnt.count = mt->pcnt.count;
     mt->throttled = 1;
     EXPECT_STREQ(trouble(151), "throttled");
