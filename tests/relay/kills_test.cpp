@@ -4,6 +4,7 @@
 
 #include "tests/relay/relay_fixture.h"
 #include "tests/stress/form.h"
+#include "tests/support/machine.h"
 
 using namespace halvo::test;
 
@@ -45,13 +46,13 @@ const char *const kIn = "from = \"amqp:mt01\"\nto = \"channel:MT01\"";
 TEST(RelayKills, nothing_is_lost_doubled_or_reordered) {
     if (!Broker::is_installed()) GTEST_SKIP() << "no broker here: dev/setup.sh relay installs it";
     const Kills kills{length(3, 20), length(1, 5)};
-    const int messages = length(60000, 300000);
+    const int messages = length(45000, 300000);
     Broker broker;
     Machine here(url_of(broker), HALVO_BIN), there(url_of(broker), kOther);
     here.route(kOut);
     there.route(kIn);
     here.declare();
-    NumberReader reader(there.segment(), messages, 30);
+    NumberReader reader(there.segment(), messages, messages);
     const auto writer = write_numbers(here.segment(), 1, messages);
     here.start();
     there.start();
@@ -80,7 +81,7 @@ TEST(RelayKills, a_cluster_that_loses_a_node_loses_no_message) {
     if (!Broker::is_installed()) GTEST_SKIP() << "no broker here: dev/setup.sh relay installs it";
     if (!is_long_form()) GTEST_SKIP() << "three nodes take memory and time: in make stress alone";
     constexpr int kMessages = 150000, kKilled = 2;
-    const std::string mapper = std::to_string(31000 + getpid() % 900);
+    const std::string mapper = std::to_string(free_port());
     std::vector<std::unique_ptr<Broker>> nodes(3);
     std::vector<std::thread> starts;
     for (size_t i = 0; i < nodes.size(); ++i)
@@ -100,7 +101,7 @@ TEST(RelayKills, a_cluster_that_loses_a_node_loses_no_message) {
     here.route(kOut);
     there.route(kIn);
     here.declare();
-    NumberReader reader(there.segment(), kMessages, 60);
+    NumberReader reader(there.segment(), kMessages, kMessages);
     const auto writer = write_numbers(here.segment(), 1, kMessages);
     const int64_t began = milliseconds_now();
     here.start();
