@@ -9,6 +9,7 @@
 #include "tests/support/files.h"
 #include "tests/support/machine.h"
 #include "tests/support/program.h"
+#include "tests/tools/mon/samples.h"
 #include "tools/frame/output.h"
 #include "tools/mon/replay.h"
 
@@ -27,21 +28,16 @@ protected:
 
     // Ten channels; the first grows by one a look and has no reader, the others stand still.
     static Sample sample_at(int look) {
-        Sample sample;
-        sample.time = kNow + look;
-        sample.up = true;
+        std::vector<std::pair<std::string, uint64_t>> channels{
+            {utf8("한국"), static_cast<uint64_t>(look)}};
+        for (int i = 1; i < 10; ++i) channels.emplace_back("C" + std::to_string(i), 1000);
+        Sample sample = sample_of(kNow + look, channels);
         sample.id = 7;
-        for (int i = 0; i < 10; ++i) {
-            ChannelSample channel;
-            channel.number = i;
-            channel.name = i == 0 ? utf8("한국") : "C" + std::to_string(i);
-            channel.type = 'M';
+        for (ChannelSample &channel : sample.channels) {
             channel.slots = 64;
-            channel.put = i == 0 ? static_cast<uint64_t>(look) : 1000;
-            channel.got = i == 0 ? 0 : 1000;
+            channel.got = channel.number == 0 ? 0 : 1000;
             channel.writer = {"a 'writer'", 4711, Held::yes, true, static_cast<int32_t>(kNow)};
             channel.reader.held = Held::no;
-            sample.channels.push_back(channel);
         }
         return sample;
     }

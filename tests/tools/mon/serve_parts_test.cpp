@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tests/tools/mon/samples.h"
 #include "tools/mon/api.h"
 #include "tools/mon/history.h"
 
@@ -13,14 +14,8 @@ namespace {
 
 // Two channels; the second one's depth is the number of the sample.
 Sample sample_number(uint64_t number) {
-    Sample sample;
-    sample.up = true;
-    sample.time = 1700000000 + static_cast<int64_t>(number);
-    sample.channels.resize(2);
-    for (int i : {0, 1}) sample.channels[static_cast<size_t>(i)].number = i;
-    sample.channels[0].name = "MT\"01\\";
-    sample.channels[1].name = "B";
-    sample.channels[1].put = number;
+    Sample sample = halvo::test::sample_of(1700000000 + static_cast<int64_t>(number),
+                                           {{"MT\"01\\", 0}, {"B", number}});
     sample.channels[1].in_rate = 0.26;
     sample.channels[1].out_rate = 1000;
     return sample;

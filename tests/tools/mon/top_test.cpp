@@ -2,8 +2,10 @@
 #include <cstring>
 
 #include "tests/print/scenario.h"
+#include "tests/support/ipc.h"
 #include "tests/support/ring.h"
 #include "tests/support/terminal.h"
+#include "tests/tools/mon/samples.h"
 #include "tools/mon/details.h"
 #include "tools/mon/terminal.h"
 #include "tools/mon/top_rows.h"
@@ -12,20 +14,6 @@ using namespace halvo::mon;
 using namespace halvo::test;
 
 namespace {
-
-Sample sample_of(std::vector<std::pair<const char *, int>> channels) {
-    Sample sample;
-    sample.up = true;
-    for (const auto &[name, depth] : channels) {
-        ChannelSample channel;
-        channel.number = static_cast<int>(sample.channels.size());
-        channel.name = name;
-        channel.type = channel.number % 2 ? 'F' : 'M';
-        channel.put = static_cast<uint64_t>(depth);
-        sample.channels.push_back(channel);
-    }
-    return sample;
-}
 
 std::string order(const Sample &sample, const Choice &choice) {
     std::string names;
@@ -36,7 +24,7 @@ std::string order(const Sample &sample, const Choice &choice) {
 } // namespace
 
 TEST(TopRows, are_sorted_and_filtered_as_chosen) {
-    Sample sample = sample_of({{"a", 1}, {"b", 3}, {"C", 2}, {"d", 3}});
+    Sample sample = sample_of(0, {{"a", 1}, {"b", 3}, {"C", 2}, {"d", 3}});
     sample.channels[2].trouble = Trouble::full;
     sample.channels[0].reader.name = "Billing";
     EXPECT_EQ(order(sample, {}), "Cbda"); // trouble, then depth
@@ -116,9 +104,7 @@ TEST(OnScreen, shows_sorts_filters_and_follows_the_segment) {
     terminal.press("Escape");
     EXPECT_TRUE(terminal.wait_for("MT01"));
 
-    halvo::qm::SegmentPlan plan;
-    plan.channels.push_back({"NEW1", 'M', 4, 64, 0});
-    halvo::qm::create(plan, segment.key_file(), true);
+    remake(segment.key_file(), {"NEW1"});
     EXPECT_TRUE(terminal.wait_for("NEW1"));
     halvo::qm::remove(segment.key_file());
     EXPECT_TRUE(terminal.wait_for("waiting for a segment"));
