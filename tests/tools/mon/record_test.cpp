@@ -8,7 +8,7 @@
 #include "tests/print/scenario.h"
 #include "tests/support/files.h"
 #include "tests/support/machine.h"
-#include "tests/support/program.h"
+#include "tests/support/terminal.h"
 #include "tests/tools/mon/samples.h"
 #include "tools/frame/output.h"
 #include "tools/mon/replay.h"
@@ -80,6 +80,23 @@ TEST_F(Records, show_the_same_whether_one_walks_or_jumps) {
         << story_of(walking);
     EXPECT_THROW(course_of(walking, "nobody"), halvo::tools::ToolError);
     EXPECT_EQ(lines(course_of(walking, "C3")).size(), 151u);
+}
+
+TEST_F(Records, are_walked_through_on_the_screen) {
+    if (!halvo::test::Terminal::available())
+        GTEST_SKIP() << "needs " << halvo::test::Terminal::program();
+    keep(130);
+    const halvo::test::Terminal terminal(directory.path(), 80, 24);
+    terminal.run("TZ=UTC0 " HALVO_BIN "/halvo-mon top --utf8 --at 02:02:00 --from " + file +
+                 "; echo status $?");
+    ASSERT_TRUE(terminal.wait_for("10 channels  depth 120 "));
+    for (const auto &[key, time] : std::vector<std::pair<const char *, const char *>>{
+             {"[", "02:01:59"}, {"{", "02:00:59"}, {"]", "02:01:00"}, {"}", "02:02:00"}}) {
+        terminal.type(key);
+        ASSERT_TRUE(terminal.wait_for(time));
+    }
+    terminal.press("q");
+    EXPECT_TRUE(terminal.wait_for("status 0"));
 }
 
 TEST_F(Records, keep_within_their_size_and_lose_the_oldest) {

@@ -22,11 +22,13 @@ protected:
     Sampler sampler{segment.key_file()};
     Tracker tracker;
 
-    // A sample as if it were taken so many seconds later.
+    const int64_t began = time(nullptr);
+
+    // A sample as if it were taken so many seconds after the beginning.
     Sample look(double later = 0) {
         Sample sample = sampler.take();
-        sample.taken += later;
-        sample.time += static_cast<int64_t>(later);
+        sample.taken = later;
+        sample.time = began + static_cast<int64_t>(later);
         tracker.judge(sample);
         return sample;
     }
@@ -186,7 +188,7 @@ TEST_F(Samples, rates_are_of_real_intervals_and_troubles_have_their_reasons) {
     EXPECT_STREQ(trouble(153), "full");
     file->fpcnt.count = 1;
     EXPECT_STREQ(trouble(154, 1), "no reader");
-    file->frtime = static_cast<int32_t>(time(nullptr)) + 154;
+    file->frtime = static_cast<int32_t>(began) + 154;
     EXPECT_STREQ(trouble(154, 1), "ok");
     file->qend = 7;
     EXPECT_STREQ(trouble(155, 1), "damaged");
