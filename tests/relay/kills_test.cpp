@@ -4,7 +4,6 @@
 
 #include "tests/relay/relay_fixture.h"
 #include "tests/stress/form.h"
-#include "tests/support/machine.h"
 
 using namespace halvo::test;
 

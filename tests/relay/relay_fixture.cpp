@@ -7,7 +7,6 @@
 #include <random>
 
 #include "tests/support/files.h"
-#include "tests/support/machine.h"
 
 namespace halvo::test {
 
@@ -104,9 +103,7 @@ void Machine::start() {
     save();
     relay_ = std::make_unique<Peer>([this] {
         const int out = open(path("log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        dup2(out, STDERR_FILENO);
-        dup2(out, STDOUT_FILENO);
-        return become({binaries_ + "/halvo-relay", "run", path("relay.toml")});
+        return become({binaries_ + "/halvo-relay", "run", path("relay.toml")}, 0, out, out);
     });
 }
 

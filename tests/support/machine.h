@@ -4,7 +4,6 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <new>
@@ -19,14 +18,6 @@ inline int64_t microseconds_now() {
     return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 inline int64_t milliseconds_now() { return microseconds_now() / 1000; }
-
-// Whether something becomes true within so many seconds.
-template <class F>
-bool comes_true(F condition, int seconds = 20) {
-    for (const int64_t end = milliseconds_now() + seconds * 1000; !condition(); usleep(5000))
-        if (milliseconds_now() > end) return false;
-    return true;
-}
 
 // The calling thread, and what it starts from now on, stays on one processor.
 inline void run_on_processor(unsigned cpu) {

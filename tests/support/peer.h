@@ -27,8 +27,17 @@
 #include <stdexcept>
 
 #include "core/posix.h"
+#include "tests/support/machine.h"
 
 namespace halvo::test {
+
+// Whether something becomes true within so many seconds.
+template <class F>
+bool comes_true(F condition, int seconds = 20) {
+    for (const int64_t end = milliseconds_now() + seconds * 1000; !condition(); usleep(5000))
+        if (milliseconds_now() > end) return false;
+    return true;
+}
 
 // Each send lets one wait through, in this or in a process that was forked later.
 class Signal {

@@ -21,27 +21,26 @@ struct Outcome {
     std::string err;
 };
 
-// The process becomes the program argv[0], a path. Returns 127 when that cannot be started.
-inline int become(const std::vector<std::string> &argv) {
+// Makes the process another program, argv[0], with its standard input, output and error at these
+// descriptors. Returns only when that fails.
+inline int become(const std::vector<std::string> &argv, int in, int out, int err) {
     std::vector<char *> words;
     for (const std::string &word : argv) words.push_back(const_cast<char *>(word.c_str()));
     words.push_back(nullptr);
+    dup2(in, STDIN_FILENO);
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
     execv(words[0], words.data());
     return 127;
 }
 
-// Runs argv[0] with the given standard input.
+// Runs argv[0], a path, with the given standard input.
 inline Outcome run_program(const std::vector<std::string> &argv, const std::string &input = {}) {
     const ScratchFile in;
     const ScratchFile out;
     const ScratchFile err;
     in.fill(input);
-    Peer program([&] {
-        dup2(in.fd(), STDIN_FILENO);
-        dup2(out.fd(), STDOUT_FILENO);
-        dup2(err.fd(), STDERR_FILENO);
-        return become(argv);
-    });
+    Peer program([&] { return become(argv, in.fd(), out.fd(), err.fd()); });
     const int status = program.wait();
     return {status, out.content(), err.content()};
 }

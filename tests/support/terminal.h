@@ -5,7 +5,6 @@
 
 #include <string>
 
-#include "tests/support/machine.h"
 #include "tests/support/peer.h"
 #include "tests/support/program.h"
 
@@ -18,9 +17,8 @@ public:
         : socket_(directory + "/tmux"), server_([&] {
               setenv("LC_ALL", "C.UTF-8", 1);
               const ScratchFile nowhere; // or its descriptors keep the test's caller waiting
-              for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-                  dup2(nowhere.fd(), fd);
-              return become({program(), "-D", "-u", "-S", socket_, "-f", "/dev/null"});
+              const int fd = nowhere.fd();
+              return become({program(), "-D", "-u", "-S", socket_, "-f", "/dev/null"}, fd, fd, fd);
           }) {
         comes_true([&] { return access(socket_.c_str(), F_OK) == 0; });
         tmux({"new-session", "-d", "-x", std::to_string(columns), "-y", std::to_string(rows),

@@ -1,7 +1,6 @@
 // halvo-send and halvo-recv, as an operator runs them.
 #include <csignal>
 
-#include "tests/support/machine.h"
 #include "tests/support/program.h"
 #include "tests/support/ring.h"
 #include "tools/fixture/segment_builder.h"
@@ -78,13 +77,11 @@ TEST_F(Messages, a_signal_ends_both_cleanly) {
     segment.attach();
     // Whether somebody holds an end, and waits there.
     const auto status_after = [&](const std::string &program, int number, bool writer) {
-        const halvo::qm::ChannelInfo before = halvo::qm::list(segment.key_file())[0];
         Peer peer([&] {
             const ScratchFile input;
             input.fill("x\n");
-            dup2(input.fd(), STDIN_FILENO);
-            close(STDERR_FILENO);
-            return become({program, "--key", segment.key_file(), "MT01"});
+            return become({program, "--key", segment.key_file(), "MT01"}, input.fd(), 1,
+                          input.fd());
         });
         EXPECT_TRUE(comes_true([&] {
             const halvo_channel *q = segment.channel("MT01");

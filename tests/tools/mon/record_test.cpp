@@ -7,7 +7,6 @@
 
 #include "tests/print/scenario.h"
 #include "tests/support/files.h"
-#include "tests/support/machine.h"
 #include "tests/support/terminal.h"
 #include "tests/tools/mon/samples.h"
 #include "tools/frame/output.h"
@@ -145,7 +144,8 @@ TEST_F(Records, are_kept_of_a_segment_that_goes) {
     const std::string monitor = HALVO_BIN "/halvo-mon";
     const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
     Peer recorder([&] {
-        return become({monitor, "record", file, "--every", "100ms", "-k", segment.key_file()});
+        return become({monitor, "record", file, "--every", "100ms", "-k", segment.key_file()}, 0, 1,
+                      2);
     });
     const auto tells = [&](const std::string &text) {
         return comes_true([&] {

@@ -8,7 +8,6 @@
 #include "tests/print/scenario.h"
 #include "tests/support/files.h"
 #include "tests/support/ipc.h"
-#include "tests/support/machine.h"
 #include "tests/support/terminal.h"
 
 using namespace halvo::test;
@@ -30,7 +29,7 @@ protected:
     Peer start(const std::string &words, Prepare prepare) const {
         return Peer([&] {
             prepare();
-            return become({"/bin/sh", "-c", "exec " + command(words)});
+            return become({"/bin/sh", "-c", "exec " + command(words)}, 0, 1, 2);
         });
     }
     std::string content() const {

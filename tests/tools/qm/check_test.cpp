@@ -1,7 +1,6 @@
 #include <functional>
 
 #include "tests/support/ipc.h"
-#include "tests/support/machine.h"
 #include "tests/support/peer.h"
 #include "tests/support/ring.h"
 

@@ -6,7 +6,6 @@
 #include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/ipc.h"
-#include "tests/support/machine.h"
 #include "tests/support/peer.h"
 #include "tools/fixture/segment_builder.h"
 
