@@ -12,7 +12,7 @@ namespace halvo::test {
 
 namespace {
 
-const std::string kScript = HALVO_SOURCE "/tests/relay/broker.sh";
+const std::string kScript = HALVO_SOURCE "/dev/broker.sh";
 constexpr int kQuiet = 60; // seconds without a message, which end a reader
 
 // At once: a relay that starts may be reading it.

@@ -169,11 +169,5 @@ TEST(CheckRunningTest, messages_on_their_way_are_no_fault) {
     EXPECT_EQ(list(s.key_file())[0].reader, reader.pid()) << "it shows the last holder";
 }
 
-TEST(CheckNothingTest, without_a_segment_it_says_so) {
-    EXPECT_THROW(check("/nonexistent/key"), Error);
-    EXPECT_THROW(list("/nonexistent/key"), Error);
-    EXPECT_THROW(check("/"), Error) << "a key file without a segment";
-}
-
 } // namespace
 } // namespace halvo::qm

@@ -37,6 +37,8 @@ TEST(HalvoQm, takes_a_segment_through_its_life_and_tells_faults_in_one_line) {
         {{"create", "c", "--key", "k", "--mode", "0888"}, 2, ""},
         {{"create", "c", "--key", "k", "--mode", ""}, 2, ""},
         {{"check", "--key", "/nonexistent/key"}, 2, ""},
+        {{"check", "--key", "/"}, 2, ""}, // a key file without a segment
+        {{"list", "--key", "/nonexistent/key"}, 2, ""},
         {{"remove", "--key", ""}, 2, ""},
         {{"create", config, "--key", "/nonexistent/key"}, 2, ""},
     };

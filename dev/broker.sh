@@ -1,6 +1,6 @@
 #!/bin/bash
-# A message broker of its own for tests and demonstrations: on loopback, in a scratch directory, with
-# a port mapper of its own; no service of the machine is touched.
+# A message broker of its own for tests, measurements and demonstrations: on loopback, in a scratch
+# directory, with a port mapper of its own; no service of the machine is touched.
 #     broker.sh start DIRECTORY [LINE ...]   LINE: a line of rabbitmq.conf; prints the port
 #     broker.sh stop DIRECTORY               ends the node; `start` brings it back with its queues
 #     broker.sh kill DIRECTORY               the same by SIGKILL
