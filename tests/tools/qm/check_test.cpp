@@ -143,16 +143,13 @@ TEST_F(CheckTest, missing_or_wrong_semaphores_are_found) {
 
 TEST(CheckRunningTest, messages_on_their_way_are_no_fault) {
     const Segment s = SegmentBuilder().channel("MT01", 'M', 3, 64).build();
-    const auto forever = [&](char mode, auto step) {
-        return [&s, mode, step] {
-            s.attach();
-            halvo_channel *q = s.open("MT01", mode);
-            for (;;) step(q);
-            return 0;
-        };
+    const auto stream = [&s](char mode) {
+        s.attach();
+        for (halvo_channel *q = s.open("MT01", mode);;)
+            mode == 'w' ? void(write(q, "streaming")) : void(read(q));
+        return 0;
     };
-    Peer writer(forever('w', [](halvo_channel *q) { write(q, "streaming"); }));
-    Peer reader(forever('r', [](halvo_channel *q) { read(q); }));
+    Peer writer([&] { return stream('w'); }), reader([&] { return stream('r'); });
     ASSERT_TRUE(comes_true([&] {
         const ChannelInfo info = list(s.key_file())[0];
         return info.writer != 0 && info.reader != 0;
