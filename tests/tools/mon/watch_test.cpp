@@ -163,24 +163,14 @@ TEST_F(OnTerminal, ends_at_ctrl_c_and_echoes_again) {
     EXPECT_TRUE(terminal.wait_for("\nas before"));
 }
 
-namespace {
-
-// The scenario's segment: idle, so that rows stand still.
-class Redraws : public Status {
-protected:
-    Redraws() {
-        timespec now{};
-        clock_gettime(CLOCK_REALTIME, &now);
-        q_0()->uptime = static_cast<int32_t>(now.tv_sec);
-        mt->wtime = mt->rtime = 0;
-        mt->lastin = mt->lastout = xcn->lastin = korea->lastin = korea->lastout = 0;
-    }
-};
-
-} // namespace
-
-TEST_F(Redraws, in_place_and_leaves_the_terminal_as_it_was) {
+// On the scenario's segment, which is idle, so that rows stand still.
+TEST_F(Status, is_redrawn_in_place_and_leaves_the_terminal_as_it_was) {
     if (!Terminal::available()) GTEST_SKIP() << "needs " << Terminal::program();
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    q_0()->uptime = static_cast<int32_t>(now.tv_sec);
+    mt->wtime = mt->rtime = 0;
+    mt->lastin = mt->lastout = xcn->lastin = korea->lastin = korea->lastout = 0;
     const std::string options = write_file("options", "MT01 1 33\n  한국\n!HEADER 7\n");
     const Terminal terminal(segment.path(""), 150, 12);
     terminal.run("clear; echo before");
