@@ -58,8 +58,6 @@ TEST_F(Records, show_the_same_whether_one_walks_or_jumps) {
     EXPECT_EQ(walking.size(), 150);
     for (int i = 0; i < 150; ++i) {
         walking.go_to(i);
-        RecordSource jumping(file);
-        jumping.go_to(i);
         const Sample there = walking.take();
         EXPECT_EQ(there.time, kNow + i);
         ASSERT_EQ(there.channels.size(), 10u);
@@ -68,7 +66,9 @@ TEST_F(Records, show_the_same_whether_one_walks_or_jumps) {
         EXPECT_EQ(there.channels[9].writer.held, Held::yes);
         EXPECT_STREQ(word_of(there.channels[0].trouble), i > 0 ? "no reader" : "ok");
         EXPECT_NEAR(there.channels[0].in_rate, i > 0 ? 1 : 0, 0.01) << i;
-        if (i % 7 != 0) continue;
+        if (i % 15 != 14) continue;
+        RecordSource jumping(file);
+        jumping.go_to(i);
         EXPECT_EQ(table_of(jumping.take()), table_of(there));
     }
     EXPECT_EQ(walking.position_of(kNow + 70), 70);
