@@ -118,7 +118,7 @@ double Machine::processor_seconds() const {
 std::string Machine::log() const { return exists(path("log")) ? content_of(path("log")) : ""; }
 
 bool Machine::logs(const std::string &text) const {
-    if (comes_true([&] { return log().find(text) != std::string::npos; }, 30)) return true;
+    if (comes_true([&] { return log().find(text) != std::string::npos; }, 60)) return true;
     std::fprintf(stderr, "not in the log: %s\n%s\n", text.c_str(), log().c_str());
     return false;
 }
@@ -131,7 +131,7 @@ int64_t Machine::figure(const std::string &name, const std::string &route) const
 }
 
 bool Machine::reaches(const std::string &name, int64_t least, const std::string &route) const {
-    return comes_true([&] { return figure(name, route) >= least; }, 30);
+    return comes_true([&] { return figure(name, route) >= least; }, 60);
 }
 
 std::unique_ptr<Peer> write_numbers(const Segment &segment, int from, int to, uint32_t length) {
