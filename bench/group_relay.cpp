@@ -25,7 +25,7 @@ using relay::BrokerConfig;
 constexpr uint32_t kBody = 100;
 constexpr int kBatches[] = {1, 50, 500};
 constexpr double kGoal = 0.8;
-const std::string kScript = HALVO_SOURCE "/tests/relay/broker.sh";
+const std::string kScript = HALVO_SOURCE "/dev/broker.sh";
 
 // A broker of its own, removed with the program.
 class OwnBroker {

@@ -6,7 +6,7 @@
 # something fails.
 set -euo pipefail
 here=$(cd "$1" && pwd)/bin there=$(cd "$2" && pwd)/bin
-broker=$(cd "$(dirname "$0")/.." && pwd)/tests/relay/broker.sh
+broker=$(cd "$(dirname "$0")" && pwd)/broker.sh
 count=100000
 work=$(mktemp -d "${TMPDIR:-/tmp}/halvo-demo-XXXXXX")
 

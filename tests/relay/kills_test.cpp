@@ -9,32 +9,40 @@ using namespace halvo::test;
 
 namespace {
 
-struct Kills {
-    int relays, brokers;
-};
-
 const std::string kOther =
     access(HALVO_OTHER_BIN "/halvo-relay", X_OK) == 0 ? HALVO_OTHER_BIN : HALVO_BIN;
 
 // Kills while the stream runs, at moments of no rhythm, and starts again.
-void kill_around(Broker &broker, Machine &here, Machine &there, Kills kills) {
+void kill_around(Broker &broker, Machine &here, Machine &there, int rounds, int of_broker) {
     std::mt19937 random(seed());
     const auto pause = [&](int most) {
         usleep(static_cast<useconds_t>(1000U * (100 + random() % static_cast<unsigned>(most))));
     };
-    const int rounds = kills.relays;
     for (int i = 0; i < rounds; ++i) {
         for (Machine *machine : {&here, &there}) {
             pause(400);
             machine->kill();
             machine->start();
         }
-        if (kills.brokers > 0 && (i + 1) % std::max(1, rounds / kills.brokers) == 0) {
+        if ((i + 1) % (rounds / of_broker) == 0) {
             pause(400);
             broker.kill();
             broker.start();
         }
     }
+}
+
+void judge(const std::string &what, const Ledger &ledger, int messages) {
+    figure(what + "messages lost", "0", ledger.lost);
+    figure(what + "messages doubled", "0", ledger.doubled);
+    figure(what + "messages reordered", "0", ledger.reordered);
+    expect_perfect(ledger, messages);
+}
+
+void end(const Machine &here, const Machine &there) {
+    if (testing::Test::HasFailure())
+        std::fprintf(stderr, "%s\n----\n%s\n", here.log().c_str(), there.log().c_str());
+    EXPECT_EQ(here.end() + there.end(), 0);
 }
 
 const char *const kOut = "from = \"channel:MT01\"\nto = \"amqp:mt01\"";
@@ -44,34 +52,27 @@ const char *const kIn = "from = \"amqp:mt01\"\nto = \"channel:MT01\"";
 
 TEST(RelayKills, nothing_is_lost_doubled_or_reordered) {
     if (!Broker::is_installed()) GTEST_SKIP() << "no broker here: dev/setup.sh relay installs it";
-    const Kills kills{length(3, 20), length(1, 5)};
-    const int messages = length(60000, 300000);
+    const int rounds = length(3, 20), of_broker = length(1, 5), messages = length(45000, 300000);
     Broker broker;
     Machine here(url_of(broker), HALVO_BIN), there(url_of(broker), kOther);
     here.route(kOut);
     there.route(kIn);
     here.declare();
-    NumberReader reader(there.segment(), messages, 30);
+    NumberReader reader(there.segment(), messages, messages);
     const auto writer = write_numbers(here.segment(), 1, messages);
     here.start();
     there.start();
-    kill_around(broker, here, there, kills);
+    kill_around(broker, here, there, rounds, of_broker);
     const int64_t at_last_kill = there.figure("messages_total");
     EXPECT_EQ(writer->wait(), 0);
     const Ledger ledger = reader.result();
-    const std::string what = std::to_string(kills.relays) + " kills of each relay, " +
-                             std::to_string(kills.brokers) + " of the broker: ";
-    figure(what + "messages lost", "0", ledger.lost);
-    figure(what + "messages doubled", "0", ledger.doubled);
-    figure(what + "messages reordered", "0", ledger.reordered);
+    const std::string what = std::to_string(rounds) + " kills of each relay, " +
+                             std::to_string(of_broker) + " of the broker: ";
+    judge(what, ledger, messages);
     figure(what + "repeats dropped", "-", there.figure("repeats_total"));
     figure(what + "messages when the last kill came, of " + std::to_string(messages), "-",
            at_last_kill);
-    expect_perfect(ledger, messages);
-    if (HasFailure())
-        std::fprintf(stderr, "%s\n----\n%s\n", here.log().c_str(), there.log().c_str());
-    EXPECT_EQ(here.end(), 0);
-    EXPECT_EQ(there.end(), 0);
+    end(here, there);
 }
 
 // Three nodes with quorum queues; one of them, which may hold the queue's leader and the relays'
@@ -80,7 +81,7 @@ TEST(RelayKills, a_cluster_that_loses_a_node_loses_no_message) {
     if (!Broker::is_installed()) GTEST_SKIP() << "no broker here: dev/setup.sh relay installs it";
     if (!is_long_form()) GTEST_SKIP() << "three nodes take memory and time: in make stress alone";
     constexpr int kMessages = 150000, kKilled = 2;
-    const std::string mapper = std::to_string(31000 + getpid() % 900);
+    const std::string mapper = std::to_string(free_port());
     std::vector<std::unique_ptr<Broker>> nodes(3);
     std::vector<std::thread> starts;
     for (size_t i = 0; i < nodes.size(); ++i)
@@ -100,7 +101,7 @@ TEST(RelayKills, a_cluster_that_loses_a_node_loses_no_message) {
     here.route(kOut);
     there.route(kIn);
     here.declare();
-    NumberReader reader(there.segment(), kMessages, 60);
+    NumberReader reader(there.segment(), kMessages, kMessages);
     const auto writer = write_numbers(here.segment(), 1, kMessages);
     const int64_t began = milliseconds_now();
     here.start();
@@ -115,14 +116,9 @@ TEST(RelayKills, a_cluster_that_loses_a_node_loses_no_message) {
     EXPECT_EQ(writer->wait(), 0);
     const Ledger ledger = reader.result();
     const int64_t took = milliseconds_now() - began;
-    figure("cluster of three, two nodes killed in turn: messages lost", "0", ledger.lost);
-    figure("cluster of three, two nodes killed in turn: messages doubled", "0", ledger.doubled);
-    figure("cluster of three, two nodes killed in turn: messages reordered", "0", ledger.reordered);
+    judge("cluster of three, two nodes killed in turn: ", ledger, kMessages);
     figure("cluster of three: messages a second, kills and all", "-",
            kMessages * int64_t{1000} / took);
     figure("cluster of three: repeats dropped", "-", there.figure("repeats_total"));
-    expect_perfect(ledger, kMessages);
-    if (HasFailure())
-        std::fprintf(stderr, "%s\n----\n%s\n", here.log().c_str(), there.log().c_str());
-    EXPECT_EQ(here.end() + there.end(), 0);
+    end(here, there);
 }

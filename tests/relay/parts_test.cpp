@@ -1,19 +1,16 @@
 // The parts of the relay that need no broker: windows, numbers, configuration.
-#include <fstream>
 #include <map>
 #include <random>
 #include <set>
 
+#include "tests/support/files.h"
 #include "tests/support/frx_fixture.h"
-#include "tests/support/program.h"
-#include "tools/fixture/directory.h"
 #include "tools/relay/config.h"
 #include "tools/relay/ends.h"
 #include "tools/relay/numbering.h"
 
 using namespace halvo::relay;
-using halvo::test::Segment;
-using halvo::test::SegmentBuilder;
+using namespace halvo::test;
 
 TEST(RelayWindow, remembers_the_last_numbers_of_each_source) {
     static Window table[kSources];
@@ -22,7 +19,7 @@ TEST(RelayWindow, remembers_the_last_numbers_of_each_source) {
     std::map<uint64_t, std::set<uint64_t>> added;
     std::map<uint64_t, uint64_t> highest;
     uint64_t missing = 0, expected_missing = 0;
-    for (int i = 0; i < 60000; ++i) {
+    for (int i = 0; i < 30000; ++i) {
         const uint64_t source = 256 * (1 + random() % 3);
         uint64_t &top = highest[source];
         // Mostly the next one, at times a leap, a straggler, one from long ago.
@@ -76,8 +73,8 @@ protected:
     // Runs in a process of its own, with the state of before; returns how it ended.
     template <class F>
     int life(F f) {
-        halvo::test::Peer process([&] {
-            if (halvo::test::initialise(segment_) != ESMS_OK) return 1;
+        Peer process([&] {
+            if (initialise(segment_) != ESMS_OK) return 1;
             StateFile state(segment_.path("state"), "test");
             const auto source = open_channel_source("MT01");
             Numbering numbering(route_, state, *source);
@@ -88,30 +85,29 @@ protected:
     }
     template <class F>
     void killed_after(F f) {
-        EXPECT_EQ(life([&](Source &source, Numbering &numbering) {
-                      f(source, numbering);
-                      raise(SIGKILL);
-                  }),
-                  128 + SIGKILL);
+        const int status = life([&](Source &source, Numbering &numbering) {
+            f(source, numbering);
+            raise(SIGKILL);
+        });
+        EXPECT_EQ(status, 128 + SIGKILL);
     }
     void put(int count) {
-        halvo::test::Peer writer([&] {
+        Peer writer([this, count]() mutable {
             segment_.attach();
             halvo_channel *q = segment_.open("MT01", 'w');
-            for (int i = 0; i < count; ++i)
-                if (q_write(q, 1, "x", 1) != ESMS_OK) return 1;
-            return 0;
+            while (count > 0 && write(q, "x") == ESMS_OK) --count;
+            return count;
         });
         EXPECT_EQ(writer.wait(), 0);
     }
     uint64_t number_of_first() {
-        halvo::test::ScratchFile found;
-        EXPECT_EQ(life([&](Source &source, Numbering &numbering) {
-                      numbering.plan(source.take(8, 0));
-                      found.fill(std::to_string(numbering.identity(0).number));
-                      source.give_back();
-                  }),
-                  0);
+        ScratchFile found;
+        const int status = life([&](Source &source, Numbering &numbering) {
+            numbering.plan(source.take(8, 0));
+            found.fill(std::to_string(numbering.identity(0).number));
+            source.give_back();
+        });
+        EXPECT_EQ(status, 0);
         return std::strtoull(found.content().c_str(), nullptr, 10);
     }
 };
@@ -149,20 +145,18 @@ TEST_F(RelayNumbers, a_message_keeps_its_number_whenever_the_relay_dies) {
 TEST_F(RelayNumbers, another_reader_makes_repeats_at_worst) {
     put(6);
     EXPECT_EQ(number_of_first(), 1U); // stored for a batch of 6
-    halvo::test::Peer reader([&] {
+    Peer reader([&] {
         segment_.attach();
         halvo_channel *q = segment_.open("MT01", 'r');
-        std::vector<char> slot(q->qbsz);
-        for (int i = 0; i < 2; ++i)
-            if (q_read(q, slot.data()) != ESMS_OK) return 1;
-        return 0;
+        return read(q) == "x" && read(q) == "x" ? 0 : 1;
     });
     EXPECT_EQ(reader.wait(), 0);
     EXPECT_EQ(number_of_first(), 3U) << "the numbers follow the slots";
 }
 
 TEST(RelayConfig, faults_name_their_line) {
-    const std::string directory = halvo::test::make_test_directory(), path = directory + "/c.toml";
+    const TestDirectory directory;
+    const std::string path = directory.path("c.toml");
     const std::string head = "[relay]\nkey = \"k\"\nstate = \"s\"\n[broker]\nurl = \"amqp://h\"\n";
     const std::string route = "[[route]]\nname = \"r\"\nfrom = \"channel:A\"\nto = \"amqp:q\"\n";
     const struct {
@@ -188,7 +182,7 @@ TEST(RelayConfig, faults_name_their_line) {
         {"=", ":1:"},
     };
     for (const auto &one : cases) {
-        std::ofstream(path, std::ios::trunc) << one.text;
+        write_file(path, one.text);
         try {
             load_config(path);
             ADD_FAILURE() << one.text;
@@ -196,12 +190,11 @@ TEST(RelayConfig, faults_name_their_line) {
             EXPECT_EQ(std::string(error.what()).find(path + one.fault), 0U) << error.what();
         }
     }
-    std::ofstream(path, std::ios::trunc)
-        << "[relay]\nstate = \"s\"\n[broker]\nurl = [\"amqps://[::1]:1/v\", \"amqps://b/v\"]\n"
-           "[[route]]\nname = \"r\"\nfrom = \"fq:/q\"\nto = \"amqp:q\"\nshards = 2\n";
+    write_file(path,
+               "[relay]\nstate = \"s\"\n[broker]\nurl = [\"amqps://[::1]:1/v\", \"amqps://b/v\"]\n"
+               "[[route]]\nname = \"r\"\nfrom = \"fq:/q\"\nto = \"amqp:q\"\nshards = 2\n");
     const Config config = load_config(path);
     EXPECT_EQ(config.broker.addresses, (std::vector<Address>{{"::1", 1}, {"b", 5671}}));
     EXPECT_EQ(config.routes[0].queues(), (std::vector<std::string>{"q.0", "q.1"}));
     EXPECT_EQ(config.routes[0].dead_letters, "s/r.dead");
-    halvo::test::remove_tree(directory);
 }

@@ -1,30 +1,23 @@
 #include "tests/relay/relay_fixture.h"
 
-#include <sys/mman.h>
+#include <arpa/inet.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
+#include <random>
 
-#include "tools/fixture/directory.h"
+#include "tests/support/files.h"
 
 namespace halvo::test {
 
 namespace {
 
-const std::string kScript = HALVO_SOURCE "/tests/relay/broker.sh";
-
-std::string content_of(const std::string &path) {
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
+const std::string kScript = HALVO_SOURCE "/dev/broker.sh";
+constexpr int kQuiet = 60; // seconds without a message, which end a reader
 
 // At once: a relay that starts may be reading it.
-void write_file(const std::string &path, const std::string &text) {
-    std::ofstream(path + ".new", std::ios::trunc) << text;
+void replace_file(const std::string &path, const std::string &text) {
+    write_file(path + ".new", text);
     std::rename((path + ".new").c_str(), path.c_str());
 }
 
@@ -45,23 +38,33 @@ Broker::Broker(const std::vector<std::string> &lines,
 
 Broker::~Broker() { pclose(guard_); }
 
-std::string Broker::command(const std::string &words) const {
+std::string Broker::command(const std::string &what, const std::string &more) const {
     const std::string line =
-        environment_ + kScript + " " + words.substr(0, words.find(' ')) + " " + directory_ +
-        "/broker" + (words.find(' ') == std::string::npos ? "" : words.substr(words.find(' ')));
+        environment_ + kScript + " " + what + " " + directory_ + "/broker" + more;
     std::FILE *out = popen(line.c_str(), "re");
     char text[256] = "";
     if (!std::fgets(text, sizeof text, out)) text[0] = '\0';
-    if (pclose(out) != 0) throw std::runtime_error("broker.sh " + words);
+    if (pclose(out) != 0) throw std::runtime_error("broker.sh " + what);
     return text;
 }
 
-void Broker::start() { port_ = std::atoi(command("start" + lines_).c_str()); }
-
+void Broker::start() { port_ = std::atoi(command("start", lines_).c_str()); }
 void Broker::signal(int number) const { ::kill(std::atoi(command("pid").c_str()), number); }
 
 std::string url_of(const Broker &broker) {
     return "\"amqp://127.0.0.1:" + std::to_string(broker.port()) + "\"";
+}
+
+int free_port() { // below those that the system gives to clients
+    for (std::random_device random;;) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<uint16_t>(20000 + random() % 12000));
+        const Descriptor probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (bind(probe.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0)
+            return ntohs(address.sin_port);
+    }
 }
 
 Machine::Machine(const std::string &urls, const std::string &binaries, uint32_t slots,
@@ -72,9 +75,9 @@ Machine::Machine(const std::string &urls, const std::string &binaries, uint32_t 
 }
 
 void Machine::credentials(const std::string &user, const std::string &password, int mode) const {
-    write_file(path("credentials"), "user = " + user + "\npassword = " + password + "\n");
-    chmod(path("credentials").c_str(),
-          static_cast<mode_t>(mode)); // refused until then, tried again
+    replace_file(path("credentials"), "user = " + user + "\npassword = " + password + "\n");
+    // Refused until then, tried again.
+    chmod(path("credentials").c_str(), static_cast<mode_t>(mode));
 }
 
 void Machine::route(const std::string &lines, const std::string &name) {
@@ -83,47 +86,39 @@ void Machine::route(const std::string &lines, const std::string &name) {
 
 void Machine::save() const {
     const std::string key = segment_.key_file(), directory = key.substr(0, key.rfind('/'));
-    write_file(path("relay.toml"),
-               "[relay]\nkey = \"" + key + "\"\nstate = \"" + directory + "\"\n" + relay_lines_ +
-                   "[broker]\nurl = [" + urls_ + "]\ncredentials = \"" + path("credentials") +
-                   "\"\npause_first = 50\npause_most = 1000\n" + broker_ + routes_);
+    replace_file(path("relay.toml"),
+                 "[relay]\nkey = \"" + key + "\"\nstate = \"" + directory + "\"\n" + relay_lines_ +
+                     "[broker]\nurl = [" + urls_ + "]\ncredentials = \"" + path("credentials") +
+                     "\"\npause_first = 50\npause_most = 1000\n" + broker_ + routes_);
 }
 
 Outcome Machine::tool(const std::string &command, const std::string &option) const {
     save();
-    std::vector<std::string> words{binaries_ + "/halvo-relay", command};
-    if (!option.empty()) words.push_back(option);
-    words.push_back(path("relay.toml"));
+    std::vector<std::string> words{binaries_ + "/halvo-relay", command, path("relay.toml")};
+    if (!option.empty()) words.insert(words.end() - 1, option);
     return run_program(words);
 }
 
 void Machine::start() {
     save();
-    const std::string program = binaries_ + "/halvo-relay", config = path("relay.toml"),
-                      log = path("log");
-    relay_ = std::make_unique<Peer>([=] {
-        const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        dup2(out, STDERR_FILENO);
-        dup2(out, STDOUT_FILENO);
-        execl(program.c_str(), "halvo-relay", "run", config.c_str(), nullptr);
-        return 127;
+    relay_ = std::make_unique<Peer>([this] {
+        const int out = open(path("log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        return become({binaries_ + "/halvo-relay", "run", path("relay.toml")}, 0, out, out);
     });
 }
 
 double Machine::processor_seconds() const {
-    std::string stat = content_of("/proc/" + std::to_string(relay_->pid()) + "/stat");
+    const std::string stat = content_of("/proc/" + std::to_string(relay_->pid()) + "/stat");
     long user = 0, system = 0;
     std::sscanf(stat.c_str() + stat.rfind(')') + 2,
                 "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &user, &system);
     return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-std::string Machine::log() const { return content_of(path("log")); }
+std::string Machine::log() const { return exists(path("log")) ? content_of(path("log")) : ""; }
 
-bool Machine::logs(const std::string &text, int seconds) const {
-    for (const int64_t end = milliseconds_now() + seconds * 1000; milliseconds_now() < end;
-         usleep(20000))
-        if (log().find(text) != std::string::npos) return true;
+bool Machine::logs(const std::string &text) const {
+    if (comes_true([&] { return log().find(text) != std::string::npos; }, 60)) return true;
     std::fprintf(stderr, "not in the log: %s\n%s\n", text.c_str(), log().c_str());
     return false;
 }
@@ -136,9 +131,7 @@ int64_t Machine::figure(const std::string &name, const std::string &route) const
 }
 
 bool Machine::reaches(const std::string &name, int64_t least, const std::string &route) const {
-    for (const int64_t end = milliseconds_now() + 20000; milliseconds_now() < end; usleep(50000))
-        if (figure(name, route) >= least) return true;
-    return false;
+    return comes_true([&] { return figure(name, route) >= least; }, 60);
 }
 
 std::unique_ptr<Peer> write_numbers(const Segment &segment, int from, int to, uint32_t length) {
@@ -164,28 +157,26 @@ std::unique_ptr<Peer> write_numbers(const Segment &segment, int from, int to, ui
 
 namespace {
 
-int read_into(Ledger &ledger, const Segment &segment, int n, int quiet_seconds) {
+int read_into(Ledger &ledger, const Segment &segment, int n, int wanted) {
     FrxChannel end;
     if (initialise(segment) != ESMS_OK || frx_openChannel(&end, "reader", 0, 'r', 1000) != ESMS_OK)
         return 1;
     q_recover(0, 'r');
-    std::vector<char> seen(static_cast<size_t>(n) + 1),
-        slot(static_cast<size_t>(frx_sizeOfBlock(0)));
+    Slot slot(q_chnnl2q(0));
+    std::vector<char> seen(static_cast<size_t>(n) + 1);
     int64_t last = 0, heard = milliseconds_now();
     for (;;) {
         const int length = frx_read(&end, slot.data(), 500);
         if (length == ESMS_TIMEOUT) {
-            if (ledger.got >= n || milliseconds_now() - heard > quiet_seconds * 1000) break;
+            if (ledger.got >= wanted || milliseconds_now() - heard > kQuiet * 1000) break;
             continue;
         }
         if (length < 0) return 2;
         heard = milliseconds_now();
         ++ledger.got;
-        const auto *message = reinterpret_cast<const qmsg *>(slot.data());
-        const std::string body(reinterpret_cast<const char *>(message->data),
-                               static_cast<size_t>(length));
+        const std::string body = slot.body();
         const int i = std::atoi(body.c_str());
-        if (i < 1 || i > n || message->type != i % 7 + 1 || body.back() != 'a' + i % 26) {
+        if (i < 1 || i > n || slot.header().type != i % 7 + 1 || body.back() != 'a' + i % 26) {
             ++ledger.torn;
             continue;
         }
@@ -193,33 +184,42 @@ int read_into(Ledger &ledger, const Segment &segment, int n, int quiet_seconds) 
         ledger.reordered += i < last;
         last = i;
     }
-    for (int i = 1; i <= n; ++i) ledger.lost += seen[static_cast<size_t>(i)] == 0;
+    ledger.lost = std::count(seen.begin() + 1, seen.end(), 0);
     return 0;
 }
 
 } // namespace
 
-NumberReader::NumberReader(const Segment &segment, int n, int quiet_seconds)
-    : ledger_(static_cast<Ledger *>(mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE,
-                                         MAP_SHARED | MAP_ANONYMOUS, -1, 0))),
-      peer_(std::make_unique<Peer>([this, n, quiet_seconds, &segment] {
-          return read_into(*ledger_, segment, n, quiet_seconds);
-      })) {}
-
-NumberReader::~NumberReader() {
-    peer_.reset();
-    munmap(ledger_, sizeof *ledger_);
-}
+NumberReader::NumberReader(const Segment &segment, int n, int wanted)
+    : ledger_(shared_object<Ledger>()),
+      peer_([=, this, &segment] { return read_into(ledger_, segment, n, wanted); }) {}
 
 Ledger NumberReader::result() {
-    EXPECT_EQ(peer_->wait(), 0);
-    return *ledger_;
+    EXPECT_EQ(peer_.wait(), 0);
+    return ledger_;
 }
 
-Outcome run_python(const std::string &program, const std::vector<std::string> &arguments) {
-    std::vector<std::string> words{"/usr/bin/python3", "-c", program};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    return run_program(words);
+void expect_perfect(const Ledger &ledger, int n) {
+    EXPECT_EQ(ledger.lost, 0);
+    EXPECT_EQ(ledger.doubled, 0);
+    EXPECT_EQ(ledger.reordered, 0);
+    EXPECT_EQ(ledger.torn, 0);
+    EXPECT_EQ(ledger.got, n);
+}
+
+std::string run_python(const Broker &broker, const std::string &program,
+                       const std::vector<std::string> &words) {
+    std::vector<std::string> all{"/usr/bin/python3", "-c",
+                                 "import pika, sys, urllib.request\nwords = sys.argv[2:]\n"
+                                 "channel = pika.BlockingConnection(pika.ConnectionParameters("
+                                 "'127.0.0.1', int(sys.argv[1]))).channel()\n"
+                                 "channel.confirm_delivery()\n" +
+                                     program + "\nchannel.connection.close()",
+                                 std::to_string(broker.port())};
+    all.insert(all.end(), words.begin(), words.end());
+    const Outcome done = run_program(all);
+    EXPECT_EQ(done.status, 0) << done.err;
+    return done.out;
 }
 
 } // namespace halvo::test

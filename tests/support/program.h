@@ -45,4 +45,12 @@ inline Outcome run_program(const std::vector<std::string> &argv, const std::stri
     return {status, out.content(), err.content()};
 }
 
+// Expects an exit status, and a text in what was printed to either stream.
+inline void expect_end(const Outcome &outcome, int status, const std::string &told = {}) {
+    EXPECT_EQ(outcome.status, status) << outcome.out << outcome.err;
+    EXPECT_NE((outcome.out + outcome.err).find(told), std::string::npos)
+        << "not told: " << told << '\n'
+        << outcome.out << outcome.err;
+}
+
 } // namespace halvo::test

@@ -17,14 +17,10 @@ public:
         : socket_(directory + "/tmux"), server_([&] {
               setenv("LC_ALL", "C.UTF-8", 1);
               const ScratchFile nowhere; // or its descriptors keep the test's caller waiting
-              for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-                  dup2(nowhere.fd(), fd);
-              execl(program(), "tmux", "-D", "-u", "-S", socket_.c_str(), "-f", "/dev/null",
-                    static_cast<char *>(nullptr));
-              return 127;
+              const int fd = nowhere.fd();
+              return become({program(), "-D", "-u", "-S", socket_, "-f", "/dev/null"}, fd, fd, fd);
           }) {
-        for (int tries = 0; access(socket_.c_str(), F_OK) != 0 && tries < 200; ++tries)
-            usleep(50000);
+        comes_true([&] { return access(socket_.c_str(), F_OK) == 0; });
         tmux({"new-session", "-d", "-x", std::to_string(columns), "-y", std::to_string(rows),
               "env PS1='ready$ ' sh"});
         wait_for("ready$");
@@ -38,6 +34,18 @@ public:
 
     void type(const std::string &text) const { tmux({"send-keys", "-l", text}); }
     void press(const std::string &key) const { tmux({"send-keys", key}); }
+    void run(const std::string &command) const {
+        type(command);
+        press("Enter");
+    }
+    // Presses a key that may come too early to be heard, again each second.
+    void press_until(const std::string &key, const std::string &text) const {
+        for (int tries = 0; tries < 20; ++tries) {
+            press(key);
+            if (comes_true([&] { return shows(text); }, 1)) return;
+        }
+        ADD_FAILURE() << "not on the screen: " << text << '\n' << screen();
+    }
     void resize(int columns, int rows) const {
         tmux({"resize-window", "-x", std::to_string(columns), "-y", std::to_string(rows)});
     }
@@ -46,12 +54,10 @@ public:
     std::string screen(bool escapes = false) const {
         return tmux({"capture-pane", "-p", escapes ? "-e" : "-p"});
     }
-    // True when the text stands there within ten seconds.
+    bool shows(const std::string &text) const { return screen().find(text) != std::string::npos; }
+    // True when the text stands there within twenty seconds.
     bool wait_for(const std::string &text) const {
-        for (int tries = 0; tries < 200; ++tries) {
-            if (screen().find(text) != std::string::npos) return true;
-            usleep(50000);
-        }
+        if (comes_true([&] { return shows(text); })) return true;
         ADD_FAILURE() << "not on the screen: " << text << '\n' << screen();
         return false;
     }

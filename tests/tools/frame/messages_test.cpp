@@ -1,6 +1,4 @@
 // halvo-send and halvo-recv, as an operator runs them.
-#include <gtest/gtest.h>
-
 #include <csignal>
 
 #include "tests/support/program.h"
@@ -22,10 +20,6 @@ protected:
         words.insert(words.begin(), {kSend, "--key", segment.key_file(), "MT01"});
         return run_program(words, input);
     }
-    static void expect(const Outcome &outcome, int status, const std::string &told) {
-        EXPECT_EQ(outcome.status, status);
-        EXPECT_NE(outcome.err.find(told), std::string::npos) << outcome.err;
-    }
     Outcome recv(std::vector<std::string> words) {
         words.insert(words.begin(), {kRecv, "--key", segment.key_file(), "MT01"});
         return run_program(words);
@@ -36,14 +30,12 @@ protected:
 
 TEST_F(Messages, lines_become_messages_and_lines_again) {
     const Outcome sent = send({"--type", "7"}, "one\n\ntwo\nthree");
-    expect(sent, 0, "1 empty lines skipped");
-    expect(sent, 0, "halvo-send: 3 messages, 11 bytes in ");
+    expect_end(sent, 0, "1 empty lines skipped");
+    expect_end(sent, 0, "halvo-send: 3 messages, 11 bytes in ");
     EXPECT_EQ(sent.out, "") << "the library's own lines go to standard error";
     segment.attach();
     EXPECT_EQ(q_pcount_per_type(segment.channel("MT01"), 7), 3);
-    const Outcome got = recv({"--idle", "100"});
-    EXPECT_EQ(got.status, 0) << got.err;
-    EXPECT_EQ(got.out, "one\ntwo\nthree\n");
+    EXPECT_EQ(recv({"--idle", "100"}).out, "one\ntwo\nthree\n");
 }
 
 TEST_F(Messages, every_byte_comes_back_with_keep_newline) {
@@ -67,49 +59,51 @@ TEST_F(Messages, a_batch_larger_than_the_ring_goes_in_parts) {
 TEST_F(Messages, what_cannot_be_sent_is_named_and_what_stood_before_is_sent) {
     const std::string text = "fits\nfits too\n" + std::string(49, 'x') + "\nnever reached\n";
     for (const char *batch : {"1", "10"}) {
-        expect(send({"-b", batch}, text), 1, "halvo-send: line 3: ESMS_EXEED");
+        expect_end(send({"-b", batch}, text), 1, "halvo-send: line 3: ESMS_EXEED");
         EXPECT_EQ(recv({"--idle", "50"}).out, "fits\nfits too\n");
     }
     const Outcome full = send({"--timeout", "200"}, "1\n2\n3\n4\n5\n6\n7\n8\n9\n");
-    expect(full, 1, "line 9: ESMS_TIMEOUT");
-    expect(full, 1, "8 messages");
+    expect_end(full, 1, "line 9: ESMS_TIMEOUT");
+    expect_end(full, 1, "8 messages");
 }
 
 TEST_F(Messages, what_could_not_be_written_out_is_received_again) {
     EXPECT_EQ(send({}, "one\ntwo\n").status, 0);
-    expect(recv({"--count", "2", "-o", "/dev/full"}), 1, "/dev/full: No space left");
+    expect_end(recv({"--count", "2", "-o", "/dev/full"}), 1, "/dev/full: No space left");
     EXPECT_EQ(recv({"--count", "2"}).out, "one\ntwo\n");
 }
 
 TEST_F(Messages, a_signal_ends_both_cleanly) {
-    const ScratchFile input;
-    input.fill("x\n");
-    // A receiver ends well; a sender that has something left to send tells what ended it.
-    const auto status_after = [&](const std::string &program, int number) {
+    segment.attach();
+    // Whether somebody holds an end, and waits there.
+    const auto status_after = [&](const std::string &program, int number, bool writer) {
         Peer peer([&] {
-            dup2(input.fd(), STDIN_FILENO);
-            close(STDERR_FILENO);
-            execl(program.c_str(), "halvo", "--key", segment.key_file().c_str(), "MT01", nullptr);
-            return 127;
+            const ScratchFile input;
+            input.fill("x\n");
+            return become({program, "--key", segment.key_file(), "MT01"}, input.fd(), 1,
+                          input.fd());
         });
-        usleep(200000);
+        EXPECT_TRUE(comes_true([&] {
+            const halvo_channel *q = segment.channel("MT01");
+            return (writer ? q->wwait : q->rwait) > 0;
+        }));
         peer.kill(number);
         return peer.wait();
     };
-    EXPECT_EQ(status_after(kRecv, SIGINT), 0);
-    EXPECT_EQ(status_after(kRecv, SIGTERM), 0);
-    segment.attach();
+    // A receiver ends well; a sender that has something left to send tells what ended it.
+    EXPECT_EQ(status_after(kRecv, SIGINT, false), 0);
+    EXPECT_EQ(status_after(kRecv, SIGTERM, false), 0);
     ASSERT_NE(segment.open("MT01", 'r'), nullptr) << "the end is free again";
     for (int i = 0; i < 8; ++i) write(segment.channel("MT01"), "full");
-    EXPECT_EQ(status_after(kSend, SIGTERM), 128 + SIGTERM);
+    EXPECT_EQ(status_after(kSend, SIGTERM, true), 128 + SIGTERM);
 }
 
 TEST_F(Messages, wrong_words_and_missing_things_end_with_2) {
-    EXPECT_EQ(run_program({kSend, "MT01"}).status, 2);
-    EXPECT_EQ(run_program({kRecv, "--help"}).status, 0);
-    EXPECT_EQ(send({"--type", "70000"}, "").status, 2);
-    EXPECT_EQ(send({"/nonexistent/file"}, "").status, 2);
-    expect(run_program({kRecv, "--key", segment.key_file(), "XX99"}), 2,
-           "XX99: no channel of that name");
-    expect(run_program({kRecv, "--key", "/nonexistent", "MT01"}), 2, "halvo-qm create");
+    expect_end(run_program({kSend, "MT01"}), 2);
+    expect_end(run_program({kRecv, "--help"}), 0);
+    expect_end(send({"--type", "70000"}, ""), 2);
+    expect_end(send({"/nonexistent/file"}, ""), 2);
+    expect_end(run_program({kRecv, "--key", segment.key_file(), "XX99"}), 2,
+               "XX99: no channel of that name");
+    expect_end(run_program({kRecv, "--key", "/nonexistent", "MT01"}), 2, "halvo-qm create");
 }

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <ctime>
 
 #include "tests/support/files.h"
@@ -7,6 +5,7 @@
 #include "tools/fixture/segment_builder.h"
 
 using namespace halvo::test;
+using namespace std::string_literals;
 
 namespace halvo::qm {
 namespace {
@@ -62,23 +61,19 @@ TEST_F(CreateTest, a_new_segment_has_every_field_that_processes_rely_on) {
         EXPECT_EQ(q->qtype, planned.type);
         EXPECT_EQ(q->tpsmx, planned.rate_limit);
         EXPECT_EQ(reinterpret_cast<uintptr_t>(q) % 16, 0U);
-        EXPECT_GE(q->rbufs, sizeof(halvo_channel));
         EXPECT_EQ(q->wbufs, q->rbufs + 5 * q->qbsz);
         EXPECT_EQ(q->qstart, q->wbufs + 5 * q->qbsz);
-        EXPECT_EQ(q->qend, q->qstart + q->qcnt * q->qbsz);
         EXPECT_EQ(q->rpos, q->qstart);
         EXPECT_EQ(q->wpos, q->qstart);
-        EXPECT_EQ(q->pbuffs, 0);
     }
-    EXPECT_GE(segment->qoffs[1], segment->qoffs[0] + q_chnnl2q(0)->qend);
-    expect_sound();
+    expect_sound(); // nothing overlaps
 }
 
 TEST_F(CreateTest, locks_stand_at_one_and_wake_ups_at_zero_under_the_agreed_keys) {
     create(kTwoChannels, key_, false, {0640});
     for (const int set : sets()) {
         const bool locks = size_of_set(set) == 2;
-        EXPECT_TRUE(locks || size_of_set(set) == 1);
+        EXPECT_EQ(size_of_set(set), locks ? 2U : 1U);
         EXPECT_EQ(value_of(set), locks);
         EXPECT_EQ(value_of(set, 1), locks ? 1 : -1);
         semid_ds semaphores{};
@@ -111,14 +106,14 @@ TEST_F(CreateTest, channels_256_apart_share_their_semaphores) {
 TEST_F(CreateTest, a_standing_segment_is_refused_until_it_is_to_be_replaced) {
     create(plan_of({{"A", 'M', 1, 20, 0}, {"B", 'M', 1, 20, 0}}), key_, false);
     const int old = segment_under(key_);
+    std::string message;
     try {
         create(kTwoChannels, key_, false);
-        FAIL() << "not refused";
     } catch (const Standing &standing) {
-        const std::string message = standing.what(), self = std::to_string(getpid());
-        for (const std::string &part : {key_, "process " + self, std::string("0 attached")})
-            EXPECT_NE(message.find(part), std::string::npos) << message;
+        message = standing.what();
     }
+    for (const std::string &part : {key_, "process " + std::to_string(getpid()), "0 attached"s})
+        EXPECT_NE(message.find(part), std::string::npos) << message;
     EXPECT_EQ(segment_under(key_), old);
     expect_sound();
 
@@ -164,10 +159,9 @@ TEST(PlanTest, sizes_beyond_32_bit_offsets_are_refused) {
     EXPECT_EQ(fault_of(plan_of({{"A", 'M', UINT32_MAX, 4294967292U, 0}})), "channel 0" + beyond);
     EXPECT_EQ(fault_of(plan_of({{"A", 'M', 1, 4294967292U, 0}})), "channel 0" + beyond);
     EXPECT_EQ(fault_of(plan_of({large})), "");
-    ChannelPlan second = large, third = large;
-    second.name = "B";
-    third.name = "C";
-    EXPECT_EQ(fault_of(plan_of({large, second, third})), "channel 2" + beyond);
+    EXPECT_EQ(
+        fault_of(plan_of({large, {"B", 'M', 2000000, 1024, 0}, {"C", 'M', 2000000, 1024, 0}})),
+        "channel 2" + beyond);
 }
 
 TEST_F(CreateTest, remove_takes_everything_once_whatever_the_segment_holds) {

@@ -1,6 +1,6 @@
 #!/bin/bash
-# A message broker of its own for tests and demonstrations: on loopback, in a scratch directory, with
-# a port mapper of its own; no service of the machine is touched.
+# A message broker of its own for tests, measurements and demonstrations: on loopback, in a scratch
+# directory, with a port mapper of its own; no service of the machine is touched.
 #     broker.sh start DIRECTORY [LINE ...]   LINE: a line of rabbitmq.conf; prints the port
 #     broker.sh stop DIRECTORY               ends the node; `start` brings it back with its queues
 #     broker.sh kill DIRECTORY               the same by SIGKILL
@@ -15,12 +15,13 @@ shift 2
 say() { echo "broker.sh: $*" >&2; }
 [ -x "$server" ] || { say "no $server here; dev/setup.sh relay installs it"; exit 3; }
 
-free_port() {
+listens() { (: <"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+# The first of three ports in a row at which nothing listens.
+free_ports() {
     local port
     while :; do
-        port=$((20000 + RANDOM % 12000))
-        # Something listens where a connection succeeds.
-        (: <"/dev/tcp/127.0.0.1/$port") 2>/dev/null || { echo "$port"; return; }
+        port=$((20000 + RANDOM % 4000 * 3))
+        listens $port || listens $((port + 1)) || listens $((port + 2)) || { echo "$port"; return; }
     done
 }
 alive() { [ -n "$1" ] && kill -0 "$1" 2>/dev/null && [ "$(ps -o stat= -p "$1" | cut -c1)" != Z ]; }
@@ -28,12 +29,11 @@ node_pid() { cat "$dir/node" 2>/dev/null || true; }
 
 # Settings that stay from start to start.
 settle() {
-    local name=${BROKER_NAME-} line
+    local name line port
     mkdir -p "$dir"
-    [ -n "$name" ] || name=halvo$(free_port)
-    {
-        echo "name=$name port=$(free_port) dist=$(free_port) mapper=${BROKER_MAPPER:-$(free_port)}"
-    } >"$dir/settings"
+    port=$(free_ports)
+    echo "name=${BROKER_NAME:-halvo$port} port=$port dist=$((port + 1))" \
+        "mapper=${BROKER_MAPPER:-$((port + 2))}" >"$dir/settings"
     : "${BROKER_COOKIE:=$(od -An -N8 -tx8 /dev/urandom | tr -d ' ')}"
     printf %s "$BROKER_COOKIE" >"$dir/.erlang.cookie"
     chmod 400 "$dir/.erlang.cookie"
@@ -71,10 +71,7 @@ start() {
         pid=$(cat "$dir/pid" 2>/dev/null || true)
         [ -n "$pid" ] || continue
         echo "$pid" >"$dir/node"
-        if (: <"/dev/tcp/127.0.0.1/${BROKER_TLS_PORT:-$port}") 2>/dev/null; then
-            echo "$port"
-            return
-        fi
+        ! listens "$port" || { echo "$port"; return; }
         alive "$pid" || break
     done
     say "the node did not start:"

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tests/tools/mon/samples.h"
 #include "tools/mon/api.h"
 #include "tools/mon/history.h"
 
@@ -13,14 +14,8 @@ namespace {
 
 // Two channels; the second one's depth is the number of the sample.
 Sample sample_number(uint64_t number) {
-    Sample sample;
-    sample.up = true;
-    sample.time = 1700000000 + static_cast<int64_t>(number);
-    sample.channels.resize(2);
-    for (int i : {0, 1}) sample.channels[static_cast<size_t>(i)].number = i;
-    sample.channels[0].name = "MT\"01\\";
-    sample.channels[1].name = "B";
-    sample.channels[1].put = number;
+    Sample sample = halvo::test::sample_of(1700000000 + static_cast<int64_t>(number),
+                                           {{"MT\"01\\", 0}, {"B", number}});
     sample.channels[1].in_rate = 0.26;
     sample.channels[1].out_rate = 1000;
     return sample;
@@ -58,24 +53,23 @@ TEST(ServedHistory, keeps_a_quarter_of_an_hour_and_gives_what_is_new) {
 }
 
 TEST(ServedDocuments, are_json_whatever_names_hold_and_rank_what_is_wrong) {
-    struct Case {
-        Trouble trouble;
-        const char *state, *level;
-    };
-    for (const Case &each :
-         {Case{Trouble::none, "waiting", "ok"}, Case{Trouble::throttled, "throttled", "warn"},
-          Case{Trouble::old, "old", "warn"}, Case{Trouble::stalled, "stalled", "bad"},
-          Case{Trouble::full, "full", "bad"}}) {
+    for (const auto &[trouble, state, level] :
+         std::vector<std::tuple<Trouble, const char *, const char *>>{
+             {Trouble::none, "waiting", "ok"},
+             {Trouble::throttled, "throttled", "warn"},
+             {Trouble::old, "old", "warn"},
+             {Trouble::stalled, "stalled", "bad"},
+             {Trouble::full, "full", "bad"}}) {
         Sample sample = sample_number(7);
         sample.channels[1].in_rate = sample.channels[1].out_rate = 0;
-        sample.channels[1].trouble = each.trouble;
+        sample.channels[1].trouble = trouble;
         sample.channels[0].name = "\xff<\n"; // no UTF-8 at all
         const json document = json::parse(channels_json({"key", 1, 2, 3}, sample));
         const json &channel = document["channels"][1];
-        EXPECT_EQ(channel["state"], each.state);
-        EXPECT_EQ(channel["level"], each.level);
-        EXPECT_EQ(channel["trouble"].size(), each.trouble == Trouble::none ? 0u : 1u);
-        EXPECT_EQ(document["totals"]["trouble"], each.trouble == Trouble::none ? 0 : 1);
+        EXPECT_EQ(channel["state"], state);
+        EXPECT_EQ(channel["level"], level);
+        EXPECT_EQ(channel["trouble"].size(), trouble == Trouble::none ? 0u : 1u);
+        EXPECT_EQ(document["totals"]["trouble"], trouble == Trouble::none ? 0 : 1);
         EXPECT_EQ(document["channels"][0]["name"], "\xEF\xBF\xBD<\n");
     }
 }

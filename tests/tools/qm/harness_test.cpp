@@ -1,13 +1,12 @@
 // The tests' own tools: a harness that leaves things behind or loses a failure spoils every test.
-#include <gtest/gtest.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <fstream>
 
-#include "tests/support/program.h"
+#include "tests/support/capture.h"
+#include "tests/support/files.h"
+#include "tests/support/ipc.h"
+#include "tests/support/peer.h"
 #include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
@@ -15,40 +14,30 @@ namespace {
 
 TEST(Harness, a_killed_test_leaves_nothing_behind) {
     const ScratchFile note;
-    const Signal built;
+    const Signal built, may_end;
     // The killed process has a child of its own: things stay until that one is gone too.
-    const Signal may_end;
     Peer victim([&] {
         const Segment s = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
-        std::ofstream(s.path("left behind")) << "by a test";
+        write_file(s.path("left behind"), "by a test");
         symlink("/", s.path("link").c_str());
-        if (fork() == 0) {
-            may_end.wait();
-            _exit(0);
-        }
+        if (fork() == 0) _exit(may_end.wait());
         note.fill(s.key_file());
         built.send();
-        pause();
-        return 0;
+        return pause();
     });
     ASSERT_TRUE(built.wait());
-    const std::string key = note.content();
-    const int segment = shmget(ftok(key.c_str(), 1), 0, 0);
-    const int locks = semget(ftok(key.c_str(), 201), 0, 0);
-    ASSERT_GE(segment, 0);
-    ASSERT_GE(locks, 0);
+    const std::string key = note.content(), directory = key.substr(0, key.rfind('/'));
+    const int segment = segment_under(key), locks = set_under(key, kReadLocks);
+    ASSERT_TRUE(segment >= 0 && locks >= 0);
     victim.kill(SIGKILL);
     EXPECT_EQ(victim.wait(), 128 + SIGKILL);
     usleep(50000);
-    EXPECT_EQ(shmget(ftok(key.c_str(), 1), 0, 0), segment);
-
+    EXPECT_EQ(segment_under(key), segment);
     may_end.send();
-    const std::string directory = key.substr(0, key.rfind('/'));
-    for (int i = 0; i < 1000 && access(directory.c_str(), F_OK) == 0; ++i) usleep(10000);
-    EXPECT_NE(access(directory.c_str(), F_OK), 0);
+    EXPECT_TRUE(comes_true([&] { return !exists(directory); }));
     shmid_ds state{};
     EXPECT_LT(shmctl(segment, IPC_STAT, &state), 0);
-    EXPECT_LT(semctl(locks, 0, GETVAL), 0);
+    EXPECT_LT(value_of(locks), 0);
 }
 
 TEST(Harness, a_key_that_another_holds_is_passed_over) {
@@ -57,26 +46,16 @@ TEST(Harness, a_key_that_another_holds_is_passed_over) {
     SegmentBuilder builder;
     for (int i = 0; i < 200; ++i) builder.channel("C" + std::to_string(i), 'F', 1, 20);
     builder.channel("C200", 'M', 1, 20);
-    key_t taken = 0;
-    {
-        const Segment s = builder.build();
-        taken = ftok((s.key_file() + ".req").c_str(), 201);
-    }
+    const key_t taken = ftok((builder.build().key_file() + ".req").c_str(), 201);
     const int set = semget(taken, 1, IPC_CREAT | IPC_EXCL | 0600);
     ASSERT_GE(set, 0);
-    EXPECT_NO_THROW({
-        const Segment s = builder.build();
-        EXPECT_EQ(qm::check(s.key_file()), std::vector<std::string>());
-    });
+    EXPECT_EQ(qm::check(builder.build().key_file()), std::vector<std::string>());
     EXPECT_EQ(semctl(set, 0, IPC_RMID), 0) << "another's semaphores are not ours to remove";
 }
 
 TEST(Harness, a_peer_ends_with_its_result_its_signal_or_its_failure) {
     EXPECT_EQ(Peer([] { return 7; }).wait(), 7);
-    Peer sleeper([] {
-        for (;;) pause();
-        return 0;
-    });
+    Peer sleeper([] { return pause(); });
     sleeper.kill(SIGTERM);
     EXPECT_EQ(sleeper.wait(), 128 + SIGTERM);
     EXPECT_EQ(sleeper.wait(), 128 + SIGTERM);

@@ -2,7 +2,10 @@
 #include <cstring>
 
 #include "tests/print/scenario.h"
+#include "tests/support/ipc.h"
+#include "tests/support/ring.h"
 #include "tests/support/terminal.h"
+#include "tests/tools/mon/samples.h"
 #include "tools/mon/details.h"
 #include "tools/mon/terminal.h"
 #include "tools/mon/top_rows.h"
@@ -11,20 +14,6 @@ using namespace halvo::mon;
 using namespace halvo::test;
 
 namespace {
-
-Sample sample_of(std::vector<std::pair<const char *, int>> channels) {
-    Sample sample;
-    sample.up = true;
-    for (const auto &[name, depth] : channels) {
-        ChannelSample channel;
-        channel.number = static_cast<int>(sample.channels.size());
-        channel.name = name;
-        channel.type = channel.number % 2 ? 'F' : 'M';
-        channel.put = static_cast<uint64_t>(depth);
-        sample.channels.push_back(channel);
-    }
-    return sample;
-}
 
 std::string order(const Sample &sample, const Choice &choice) {
     std::string names;
@@ -35,7 +24,7 @@ std::string order(const Sample &sample, const Choice &choice) {
 } // namespace
 
 TEST(TopRows, are_sorted_and_filtered_as_chosen) {
-    Sample sample = sample_of({{"a", 1}, {"b", 3}, {"C", 2}, {"d", 3}});
+    Sample sample = sample_of(0, {{"a", 1}, {"b", 3}, {"C", 2}, {"d", 3}});
     sample.channels[2].trouble = Trouble::full;
     sample.channels[0].reader.name = "Billing";
     EXPECT_EQ(order(sample, {}), "Cbda"); // trouble, then depth
@@ -81,43 +70,31 @@ TEST(TopRows, texts_keep_to_their_cells) {
     EXPECT_EQ(field("a\xff\n\x1b", 5, false), L"a??? ");
 }
 
-namespace {
-
-class OnScreen : public testing::Test {
-protected:
-    Segment segment = SegmentBuilder()
-                          .channel("MT01", 'M', 4, 64)
-                          .channel("한국", 'M', 4, 64)
-                          .channel("FQ01", 'F', 4, 64)
-                          .build();
-    static void put(halvo_channel *q, const std::string &text) {
-        ASSERT_EQ(q_write(q, 1, text.data(), static_cast<uint32_t>(text.size())), ESMS_OK);
-    }
-    void SetUp() override {
-        if (!halvo::test::Terminal::available()) GTEST_SKIP() << "needs tmux";
-        segment.attach();
-        put(segment.open("한국", 'w'), "wait\ning");
-    }
-};
-
-} // namespace
-
-TEST_F(OnScreen, shows_sorts_filters_and_follows_the_segment) {
+TEST(OnScreen, shows_sorts_filters_and_follows_the_segment) {
+    if (!halvo::test::Terminal::available()) GTEST_SKIP() << "needs tmux";
+    const Segment segment = SegmentBuilder()
+                                .channel("MT01", 'M', 4, 64)
+                                .channel("한국", 'M', 4, 64)
+                                .channel("FQ01", 'F', 4, 64)
+                                .build();
+    segment.attach();
+    halvo_channel *q = segment.open("한국", 'w');
+    ASSERT_EQ(write(q, "wait\ning"), ESMS_OK);
     const halvo::test::Terminal terminal(segment.path(""), 80, 24);
-    terminal.type(HALVO_MON " top --every 0.2 --utf8 -k " + segment.key_file() +
-                  "; echo status $?");
-    terminal.press("Enter");
+    const auto row = [&] { return lines(terminal.screen())[4]; };
+    terminal.run(HALVO_BIN "/halvo-mon top --every 0.2 --utf8 -k " + segment.key_file() +
+                 "; echo status $?");
     ASSERT_TRUE(terminal.wait_for("3 channels  depth 1 "));
-    EXPECT_EQ(lines(terminal.screen())[4].find(utf8("no reader 한국 ")), 0u) << terminal.screen();
-    EXPECT_NE(terminal.screen().find(std::to_string(getpid()) + "*"), std::string::npos);
-    put(segment.channel("한국"), "more");
+    EXPECT_EQ(row().find(utf8("no reader 한국 ")), 0u) << terminal.screen();
+    EXPECT_TRUE(terminal.shows(std::to_string(getpid()) + "*"));
+    ASSERT_EQ(write(q, "more"), ESMS_OK);
     EXPECT_TRUE(terminal.wait_for("3 channels  depth 2 "));
 
     terminal.resize(200, 50);
     EXPECT_TRUE(terminal.wait_for("W-NAME"));
     terminal.press("Right"); // by name
     EXPECT_TRUE(terminal.wait_for("sorted by CHANNEL"));
-    EXPECT_NE(lines(terminal.screen())[4].find("FQ01"), std::string::npos);
+    EXPECT_NE(row().find("FQ01"), std::string::npos);
     terminal.type("/" + utf8("국"));
     EXPECT_TRUE(terminal.wait_for("1 shown"));
     terminal.press("Enter");
@@ -127,9 +104,7 @@ TEST_F(OnScreen, shows_sorts_filters_and_follows_the_segment) {
     terminal.press("Escape");
     EXPECT_TRUE(terminal.wait_for("MT01"));
 
-    halvo::qm::SegmentPlan plan;
-    plan.channels.push_back({"NEW1", 'M', 4, 64, 0});
-    halvo::qm::create(plan, segment.key_file(), true);
+    remake(segment.key_file(), {"NEW1"});
     EXPECT_TRUE(terminal.wait_for("NEW1"));
     halvo::qm::remove(segment.key_file());
     EXPECT_TRUE(terminal.wait_for("waiting for a segment"));
