@@ -131,6 +131,37 @@ TEST_F(Locks, threads_that_wait_do_not_take_the_lock_away_from_the_process) {
     waiter.join();
 }
 
+// The first of its calls waits for another process.
+TEST_F(Locks, a_thread_that_is_cancelled_makes_its_calls_to_their_ends) {
+    Signal held, let_go;
+    Peer holder([&] {
+        fqtrans trans;
+        if (lock('w', trans) != 31) return 1;
+        held.send();
+        let_go.wait();
+        return fq_unlock(&trans);
+    });
+    ASSERT_TRUE(held.wait());
+    const auto calls = [](void *argument) -> void * {
+        const Queue &of = *static_cast<Queue *>(argument);
+        of.put_away("one");
+        of.put({"two", "three"});
+        of.take();
+        pthread_testcancel();
+        return nullptr;
+    };
+    pthread_t thread{};
+    ASSERT_EQ(pthread_create(&thread, nullptr, calls, &queue), 0);
+    usleep(50000);
+    pthread_cancel(thread);
+    let_go.send();
+    void *result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(holder.wait(), 0);
+    EXPECT_EQ(queue.drain(), "two three");
+}
+
 TEST_F(Locks, giving_back_what_is_not_held_prints_three_lines) {
     fqtrans nothing{};
     EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(fq_unlock(&nothing), -3); }), kNothingHeld);
