@@ -9,7 +9,7 @@
 
 #include "tests/fq/failing_io.h"
 #include "tests/fq/queue_fixture.h"
-#include "tests/stress/form.h"
+#include "tests/proof/form.h"
 
 using namespace halvo;
 using namespace halvo::test;

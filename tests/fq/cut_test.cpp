@@ -5,8 +5,8 @@
 #include <sstream>
 
 #include "tests/fq/queue_fixture.h"
-#include "tests/stress/form.h"
-#include "tests/stress/stalls.h"
+#include "tests/proof/form.h"
+#include "tests/proof/stalls.h"
 #include "tests/support/peer.h"
 
 using namespace halvo::test;

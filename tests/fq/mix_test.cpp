@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "tests/fq/queue_fixture.h"
-#include "tests/stress/form.h"
+#include "tests/proof/form.h"
 #include "tests/support/peer.h"
 
 using namespace halvo::test;

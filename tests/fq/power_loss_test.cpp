@@ -6,7 +6,7 @@
 
 #include "tests/fq/queue_fixture.h"
 #include "tests/fq/recorded_io.h"
-#include "tests/stress/form.h"
+#include "tests/proof/form.h"
 
 using namespace halvo::test;
 

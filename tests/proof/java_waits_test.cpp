@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/jni/vm.h"
-#include "tests/stress/form.h"
+#include "tests/proof/form.h"
 
 using namespace halvo::test;
 
