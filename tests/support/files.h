@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -15,7 +15,9 @@ namespace halvo::test {
 inline std::string content_of(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) throw std::runtime_error("cannot read " + path);
-    return {std::istreambuf_iterator<char>(in), {}};
+    std::ostringstream text; // takes large files by the block
+    text << in.rdbuf();
+    return text.str();
 }
 
 inline void write_file(const std::string &path, const std::string &content) {
@@ -24,6 +26,12 @@ inline void write_file(const std::string &path, const std::string &content) {
 }
 
 inline bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+
+inline int open_descriptors() {
+    int count = 0;
+    for (Directory own("/proc/self/fd"); own.next();) ++count;
+    return count;
+}
 
 // A directory of its own, with a path for a key file in it. Both go with the object, the segment of
 // that key file too if the test is killed.
