@@ -62,15 +62,6 @@ TEST_F(Reading, gives_the_whole_item_and_a_count_that_is_not_its_size) {
     EXPECT_EQ(trans.lockfd, -1) << "nothing to read: nothing locked";
 }
 
-TEST_F(Reading, a_rollback_gives_the_same_items_again) {
-    queue.put({"one", "two"});
-    EXPECT_GT(begin().first, 0);
-    EXPECT_GT(next().first, 0);
-    EXPECT_EQ(data(), "two");
-    EXPECT_EQ(fq_dequeue_rollback(-1, &trans), 0);
-    EXPECT_EQ(queue.drain(), "one two");
-}
-
 TEST_F(Reading, a_commit_without_items_gives_the_side_back) {
     std::strcpy(trans.path, queue.path());
     captured_stdout([&] { ASSERT_EQ(fq_lock('r', &trans), 31); });
@@ -138,14 +129,6 @@ TEST_F(Reading, any_item_of_length_0_but_an_uncommitted_one_ends_its_file) {
     }
 }
 
-TEST_F(Reading, a_file_whose_deletion_outlived_its_reader_is_stepped_over) {
-    queue.store("head", record(0, 25));
-    EXPECT_EQ(begin().first, 0) << "no file at all";
-    queue.store(1, two);
-    EXPECT_EQ(queue.drain(), "two");
-    EXPECT_EQ(queue.position("head"), place(1, 25));
-}
-
 TEST_F(Reading, a_file_that_could_not_be_ended_is_stepped_over_when_the_next_is_there) {
     queue.store("head", record(0, 5000001));
     queue.store(0, std::string("QITME\0\0", 7), 5000001);
@@ -182,6 +165,11 @@ TEST_F(Reading, of_damage_gives_out_nothing_that_is_not_whole) {
     };
     const std::string within = filler(40) + item_bytes('F', "later");
     const std::string no_magic = one + "quit" + two.substr(4), file = queue.file(0);
+    const auto long_item = [](uint32_t length) {
+        std::string bytes = item_bytes('F', "hello");
+        std::memcpy(bytes.data() + 16, &length, 4);
+        return bytes;
+    };
     const auto searched = [](const char *at) {
         return "자동복구! 현위치로부터 " + std::string(at) + "에서 새 아이템 검색.\n";
     };
@@ -213,6 +201,9 @@ TEST_F(Reading, of_damage_gives_out_nothing_that_is_not_whole) {
         {damaged("QITM"), -1, broken("4"), 0, 4},
         {damaged("QIT"), -1, broken("3"), 0, 3},
         {damaged("Q"), -1, broken("1"), 0, 1},
+        {long_item(1001), -2, too_small("1000", "1001"), 0, 0},
+        {long_item(0x7FFFFFFF), -2, too_small("1000", "2147483647"), 0, 0},
+        {long_item(0xFFFFFFFF), -2, too_small("1000", "-1"), 0, 0},
     };
     for (const auto &row : rows) {
         queue.store(0, row.bytes);
@@ -228,16 +219,6 @@ TEST_F(Reading, of_damage_gives_out_nothing_that_is_not_whole) {
             EXPECT_EQ(fq_dequeue_rollback(-1, &trans), 0);
         }
         EXPECT_EQ(queue.bytes("head"), record(0, row.begin));
-    }
-}
-
-TEST_F(Reading, a_damaged_length_reads_nothing_outside_the_buffer) {
-    for (const uint32_t length : {1001u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
-        std::string bytes = item_bytes('F', "hello");
-        std::memcpy(bytes.data() + 16, &length, 4);
-        queue.store(0, bytes);
-        EXPECT_EQ(read_at(record(0, 0)),
-                  Said(-2, too_small("1000", std::to_string(static_cast<int32_t>(length)))));
     }
     // A caller may not know how large its buffer is.
     EXPECT_EQ(said([&] { return fq_read_item(queue.path(), &trans, buffer.data(), 0xFFFFFFFFu); }),
@@ -264,5 +245,5 @@ TEST_F(Reading, what_is_no_file_one_can_seek_in_or_open_is_an_error) {
     EXPECT_EQ(read_at(record(1, 100)), Said(-1, "fq_read_item.lseek(2) error \n"));
     ASSERT_EQ(symlink(queue.file(2).c_str(), queue.file(2).c_str()), 0);
     EXPECT_EQ(read_at(record(2, 0)), Said(-1, "fq_read_item.open error " + queue.file(2) +
-                           " (Too many levels of symbolic links)\n"));
+                                                  " (Too many levels of symbolic links)\n"));
 }

@@ -186,17 +186,6 @@ TEST(EndOfFile, comes_behind_the_item_that_passes_5000000_bytes) {
     }
 }
 
-TEST(EndOfFile, a_commit_runs_into_the_file_of_order_0_after_99999999) {
-    const Queue queue;
-    queue.store("tail", record(99999999, 5000000));
-    queue.store("head", record(99999999, 5000000));
-    queue.put({"last"});
-    queue.put({"first"});
-    EXPECT_EQ(queue.drain(), "last first");
-    EXPECT_EQ(queue.position("head"), place(0, 27));
-    EXPECT_FALSE(queue.has(99999999));
-}
-
 // ---- The item writers --------------------------------------------------------------------------
 
 TEST(ItemWriters, append_goes_to_the_end_of_the_file_and_does_not_count) {

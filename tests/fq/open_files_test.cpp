@@ -79,33 +79,6 @@ TEST_F(OpenFiles, a_removed_file_is_noticed_where_times_are_coarse) {
     EXPECT_TRUE(queue.has(0));
 }
 
-TEST_F(OpenFiles, processes_that_take_turns_see_each_other) {
-    for (int i = 0; i < 3; ++i) {
-        Peer writer([&] { return queue.put({"theirs"}); });
-        EXPECT_EQ(writer.wait(), 0);
-        EXPECT_EQ(queue.put_away("ours"), 0);
-        Peer reader([&] { return queue.take() == (i == 0 ? "older" : "theirs") ? 0 : 1; });
-        EXPECT_EQ(reader.wait(), 0);
-        EXPECT_EQ(queue.take(), i == 0 ? "theirs" : "ours");
-        if (i == 0) {
-            EXPECT_EQ(queue.take(), "ours");
-        }
-    }
-    EXPECT_EQ(queue.take(), "[0]");
-}
-
-// Left by another process that died or rolled back: not seen in the log.
-TEST_F(OpenFiles, items_that_another_one_left_behind_are_cut_off) {
-    Peer other([&] {
-        fqtrans trans;
-        queue.begin(trans, {"dropped", "and dropped"});
-        return fq_enqueue_rollback(-1, &trans);
-    });
-    EXPECT_EQ(other.wait(), 0);
-    EXPECT_EQ(queue.put({"x"}), 0);
-    EXPECT_EQ(queue.picture(0), "F(old) F(older) F(x)");
-}
-
 TEST_F(OpenFiles, many_queues_do_not_use_up_the_descriptors) {
     const int before = open_descriptors();
     use_queues(100);

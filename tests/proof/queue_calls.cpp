@@ -81,11 +81,6 @@ Function *real(const char *name) {
         note;                                                                                      \
         return result;                                                                             \
     }
-#define TRANSFER(name, symbol, parameters, arguments, note)                                        \
-    ssize_t name parameters {                                                                      \
-        static const auto call = real<ssize_t parameters>(symbol);                                 \
-        return note(transfer(length, [&](size_t some) { return call arguments; }));                \
-    }
 #ifdef __i386__
 #define STAT "__fstat64_time64"
 #else
