@@ -74,6 +74,12 @@ inline std::string joined(const std::string &a, const std::string &b) {
     return a.empty() || b.empty() ? a + b : a + " " + b;
 }
 
+inline std::string text_of(const std::vector<std::string> &items) {
+    std::string all;
+    for (const std::string &item : items) all = joined(all, item);
+    return all;
+}
+
 class QueueAt {
 public:
     explicit QueueAt(std::string path) : path_(std::move(path)) {}
@@ -187,10 +193,9 @@ public:
         fqtrans trans;
         std::vector<std::string> items;
         const int result = read(trans, items, 1000, cap);
-        std::string all;
-        for (const std::string &item : items) all = joined(all, item);
-        if (items.empty() && result == 0) return all;
-        return fq_dequeue_commit(-1, &trans) == 0 && result == 0 ? all : all + "[failed]";
+        if (items.empty() && result == 0) return "";
+        const bool done = fq_dequeue_commit(-1, &trans) == 0 && result == 0;
+        return text_of(items) + (done ? "" : "[failed]");
     }
 
 private:

@@ -16,57 +16,45 @@ using namespace halvo::test;
 
 namespace {
 
-constexpr int kWayIn = 4999970; // a file that the next items take past its limit
+// A queue before the operation. In use: the first files have been read and deleted long ago.
+enum State { kFresh, kInUse, kRolledBack, kFileEnds, kLogsEnd };
+const char *const kStates[] = {"fresh", "in use", "after a rollback", "at the end of a file",
+                               "with full logs"};
 
-// Lets a position file be past its limit: its last record behind a gap.
-void fill_log(const Queue &queue, const std::string &suffix) {
-    queue.store(suffix, queue.position(suffix) + "      first\n", 161290 * 31);
-}
-
-void put_old(const Queue &queue) {
+void prepare(const Queue &queue, State state) {
+    constexpr int kWayIn = 4999970; // the next items take the file past its limit
+    queue.clear();
+    if (state == kInUse) queue.store("tail", record(3, 0));
+    for (const char *log : {"tail", "head"})
+        if (state == kFileEnds) queue.store(log, record(0, kWayIn - 26 * 2));
+    if (state == kFresh) return;
     ASSERT_EQ(queue.put({"old1"}), 0);
     ASSERT_EQ(queue.put_away("old2"), 0);
+    if (state == kRolledBack) {
+        fqtrans trans;
+        queue.begin(trans, {"xxx", "yyy", "zzz"});
+        fq_enqueue_rollback(-1, &trans);
+    }
+    if (state == kLogsEnd) { // past the limit, the last record behind a gap
+        queue.store("head", record(0, 0), 161290 * 31);
+        queue.store("tail", queue.position("tail") + "      first\n", 161290 * 31);
+    }
 }
 
-// A queue before the operation, and what stands in it.
-struct State {
+enum Kind { kPut, kSingleShot, kPutBack, kRead, kReadBack };
+struct Operation {
     const char *name;
-    const char *items;
-    void (*prepare)(const Queue &);
-    bool is_read; // also by the operations that read
+    Kind kind;
+    std::vector<std::string> items;
+    bool reads() const { return kind >= kRead; }
 };
-
-// In use: the first files have been read and deleted long ago; no reader has saved a position since.
-const State kStates[] = {{"fresh", "", [](const Queue &) {}, false},
-                         {"in use", "old1 old2",
-                          [](const Queue &queue) {
-                              queue.store("tail", record(3, 0));
-                              put_old(queue);
-                          },
-                          true},
-                         {"after a rollback", "old1 old2",
-                          [](const Queue &queue) {
-                              put_old(queue);
-                              fqtrans trans;
-                              queue.begin(trans, {"xxx", "yyy", "zzz"});
-                              fq_enqueue_rollback(-1, &trans);
-                          },
-                          false},
-                         {"at the end of a file", "old1 old2",
-                          [](const Queue &queue) {
-                              queue.store("tail", record(0, kWayIn - 26 * 2));
-                              queue.store("head", record(0, kWayIn - 26 * 2));
-                              put_old(queue);
-                          },
-                          true},
-                         {"with full logs", "old1 old2",
-                          [](const Queue &queue) {
-                              put_old(queue);
-                              queue.store("head", record(0, 0));
-                              fill_log(queue, "head");
-                              fill_log(queue, "tail");
-                          },
-                          true}};
+const Operation kOperations[] = {{"batch", kPut, {"aaa", "bbb", "ccc"}},
+                                 {"long pair", kPut, {"aaaaaaaaaaaaaaa", "b"}},
+                                 {"single", kPut, {"ddddddddd"}},
+                                 {"single shot", kSingleShot, {"eeeeeeeee"}},
+                                 {"batch taken back", kPutBack, {"ffff", "gg"}},
+                                 {"read", kRead, {}},
+                                 {"read taken back", kReadBack, {}}};
 
 // What an operation has told: whether its success, and the items that it has consumed by that.
 struct Told {
@@ -74,55 +62,20 @@ struct Told {
     std::string items;
 };
 
-struct Operation {
-    const char *name;
-    std::string puts; // its items
-    bool reads, commits;
-    std::function<Told(const Queue &)> run;
-};
-
-Operation writes(const char *name, const std::string &puts, std::function<int(const Queue &)> put) {
-    return {name, puts, false, true, [put](const Queue &queue) {
-                return Told{put(queue) >= 0, {}};
-            }};
+Told run(const Queue &queue, const Operation &operation) {
+    fqtrans trans;
+    std::vector<std::string> got;
+    if (operation.kind == kPut) return {queue.put(operation.items) >= 0, ""};
+    if (operation.kind == kSingleShot) return {queue.put_away(operation.items[0]) == 0, ""};
+    if (operation.kind == kPutBack) {
+        const int begun = queue.begin(trans, operation.items);
+        return {begun >= 0 && fq_enqueue_rollback(-1, &trans) >= 0, ""};
+    }
+    queue.read(trans, got, 6, 78);
+    if (got.empty()) return {};
+    if (operation.kind == kReadBack) return {fq_dequeue_rollback(-1, &trans) == 0, ""};
+    return {fq_dequeue_commit(-1, &trans) == 0, text_of(got)};
 }
-
-Operation reads_all(const char *name, bool commits) {
-    return {name, "", true, commits, [commits](const Queue &queue) {
-                Told told;
-                fqtrans trans;
-                std::vector<std::string> items;
-                queue.read(trans, items, 6, 78);
-                if (items.empty()) return told;
-                const int result =
-                    commits ? fq_dequeue_commit(-1, &trans) : fq_dequeue_rollback(-1, &trans);
-                told.success = commits && result == 0;
-                for (const std::string &item : items)
-                    if (commits) told.items = joined(told.items, item);
-                return told;
-            }};
-}
-
-const Operation kOperations[] = {
-    writes("batch", "aaa bbb ccc",
-           [](auto &queue) {
-               return queue.put({"aaa", "bbb", "ccc"});
-           }),
-    writes("long pair", "aaaaaaaaaaaaaaa b",
-           [](auto &queue) {
-               return queue.put({"aaaaaaaaaaaaaaa", "b"});
-           }),
-    writes("single", "ddddddddd", [](auto &queue) { return queue.put({"ddddddddd"}); }),
-    writes("single shot", "eeeeeeeee",
-           [](auto &queue) { return queue.put_away("eeeeeeeee") == 0 ? 0 : -1; }),
-    writes("batch taken back", "",
-           [](auto &queue) {
-               fqtrans trans;
-               const int begun = queue.begin(trans, {"ffff", "gg"});
-               return begun < 0 ? begun : fq_enqueue_rollback(-1, &trans);
-           }),
-    reads_all("read", true),
-    reads_all("read taken back", false)};
 
 // What may stand in a queue: whether the last operation has been done, and whether a success that
 // was told is undone.
@@ -134,6 +87,7 @@ using Outcomes = std::map<std::string, Effect>;
 // What may stand there after one operation more.
 Outcomes after(const Operation &operation, const Outcomes &before, const Told &told) {
     Outcomes all;
+    const bool puts = operation.kind <= kSingleShot;
     for (const auto &[text, effect] : before)
         for (size_t at = 0; at <= told.items.size(); ++at) { // a reader may have to repeat some
             const bool whole = at == told.items.size();
@@ -142,7 +96,8 @@ Outcomes after(const Operation &operation, const Outcomes &before, const Told &t
             const std::string rest = text.substr(at > 0 && at < text.size() ? at + 1 : at);
             const bool undone = effect.undone || told.success;
             all[rest] = {false, undone};
-            if (whole) all[joined(rest, operation.puts)] = {true, effect.undone};
+            if (whole)
+                all[puts ? joined(rest, text_of(operation.items)) : rest] = {true, effect.undone};
         }
     return all;
 }
@@ -183,15 +138,14 @@ struct Faults {
 
 struct Case {
     const Queue &queue;
-    const State &state;
+    State state;
     const Operation &operation;
     First first;
     bool to_be_opened; // else who comes next finds the files of its side open from before
 
     void prepare() const {
-        queue.clear();
-        state.prepare(queue);
-        if (operation.reads) {
+        ::prepare(queue, state);
+        if (operation.reads()) {
             ASSERT_EQ(queue.put({"aaa", "bbb", "ccc"}), 0); // ends the file, when it is about to
             ASSERT_EQ(queue.put({"next"}), 0);
         }
@@ -200,7 +154,8 @@ struct Case {
         queue.remove("rdlk");
     }
     std::string items() const {
-        return operation.reads ? joined(state.items, "aaa bbb ccc next") : state.items;
+        const std::string old = state == kFresh ? "" : "old1 old2";
+        return operation.reads() ? joined(old, "aaa bbb ccc next") : old;
     }
     bool judge(Faults &faults, const Told &told) const {
         return faults.judge(queue, after(operation, {{items(), {}}}, told), first);
@@ -210,14 +165,16 @@ struct Case {
 template <class Damage>
 void for_each_case(bool reads, Damage damage) {
     const Queue queue;
-    for (const State &state : kStates)
+    for (const State state : {kFresh, kInUse, kRolledBack, kFileEnds, kLogsEnd})
         for (const Operation &operation : kOperations)
             for (const First first : {First::writer, First::reader})
                 for (const bool to_be_opened : {false, true}) {
-                    if (operation.reads != reads || (reads && !state.is_read)) continue;
-                    if (reads && to_be_opened == operation.commits) continue;
+                    if (operation.reads() != reads) continue;
+                    // What readers may meet, in fewer ways.
+                    if (reads && (state == kFresh || state == kRolledBack)) continue;
+                    if (reads && to_be_opened == (operation.kind == kRead)) continue;
                     if (reads && first == First::reader && !is_long_form()) continue;
-                    SCOPED_TRACE(std::string(operation.name) + ", " + state.name + ", files " +
+                    SCOPED_TRACE(std::string(operation.name) + ", " + kStates[state] + ", files " +
                                  (to_be_opened ? "to be opened, then a " : "kept, then a ") +
                                  (first == First::reader ? "reader" : "writer"));
                     damage(Case{queue, state, operation, first, to_be_opened});
@@ -234,10 +191,9 @@ Faults killed_before_each_call(bool reads) {
         for (int n = 1; died && !testing::Test::HasFailure(); ++n) {
             SCOPED_TRACE("call " + std::to_string(n));
             c.prepare();
-            died = dies_before_call(n, [&] { c.operation.run(c.queue); });
+            died = dies_before_call(n, [&] { run(c.queue, c.operation); });
             // What a shorter run had done is not undone again either.
-            const bool told = !died || done;
-            done = c.judge(faults, {told, reads && c.operation.commits ? c.items() : ""});
+            done = c.judge(faults, {!died || done, c.operation.kind == kRead ? c.items() : ""});
             ASSERT_LT(n, 300);
         }
     });
@@ -264,7 +220,7 @@ void fail_call(const Case &c, int n, int error, bool lasting, int most_open, Fau
     Told told;
     const std::string printed = captured_stdout([&] { // whose own calls do not fail
         const FaultyCalls fails(n, error, lasting);
-        told = c.operation.run(c.queue);
+        told = run(c.queue, c.operation);
     });
     // Kept: a position that was not saved is printed, and the result is 0.
     if (printed.find("fq_dequeue_commit.fq_set_pos error \n") != std::string::npos)
@@ -288,7 +244,7 @@ Faults each_call_failing(bool reads) {
             const bool lasting = i % 2;
             if (!is_long_form() && lasting == (error == EIO)) continue;
             c.prepare();
-            const int calls = counted_calls([&] { c.operation.run(c.queue); });
+            const int calls = counted_calls([&] { run(c.queue, c.operation); });
             ASSERT_GE(calls, 5);
             for (int n = 1; n <= calls && !testing::Test::HasFailure(); ++n) {
                 SCOPED_TRACE("call " + std::to_string(n) + ": " +
@@ -327,22 +283,19 @@ TEST(FailingCalls, let_a_reader_repeat_its_transaction_at_most) {
 // The second one dies while it puts right what the first one left.
 TEST(Crash, a_second_death_in_the_recovery_changes_nothing) {
     const Queue queue;
-    const Operation &batch = kOperations[0];
-    const Operation other = writes("other", "sec ond", [](auto &of) {
-        return of.put({"sec", "ond"});
-    });
+    const Operation &batch = kOperations[0], other{"other", kPut, {"sec", "ond"}};
     Faults faults;
-    for (const State *state : {&kStates[1], &kStates[3]}) {
+    for (const State state : {kInUse, kFileEnds}) {
         bool first_died = true;
         for (int n = 1; first_died; n += length(3, 1)) {
             bool second_died = true;
             for (int m = 1; second_died; m += length(2, 1)) {
-                SCOPED_TRACE(std::string(state->name) + ", calls " + std::to_string(n) + " and " +
-                             std::to_string(m));
-                Case{queue, *state, batch, First::writer, (n + m) % 2 != 0}.prepare();
-                first_died = dies_before_call(n, [&] { batch.run(queue); });
-                second_died = dies_before_call(m, [&] { other.run(queue); });
-                const Outcomes first = after(batch, {{state->items, {}}}, {!first_died, {}});
+                SCOPED_TRACE(std::string(kStates[state]) + ", calls " + std::to_string(n) +
+                             " and " + std::to_string(m));
+                Case{queue, state, batch, First::writer, (n + m) % 2 != 0}.prepare();
+                first_died = dies_before_call(n, [&] { run(queue, batch); });
+                second_died = dies_before_call(m, [&] { run(queue, other); });
+                const Outcomes first = after(batch, {{"old1 old2", {}}}, {!first_died, {}});
                 faults.judge(queue, after(other, first, {!second_died, {}}), First::writer);
                 if (HasFailure()) return;
             }

@@ -30,10 +30,6 @@ struct Losses {
     std::string first; // what came out of the first disk with a fault
 };
 
-std::string data_of(int item, unsigned length) {
-    return "i" + std::to_string(item) + " " +
-           std::string(length, static_cast<char>('a' + item % 26));
-}
 int item_of(const std::string &data) {
     return data.empty() || data[0] != 'i' ? -1 : std::atoi(data.c_str() + 1);
 }
@@ -43,7 +39,6 @@ class Run {
 public:
     Run(const Queue &queue, std::minstd_rand &random)
         : queue_(queue), random_(random), record_(queue.path()) {
-        lengths_.reserve(1000);
         prepare();
         note();
         record_.meanwhile = [this] {
@@ -59,7 +54,7 @@ public:
         while (last + 1 < known_.size() && known_[last + 1].call <= calls) ++last;
         return known_[last];
     }
-    std::string data(int item) const { return data_of(item, lengths_[static_cast<size_t>(item)]); }
+    const std::string &data(int item) const { return data_[static_cast<size_t>(item)]; }
 
 private:
     void prepare() {
@@ -76,9 +71,10 @@ private:
     }
     unsigned below(unsigned limit) { return static_cast<unsigned>(random_() % limit); }
     std::string next_item() {
-        const unsigned length = below(12) == 0 ? 4000 + below(5000) : below(60);
-        lengths_.push_back(length);
-        return data(static_cast<int>(lengths_.size()) - 1);
+        const size_t item = data_.size(), length = below(12) == 0 ? 4000 + below(5000) : below(60);
+        data_.push_back("i" + std::to_string(item) + " " +
+                        std::string(length, static_cast<char>('a' + item % 26)));
+        return data_.back();
     }
     void write() {
         const unsigned kind = below(6);
@@ -89,7 +85,7 @@ private:
             fqtrans trans;
             queue_.begin(trans, items);
             fq_enqueue_rollback(-1, &trans);
-            lengths_.resize(lengths_.size() - items.size());
+            data_.resize(data_.size() - items.size());
             return;
         }
         now_.under_way = count;
@@ -122,7 +118,7 @@ private:
     const Queue &queue_;
     std::minstd_rand &random_;
     Recorder record_;
-    std::vector<unsigned> lengths_;
+    std::vector<std::string> data_; // of the items
     std::vector<Known> known_;
     Known now_{};
     bool reading_ = false;
@@ -132,8 +128,8 @@ private:
 std::vector<std::string> go_on(const Queue &queue, bool writer_first) {
     std::vector<std::string> got;
     const auto drain = [&] {
-        for (std::string data = queue.take(kMostData); got.size() < 1000;
-             data = queue.take(kMostData)) {
+        while (got.size() < 1000) {
+            const std::string data = queue.take(kMostData);
             if (data == "[0]") return;
             got.push_back(data);
             if (data[0] == '[') return;
