@@ -95,8 +95,8 @@ public:
         return exists(file(which));
     }
     template <class Which>
-    std::string bytes(Which which) const {
-        return has(which) ? content_of(file(which)) : "";
+    std::string bytes(Which which, int from = 0) const {
+        return has(which) ? content_of(file(which), from) : "";
     }
     template <class Which>
     void store(Which which, const std::string &bytes, int hole = 0) const {

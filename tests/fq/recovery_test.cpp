@@ -21,8 +21,7 @@ TEST(Settling, goes_on_where_nothing_is_lost) {
         std::string tail, head;
         int number; // of the file that stands there
         std::string file, drained;
-        int order; // of the file that the new item goes into, and where
-        size_t offset;
+        int order, offset; // where the new item goes
         std::string picture;
     } rows[] = {
         // The reader has finished the file and deleted it.
@@ -42,7 +41,7 @@ TEST(Settling, goes_on_where_nothing_is_lost) {
             queue.store("head", row.head);
             queue.store(row.number, row.file);
             EXPECT_EQ(single ? queue.put_away("new") : queue.put({"new"}), 0);
-            EXPECT_EQ(picture_of(queue.bytes(row.order).substr(row.offset)), row.picture);
+            EXPECT_EQ(picture_of(queue.bytes(row.order, row.offset)), row.picture);
             EXPECT_EQ(queue.has(0), row.order == 0);
             EXPECT_EQ(queue.drain(), row.drained);
         }

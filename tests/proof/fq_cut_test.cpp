@@ -32,16 +32,6 @@ Items items_in(const std::string &text) {
     return items;
 }
 
-// Whether a list begins with another, and goes on with some of a third in its order.
-bool begins(const Items &list, const Items &first, const Items &then) {
-    if (list.size() < first.size() || !std::equal(first.begin(), first.end(), list.begin()))
-        return false;
-    auto at = list.begin() + static_cast<std::ptrdiff_t>(first.size());
-    for (const std::string &item : then)
-        if (at != list.end() && *at == item) ++at;
-    return at == list.end();
-}
-
 Items operator+(Items a, const Items &b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
@@ -76,9 +66,13 @@ int found_after(const Queue &queue, const Items &whole, const Items &more) {
         if (queue.put({kLater[0]}) != 0 || queue.put_away(kLater[1]) != 0) return kAltered;
         got += " " + queue.drain();
         const Items items = items_in(got), all = whole + more + kLater;
-        if (begins(items, whole, more + kLater))
-            return items.size() == all.size() ? kEverything : kSome;
-        return begins(items, {}, all) ? kLosing : kAltered;
+        size_t known = 0;
+        for (const std::string &item : all) known += known < items.size() && items[known] == item;
+        if (known < items.size()) return kAltered;
+        if (known == all.size()) return kEverything;
+        const bool begins =
+            known >= whole.size() && std::equal(whole.begin(), whole.end(), items.begin());
+        return begins ? kSome : kLosing;
     });
     return others.wait();
 }
@@ -90,7 +84,7 @@ void cut_at_every_byte(const Row &row) {
     queue.store("head", record(kOrder, row.first));
     for (const std::string &item : kItems + row.next_file) ASSERT_EQ(queue.put({item}), 0);
     for (int taken = 0; row.is_log && taken < 5; ++taken) queue.take();
-    const std::string data = queue.bytes(kOrder).substr(static_cast<size_t>(row.first));
+    const std::string data = queue.bytes(kOrder, row.first);
     const std::string next = queue.bytes(kOrder + 1);
     const std::string tail = queue.bytes("tail"), head = queue.bytes("head");
     const int end = static_cast<int>(queue.bytes(row.suffix).size());

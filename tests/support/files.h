@@ -12,11 +12,11 @@
 
 namespace halvo::test {
 
-inline std::string content_of(const std::string &path) {
+inline std::string content_of(const std::string &path, int from = 0) {
     std::ifstream in(path, std::ios::binary);
     if (!in) throw std::runtime_error("cannot read " + path);
     std::ostringstream text; // takes large files by the block
-    text << in.rdbuf();
+    text << in.seekg(from).rdbuf();
     return text.str();
 }
 
