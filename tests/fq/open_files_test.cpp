@@ -39,15 +39,6 @@ statx(int at, const char *name, int flags, unsigned mask, struct statx *found) n
     return result;
 }
 
-TEST_F(OpenFiles, all_removed_is_a_new_queue) {
-    queue.clear();
-    EXPECT_EQ(queue.take(), "[0]");
-    EXPECT_EQ(queue.put({"new"}), 0);
-    EXPECT_EQ(queue.picture(0), "F(new)");
-    EXPECT_EQ(queue.drain(), "new");
-    EXPECT_TRUE(queue.has("wrlk") && queue.has("rdlk"));
-}
-
 TEST_F(OpenFiles, each_one_removed_is_made_again) {
     queue.remove("wrlk");
     queue.remove("rdlk");

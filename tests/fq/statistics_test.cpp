@@ -105,11 +105,6 @@ TEST_F(Statistics, a_read_above_the_rate_limit_is_refused_before_any_lock) {
 
     q->fgcnt.count = 1009; // 100 a second: not above the limit
     EXPECT_GT(take(), 0);
-    EXPECT_EQ(q->throttled, 1) << "stays up for two seconds";
-    EXPECT_EQ(fq_dequeue_rollback(0, &trans), 0);
-    q->throttletime = now - 2;
-    EXPECT_GT(take(), 0);
-    EXPECT_EQ(q->throttled, 0);
     q->fgcnt.count = 100000;
     EXPECT_EQ(take_next(), 0) << "only the first item of a transaction is held back";
     EXPECT_EQ(fq_dequeue_commit(0, &trans), 0);
