@@ -96,7 +96,7 @@ public:
     }
     template <class Which>
     std::string bytes(Which which, int from = 0) const {
-        return has(which) ? content_of(file(which), from) : "";
+        return has(which) ? content_of(file(which)).substr(static_cast<size_t>(from)) : "";
     }
     template <class Which>
     void store(Which which, const std::string &bytes, int hole = 0) const {
