@@ -1,13 +1,14 @@
 #include "core/output.h"
 
 #include <poll.h>
-#include <pthread.h>
 #include <stdio_ext.h>
 #include <sys/stat.h>
 
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+
+#include "core/posix.h"
 
 namespace halvo {
 
@@ -23,13 +24,11 @@ bool takes_what_is_buffered(int descriptor) {
 } // namespace
 
 void print(const char *format, ...) noexcept {
-    int before = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    const CancellationOff whole;
     va_list values;
     va_start(values, format);
     std::vprintf(format, values);
     va_end(values);
-    pthread_setcancelstate(before, nullptr);
 }
 
 ReadyOutput::ReadyOutput() noexcept : locked_(ftrylockfile(stdout) == 0) {

@@ -1,4 +1,4 @@
-// Owners of what the operating system hands out: descriptors, directories, mutexes.
+// Owners of what the operating system hands out: descriptors, directories, mutexes, cancellation.
 //
 // Each gives its resource back when it goes; release() leaves it taken and passes the duty on.
 // None of them throws or prints. errno survives the giving back, so that an error found before
@@ -114,6 +114,19 @@ public:
 
 private:
     pthread_mutex_t *mutex_ = nullptr;
+};
+
+// Puts a cancellation of the calling thread off: in a function that throws nothing it would end the
+// process, and no frame of the library could be unwound.
+class CancellationOff {
+public:
+    CancellationOff() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    CancellationOff(const CancellationOff &) = delete;
+    CancellationOff &operator=(const CancellationOff &) = delete;
+    ~CancellationOff() { pthread_setcancelstate(before_, nullptr); }
+
+private:
+    int before_ = 0;
 };
 
 } // namespace halvo

@@ -79,6 +79,7 @@ void delete_left_file(const fqtrans *trans) {
 } // namespace
 
 int fq_dequeue(int chnnl, const char *path, void *buf, unsigned cap, fqtrans *trans) noexcept {
+    const CancellationOff whole_call;
     if (!usable_path(path) || !buf || !trans) return ESMS_INVAL;
     ChannelStats stats(chnnl);
     stats.reader_alive();
@@ -93,6 +94,7 @@ int fq_dequeue(int chnnl, const char *path, void *buf, unsigned cap, fqtrans *tr
 }
 
 int fq_dequeue_next(int chnnl, const char *path, fqtrans *trans, void *buf, unsigned cap) noexcept {
+    const CancellationOff whole_call;
     ChannelStats(chnnl).reader_alive();
     if (!trans || !buf || !usable_path(path)) return ESMS_INVAL;
     std::memcpy(trans->curpos, trans->nextpos, kRecordSize);
@@ -100,6 +102,7 @@ int fq_dequeue_next(int chnnl, const char *path, fqtrans *trans, void *buf, unsi
 }
 
 int fq_dequeue_commit(int chnnl, fqtrans *trans) noexcept {
+    const CancellationOff whole_call;
     if (!trans) {
         std::puts("fq_dequeue_commit NULL trans.");
         return -1;
@@ -129,6 +132,7 @@ int fq_dequeue_commit(int chnnl, fqtrans *trans) noexcept {
 }
 
 int fq_dequeue_rollback(int, fqtrans *trans) noexcept {
+    const CancellationOff whole_call;
     if (!trans) {
         std::puts("fq_dequeue_commit NULL trans.");
         return -1;

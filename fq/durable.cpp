@@ -51,6 +51,7 @@ bool halvo::fq::sync_names(int directory, const char *path) noexcept {
 }
 
 int fq_set_durability(int mode) noexcept {
+    const CancellationOff whole_call;
     if (mode != FQ_DURABILITY_NONE && mode != FQ_DURABILITY_COMMIT) return ESMS_INVAL;
     chosen_mode() = mode;
     return 0;

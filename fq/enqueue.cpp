@@ -40,6 +40,7 @@ Saved save_writer_position(fqtrans *trans) {
 
 int fq_enqueue(int chnnl, const char *path, const void *data, unsigned len,
                fqtrans *trans) noexcept {
+    const CancellationOff whole_call;
     if (!usable_item(path, data, len) || !trans) return ESMS_INVAL;
     ChannelStats(chnnl).writer_alive();
     begin_record(trans, path);
@@ -55,6 +56,7 @@ int fq_enqueue(int chnnl, const char *path, const void *data, unsigned len,
 }
 
 int fq_enqueue_next(int chnnl, const void *data, unsigned len, fqtrans *trans) noexcept {
+    const CancellationOff whole_call;
     if (!holds_side(trans)) return ESMS_INVAL;
     ChannelStats(chnnl).writer_alive();
     std::memcpy(trans->curpos, trans->nextpos, kRecordSize);
@@ -67,6 +69,7 @@ int fq_enqueue_next(int chnnl, const void *data, unsigned len, fqtrans *trans) n
 }
 
 int fq_enqueue_commit(int chnnl, fqtrans *trans) noexcept {
+    const CancellationOff whole_call;
     // Without the lock (the transaction ended with a failure) the items may be another writer's by
     // now: as for an empty transaction.
     if (trans && !holds_side(trans)) trans->count = 0;
@@ -86,6 +89,7 @@ int fq_enqueue_commit(int chnnl, fqtrans *trans) noexcept {
 }
 
 int fq_enqueue_rollback(int, fqtrans *trans) noexcept {
+    const CancellationOff whole_call;
     const int result = fq_unlock(trans);
     if (result < 0) std::puts("fq_enqueue_rollback.fq_unlock error ");
     return result;
@@ -94,6 +98,7 @@ int fq_enqueue_rollback(int, fqtrans *trans) noexcept {
 // Kept: a failure to lock is answered with a positive number.
 int fq_enqueue_away(int chnnl, int type, int success, const char *path, const void *data,
                     unsigned len) noexcept {
+    const CancellationOff whole_call;
     if (!usable_item(path, data, len)) return ESMS_INVAL;
     fqtrans trans;
     begin_record(&trans, path);

@@ -226,6 +226,7 @@ private:
 } // namespace
 
 int fq_read_item(const char *path, fqtrans *trans, void *buf, unsigned cap) noexcept {
+    const CancellationOff whole_call;
     if (!usable_path(path) || !trans || !buf) return ESMS_INVAL;
     return ItemReader(path, trans, buf, cap).read();
 }

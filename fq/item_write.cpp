@@ -200,6 +200,7 @@ ssize_t halvo::fq::write_end_item(int fd, int64_t at) noexcept {
 }
 
 int fq_write_item(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
+    const CancellationOff whole_call;
     if (!is_usable(path, trans, data, len)) return ESMS_INVAL;
     Written item{DataFile(trans, path)};
     write_item(path, trans, data, len, kWritten, 0, item);
@@ -210,6 +211,7 @@ int fq_write_item(const char *path, fqtrans *trans, const void *data, unsigned l
 }
 
 int fq_write_item_once(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
+    const CancellationOff whole_call;
     if (!is_usable(path, trans, data, len)) return ESMS_INVAL;
     Written item{DataFile(trans, path)};
     const int64_t from = position_in(trans->curpos).offset;
@@ -229,6 +231,7 @@ int fq_write_item_once(const char *path, fqtrans *trans, const void *data, unsig
 
 // Kept: an appended item is not counted.
 int fq_append_item(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
+    const CancellationOff whole_call;
     if (!is_usable(path, trans, data, len)) return ESMS_INVAL;
     Written item{DataFile(path)}; // a descriptor of its own
     write_item(path, trans, data, len, kCommitted, O_APPEND, item);
@@ -245,6 +248,7 @@ int fq_append_item(const char *path, fqtrans *trans, const void *data, unsigned 
 }
 
 int fq_write_item_commit(fqtrans *trans) noexcept {
+    const CancellationOff whole_call;
     if (!trans || trans->count == 0 || !usable_path(trans->path)) {
         std::puts("fq_enqueue_commit invalid trans stat error ");
         return -1;

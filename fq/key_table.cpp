@@ -109,6 +109,7 @@ void fq_mtx_init() noexcept {
 }
 
 pthread_mutex_t *fq_key2mtx(int key) noexcept {
+    const CancellationOff whole_call;
     OpenKey *entry = found_entry(key, [key] {
         OpenKey *known = entry_of_key(key);
         return known ? known : made_entry(key, {});

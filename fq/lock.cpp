@@ -151,11 +151,13 @@ int halvo::fq::lock_side(char mode, fqtrans *trans, bool &made_first) noexcept {
 }
 
 int fq_lock(char mode, fqtrans *trans) noexcept {
+    const CancellationOff whole_call;
     bool made_first = false;
     return lock_side(mode, trans, made_first);
 }
 
 int fq_unlock(fqtrans *trans) noexcept {
+    const CancellationOff whole_call;
     if (!trans) return ESMS_INVAL;
     init_once();
     int result = 0;

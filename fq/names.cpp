@@ -102,8 +102,12 @@ int halvo::fq::find_next_order(int directory, const char *path, int32_t order) n
 }
 
 int fq_find_forder_first(const char *path) noexcept {
+    const CancellationOff whole_call;
     bool searched;
     return find_first_order(AT_FDCWD, path, searched);
 }
 
-int fq_find_forder_last(const char *path) noexcept { return find_last_order(AT_FDCWD, path); }
+int fq_find_forder_last(const char *path) noexcept {
+    const CancellationOff whole_call;
+    return find_last_order(AT_FDCWD, path);
+}

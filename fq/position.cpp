@@ -201,6 +201,7 @@ Saved halvo::fq::save_position(fqtrans *trans, void (*tell_uncut)(const fqtrans 
 }
 
 int fq_get_pos(const char *path, int fd, char *record, char mode) noexcept {
+    const CancellationOff whole_call;
     if (!usable_path(path) || !record) return -1;
     bool made_first = false;
     LastRecord last;
@@ -208,6 +209,7 @@ int fq_get_pos(const char *path, int fd, char *record, char mode) noexcept {
 }
 
 int fq_set_pos(int fd, char *record) noexcept {
+    const CancellationOff whole_call;
     if (!record) return -1;
     const int64_t size = lseek(fd, 0, SEEK_END);
     if (size < 0) {

@@ -47,6 +47,9 @@
  *            takes for a deadlock of processes is waited for as well, unless the calling thread
  *            holds a side itself and that has lasted ten seconds: that is a failure (-4). A thread
  *            that begins a transaction on a side that it holds waits until another ends the first.
+ *   cancel   no function here is a cancellation point: a cancelled thread makes its call to the end,
+ *            the wait for a side included, and ends at its next cancellation point behind it. A
+ *            transaction that is open then stays open until another thread ends it.
  */
 #ifndef HALVO_FQ_H
 #define HALVO_FQ_H

@@ -5,22 +5,13 @@
 #include <sys/syscall.h>
 
 #include "tests/fq/queue_fixture.h"
-#include "tests/support/peer.h"
 
 using namespace halvo::test;
 using halvo::Descriptor;
-using halvo::Directory;
 
 namespace {
 
 uint32_t unit_of_times = 1; // of files: nanoseconds
-
-int open_descriptors() {
-    int count = 0;
-    Directory directory("/proc/self/fd");
-    while (directory.next()) ++count;
-    return count;
-}
 
 class OpenFiles : public testing::Test {
 protected:
@@ -31,21 +22,10 @@ protected:
     // Puts an item into many queues and takes it out again.
     void use_queues(int number) {
         for (int i = 0; i < number; ++i) {
-            const std::string path = queue.directory() + "/many" + std::to_string(i);
-            ASSERT_EQ(fq_enqueue_away(-1, -1, 1, path.c_str(), "x", 1), 0) << i;
-            fqtrans trans;
-            char buffer[23];
-            ASSERT_GT(fq_dequeue(-1, path.c_str(), buffer, 1, &trans), 0) << i;
-            ASSERT_EQ(fq_dequeue_commit(-1, &trans), 0);
+            const QueueAt other(queue.directory() + "/many" + std::to_string(i));
+            ASSERT_EQ(other.put_away("x"), 0) << i;
+            ASSERT_EQ(other.take(), "x") << i;
         }
-    }
-    // Whether another process finds the writer's side locked.
-    bool others_are_kept_out() {
-        Peer other([&] {
-            const Descriptor file(open(queue.file("wrlk").c_str(), O_WRONLY));
-            return lockf(file.get(), F_TLOCK, 0) == 0 ? 1 : 0;
-        });
-        return other.wait() == 0;
     }
     Queue queue;
 };
@@ -57,15 +37,6 @@ statx(int at, const char *name, int flags, unsigned mask, struct statx *found) n
     const auto result = static_cast<int>(syscall(SYS_statx, at, name, flags, mask, found));
     if (result == 0) found->stx_ctime.tv_nsec -= found->stx_ctime.tv_nsec % unit_of_times;
     return result;
-}
-
-TEST_F(OpenFiles, all_removed_is_a_new_queue) {
-    queue.clear();
-    EXPECT_EQ(queue.take(), "[0]");
-    EXPECT_EQ(queue.put({"new"}), 0);
-    EXPECT_EQ(queue.picture(0), "F(new)");
-    EXPECT_EQ(queue.drain(), "new");
-    EXPECT_TRUE(queue.has("wrlk") && queue.has("rdlk"));
 }
 
 TEST_F(OpenFiles, each_one_removed_is_made_again) {
@@ -99,33 +70,6 @@ TEST_F(OpenFiles, a_removed_file_is_noticed_where_times_are_coarse) {
     EXPECT_TRUE(queue.has(0));
 }
 
-TEST_F(OpenFiles, processes_that_take_turns_see_each_other) {
-    for (int i = 0; i < 3; ++i) {
-        Peer writer([&] { return queue.put({"theirs"}); });
-        EXPECT_EQ(writer.wait(), 0);
-        EXPECT_EQ(queue.put_away("ours"), 0);
-        Peer reader([&] { return queue.take() == (i == 0 ? "older" : "theirs") ? 0 : 1; });
-        EXPECT_EQ(reader.wait(), 0);
-        EXPECT_EQ(queue.take(), i == 0 ? "theirs" : "ours");
-        if (i == 0) {
-            EXPECT_EQ(queue.take(), "ours");
-        }
-    }
-    EXPECT_EQ(queue.take(), "[0]");
-}
-
-// Left by another process that died or rolled back: not seen in the log.
-TEST_F(OpenFiles, items_that_another_one_left_behind_are_cut_off) {
-    Peer other([&] {
-        fqtrans trans;
-        queue.begin(trans, {"dropped", "and dropped"});
-        return fq_enqueue_rollback(-1, &trans);
-    });
-    EXPECT_EQ(other.wait(), 0);
-    EXPECT_EQ(queue.put({"x"}), 0);
-    EXPECT_EQ(queue.picture(0), "F(old) F(older) F(x)");
-}
-
 TEST_F(OpenFiles, many_queues_do_not_use_up_the_descriptors) {
     const int before = open_descriptors();
     use_queues(100);
@@ -140,12 +84,11 @@ TEST_F(OpenFiles, many_queues_do_not_use_up_the_descriptors) {
 
 // A lockf lock goes with any close of its file: also of one kept under another name.
 TEST_F(OpenFiles, closing_a_kept_file_does_not_take_the_lock_from_a_transaction) {
-    const std::string other_name = queue.directory() + "/./q";
-    ASSERT_EQ(fq_enqueue_away(-1, -1, 1, other_name.c_str(), "x", 1), 0);
+    ASSERT_EQ(QueueAt(queue.directory() + "/./q").put_away("x"), 0);
     fqtrans trans;
     queue.begin(trans, {"held"});
     use_queues(60);
-    EXPECT_TRUE(others_are_kept_out());
+    EXPECT_TRUE(queue.others_are_kept_out());
     EXPECT_EQ(fq_enqueue_commit(-1, &trans), 0);
 }
 
@@ -174,7 +117,7 @@ TEST_F(OpenFiles, a_forked_child_waits_for_its_parent_and_leaves_its_lock_alone)
     queue.begin(trans, {"parent's"});
     Peer reader([&] { return queue.take() == "older" ? 0 : 1; });
     EXPECT_EQ(reader.wait(), 0) << "with the files that the parent has kept";
-    EXPECT_TRUE(others_are_kept_out());
+    EXPECT_TRUE(queue.others_are_kept_out());
     Peer writer([&] { return queue.put({"child's"}); });
     usleep(50000);
     EXPECT_EQ(queue.picture(0), "F(old) F(older) W(parent's)");
@@ -191,17 +134,18 @@ TEST_F(OpenFiles, what_was_read_ahead_is_looked_at_again_until_it_is_readable) {
     GTEST_SKIP() << "takes the locks of both sides in both orders, which two threads must not";
 #endif
     fqtrans writer, reader;
+    std::vector<std::string> items;
     char buffer[122];
+    const auto next = [&] { return fq_dequeue_next(-1, queue.path(), &reader, buffer, 100); };
     queue.begin(writer, {"one", "two"});
-    ASSERT_GT(fq_dequeue(-1, queue.path(), buffer, 100, &reader), 0);
-    EXPECT_EQ(fq_dequeue_next(-1, queue.path(), &reader, buffer, 100), 0);
+    EXPECT_EQ(queue.read(reader, items), 0);
     fq_enqueue_rollback(-1, &writer);
     queue.put({"1", "2"});
     for (const char expected : {'1', '2'}) {
-        EXPECT_GT(fq_dequeue_next(-1, queue.path(), &reader, buffer, 100), 0);
+        EXPECT_GT(next(), 0);
         EXPECT_EQ(buffer[20], expected);
     }
-    EXPECT_EQ(fq_dequeue_next(-1, queue.path(), &reader, buffer, 100), 0);
+    EXPECT_EQ(next(), 0);
     EXPECT_EQ(fq_dequeue_commit(-1, &reader), 0);
 }
 
@@ -220,15 +164,6 @@ TEST_F(OpenFiles, a_batch_of_any_shape_is_readable_whole) {
         for (const std::string &item : items) EXPECT_TRUE(queue.take(1200000) == item);
         EXPECT_EQ(queue.take(), "[0]");
         ASSERT_EQ(queue.put(items), 0);
-        std::string all;
-        for (const std::string &item : items) all += (all.empty() ? "" : " ") + item;
-        fqtrans trans;
-        std::string got, buffer(1200022, '?');
-        int result = fq_dequeue(-1, queue.path(), buffer.data(), 1200000, &trans);
-        for (; result > 0;
-             result = fq_dequeue_next(-1, queue.path(), &trans, buffer.data(), 1200000))
-            got += (got.empty() ? "" : " ") + buffer.substr(20, static_cast<size_t>(trans.itemlen));
-        EXPECT_EQ(fq_dequeue_commit(-1, &trans), 0);
-        EXPECT_TRUE(got == all);
+        EXPECT_TRUE(queue.drain_at_once(1200000) == text_of(items));
     }
 }

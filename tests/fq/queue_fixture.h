@@ -1,4 +1,4 @@
-// A file queue in a directory of its own, and its files as short texts.
+// A file queue, mostly in a directory of its own, and its files as short texts.
 //
 //     Queue queue;
 //     queue.put({"one", "two"});
@@ -12,24 +12,28 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
-#include "core/posix.h"
 #include "fq/format.h"
 #include "halvo/fq.h"
 #include "tests/support/capture.h"
-#include "tools/fixture/directory.h"
+#include "tests/support/files.h"
+#include "tests/support/peer.h"
 
 namespace halvo::test {
 
-// A position record as it stands in a file.
+// A position record as it stands in a file, and its numbers alone.
 inline std::string record(int order, int offset) {
     char text[64];
     std::snprintf(text, sizeof text, "%09d %09d      first\n", order, offset);
     return text;
+}
+inline std::string place(int order, int offset) { return record(order, offset).substr(0, 19); }
+
+// The same of a record that is held in memory.
+inline std::string held(const char *numbers) {
+    return std::string(numbers, 9) + " " + std::string(numbers + 10, 9);
 }
 
 // The bytes of an item, built here by hand: not with the code under test.
@@ -41,6 +45,7 @@ inline std::string item_bytes(char state, const std::string &data, uint32_t stam
             bytes += static_cast<char>(static_cast<uint8_t>(word >> shift));
     return bytes + data + "ZZ";
 }
+inline const std::string kEndItem = item_bytes('E', "");
 
 // The items of a data file: "F(one) W(two) E"; "?12" for 12 bytes that are none; long data as its
 // length, "F(#4999968)".
@@ -64,41 +69,45 @@ inline std::string picture_of(const std::string &bytes) {
     return text;
 }
 
-class Queue {
+// Two lists of items as texts: "one two".
+inline std::string joined(const std::string &a, const std::string &b) {
+    return a.empty() || b.empty() ? a + b : a + " " + b;
+}
+
+inline std::string text_of(const std::vector<std::string> &items) {
+    std::string all;
+    for (const std::string &item : items) all = joined(all, item);
+    return all;
+}
+
+class QueueAt {
 public:
-    explicit Queue(const std::string &name = "q")
-        : directory_(make_test_directory()), alive_(start_janitor(directory_, "")),
-          path_(directory_ + "/" + name) {}
-    Queue(const Queue &) = delete;
-    Queue &operator=(const Queue &) = delete;
+    explicit QueueAt(std::string path) : path_(std::move(path)) {}
 
     const char *path() const { return path_.c_str(); }
-    const std::string &directory() const { return directory_; }
+    std::string directory() const { return path_.substr(0, path_.rfind('/')); }
 
     // Files by suffix: "tail", "head", "wrlk", "rdlk", or by file order.
     std::string file(const std::string &suffix) const { return path_ + "." + suffix; }
     std::string file(int order) const { return fq::data_file(path(), order).text; }
     template <class Which>
     bool has(Which which) const {
-        return access(file(which).c_str(), F_OK) == 0;
+        return exists(file(which));
     }
     template <class Which>
-    std::string bytes(Which which) const {
-        std::ifstream in(file(which), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
+    std::string bytes(Which which, int from = 0) const {
+        return has(which) ? content_of(file(which)).substr(static_cast<size_t>(from)) : "";
     }
     template <class Which>
-    void store(Which which, const std::string &bytes) const {
+    void store(Which which, const std::string &bytes, int hole = 0) const {
         std::ofstream out(file(which), std::ios::binary);
-        out << bytes;
-        if (!out.flush()) throw std::runtime_error("cannot write " + file(which));
+        if (!(out.seekp(hole) << bytes).flush()) throw std::runtime_error("store");
     }
     // Overwrites bytes of a file in place.
     template <class Which>
     void patch(Which which, int offset, const std::string &bytes) const {
-        std::fstream file_stream(file(which), std::ios::binary | std::ios::in | std::ios::out);
-        file_stream.seekp(offset) << bytes;
-        if (!file_stream.flush()) throw std::runtime_error("cannot patch " + file(which));
+        std::fstream out(file(which), std::ios::binary | std::ios::in | std::ios::out);
+        if (!(out.seekp(offset) << bytes).flush()) throw std::runtime_error("patch");
     }
     template <class Which>
     void remove(Which which) const {
@@ -109,12 +118,20 @@ public:
         if (truncate(file(which).c_str(), size) != 0) throw std::runtime_error("truncate");
     }
     std::string picture(int order) const { return picture_of(bytes(order)); }
+    // Whether another process finds the writer's side locked.
+    bool others_are_kept_out() const {
+        Peer other([&] {
+            const Descriptor lock(open(file("wrlk").c_str(), O_WRONLY));
+            return lockf(lock.get(), F_TLOCK, 0) == 0 ? 1 : 0;
+        });
+        return other.wait() == 0;
+    }
     // Removes all files: another queue for the price of one. The lock files stay: their inodes are
     // the keys of the process's table of mutexes.
     void clear() const {
-        Directory files(directory_.c_str());
+        Directory files(directory().c_str());
         while (const char *name = files.next())
-            if (!std::strstr(name, "lk")) ::unlink((directory_ + "/" + name).c_str());
+            if (!std::strstr(name, "lk")) ::unlink((directory() + "/" + name).c_str());
     }
     // The last record of a position file, without label: "000000003 004998211".
     std::string position(const std::string &suffix) const {
@@ -142,42 +159,53 @@ public:
         return fq_enqueue_away(-1, -1, 1, path(), data.data(), static_cast<unsigned>(data.size()));
     }
 
+    // Reads up to `most` items in one transaction, which it leaves open; the last result.
+    int read(fqtrans &trans, std::vector<std::string> &items, size_t most = 1000,
+             unsigned cap = 1000) const {
+        std::string buffer(cap + 22, '?');
+        int result = fq_dequeue(-1, path(), buffer.data(), cap, &trans);
+        while (result > 0) {
+            items.push_back(buffer.substr(20, static_cast<size_t>(trans.itemlen)));
+            if (items.size() == most) break;
+            result = fq_dequeue_next(-1, path(), &trans, buffer.data(), cap);
+        }
+        return result;
+    }
     // Takes the next item: its data, or "[result]" of fq_dequeue.
     std::string take(unsigned cap = 1000) const {
         fqtrans trans;
-        std::string buffer(cap + 22, '?');
-        const int result = fq_dequeue(-1, path(), buffer.data(), cap, &trans);
+        std::vector<std::string> items;
+        const int result = read(trans, items, 1, cap);
         if (result <= 0) return "[" + std::to_string(result) + "]";
-        if (fq_dequeue_commit(-1, &trans) != 0) return "[commit]";
-        return buffer.substr(20, static_cast<size_t>(trans.itemlen));
+        return fq_dequeue_commit(-1, &trans) == 0 ? items[0] : "[commit]";
     }
     // Everything that can be taken, in one text: "one two".
-    std::string drain(unsigned cap = 1000) const {
+    std::string drain() const {
         std::string all;
-        for (;;) {
-            const std::string data = take(cap);
-            if (data == "[0]") return all;
-            all += (all.empty() ? "" : " ") + data;
-            if (data[0] == '[') return all;
+        for (std::string data = take(); data != "[0]"; data = take()) {
+            all = joined(all, data);
+            if (data[0] == '[') break;
         }
+        return all;
     }
     // The same in a single transaction.
-    std::string drain_at_once() const {
+    std::string drain_at_once(unsigned cap = 1000) const {
         fqtrans trans;
-        char buffer[1022];
-        std::string all;
-        int result = fq_dequeue(-1, path(), buffer, 1000, &trans);
-        if (result == 0) return all;
-        for (; result > 0; result = fq_dequeue_next(-1, path(), &trans, buffer, 1000))
-            all += (all.empty() ? "" : " ") +
-                   std::string(buffer + 20, static_cast<size_t>(trans.itemlen));
-        return fq_dequeue_commit(-1, &trans) == 0 && result == 0 ? all : all + "[failed]";
+        std::vector<std::string> items;
+        const int result = read(trans, items, 1000, cap);
+        if (items.empty() && result == 0) return "";
+        const bool done = fq_dequeue_commit(-1, &trans) == 0 && result == 0;
+        return text_of(items) + (done ? "" : "[failed]");
     }
 
 private:
-    std::string directory_;
-    Descriptor alive_; // the janitor removes the directory when the last process has gone
     std::string path_;
+};
+
+class Queue : private TestDirectory, public QueueAt {
+public:
+    explicit Queue(const std::string &name = "q") : QueueAt(TestDirectory::path(name)) {}
+    using QueueAt::path;
 };
 
 // Data of `length` bytes.

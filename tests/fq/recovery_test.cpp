@@ -10,88 +10,41 @@ using namespace halvo::test;
 
 namespace {
 
-// Both ways to begin: with a transaction and with a single shot.
-class Settling : public testing::TestWithParam<bool> {
-protected:
-    Queue queue;
-    void put(const std::string &data) {
-        EXPECT_EQ(GetParam() ? queue.put_away(data) : queue.put({data}), 0);
-    }
-    const std::string one = item_bytes('F', "one"), two = item_bytes('F', "two");
-};
+const std::string one = item_bytes('F', "one"), two = item_bytes('F', "two");
 
 } // namespace
 
-INSTANTIATE_TEST_SUITE_P(, Settling, testing::Bool(), [](const auto &kind) {
-    return kind.param ? "single_shot" : "transaction";
-});
-
-TEST_P(Settling, readable_items_without_a_saved_position_are_stepped_over) {
-    queue.store("tail", record(0, 0));
-    queue.store(0, one + two);
-    put("new");
-    EXPECT_EQ(queue.picture(0), "F(one) F(two) F(new)");
-    EXPECT_EQ(queue.drain(), "one two new");
-}
-
-TEST_P(Settling, a_batch_that_died_while_it_was_flipped_vanishes_whole) {
-    queue.store("tail", record(0, 25));
-    queue.store(0, one + item_bytes('W', "abc") + item_bytes('F', "def") + item_bytes('F', "ghi"));
-    put("new"); // as long as the first of the batch: "def" would follow it
-    EXPECT_EQ(queue.picture(0), "F(one) F(new)");
-    EXPECT_EQ(queue.drain(), "one new");
-}
-
-TEST_P(Settling, a_half_written_item_is_cut_off) {
-    queue.store("tail", record(0, 25));
-    for (size_t size = 1; size < two.size(); ++size) {
-        queue.store(0, one + two.substr(0, size));
-        queue.store("tail", record(0, 25));
-        put("x");
-        EXPECT_EQ(queue.picture(0), "F(one) F(x)") << size;
-    }
-}
-
-TEST_P(Settling, an_end_item_leads_into_the_next_file) {
-    queue.store("tail", record(0, 25));
-    queue.store("head", record(0, 0));
-    queue.store(0, one + two + item_bytes('E', ""));
-    put("new");
-    EXPECT_EQ(queue.picture(1), "F(new)");
-    EXPECT_EQ(queue.drain(), "one two new");
-}
-
-TEST_P(Settling, a_file_that_the_reader_has_finished_and_deleted_is_not_made_again) {
-    queue.store("tail", record(0, 25));
-    queue.store("head", record(0, 0) + record(1, 0));
-    put("new");
-    EXPECT_FALSE(queue.has(0));
-    EXPECT_EQ(queue.drain(), "new");
-}
-
-TEST_P(Settling, a_reader_that_is_still_behind_the_wrap_is_not_followed) {
-    queue.store("tail", record(0, 0));
-    queue.store("head", record(99999999, 0));
-    queue.store(99999999, one + item_bytes('E', ""));
-    put("new");
-    EXPECT_EQ(queue.picture(0), "F(new)");
-    EXPECT_EQ(queue.drain(), "one new");
-}
-
-// Kept: without a saved position the writer begins the last file again and overwrites it.
-TEST_P(Settling, a_lost_position_file_overwrites_the_last_file_from_its_beginning) {
-    queue.store(4, item_bytes('F', "old"));
-    queue.store(7, one + two);
-    put("new");
-    EXPECT_EQ(queue.bytes("tail"), record(7, 0) + record(7, 25));
-    EXPECT_EQ(queue.picture(7), "F(new) F(two)");
-}
-
-TEST_P(Settling, a_gap_before_the_position_stays_one) {
-    queue.store("tail", record(0, 100));
-    put("new");
-    EXPECT_EQ(queue.bytes(0).substr(0, 100), std::string(100, '\0'));
-    EXPECT_EQ(picture_of(queue.bytes(0).substr(100)), "F(new)");
+// Both ways to begin: with a transaction and with a single shot.
+TEST(Settling, goes_on_where_nothing_is_lost) {
+    const Queue queue;
+    const struct {
+        std::string tail, head;
+        int number; // of the file that stands there
+        std::string file, drained;
+        int order, offset; // where the new item goes
+        std::string picture;
+    } rows[] = {
+        // The reader has finished the file and deleted it.
+        {record(0, 25), record(0, 0) + record(1, 0), 9, "", "new", 1, 0, "F(new)"},
+        // The reader is still behind the wrap.
+        {record(0, 0), record(99999999, 0), 99999999, one + kEndItem, "one new", 0, 0, "F(new)"},
+        // Kept: without a saved position the writer begins the last file again and overwrites it.
+        {"", "", 7, one + two, "new two", 7, 0, "F(new) F(two)"},
+        // Nothing is cut off where no item begins; a gap stays one.
+        {record(0, 25), "", 0, one + filler(60), "one new", 0, 25, "F(new) ?35"},
+        {record(0, 100), record(0, 100), 0, "", "new", 0, 100, "F(new)"},
+    };
+    for (const auto &row : rows)
+        for (const bool single : {false, true}) {
+            queue.clear();
+            queue.store("tail", row.tail);
+            queue.store("head", row.head);
+            queue.store(row.number, row.file);
+            EXPECT_EQ(single ? queue.put_away("new") : queue.put({"new"}), 0);
+            EXPECT_EQ(picture_of(queue.bytes(row.order, row.offset)), row.picture);
+            EXPECT_EQ(queue.has(0), row.order == 0);
+            EXPECT_EQ(queue.drain(), row.drained);
+        }
 }
 
 TEST(LostLog, of_the_writer_overwrites_and_leaves_unread_items_until_they_are_reached) {
@@ -109,8 +62,8 @@ TEST(LostLog, of_the_writer_overwrites_and_leaves_unread_items_until_they_are_re
 TEST(LostLog, of_the_reader_that_names_a_deleted_file_goes_on_at_the_first_that_is_there) {
     const Queue queue;
     queue.store("head", record(3, 77));
-    queue.store(9, item_bytes('F', "second") + item_bytes('E', ""));
-    queue.store(7, item_bytes('F', "first") + item_bytes('E', ""));
+    queue.store(9, item_bytes('F', "second") + kEndItem);
+    queue.store(7, item_bytes('F', "first") + kEndItem);
     queue.store(2, item_bytes('F', "long read"));
     EXPECT_EQ(queue.drain(), "first second");
     EXPECT_TRUE(queue.has(2));
@@ -135,9 +88,8 @@ TEST(Logs, that_cannot_grow_are_begun_again_in_place) {
 
 TEST(DeadReader, leaves_a_consumed_file_that_the_next_removes) {
     const Queue queue;
-    const std::string end = item_bytes('E', "");
     const auto prepare = [&] {
-        queue.store(3, item_bytes('F', "read") + end);
+        queue.store(3, item_bytes('F', "read") + kEndItem);
         queue.store(4, item_bytes('F', "one") + item_bytes('F', "two"));
         queue.store("head", record(3, 0) + record(4, 25));
         queue.store("tail", record(4, 50));
@@ -153,14 +105,4 @@ TEST(DeadReader, leaves_a_consumed_file_that_the_next_removes) {
     queue.store("head", record(4, 0) + record(3, 0)); // so has the reader
     EXPECT_EQ(queue.take(), "read");
     EXPECT_TRUE(queue.has(4));
-}
-
-TEST(Reader, tells_a_file_that_it_may_not_open_from_one_that_is_not_there) {
-    const Queue queue;
-    queue.put({"one"});
-    queue.remove(0);
-    ASSERT_EQ(symlink(queue.file(0).c_str(), queue.file(0).c_str()), 0);
-    const std::string printed = captured_stdout([&] { EXPECT_EQ(queue.take(), "[-1]"); });
-    EXPECT_NE(printed.find("fq_read_item.open error " + queue.file(0)), std::string::npos)
-        << printed;
 }

@@ -68,9 +68,8 @@ void add_piece(Input &input) {
     const FileName name = chosen_file(input);
     const Descriptor file = open_queue_file(AT_FDCWD, name, O_WRONLY | O_CREAT | O_APPEND);
     const uint32_t kind = input.below(8);
-    if (kind == 0) {
-        // A long file, most of it a hole.
-        if (ftruncate(file.get(), input.near(kOffsets) & 0x3FFFFFFF) != 0) return;
+    if (kind == 0) { // a long file, most of it a hole
+        [[maybe_unused]] const int cut = ftruncate(file.get(), input.near(kOffsets) & 0x3FFFFFFF);
         return;
     }
     const std::string piece = kind == 1  ? input.bytes(input.below(64))
@@ -89,38 +88,21 @@ public:
     }
 
     void operate() {
-        switch (input_.below(10)) {
-        case 0:
-            if (!writing_) writing_ = fq_enqueue(channel_, path(), data(), length_, &writer_) > 0;
-            break;
-        case 1:
-            if (writing_) writing_ = fq_enqueue_next(channel_, data(), length_, &writer_) > 0;
-            break;
-        case 2:
-            if (std::exchange(writing_, false)) fq_enqueue_commit(channel_, &writer_);
-            break;
-        case 3:
-            if (std::exchange(writing_, false)) fq_enqueue_rollback(channel_, &writer_);
-            break;
-        case 4:
-            if (!writing_) fq_enqueue_away(channel_, 1, 0, path(), data(), length_);
-            break;
-        case 5:
-            if (!reading_) reading_ = dequeue();
-            break;
-        case 6:
-            if (reading_) fq_dequeue_next(channel_, path(), &reader_, room(input_.byte()), cap_);
-            break;
-        case 7:
-            reader_.errcnt = input_.byte();
-            if (std::exchange(reading_, false)) fq_dequeue_commit(channel_, &reader_);
-            break;
-        case 8:
-            if (std::exchange(reading_, false)) fq_dequeue_rollback(channel_, &reader_);
-            break;
-        default:
-            if (writing_) fq_append_item(path(), &writer_, data(), length_);
-        }
+        const uint32_t call = input_.below(10);
+        if (call == 0 && !writing_)
+            writing_ = fq_enqueue(channel_, path(), data(), length_, &writer_) > 0;
+        if (call == 1 && writing_)
+            writing_ = fq_enqueue_next(channel_, data(), length_, &writer_) > 0;
+        if (call == 2 && std::exchange(writing_, false)) fq_enqueue_commit(channel_, &writer_);
+        if (call == 3 && std::exchange(writing_, false)) fq_enqueue_rollback(channel_, &writer_);
+        if (call == 4 && !writing_) fq_enqueue_away(channel_, 1, 0, path(), data(), length_);
+        if (call == 5 && !reading_) reading_ = dequeue(input_.byte());
+        if (call == 6 && reading_)
+            fq_dequeue_next(channel_, path(), &reader_, room(input_.byte()), cap_);
+        if (call == 7) reader_.errcnt = input_.byte();
+        if (call == 7 && std::exchange(reading_, false)) fq_dequeue_commit(channel_, &reader_);
+        if (call == 8 && std::exchange(reading_, false)) fq_dequeue_rollback(channel_, &reader_);
+        if (call == 9 && writing_) fq_append_item(path(), &writer_, data(), length_);
     }
 
     // A reader that takes everything comes to an end.
@@ -144,7 +126,6 @@ private:
         room_.reset(new char[cap + FQ_ITEM_EXTRA]);
         return room_.get();
     }
-    bool dequeue() { return dequeue(input_.byte()); }
     bool dequeue(unsigned cap) {
         char *item = static_cast<char *>(room(cap));
         if (fq_dequeue(channel_, path(), item, cap, &reader_) <= 0) return false;

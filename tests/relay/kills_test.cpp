@@ -2,8 +2,8 @@
 // message once, in order. The short form kills each relay three times and the broker once.
 #include <thread>
 
+#include "tests/proof/form.h"
 #include "tests/relay/relay_fixture.h"
-#include "tests/stress/form.h"
 
 using namespace halvo::test;
 

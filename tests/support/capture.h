@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "core/posix.h"
 
@@ -75,6 +76,15 @@ std::string captured_stdout(F f) {
     const StdoutCapture capture;
     f();
     return capture.bytes();
+}
+
+// A call's result and what it printed.
+using Said = std::pair<int, std::string>;
+template <typename F>
+Said said(F f) {
+    int result = 0;
+    std::string printed = captured_stdout([&] { result = f(); });
+    return {result, std::move(printed)};
 }
 
 } // namespace halvo::test

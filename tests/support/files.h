@@ -27,6 +27,12 @@ inline void write_file(const std::string &path, const std::string &content) {
 
 inline bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
+inline int open_descriptors() {
+    int count = 0;
+    for (Directory own("/proc/self/fd"); own.next();) ++count;
+    return count;
+}
+
 // A directory of its own, with a path for a key file in it. Both go with the object, the segment of
 // that key file too if the test is killed.
 class TestDirectory {

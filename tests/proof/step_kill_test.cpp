@@ -2,9 +2,9 @@
 // operation. Whoever comes after it finds every message whole, none lost, and a ring that works.
 #include <gtest/gtest.h>
 
-#include "tests/stress/form.h"
-#include "tests/stress/moments.h"
-#include "tests/stress/survivor.h"
+#include "tests/proof/form.h"
+#include "tests/proof/moments.h"
+#include "tests/proof/survivor.h"
 
 using namespace halvo::test;
 

@@ -2,7 +2,7 @@
 // leaves behind.
 #pragma once
 
-#include "tests/stress/ring_operations.h"
+#include "tests/proof/ring_operations.h"
 
 namespace halvo::test {
 

@@ -1,4 +1,4 @@
-#include "tests/stress/ring_operations.h"
+#include "tests/proof/ring_operations.h"
 
 #include <stdexcept>
 

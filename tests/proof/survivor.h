@@ -2,7 +2,7 @@
 // on, and everything that it finds is compared with what may be there.
 #pragma once
 
-#include "tests/stress/ring_operations.h"
+#include "tests/proof/ring_operations.h"
 
 namespace halvo::test {
 

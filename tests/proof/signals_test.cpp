@@ -8,9 +8,9 @@
 #include <functional>
 #include <thread>
 
-#include "tests/stress/form.h"
-#include "tests/stress/single_step.h"
-#include "tests/stress/stalls.h"
+#include "tests/proof/form.h"
+#include "tests/proof/single_step.h"
+#include "tests/proof/stalls.h"
 #include "tests/support/frx_fixture.h"
 
 using namespace halvo::test;

@@ -7,8 +7,8 @@
 #include <random>
 #include <vector>
 
-#include "tests/stress/form.h"
-#include "tests/stress/kill_ledger.h"
+#include "tests/proof/form.h"
+#include "tests/proof/kill_ledger.h"
 #include "tests/support/machine.h"
 #include "tests/support/peer.h"
 #include "tools/fixture/segment_builder.h"

@@ -3,8 +3,8 @@
 
 #include <vector>
 
-#include "tests/stress/single_step.h"
-#include "tests/stress/small_ring.h"
+#include "tests/proof/single_step.h"
+#include "tests/proof/small_ring.h"
 
 namespace halvo::test {
 

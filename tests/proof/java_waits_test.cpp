@@ -5,8 +5,8 @@
 #include <sstream>
 
 #include "tests/jni/vm.h"
-#include "tests/stress/form.h"
-#include "tests/stress/stalls.h"
+#include "tests/proof/form.h"
+#include "tests/proof/stalls.h"
 
 using namespace halvo::test;
 

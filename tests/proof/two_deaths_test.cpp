@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
-#include "tests/stress/form.h"
-#include "tests/stress/moments.h"
-#include "tests/stress/survivor.h"
+#include "tests/proof/form.h"
+#include "tests/proof/moments.h"
+#include "tests/proof/survivor.h"
 
 using namespace halvo::test;
 

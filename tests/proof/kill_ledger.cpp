@@ -1,5 +1,5 @@
 // The writer and the reader of a stream that go on where a killed one was.
-#include "tests/stress/kill_ledger.h"
+#include "tests/proof/kill_ledger.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -2,8 +2,8 @@
 // body and counters, then the state, then the position. The other side relies on it.
 #include <gtest/gtest.h>
 
-#include "tests/stress/form.h"
-#include "tests/stress/moments.h"
+#include "tests/proof/form.h"
+#include "tests/proof/moments.h"
 
 using namespace halvo::test;
 using halvo::slot_at;

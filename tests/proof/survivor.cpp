@@ -1,4 +1,4 @@
-#include "tests/stress/survivor.h"
+#include "tests/proof/survivor.h"
 
 #include <algorithm>
 #include <numeric>

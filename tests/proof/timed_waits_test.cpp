@@ -7,8 +7,8 @@
 #include <array>
 #include <deque>
 
-#include "tests/stress/form.h"
-#include "tests/stress/stalls.h"
+#include "tests/proof/form.h"
+#include "tests/proof/stalls.h"
 #include "tests/support/frx_fixture.h"
 #include "tests/support/small_thread.h"
 

@@ -10,7 +10,7 @@
 #include "core/ring.h"
 #include "halvo/frx.h"
 #include "tests/jni/vm.h"
-#include "tests/stress/form.h"
+#include "tests/proof/form.h"
 #include "tests/support/machine.h"
 
 using namespace halvo::test;

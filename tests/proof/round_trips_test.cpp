@@ -5,8 +5,8 @@
 
 #include <thread>
 
-#include "tests/stress/form.h"
-#include "tests/stress/stalls.h"
+#include "tests/proof/form.h"
+#include "tests/proof/stalls.h"
 #include "tests/support/frx_fixture.h"
 
 using namespace halvo::test;
