@@ -5,7 +5,6 @@
 #include "halvo/status.h"
 #include "tests/fuzz/attachment.h"
 #include "tests/fuzz/input.h"
-#include "tests/fuzz/scratch.h"
 #include "tests/fuzz/targets.h"
 
 namespace {
@@ -21,10 +20,10 @@ void read_lines(const std::string &path, int most) {
 } // namespace
 
 void halvo::fuzz::options(const uint8_t *data, size_t size) {
-    static const std::string path = scratch_file("channels.opt");
+    static const std::string path = scratch().path("channels.opt");
     Input input(data, size);
     const int most = input.byte() + 1;
-    write_scratch(path, input.bytes(1 << 16));
+    test::write_file(path, input.bytes(1 << 16));
     read_lines(path, most);
     place_segment(sound_size());
     attach();
