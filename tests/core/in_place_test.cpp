@@ -73,17 +73,6 @@ TEST_F(InPlace, length_and_room_are_looked_at_as_for_a_write) {
     EXPECT_EQ(picture(q), "><FFFF");
 }
 
-TEST_F(InPlace, a_rate_limit_holds_a_peek_and_a_body_up) {
-    write(q, "m");
-    q->tpsmx = 1;
-    q->gcnt.count = 100;
-    q->tpsstart = static_cast<int32_t>(q_gettime()) - 10;
-    EXPECT_EQ(peeked(), "[-3]");
-    char body[8];
-    EXPECT_EQ(q_read_body(q, nullptr, body, sizeof body, nullptr), ESMS_EMPTY);
-    EXPECT_EQ(q->throttled, 1);
-}
-
 TEST_F(InPlace, a_body_is_copied_alone_or_stays) {
     std::string buffer(8, '?');
     int type = 0;

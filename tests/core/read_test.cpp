@@ -19,16 +19,11 @@ protected:
 
 } // namespace
 
-TEST_F(Read, an_empty_ring_leaves_buffer_and_position_alone) {
-    const uint32_t before = q->rpos;
+TEST_F(Read, gives_the_whole_slot_and_frees_it) {
     std::string buffer(64, '?');
     EXPECT_EQ(q_read(q, buffer.data()), ESMS_EMPTY);
     EXPECT_EQ(buffer, std::string(64, '?'));
-    EXPECT_EQ(q->rpos, before);
-    EXPECT_EQ(q->rtime, static_cast<int32_t>(q_gettime())) << "a heartbeat all the same";
-}
-
-TEST_F(Read, gives_the_whole_slot_and_frees_it) {
+    EXPECT_EQ(picture(q), "><_____");
     write(q, "hello", 7);
     Slot slot(q);
     EXPECT_EQ(q_readview(q, slot.data()), 0);
@@ -61,6 +56,8 @@ TEST_F(Read, zero_and_less_mark_the_whole_ring) {
     EXPECT_EQ(q_read_mark(q, 0), 5);
     EXPECT_EQ(q_read_rollback(q), 5);
     EXPECT_EQ(q_read_mark(q, -4), 5);
+    EXPECT_EQ(q_read_commit(q, 0, 0), 5) << "stops where it began";
+    EXPECT_EQ(picture(q), "><_____");
 }
 
 TEST_F(Read, an_index_wraps_once_and_then_is_out_of_bounds) {
@@ -85,13 +82,6 @@ TEST_F(Read, commits_release_marked_slots_from_the_front) {
     EXPECT_EQ(q_read_commit(q, -1, 0), 1) << "a negative number releases one";
     EXPECT_EQ(q_read_commit(q, 0, 0), 4);
     EXPECT_EQ(+q->gcnt.count, 9u);
-}
-
-TEST_F(Read, a_commit_of_a_full_ring_stops_where_it_began) {
-    fill(5);
-    q_read_mark(q, 0);
-    EXPECT_EQ(q_read_commit(q, 0, 0), 5);
-    EXPECT_EQ(picture(q), "><_____");
 }
 
 TEST_F(Read, commits_add_the_error_flag_per_message) {
@@ -140,6 +130,10 @@ TEST_F(Read, is_refused_while_the_rate_is_above_the_limit) {
     q->gcnt.count = 110; // 11 a second
     EXPECT_EQ(read(q), "[-3]");
     EXPECT_EQ(q_read_mark(q, 0), 0);
+    const qmsg *next = nullptr;
+    EXPECT_EQ(q_peek(q, &next), ESMS_EMPTY);
+    char body[8];
+    EXPECT_EQ(q_read_body(q, nullptr, body, sizeof body, nullptr), ESMS_EMPTY);
     EXPECT_EQ(q->throttled, 1);
     EXPECT_EQ(q->throttletime, now);
     q->gcnt.count = 100; // 10 a second is not above

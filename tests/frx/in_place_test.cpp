@@ -6,20 +6,6 @@ using namespace halvo::test;
 
 using FrxInPlace = FrxTest;
 
-TEST_F(FrxInPlace, a_message_is_built_looked_at_and_released) {
-    qmsg *room = nullptr;
-    ASSERT_EQ(frx_reserve(&writer, 5, &room, 0), ESMS_OK);
-    std::memcpy(room->data, "he", 2);
-    std::memcpy(reinterpret_cast<char *>(room) + 16, "llo", 3);
-    const qmsg *slot = nullptr;
-    EXPECT_EQ(frx_peek(&reader, &slot, 0), ESMS_TIMEOUT) << "nothing is published yet";
-    EXPECT_EQ(frx_publish(&writer, 3, 5), ESMS_OK);
-    EXPECT_EQ(frx_peek(&reader, &slot, 0), 5);
-    EXPECT_EQ(slot, room);
-    EXPECT_EQ(frx_release(&reader, 0), ESMS_OK);
-    EXPECT_EQ(frx_release(&reader, 0), ESMS_NOTARGET);
-}
-
 TEST_F(FrxInPlace, calls_refuse_what_the_others_refuse) {
     FrxMessage none{};
     EXPECT_EQ(frx_peek(&reader, nullptr, 0), ESMS_INVAL);

@@ -3,15 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/mman.h>
 
 #include <atomic>
 #include <memory>
 
-#include "core/ring.h"
-#include "halvo/frx.h"
 #include "tests/jni/vm.h"
 #include "tests/proof/form.h"
+#include "tests/support/files.h"
+#include "tests/support/frx_fixture.h"
 
 using namespace halvo::test;
 
@@ -34,8 +33,7 @@ int become(const Words &words, const std::string &log) {
 }
 
 std::string tail_of(const std::string &path) {
-    std::ifstream file(path);
-    const std::string text(std::istreambuf_iterator<char>(file), {});
+    const std::string text = content_of(path);
     return text.substr(text.size() > 3000 ? text.size() - 3000 : 0);
 }
 
@@ -58,15 +56,9 @@ struct Tally {
     std::atomic<bool> enough, fed; // no more is wanted; no more will be sent
 };
 
-struct SharedTally {
-    Tally *tally = static_cast<Tally *>(
-        mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    ~SharedTally() { munmap(tally, sizeof *tally); }
-};
-
 int feed(const Segment &s, Tally &tally) {
-    static FrxChannel out;
-    if (frx_initialize(s.key_file().c_str()) != ESMS_OK) return 1;
+    FrxChannel out;
+    if (initialise(s) != ESMS_OK) return 1;
     if (frx_openChannel(&out, "feeder", s.number("FROM"), 'w', kPatience) != ESMS_OK) return 2;
     for (int number = 0; !tally.enough; ++number) {
         if (frx_write(&out, 7, &number, sizeof number, kPatience) != ESMS_OK) return 3;
@@ -78,20 +70,17 @@ int feed(const Segment &s, Tally &tally) {
 }
 
 int collect(const Segment &s, Tally &tally) {
-    static FrxChannel in;
-    if (frx_initialize(s.key_file().c_str()) != ESMS_OK) return 1;
+    FrxChannel in;
+    if (initialise(s) != ESMS_OK) return 1;
     if (frx_openChannel(&in, "collector", s.number("TO"), 'r', kPatience) != ESMS_OK) return 2;
-    alignas(qmsg) char slot[64];
     std::vector<bool> seen;
     // A message may come before the feeder has counted it, so that only his end tells how many.
     for (int idle = 0; !tally.fed || tally.got < tally.sent;) {
-        const int length = frx_read(&in, slot, 1000);
+        int number = 0, type = 0;
+        const int length = frx_readBody(&in, &type, &number, sizeof number, 1000);
         if (length == ESMS_TIMEOUT && ++idle < kPatience / 1000) continue;
-        if (length != int{sizeof(int)}) return 3;
+        if (length != int{sizeof number} || type != 7) return 3;
         idle = 0;
-        int number = 0;
-        std::memcpy(&number, slot + offsetof(qmsg, data), sizeof number);
-        if (reinterpret_cast<qmsg *>(slot)->type != 7) return 4;
         const auto at = static_cast<size_t>(number);
         if (at >= seen.size()) seen.resize(at + 1);
         seen[at] ? ++tally.doubled : ++tally.got;
@@ -166,8 +155,7 @@ TEST(JavaKills, a_gateway_loses_nothing) {
     const Segment s =
         SegmentBuilder().channel("FROM", 'M', 128, 64).channel("TO", 'M', 128, 64).build();
     std::mt19937 random(seed());
-    const SharedTally shared;
-    Tally &tally = *shared.tally;
+    auto &tally = shared_object<Tally>();
     Peer feeder([&] { return feed(s, tally); });
     Peer collector([&] { return collect(s, tally); });
     const Words words = vm_words(s, {"-Dhalvoipc.library=" HALVO_LIBRARY},

@@ -2,7 +2,6 @@
 // holds, an end is closed twice: each call ends with the documented result, in time.
 #include <sys/resource.h>
 
-#include <deque>
 #include <thread>
 
 #include "tests/proof/form.h"
@@ -10,7 +9,6 @@
 #include "tests/support/frx_fixture.h"
 #include "tests/support/ipc.h"
 #include "tests/support/ring_calls.h"
-#include "tests/support/small_thread.h"
 
 using namespace halvo::test;
 
@@ -165,37 +163,40 @@ TEST_F(Removals, of_nothing_but_1025_threads_wait) {
         return processor_time(RUSAGE_SELF) - before;
     };
     const int64_t idle = used_in(1);
-    {
-        std::deque<SmallThread> threads;
-        for (int i = 0; i < kWaiters; ++i) {
-            threads.emplace_back([&] {
-                Slot slot(q);
-                const int64_t start = microseconds_now();
-                const int result = frx_read(&reader, slot.data(), timeout);
-                const int64_t end = microseconds_now(), limit = timeout * 1000 + kGrace;
-                received += result == 4;
-                if (result != ESMS_TIMEOUT) return;
-                ++timed_out;
-                late += end - start > limit && stalls.without_stalls(start, end) > limit;
-            });
-            ASSERT_TRUE(threads.back().started());
-        }
-        sleep(1);
-        const int64_t used = used_in(2 * seconds) - 2 * seconds * idle;
-        figure("1,025 sleepers for " + std::to_string(seconds) + " s: processor time, milliseconds",
-               "below " + std::to_string(length(100, 200)), used / 1000);
-        EXPECT_LT(used, length(100, 200) * 1000);
-        while (timed_out < kWaiters - 1) usleep(10000);
-        usleep(2000000);
-        EXPECT_EQ(received, 0);
-        expect_end([&] { return frx_write(&writer, "last", 0); }, ESMS_OK, 0);
-        expect_end(
-            [&] {
-                while (received == 0 && timed_out < kWaiters) usleep(1000);
-                return received.load();
-            },
-            1, 0);
+    // The address space of a 32-bit process does not hold a thousand stacks of the usual size.
+    pthread_attr_t small;
+    pthread_attr_init(&small);
+    pthread_attr_setstacksize(&small, 256 * 1024);
+    ASSERT_EQ(pthread_setattr_default_np(&small), 0);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kWaiters; ++i) {
+        threads.emplace_back([&] {
+            Slot slot(q);
+            const int64_t start = microseconds_now();
+            const int result = frx_read(&reader, slot.data(), timeout);
+            const int64_t end = microseconds_now(), limit = timeout * 1000 + kGrace;
+            received += result == 4;
+            if (result != ESMS_TIMEOUT) return;
+            ++timed_out;
+            late += end - start > limit && stalls.without_stalls(start, end) > limit;
+        });
     }
+    sleep(1);
+    const int64_t used = used_in(2 * seconds) - 2 * seconds * idle;
+    figure("1,025 sleepers for " + std::to_string(seconds) + " s: processor time, milliseconds",
+           "below " + std::to_string(length(100, 200)), used / 1000);
+    EXPECT_LT(used, length(100, 200) * 1000);
+    while (timed_out < kWaiters - 1) usleep(10000);
+    usleep(2000000);
+    EXPECT_EQ(received, 0);
+    expect_end([&] { return frx_write(&writer, "last", 0); }, ESMS_OK, 0);
+    expect_end(
+        [&] {
+            while (received == 0 && timed_out < kWaiters) usleep(1000);
+            return received.load();
+        },
+        1, 0);
+    for (std::thread &thread : threads) thread.join();
     figure("1,025 threads wait: timed out / given the message", "1024 / 1",
            std::to_string(timed_out) + " / " + std::to_string(received));
     EXPECT_EQ(timed_out, kWaiters - 1);

@@ -116,60 +116,59 @@ FrxChannel gEnds[2]; // the reader's and the writer's
 FrxMessage gBatch[2];
 Given gGiven;
 
+// The core's call and the guarded one, which differ in what they return for a message.
+struct Row {
+    char side;
+    const char *core, *guarded;
+    int free, messages;
+    void (*prepare)(SmallRing &);
+    int n, result;
+    Places (*legal)(const Numbers &);
+};
+constexpr int kRecovered = HALVO_RECOVERED_POSITION | HALVO_RECOVERED_MARKS;
+constexpr Row kRows[] = {
+    {'w', "q_write", "frx_write", 1, 0, nothing, 0, ESMS_OK, one_more},
+    {'w', "q_write", "frx_write", 2, 0, park, 0, ESMS_OK, one_more_beside_parked},
+    {'w', "q_write_mark", "frx_writeMark", 1, 0, nothing, 0, ESMS_OK, untouched},
+    {'w', "q_write_mark_at", "frx_writeMarkAt", 2, 0, mark_one, 1, ESMS_OK, untouched},
+    {'w', "q_write_commit", "frx_writeCommit", 1, 0, mark_one, 0, ESMS_OK, one_more},
+    {'w', "q_write_commit_all", "frx_writeCommitAll", 2, 0, mark_two, 0, ESMS_OK, two_more},
+    {'w', "q_write_rollback", "frx_writeRollback", 1, 0, mark_one, 0, ESMS_OK, untouched},
+    {'w', "q_write_rollback_all", "frx_writeRollbackAll", 2, 0, mark_two, 0, 2, untouched},
+    {'w', "q_write_buf", "frx_writeBuf", 2, 0, nothing, 2, ESMS_OK, parked},
+    {'w', "q_write_buf_commit", "frx_writeBufCommit", 2, 0, park, 2, ESMS_OK, parked_moved},
+    {'w', "q_write_buf_rollback", "frx_writeBufRollback", 2, 0, park, 2, ESMS_OK, parked_dropped},
+    {'w', "q_reserve", "frx_reserve", 1, 0, nothing, 0, ESMS_OK, untouched},
+    {'w', "q_publish", "frx_publish", 1, 0, reserve, 0, ESMS_OK, one_more},
+    {'w', nullptr, "frx_writeMany", 2, 0, nothing, 0, 2, two_more},
+    {'w', "q_recover", nullptr, 2, 1, damage_writer, 0, kRecovered, untouched},
+    {'r', "q_read", "frx_read", 0, 1, nothing, 0, ESMS_OK, given},
+    {'r', "q_peek", "frx_peek", 0, 1, nothing, 0, ESMS_OK, untouched},
+    {'r', "q_release", "frx_release", 0, 1, nothing, 0, ESMS_OK, one_gone},
+    {'r', "q_read_body", "frx_readBody", 0, 1, nothing, 0, ESMS_OK, given},
+    {'r', nullptr, "frx_readMany", 0, 2, nothing, 0, 2, two_given},
+    {'r', "q_read_mark", "frx_readMark", 0, 2, nothing, 2, 2, untouched},
+    {'r', "q_read_commit", "frx_readCommit", 0, 2, read_mark, 0, 2, two_gone},
+    {'r', "q_read_rollback", "frx_readRollback", 0, 2, read_mark, 0, 2, untouched},
+    {'r', "q_read_buf", "frx_readBuf", 0, 1, nothing, 2, ESMS_OK, held},
+    {'r', "q_read_buf_clear", "frx_readBufClear", 0, 1, hold, 2, ESMS_OK, held_dropped},
+    {'r', "q_recover", nullptr, 0, 2, damage_reader, 0, kRecovered, first_was_read},
+};
+
 std::vector<RingOperation> make_operations() {
-    const auto w = [](const char *name) -> const RingCall & { return ring_call(name, 'w'); };
-    const auto r = [](const char *name) -> const RingCall & { return ring_call(name, 'r'); };
     const int length = static_cast<int>(numbered_message(1).size());
-    constexpr int kRecovered = HALVO_RECOVERED_POSITION | HALVO_RECOVERED_MARKS;
-    return {
-        {w("q_write"), 1, 0, nothing, 0, ESMS_OK, one_more},
-        {w("q_write"), 2, 0, park, 0, ESMS_OK, one_more_beside_parked},
-        {w("q_write_mark"), 1, 0, nothing, 0, ESMS_OK, untouched},
-        {w("q_write_mark_at"), 2, 0, mark_one, 1, ESMS_OK, untouched},
-        {w("q_write_commit"), 1, 0, mark_one, 0, ESMS_OK, one_more},
-        {w("q_write_commit_all"), 2, 0, mark_two, 0, ESMS_OK, two_more},
-        {w("q_write_rollback"), 1, 0, mark_one, 0, ESMS_OK, untouched},
-        {w("q_write_rollback_all"), 2, 0, mark_two, 0, 2, untouched},
-        {w("q_write_buf"), 2, 0, nothing, 2, ESMS_OK, parked},
-        {w("q_write_buf_commit"), 2, 0, park, 2, ESMS_OK, parked_moved},
-        {w("q_write_buf_rollback"), 2, 0, park, 2, ESMS_OK, parked_dropped},
-        {w("q_reserve"), 1, 0, nothing, 0, ESMS_OK, untouched},
-        {w("q_publish"), 1, 0, reserve, 0, ESMS_OK, one_more},
-        {w("q_recover"), 2, 1, damage_writer, 0, kRecovered, untouched},
-        {w("frx_write"), 1, 0, nothing, 0, ESMS_OK, one_more},
-        {w("frx_writeMark"), 1, 0, nothing, 0, ESMS_OK, untouched},
-        {w("frx_writeMarkAt"), 2, 0, mark_one, 1, ESMS_OK, untouched},
-        {w("frx_writeCommit"), 1, 0, mark_one, 0, ESMS_OK, one_more},
-        {w("frx_writeCommitAll"), 2, 0, mark_two, 0, ESMS_OK, two_more},
-        {w("frx_writeRollback"), 1, 0, mark_one, 0, ESMS_OK, untouched},
-        {w("frx_writeRollbackAll"), 2, 0, mark_two, 0, 2, untouched},
-        {w("frx_writeBuf"), 2, 0, nothing, 2, ESMS_OK, parked},
-        {w("frx_writeBufCommit"), 2, 0, park, 2, ESMS_OK, parked_moved},
-        {w("frx_writeBufRollback"), 2, 0, park, 2, ESMS_OK, parked_dropped},
-        {w("frx_reserve"), 1, 0, nothing, 0, ESMS_OK, untouched},
-        {w("frx_publish"), 1, 0, reserve, 0, ESMS_OK, one_more},
-        {w("frx_writeMany"), 2, 0, nothing, 0, 2, two_more},
-        {r("q_read"), 0, 1, nothing, 0, ESMS_OK, given},
-        {r("q_peek"), 0, 1, nothing, 0, ESMS_OK, untouched},
-        {r("q_release"), 0, 1, nothing, 0, ESMS_OK, one_gone},
-        {r("q_read_body"), 0, 1, nothing, 0, ESMS_OK, given},
-        {r("q_read_mark"), 0, 2, nothing, 2, 2, untouched},
-        {r("q_read_commit"), 0, 2, read_mark, 0, 2, two_gone},
-        {r("q_read_rollback"), 0, 2, read_mark, 0, 2, untouched},
-        {r("q_read_buf"), 0, 1, nothing, 2, ESMS_OK, held},
-        {r("q_read_buf_clear"), 0, 1, hold, 2, ESMS_OK, held_dropped},
-        {r("q_recover"), 0, 2, damage_reader, 0, kRecovered, first_was_read},
-        {r("frx_read"), 0, 1, nothing, 0, length, given},
-        {r("frx_peek"), 0, 1, nothing, 0, length, untouched},
-        {r("frx_release"), 0, 1, nothing, 0, ESMS_OK, one_gone},
-        {r("frx_readBody"), 0, 1, nothing, 0, length, given},
-        {r("frx_readMany"), 0, 2, nothing, 0, 2, two_given},
-        {r("frx_readMark"), 0, 2, nothing, 2, 2, untouched},
-        {r("frx_readCommit"), 0, 2, read_mark, 0, 2, two_gone},
-        {r("frx_readRollback"), 0, 2, read_mark, 0, 2, untouched},
-        {r("frx_readBuf"), 0, 1, nothing, 2, length, held},
-        {r("frx_readBufClear"), 0, 1, hold, 2, ESMS_OK, held_dropped},
-    };
+    std::vector<RingOperation> all;
+    for (const Row &row : kRows) {
+        for (const char *name : {row.core, row.guarded}) {
+            if (!name) continue;
+            const RingCall &call = ring_call(name, row.side);
+            const bool tells = call.is_guarded() && row.result == ESMS_OK &&
+                               (call.gives != RingCall::nothing || call.name == "frx_peek");
+            all.push_back({call, row.free, row.messages, row.prepare, row.n,
+                           tells ? length : row.result, row.legal});
+        }
+    }
+    return all;
 }
 
 } // namespace
