@@ -3,31 +3,7 @@
 
 using namespace halvo::test;
 
-namespace {
-
-class Buffers : public RingTest<4, 'w'> {
-protected:
-    std::string read_buf(int index) {
-        Slot slot(q);
-        const int result = q_read_buf(q, slot.data(), index);
-        return result == ESMS_OK ? slot.body() : "[" + std::to_string(result) + "]";
-    }
-};
-
-} // namespace
-
-TEST_F(Buffers, a_read_buffer_gives_its_message_again_until_it_is_cleared) {
-    write(q, "first");
-    write(q, "second");
-    EXPECT_EQ(read_buf(4), "first");
-    EXPECT_EQ(read_buf(4), "first");
-    EXPECT_EQ(+q->gcnt.count, 1u) << "one ring slot is consumed";
-    EXPECT_EQ(read_buf(0), "second");
-    EXPECT_EQ(read_buf(1), "[-3]");
-    EXPECT_EQ(q_read_buf_clear(q, 4), ESMS_OK);
-    EXPECT_EQ(q_read_buf_clear(q, 4), ESMS_INVAL) << "empty";
-    EXPECT_EQ(read_buf(4), "[-3]");
-}
+using Buffers = RingTest<4, 'w'>;
 
 TEST_F(Buffers, a_parked_message_keeps_a_ring_slot_free) {
     EXPECT_EQ(write_buf(q, "a", 0), ESMS_OK);

@@ -71,23 +71,6 @@ TEST_F(Write, keeps_slots_free_for_parked_messages) {
     EXPECT_EQ(write(q, "b"), ESMS_FULL);
 }
 
-TEST_F(Write, holds_one_mark_at_a_time) {
-    EXPECT_EQ(write_mark(q, "a"), ESMS_OK);
-    EXPECT_EQ(write_mark(q, "b"), ESMS_PENDING);
-    EXPECT_EQ(write(q, "b"), ESMS_PENDING);
-    EXPECT_EQ(picture(q), "><W___");
-    EXPECT_EQ(+q->pcnt.count, 0u);
-    EXPECT_EQ(read(q), "[-3]");
-    EXPECT_EQ(q_write_commit(q), ESMS_OK);
-    EXPECT_EQ(q_write_commit(q), ESMS_NOTARGET);
-    EXPECT_EQ(+q->pcnt.count, 1u);
-    EXPECT_EQ(read(q), "a");
-    EXPECT_EQ(write_mark(q, "c"), ESMS_OK);
-    EXPECT_EQ(q_write_rollback(q), ESMS_OK);
-    EXPECT_EQ(q_write_rollback(q), ESMS_NOTARGET);
-    EXPECT_EQ(picture(q), "_><___");
-}
-
 TEST_F(Write, commits_and_rolls_back_a_batch_of_marks) {
     write(q, "x");
     read(q);

@@ -1,5 +1,3 @@
-#include <thread>
-
 #include "tests/support/frx_fixture.h"
 
 using namespace halvo::test;
@@ -14,27 +12,6 @@ TEST_F(FrxInPlace, calls_refuse_what_the_others_refuse) {
     EXPECT_EQ(frx_readMany(&reader, nullptr, 1, 0), ESMS_INVAL);
     EXPECT_EQ(frx_readMany(&reader, &none, 0, 0), ESMS_INVAL);
     EXPECT_EQ(frx_writeMany(&writer, &none, 0, 0), ESMS_INVAL);
-}
-
-TEST_F(FrxInPlace, waits_end_by_the_other_sides_half) {
-    fill(4);
-    qmsg *room = nullptr;
-    std::thread peer([&] {
-        const qmsg *slot = nullptr;
-        usleep(30000);
-        EXPECT_EQ(frx_peek(&reader, &slot, 20000), 1);
-        EXPECT_EQ(frx_release(&reader, 0), ESMS_OK);
-    });
-    EXPECT_EQ(frx_reserve(&writer, 4, &room, 20000), ESMS_OK);
-    peer.join();
-    for (int i = 1; i < 4; ++i) EXPECT_EQ(read(), std::to_string(i));
-    std::thread late([&] {
-        usleep(30000);
-        EXPECT_EQ(frx_publish(&writer, 1, 4), ESMS_OK);
-    });
-    char body[48];
-    EXPECT_EQ(frx_readBody(&reader, nullptr, body, sizeof body, 20000), 4);
-    late.join();
 }
 
 TEST_F(FrxInPlace, a_batch_stops_where_the_ring_or_the_room_ends) {

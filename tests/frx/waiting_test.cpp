@@ -71,6 +71,7 @@ TEST_F(FrxWaiting, ends_when_the_other_side_has_done_its_half) {
     FrxChannel file_end{};
     ASSERT_EQ(frx_openChannel(&file_end, "f", 1, 'r', 1000), ESMS_OK);
     Slot slot(q);
+    qmsg *room = nullptr;
     const struct {
         const char *what;
         std::function<void()> begin, serve;
@@ -86,6 +87,9 @@ TEST_F(FrxWaiting, ends_when_the_other_side_has_done_its_half) {
          [&] { return frx_read(&reader, slot.data(), 10000); }, 1},
         {"a message that nobody told of", [] {}, [&] { halvo::test::write(q, "silent"); },
          [&] { return frx_read(&reader, slot.data(), 10000); }, 6},
+        {"a publication", [&] { EXPECT_EQ(frx_reserve(&writer, 4, &room, 0), ESMS_OK); },
+         [&] { EXPECT_EQ(frx_publish(&writer, 1, 4), ESMS_OK); },
+         [&] { return frx_readBody(&reader, nullptr, slot.data(), 48, 10000); }, 4},
         {"a message without a semaphore", [] {},
          [&] { halvo::test::write(segment.channel("FQ01"), "here"); },
          [&] { return frx_read(&file_end, slot.data(), 10000); }, 4},
@@ -95,8 +99,15 @@ TEST_F(FrxWaiting, ends_when_the_other_side_has_done_its_half) {
              EXPECT_EQ(read(), "0");
          },
          [&] { return frx_write(&writer, "late", 10000); }, ESMS_OK},
-        {"room that nobody told of", [] {}, [&] { halvo::test::read(q); },
-         [&] { return frx_write(&writer, "x", 10000); }, ESMS_OK},
+        {"a release", [] {},
+         [&] {
+             const qmsg *next = nullptr;
+             EXPECT_EQ(frx_peek(&reader, &next, 20000), 1);
+             EXPECT_EQ(frx_release(&reader, 0), ESMS_OK);
+         },
+         [&] { return frx_reserve(&writer, 4, &room, 10000); }, ESMS_OK},
+        {"room that nobody told of", [&] { EXPECT_EQ(frx_publish(&writer, 1, 4), ESMS_OK); },
+         [&] { halvo::test::read(q); }, [&] { return frx_write(&writer, "x", 10000); }, ESMS_OK},
     };
     for (const auto &[what, begin, serve, wait, result] : rows) {
         SCOPED_TRACE(what);
@@ -131,6 +142,18 @@ TEST_F(FrxWaiting, whoever_begins_to_wait_wakes_the_other_side) {
     q->rwait = 1;
     EXPECT_EQ(frx_write(&writer, "x", 0), ESMS_TIMEOUT);
     EXPECT_EQ(value_of(set_under(segment.key_file() + ".post", 1)), 1);
+}
+
+TEST_F(FrxWaiting, a_mark_and_a_parked_message_wake_nobody) {
+    const int post = set_under(segment.key_file() + ".post", 1);
+    EXPECT_EQ(frx_writeBuf(&writer, 1, "x", 1, 0, -1), ESMS_OK);
+    q->rwait = q->wwait = 1;
+    EXPECT_EQ(frx_writeBufCommit(&writer, 0), ESMS_OK);
+    EXPECT_EQ(frx_writeMark(&writer, 1, "x", 1, -1), ESMS_OK);
+    EXPECT_EQ(value_of(post), 0);
+    EXPECT_EQ(q->wwait, 1) << "of the writers that wait";
+    EXPECT_EQ(frx_writeCommit(&writer), ESMS_OK);
+    EXPECT_EQ(value_of(post), 1);
 }
 
 #ifndef __SANITIZE_ADDRESS__ // which takes the frames that a cancellation leaves for living ones

@@ -1,4 +1,4 @@
-#include "tests/fuzz/attach_again.h"
+#include "tests/fuzz/attachment.h"
 
 #include "core/attach.cpp" // its variables are its own
 

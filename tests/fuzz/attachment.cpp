@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "halvo/queue.h"
-#include "tests/fuzz/attach_again.h"
 #include "tools/qm/segment.h"
 
 #if defined(__SANITIZE_ADDRESS__)

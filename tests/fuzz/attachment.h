@@ -21,6 +21,8 @@ uint32_t placed_size();
 char *placed(); // its first byte
 
 void attach(); // init_shm()
+// In attach_again.cpp, which holds core/attach.cpp: it attaches once in the life of a process.
+void forget_attachment();
 
 // For the files of a target; in memory where that can be.
 const test::TestDirectory &scratch();
