@@ -116,15 +116,6 @@ FrxChannel gEnds[2]; // the reader's and the writer's
 FrxMessage gBatch[2];
 Given gGiven;
 
-// The core's call and the guarded one, which differ in what they return for a message.
-struct Row {
-    char side;
-    const char *core, *guarded;
-    int free, messages;
-    void (*prepare)(SmallRing &);
-    int n, result;
-    Places (*legal)(const Numbers &);
-};
 constexpr int kRecovered = HALVO_RECOVERED_POSITION | HALVO_RECOVERED_MARKS;
 constexpr Row kRows[] = {
     {'w', "q_write", "frx_write", 1, 0, nothing, 0, ESMS_OK, one_more},
@@ -161,11 +152,12 @@ std::vector<RingOperation> make_operations() {
     for (const Row &row : kRows) {
         for (const char *name : {row.core, row.guarded}) {
             if (!name) continue;
-            const RingCall &call = ring_call(name, row.side);
-            const bool tells = call.is_guarded() && row.result == ESMS_OK &&
-                               (call.gives != RingCall::nothing || call.name == "frx_peek");
-            all.push_back({call, row.free, row.messages, row.prepare, row.n,
-                           tells ? length : row.result, row.legal});
+            RingOperation one{row, ring_call(name, row.side)};
+            const RingCall::Gives gives = one.call.gives;
+            if (name == row.guarded && row.result == ESMS_OK &&
+                (gives != RingCall::nothing || one.call.name == "frx_peek"))
+                one.result = length;
+            all.push_back(one);
         }
     }
     return all;

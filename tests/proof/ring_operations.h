@@ -25,16 +25,22 @@ struct Legal {
     int doubled = 0; // messages that stand in two places
 };
 
-// A call of the table, on a ring that suits it.
-struct RingOperation {
-    const RingCall &call;
-    int free;     // it needs so many free slots
-    int messages; // and so many messages
+// What calls need of a ring, and do to it: the core's and the guarded one, either may be null.
+struct Row {
+    char side;
+    const char *core, *guarded;
+    int free;     // slots that must be free
+    int messages; // that must be there
     void (*prepare)(SmallRing &);
     int n;      // as in Given
-    int result; // when it is not interrupted
+    int result; // when it is not interrupted; guarded calls tell lengths for ESMS_OK
     // All that may be found, from untouched to finished, for the messages that lay in the ring.
     std::vector<Legal> (*legal)(const Numbers &ring);
+};
+
+// One of the two calls.
+struct RingOperation : Row {
+    const RingCall &call;
 
     void open() const; // the end, in this process
     void close() const;

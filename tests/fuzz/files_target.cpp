@@ -1,3 +1,4 @@
+// Files that an operator writes: print options, and a queue manager's configuration.
 #include <memory>
 
 #include "core/posix.h"
@@ -6,6 +7,8 @@
 #include "tests/fuzz/attachment.h"
 #include "tests/fuzz/input.h"
 #include "tests/fuzz/targets.h"
+#include "tools/qm/config.h"
+#include "tools/qm/plan.h"
 
 namespace {
 
@@ -32,4 +35,14 @@ void halvo::fuzz::options(const uint8_t *data, size_t size) {
     q_statprint2('s');
     q_statprint2('w');
     q_statlog('s');
+}
+
+void halvo::fuzz::config(const uint8_t *data, size_t size) {
+    static const std::string path = scratch().path("config.toml");
+    test::write_file(path, {reinterpret_cast<const char *>(data), size});
+    try {
+        for (const qm::ChannelPlan &channel : qm::load_config(path).channels)
+            qm::layout_of(channel);
+    } catch (const qm::Error &) { // the only one that may come out
+    }
 }
