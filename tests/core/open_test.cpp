@@ -49,8 +49,7 @@ TEST(Open, one_process_at_a_time_holds_an_end_and_a_killed_one_gives_it_back) {
     Signal held;
     Peer sleeper([&] {
         FrxChannel end{};
-        if (initialise(s) != ESMS_OK) return 1;
-        if (frx_openChannel(&end, "sleeper", 0, 'r', 5000) != ESMS_OK) return 2;
+        if (!start_with(s, end, 'r')) return 1;
         held.send();
         return frx_read(&end, Slot(q_chnnl2q(0)).data(), 60000);
     });

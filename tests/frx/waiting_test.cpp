@@ -1,6 +1,5 @@
 // Waits: how they end, and what they leave behind.
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/time.h>
 
 #include <csignal>
@@ -196,12 +195,10 @@ TEST_F(FrxWaiting, a_throttled_reader_and_a_blocked_writer_do_not_wake_each_othe
     q->gcnt.count = 100000; // far above the limit until the period ends
     q->tpsstart = q_settime() - 1;
     std::thread blocked([&] { EXPECT_EQ(frx_write(&writer, "x", 500), ESMS_TIMEOUT); });
-    rusage before{}, after{};
-    getrusage(RUSAGE_SELF, &before);
+    const long before = usage_of(RUSAGE_SELF).ru_nvcsw;
     EXPECT_EQ(read(500), "[-1]");
     blocked.join();
-    getrusage(RUSAGE_SELF, &after);
-    EXPECT_LT(after.ru_nvcsw - before.ru_nvcsw, 200) << "sleeps of both threads together";
+    EXPECT_LT(usage_of(RUSAGE_SELF).ru_nvcsw - before, 200) << "sleeps of both threads together";
 }
 
 TEST_F(FrxWaiting, threads_of_one_end_share_it) {
@@ -222,9 +219,8 @@ TEST_F(FrxWaiting, threads_of_one_end_share_it) {
 
 TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
     const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
-    ASSERT_EQ(initialise(segment), ESMS_OK);
     FrxChannel reader{};
-    ASSERT_EQ(frx_openChannel(&reader, "parent", 0, 'r', 1000), ESMS_OK);
+    ASSERT_TRUE(start_with(segment, reader, 'r'));
     Slot slot(q_chnnl2q(0));
     EXPECT_EQ(frx_read(&reader, slot.data(), 0), ESMS_TIMEOUT);
     std::atomic<bool> stop{false};
@@ -253,8 +249,7 @@ TEST(FrxSessions, a_stalled_standard_output_holds_no_time_limit) {
     for (const bool somebody_prints : {false, true}) {
         Peer process([&] {
             FrxChannel end{};
-            if (initialise(segment) != ESMS_OK) return 1;
-            if (frx_openChannel(&end, "reader", 0, 'r', 1000) != ESMS_OK) return 2;
+            if (!start_with(segment, end, 'r')) return 1;
             stall_output();
             std::thread printer([=] {
                 if (somebody_prints) std::puts(std::string(100000, 'x').c_str());

@@ -58,8 +58,7 @@ struct Tally {
 
 int feed(const Segment &s, Tally &tally) {
     FrxChannel out;
-    if (initialise(s) != ESMS_OK) return 1;
-    if (frx_openChannel(&out, "feeder", s.number("FROM"), 'w', kPatience) != ESMS_OK) return 2;
+    if (!start_with(s, out, 'w', s.number("FROM"))) return 1;
     for (int number = 0; !tally.enough; ++number) {
         if (frx_write(&out, 7, &number, sizeof number, kPatience) != ESMS_OK) return 3;
         ++tally.sent;
@@ -71,8 +70,7 @@ int feed(const Segment &s, Tally &tally) {
 
 int collect(const Segment &s, Tally &tally) {
     FrxChannel in;
-    if (initialise(s) != ESMS_OK) return 1;
-    if (frx_openChannel(&in, "collector", s.number("TO"), 'r', kPatience) != ESMS_OK) return 2;
+    if (!start_with(s, in, 'r', s.number("TO"))) return 1;
     std::vector<bool> seen;
     // A message may come before the feeder has counted it, so that only his end tells how many.
     for (int idle = 0; !tally.fed || tally.got < tally.sent;) {

@@ -19,8 +19,7 @@ constexpr int kBuffer = 3; // the one that is used of each side's
 struct StreamEnd {
     StreamEnd(const Segment &segment, char side, Ledger &common, uint32_t seed)
         : ledger(common), random(seed) {
-        if (initialise(segment) != ESMS_OK) return;
-        if (frx_openChannel(&end, "stream", 0, side, 20000) != ESMS_OK) return;
+        if (!start_with(segment, end, side)) return;
         const int done = q_recover(0, side);
         if (done > 0) ++ledger.recovered;
         if (done >= 0) q = q_chnnl2q(0);

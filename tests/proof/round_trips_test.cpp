@@ -17,9 +17,8 @@ constexpr int64_t kTooLong = 300000;
 struct Ends {
     FrxChannel out{}, in{};
     bool open(const Segment &segment, int out_channel, int in_channel) {
-        return initialise(segment) == ESMS_OK &&
-               frx_openChannel(&out, "stress", out_channel, 'w', kTimeout) == ESMS_OK &&
-               frx_openChannel(&in, "stress", in_channel, 'r', kTimeout) == ESMS_OK;
+        return start_with(segment, out, 'w', out_channel) &&
+               frx_openChannel(&in, "in", in_channel, 'r', kTimeout) == ESMS_OK;
     }
 };
 
@@ -27,12 +26,6 @@ struct Ends {
 // the system often runs both on one.
 void stay_on_processor(unsigned number) {
     run_on_processor(number % std::max(1u, std::thread::hardware_concurrency()));
-}
-
-long times_slept() { // this thread
-    rusage usage{};
-    getrusage(RUSAGE_THREAD, &usage);
-    return usage.ru_nvcsw;
 }
 
 int echo(const Segment &segment, int trips) {
@@ -61,7 +54,7 @@ TEST(RoundTrips, no_wake_up_is_lost) {
     stay_on_processor(0);
     q_set_spin(0); // or the message would come before anybody sleeps
     Slot slot(q_chnnl2q(1));
-    const long slept_before = times_slept();
+    const long slept_before = usage_of(RUSAGE_THREAD).ru_nvcsw;
     int64_t rescued = 0, too_long = 0, longest = 0, sum = 0;
     for (int i = 0; i < trips; ++i) {
         const std::string text = std::to_string(i);
@@ -78,7 +71,7 @@ TEST(RoundTrips, no_wake_up_is_lost) {
         too_long += own >= kTooLong;
     }
     EXPECT_EQ(other.wait(), 0);
-    const int64_t slept = times_slept() - slept_before;
+    const int64_t slept = usage_of(RUSAGE_THREAD).ru_nvcsw - slept_before;
     figure("blocking round trips between two processes", std::to_string(trips), trips);
     figure("round trips longer than 300 ms", "0", too_long);
     figure("round trips longer than 50 ms (woken by the monitor)", "0", rescued);

@@ -1,7 +1,6 @@
 // One signal arrives at a wait, at each 20 microseconds of it and before each machine instruction of
 // its beginning. Its handler is installed without restart; the wait is to end by it, not by its
 // limit.
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/user.h>
 
@@ -22,11 +21,7 @@ constexpr int64_t kOutlived = 400000; // microseconds: two passes of the monitor
 constexpr int64_t kSteppedOutlived = 3000000; // where many processes share one processor
 constexpr int64_t kAtOnce = 50000;            // microseconds: without the monitor
 
-long switches() { // of the calling thread, made by the system
-    rusage usage{};
-    getrusage(RUSAGE_THREAD, &usage);
-    return usage.ru_nivcsw;
-}
+long switches() { return usage_of(RUSAGE_THREAD).ru_nivcsw; } // made by the system
 
 std::atomic<long> switches_at_signal{0};
 std::atomic<int> signals_handled{0};
@@ -141,9 +136,8 @@ protected:
 
     void SetUp() override {
         catch_signals();
-        if (!is_stepped()) open_all();
+        open_all();
     }
-    virtual bool is_stepped() const { return false; }
     void open_all() {
         ASSERT_EQ(initialise(segment), ESMS_OK);
         ASSERT_EQ(frx_openChannel(&reader, "reads", 0, 'r', 1000), ESMS_OK);
@@ -274,8 +268,10 @@ private:
 // The same calls, in processes that are gone through instruction by instruction.
 class SignalAtAnInstruction : public SignalArrival {
 protected:
-    SignalAtAnInstruction() { stay_on_this_processor(); }
-    bool is_stepped() const override { return true; }
+    void SetUp() override {
+        catch_signals();
+        stay_on_this_processor();
+    }
 };
 
 } // namespace

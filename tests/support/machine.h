@@ -20,10 +20,14 @@ inline int64_t microseconds_now() {
 }
 inline int64_t milliseconds_now() { return microseconds_now() / 1000; }
 
-// Processor time used so far, in microseconds; of RUSAGE_SELF or RUSAGE_THREAD.
-inline int64_t processor_time(int whose) {
+// Of RUSAGE_SELF or RUSAGE_THREAD, so far.
+inline rusage usage_of(int whose) {
     rusage usage{};
     getrusage(whose, &usage);
+    return usage;
+}
+inline int64_t processor_time(int whose) { // microseconds
+    const rusage usage = usage_of(whose);
     return int64_t{usage.ru_utime.tv_sec + usage.ru_stime.tv_sec} * 1000000 +
            usage.ru_utime.tv_usec + usage.ru_stime.tv_usec;
 }
