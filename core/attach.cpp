@@ -1,18 +1,11 @@
 // sms_shm: attaching to the segment and to its semaphores, and detaching.
-#include "core/attach.h"
-
-#include <pthread.h>
 #include <sys/ipc.h>
-#include <sys/sem.h>
 #include <sys/shm.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <ctime>
-#include <new>
 #include <utility>
 
 #include "core/barrier.h"
@@ -20,6 +13,8 @@
 #include "core/keys.h"
 #include "core/mapping.h"
 #include "core/segment.h"
+#include "core/semaphores.h"
+#include "core/service_lock.h"
 #include "core/signals.h"
 
 using namespace halvo;
@@ -27,41 +22,7 @@ using namespace halvo;
 namespace {
 
 void *shmblock = nullptr; // the attach address, all bits set after a failed attach
-int segment_id = -1;      // of the attached segment
 int view_id = -1;         // segment that is attached to be looked at; then shmblock is null
-int *semPosts = nullptr;  // semaphore-set ids of first_channels channels, -1 where there is none
-int *semRqsts = nullptr;
-int semReadLock = -1; // sets of one semaphore per channel
-int semWriteLock = -1;
-
-// Error-checking, because a failed attach leaves it locked: the thread must not hang on itself.
-pthread_mutex_t mtx_service = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
-
-// The key file's path with a suffix; empty when it does not fit, so that ftok finds no such file.
-struct KeyPath {
-    char text[kKeyPathSize] = {};
-    KeyPath(const char *keyfile, const char *suffix) {
-        if (std::strlen(keyfile) + std::strlen(suffix) < sizeof text) {
-            std::strcpy(text, keyfile);
-            std::strcat(text, suffix);
-        }
-    }
-};
-
-int set_id(const char *path, int project, int semaphores) {
-    const key_t key = ftok(path, project);
-    return key == -1 ? -1 : semget(key, semaphores, 0);
-}
-
-// One id per channel, -1 for every channel that is not of type 'M' and where the set is missing.
-int *channel_semaphores(const char *path) {
-    int *ids = new (std::nothrow) int[static_cast<size_t>(first_channels)];
-    for (int channel = 0; ids && channel < first_channels; ++channel) {
-        const halvo_channel *q = header_in(segment_ever, channel);
-        ids[channel] = q && q->qtype == 'M' ? set_id(path, channel_project(channel), 1) : -1;
-    }
-    return ids;
-}
 
 // Attaches what is large enough to be a segment of queues; shmblock is all bits set otherwise.
 bool attach_segment(const char *keyfile, bool usable) {
@@ -72,22 +33,13 @@ bool attach_segment(const char *keyfile, bool usable) {
     if (shmblock != failed) {
         shmid_ds found{};
         segment_size = shmctl(id, IPC_STAT, &found) == 0 ? static_cast<size_t>(found.shm_segsz) : 0;
-        segment_id = id;
+        attached_id = id;
         if (segment_size >= sizeof(halvo_segment)) return true;
         shmdt(std::exchange(shmblock, failed));
     }
     std::printf("shmat failed keyfile %s id %d block %d\n", keyfile, id,
                 static_cast<int>(reinterpret_cast<intptr_t>(shmblock)));
     return false;
-}
-
-void find_semaphores(const char *keyfile, const KeyPath &posts, const KeyPath &requests) {
-    delete[] semPosts;
-    semPosts = channel_semaphores(posts.text);
-    delete[] semRqsts;
-    semRqsts = channel_semaphores(requests.text);
-    semReadLock = set_id(keyfile, kReadLockProject, first_channels);
-    semWriteLock = set_id(keyfile, kWriteLockProject, first_channels);
 }
 
 // Gives up looking at a segment.
@@ -136,48 +88,21 @@ int view(const char *keyfile) {
     return seen ? ESMS_ALREADY : ESMS_OK;
 }
 
-int id_of(const int *ids, int channel) {
-    return ids && channel >= 0 && channel < first_channels ? ids[channel] : -1;
-}
-
 } // namespace
-
-namespace halvo {
-
-int attached_id() noexcept { return segment_id; }
-
-int post_semaphore(int channel) noexcept { return id_of(semPosts, channel); }
-int request_semaphore(int channel) noexcept { return id_of(semRqsts, channel); }
-int read_lock_set() noexcept { return semReadLock; }
-int write_lock_set() noexcept { return semWriteLock; }
-
-// A failed attach keeps the lock for good. Its own thread is answered at once; another one waits
-// for an attach that may still be going on, but not for ever.
-bool lock_service() noexcept {
-    timespec limit{};
-    clock_gettime(CLOCK_REALTIME, &limit);
-    limit.tv_sec += 1;
-    return pthread_mutex_timedlock(&mtx_service, &limit) == 0;
-}
-
-bool unlock_service() noexcept { return pthread_mutex_unlock(&mtx_service) == 0; }
-
-} // namespace halvo
 
 int init_shm(const char *keyfile) noexcept {
     if (!keyfile) return shmblock ? ESMS_OK : ESMS_NOINIT;
-    const KeyPath posts(keyfile, kPostSuffix);
-    const KeyPath requests(keyfile, kRequestSuffix);
+    const bool usable = KeyPath(keyfile, kPostSuffix).text[0] != '\0'; // the longest of the paths
     if (!lock_service()) return ESMS_MTXLOCK;
     int result = ESMS_ALREADY;
     if (!shmblock) {
         drop_view();
         // Kept: a failed attach returns with the service lock taken and shmblock at the failed
         // value, so that init_shm(NULL) answers ESMS_OK although nothing is attached.
-        if (!attach_segment(keyfile, posts.text[0] != '\0')) return ESMS_SHMOP;
+        if (!attach_segment(keyfile, usable)) return ESMS_SHMOP;
         segment_ever = static_cast<halvo_segment *>(shmblock);
         count_channels();
-        find_semaphores(keyfile, posts, requests);
+        find_semaphores(keyfile);
         attached = segment_ever;
         expect_channels();
         join_far_barriers();
@@ -192,9 +117,7 @@ int close_shm() noexcept {
     const halvo_segment *segment = segment_ever;
     if (!segment) return ESMS_NOINIT;
     if (!lock_service()) return ESMS_MTXLOCK;
-    delete[] semPosts;
-    delete[] semRqsts;
-    semPosts = semRqsts = nullptr;
+    forget_channel_semaphores();
     std::atomic_ref(attached).store(nullptr); // beside those that MappingUse is for
     forget_channels();
     wait_for_mapping_users();

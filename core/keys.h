@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 
 namespace halvo {
 
@@ -16,5 +17,16 @@ constexpr int kWriteLockProject = 202;
 constexpr int channel_project(int channel) { return channel + 1; }
 
 constexpr size_t kKeyPathSize = 2048; // bytes for the longest of the three paths, ended by NUL
+
+// The key file's path with a suffix; empty when it does not fit, so that ftok finds no such file.
+struct KeyPath {
+    char text[kKeyPathSize] = {};
+    KeyPath(const char *keyfile, const char *suffix) {
+        if (std::strlen(keyfile) + std::strlen(suffix) < sizeof text) {
+            std::strcpy(text, keyfile);
+            std::strcat(text, suffix);
+        }
+    }
+};
 
 } // namespace halvo

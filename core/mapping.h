@@ -17,6 +17,7 @@ public:
     halvo_segment *segment() const noexcept { return segment_; }
 
 private:
+    uint32_t forks_;
     halvo_segment *segment_;
 };
 

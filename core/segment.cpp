@@ -8,6 +8,7 @@ namespace halvo {
 halvo_segment *attached = nullptr;
 halvo_segment *segment_ever = nullptr;
 size_t segment_size = 0;
+int attached_id = -1;
 int first_channels = 0;
 std::atomic<bool> is_view{false};
 

@@ -17,6 +17,7 @@ extern halvo_segment *attached HALVO_HIDDEN;
 extern halvo_segment *segment_ever
     HALVO_HIDDEN;                        // set by a successful attach; stays after close_shm
 extern size_t segment_size HALVO_HIDDEN; // bytes, at least those of the segment header
+extern int attached_id HALVO_HIDDEN;     // the kernel's id of what was attached last; -1 before
 extern int first_channels HALVO_HIDDEN;  // channels at the time of the attach, at most 269
 // Attached by q_attach_view(), without a right to store.
 extern std::atomic<bool> is_view HALVO_HIDDEN;

@@ -4,9 +4,9 @@
 
 #include <cstring>
 
-#include "core/attach.h"
 #include "core/process.h"
 #include "core/ring.h"
+#include "core/semaphores.h"
 #include "halvo/queue.h"
 
 namespace halvo {

@@ -2,6 +2,7 @@
 
 #include "core/process.h"
 #include "core/ring.h"
+#include "core/segment.h"
 #include "core/side.h"
 #include "core/throttle.h"
 

@@ -7,6 +7,8 @@
 #include <cstdio>
 
 #include "core/output.h"
+#include "core/segment.h"
+#include "core/service_lock.h"
 #include "core/side.h"
 #include "core/wait_registry.h"
 

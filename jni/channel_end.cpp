@@ -38,7 +38,7 @@ COMPANION_NATIVE(jint, ChannelCalls, segmentOf)(JNIEnv *env, jclass, jstring key
 
 // The id of the attached segment, or -1.
 COMPANION_NATIVE(jint, ChannelCalls, attachedSegment)(JNIEnv *, jclass) noexcept {
-    return attached_segment() ? attached_id() : -1;
+    return attached_segment() ? attached_id : -1;
 }
 
 // As IPCFunctions.openChannel; ESMS_JAVAINTR when the cell was called before.

@@ -3,12 +3,10 @@
 #include "core/attach.cpp" // its variables are its own
 
 void halvo::fuzz::forget_attachment() {
-    delete[] std::exchange(semPosts, nullptr);
-    delete[] std::exchange(semRqsts, nullptr);
+    forget_channel_semaphores();
     segment_ever = attached = nullptr;
     forget_channels();
     shmblock = nullptr;
     segment_size = 0;
-    semReadLock = semWriteLock = -1;
-    mtx_service = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP; // a failed attach keeps it
+    unlock_service(); // a failed attach keeps it
 }

@@ -4,7 +4,7 @@
 #include <iterator>
 #include <memory>
 
-#include "core/attach.h"
+#include "core/segment.h"
 #include "core/ring.h"
 #include "halvo/frx.h"
 #include "halvo/queue.h"

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/attach.h"
+#include "core/segment.h"
 #include "halvo/result.h"
 
 #define TEST_NATIVE(type, name)                                                                    \

@@ -7,13 +7,11 @@
 #include <atomic>
 #include <cstdint>
 
+#include "tools/frame/clock.h"
+
 namespace halvo::relay {
 
-inline int64_t milliseconds_now() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
+inline int64_t milliseconds_now() { return static_cast<int64_t>(tools::monotonic() * 1000); }
 
 // A request to stop, seen by the threads of a route.
 using Stop = std::atomic<bool>;
