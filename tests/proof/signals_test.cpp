@@ -26,14 +26,12 @@ long switches() { return usage_of(RUSAGE_THREAD).ru_nivcsw; } // made by the sys
 std::atomic<long> switches_at_signal{0};
 std::atomic<int> signals_handled{0};
 
-void note(int) {
-    switches_at_signal = switches();
-    ++signals_handled;
-}
-
 void catch_signals() {
     struct sigaction action {};
-    action.sa_handler = note;
+    action.sa_handler = [](int) {
+        switches_at_signal = switches();
+        ++signals_handled;
+    };
     sigaction(SIGUSR1, &action, nullptr);
 }
 
@@ -51,8 +49,6 @@ struct Sweep {
 class Arrival {
 public:
     explicit Arrival(const Call &call) : call_(call), thread_([this] { wait_often(); }) {}
-    Arrival(const Arrival &) = delete;
-    Arrival &operator=(const Arrival &) = delete;
     ~Arrival() {
         stop_ = true;
         thread_.join();
@@ -62,11 +58,9 @@ public:
         while (state_ != State::resting) usleep(10);
         const int handled = signals_handled;
         state_ = State::asked;
-        while (state_ == State::asked) {
-        }
+        while (state_ == State::asked) continue;
         const int64_t start = microseconds_now();
-        while (microseconds_now() < start + microseconds) {
-        }
+        while (microseconds_now() < start + microseconds) continue;
         const int64_t sent = microseconds_now();
         pthread_kill(thread_.native_handle(), SIGUSR1);
         while (state_ == State::calling && stalls_aside(sent, stalls) < kOutlived) usleep(200);
@@ -143,8 +137,7 @@ protected:
         ASSERT_EQ(frx_openChannel(&reader, "reads", 0, 'r', 1000), ESMS_OK);
         ASSERT_EQ(frx_openChannel(&writer, "writes", 1, 'w', 1000), ESMS_OK);
         ASSERT_EQ(frx_openChannel(&poller, "polls", 2, 'r', 1000), ESMS_OK);
-        while (halvo::test::frx_write(&writer, "x", -1) == ESMS_OK) {
-        }
+        while (halvo::test::frx_write(&writer, "x", -1) == ESMS_OK) continue;
     }
     int read(FrxChannel &end) {
         char slot[64];
@@ -210,8 +203,7 @@ private:
         while (!is_sleep()) process_.step();
         sleep_ = instruction();
         go_on(SIGUSR1);
-        while (!in_front_of_a_wait()) {
-        }
+        while (!in_front_of_a_wait()) continue;
     }
 
     user_regs_struct registers() const {
@@ -300,8 +292,7 @@ TEST_F(SignalAtAnInstruction, from_the_begin_of_the_wait_to_its_sleep) {
         Sweep sweep;
         SteppedWaits process([this] { open_all(); }, calls[i]);
         const int stride = length(61, 1);
-        for (int n = 0; process.arrival_behind(n, sweep); n += stride) {
-        }
+        for (int n = 0; process.arrival_behind(n, sweep); n += stride) continue;
         tell(std::string("each instruction before the sleep of ") + calls[i].name, sweep);
     }
 }
