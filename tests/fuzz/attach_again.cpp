@@ -8,5 +8,6 @@ void halvo::fuzz::forget_attachment() {
     forget_channels();
     shmblock = nullptr;
     segment_size = 0;
-    unlock_service(); // a failed attach keeps it
+    lock_service(); // which a failed attach has kept
+    unlock_service();
 }

@@ -155,6 +155,11 @@ TEST_F(Removals, of_nothing_but_1025_threads_wait) {
     const int timeout = 20000;
 #else
     const int timeout = (seconds + 2) * 1000;
+    // The address space of a 32-bit process does not hold a thousand stacks of the usual size.
+    pthread_attr_t small;
+    pthread_attr_init(&small);
+    pthread_attr_setstacksize(&small, 256 * 1024);
+    ASSERT_EQ(pthread_setattr_default_np(&small), 0);
 #endif
     std::atomic<int> timed_out{0}, received{0};
     const auto used_in = [](int halves) { // of a second
@@ -163,11 +168,6 @@ TEST_F(Removals, of_nothing_but_1025_threads_wait) {
         return processor_time(RUSAGE_SELF) - before;
     };
     const int64_t idle = used_in(1);
-    // The address space of a 32-bit process does not hold a thousand stacks of the usual size.
-    pthread_attr_t small;
-    pthread_attr_init(&small);
-    pthread_attr_setstacksize(&small, 256 * 1024);
-    ASSERT_EQ(pthread_setattr_default_np(&small), 0);
     std::vector<std::thread> threads;
     for (int i = 0; i < kWaiters; ++i) {
         threads.emplace_back([&] {
