@@ -47,7 +47,8 @@ TEST_F(Documents, move_the_baseline_even_of_channels_that_they_skip) {
     EXPECT_EQ(+lastcheck[2].count, 60u) << "and is measured on the ring";
     EXPECT_EQ(+lastcheck[1].count, 7500u);
     for (const auto &print : {+[] { xml('x'); }, +[] { json(); }}) {
-        lastcheck[2] = {};
+        lastcheck[2].count = 0;
+        lastcheck[2].tstart = 7;
         print();
         EXPECT_EQ(+lastcheck[2].count, 60u);
         EXPECT_EQ(lastcheck[2].tstart, q_day_millis());
