@@ -104,7 +104,7 @@ Woken Sleeper::take(int semid, int n, int flags, WantedState slot) {
     return errno == EINTR ? Woken::by_signal : Woken::never_slept;
 }
 
-[[gnu::no_sanitize("address", "thread")]] bool
+__attribute__((no_sanitize("address", "thread"))) bool
 slept_past_a_signal(const SleepFrame &frame) noexcept {
     const auto *marks = static_cast<const volatile SleepFrame &>(frame).marks;
     if (!marks) return false;

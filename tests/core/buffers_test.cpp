@@ -3,31 +3,7 @@
 
 using namespace halvo::test;
 
-namespace {
-
-class Buffers : public RingTest<4, 'w'> {
-protected:
-    std::string read_buf(int index) {
-        Slot slot(q);
-        const int result = q_read_buf(q, slot.data(), index);
-        return result == ESMS_OK ? slot.body() : "[" + std::to_string(result) + "]";
-    }
-};
-
-} // namespace
-
-TEST_F(Buffers, a_read_buffer_gives_its_message_again_until_it_is_cleared) {
-    write(q, "first");
-    write(q, "second");
-    EXPECT_EQ(read_buf(4), "first");
-    EXPECT_EQ(read_buf(4), "first");
-    EXPECT_EQ(+q->gcnt.count, 1u) << "one ring slot is consumed";
-    EXPECT_EQ(read_buf(0), "second");
-    EXPECT_EQ(read_buf(1), "[-3]");
-    EXPECT_EQ(q_read_buf_clear(q, 4), ESMS_OK);
-    EXPECT_EQ(q_read_buf_clear(q, 4), ESMS_INVAL) << "empty";
-    EXPECT_EQ(read_buf(4), "[-3]");
-}
+using Buffers = RingTest<4, 'w'>;
 
 TEST_F(Buffers, a_parked_message_keeps_a_ring_slot_free) {
     EXPECT_EQ(write_buf(q, "a", 0), ESMS_OK);
@@ -61,6 +37,9 @@ TEST_F(Buffers, parking_needs_the_slot_behind_the_owed_ones) {
     q->pbuffs = -1;
     EXPECT_EQ(write_buf(q, "a", 0), ESMS_OK) << "-1 looks at no slot";
     EXPECT_EQ(q->pbuffs, 0);
+    q->pbuffs = 4;
+    EXPECT_EQ(write_buf(q, "b", 1), ESMS_FULL) << "outside the ring";
+    q->pbuffs = 0;
     read(q);
     read(q);
     write_mark_at(q, "m", 1);
@@ -80,22 +59,4 @@ TEST_F(Buffers, empty_buffers_and_bad_indexes_have_their_own_codes) {
     write_buf(q, "a", 3);
     EXPECT_EQ(q_write_buf_rollback(q, 3), ESMS_OK);
     EXPECT_EQ(q->pbuffs, 0);
-}
-
-TEST_F(Buffers, their_use_is_a_heartbeat_as_that_of_the_ring_is) {
-    Slot slot(q);
-    const struct {
-        std::function<void()> use;
-        int32_t &heartbeat;
-    } cases[] = {
-        {[&] { write_buf(q, "a", 0); }, q->wtime},
-        {[&] { write_buf(q, "a", -1); }, q->wtime},
-        {[&] { q_read_buf(q, slot.data(), 0); }, q->rtime},
-        {[&] { q_read_buf_clear(q, 0); }, q->rtime},
-    };
-    for (const auto &[use, heartbeat] : cases) {
-        const int32_t now = ++q_0()->now;
-        use();
-        EXPECT_EQ(heartbeat, now);
-    }
 }

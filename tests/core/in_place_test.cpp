@@ -27,22 +27,6 @@ protected:
 
 } // namespace
 
-TEST_F(InPlace, a_message_is_built_looked_at_and_released_where_it_lies) {
-    EXPECT_EQ(peeked(), "[-3]");
-    EXPECT_EQ(q_release(q, 0), ESMS_NOTARGET);
-    EXPECT_EQ(build("one"), ESMS_OK);
-    EXPECT_EQ(write(q, "two"), ESMS_OK);
-    EXPECT_EQ(picture(q), ">FF<__");
-    EXPECT_EQ(+q->pcnt.count, 2u);
-    EXPECT_EQ(+q->tcnt[9].count, 1u);
-    EXPECT_EQ(peeked(), "one");
-    EXPECT_EQ(peeked(), "one") << "until it is released";
-    EXPECT_EQ(q_release(q, 1), ESMS_OK);
-    EXPECT_EQ(+q->gcnt.count, 1u);
-    EXPECT_EQ(+q->gcnt.ecount, 1u);
-    EXPECT_EQ(read(q), "two");
-}
-
 TEST_F(InPlace, a_reservation_holds_nothing) {
     EXPECT_EQ(reserve(48), ESMS_OK);
     EXPECT_EQ(picture(q), "><____");
@@ -55,6 +39,12 @@ TEST_F(InPlace, a_reservation_holds_nothing) {
     EXPECT_EQ(q_read_mark(q, 1), 1);
     EXPECT_EQ(peeked(), "[-3]") << "a marked message is not given again";
     EXPECT_EQ(q_release(q, 0), ESMS_NOTARGET);
+    EXPECT_EQ(q_read_rollback(q), 1);
+    EXPECT_EQ(peeked(), "in the same slot");
+    EXPECT_EQ(q_release(q, 1), ESMS_OK);
+    EXPECT_EQ(peeked(), "behind it");
+    EXPECT_EQ(+q->gcnt.ecount, 1u);
+    EXPECT_EQ(+q->tcnt[9].count, 1u);
 }
 
 TEST_F(InPlace, length_and_room_are_looked_at_as_for_a_write) {
@@ -71,17 +61,6 @@ TEST_F(InPlace, length_and_room_are_looked_at_as_for_a_write) {
     EXPECT_EQ(q_publish(q, 1, 1), ESMS_FULL);
     EXPECT_EQ(q_write_buf_commit(q, 0), ESMS_OK);
     EXPECT_EQ(picture(q), "><FFFF");
-}
-
-TEST_F(InPlace, a_rate_limit_holds_a_peek_and_a_body_up) {
-    write(q, "m");
-    q->tpsmx = 1;
-    q->gcnt.count = 100;
-    q->tpsstart = static_cast<int32_t>(q_gettime()) - 10;
-    EXPECT_EQ(peeked(), "[-3]");
-    char body[8];
-    EXPECT_EQ(q_read_body(q, nullptr, body, sizeof body, nullptr), ESMS_EMPTY);
-    EXPECT_EQ(q->throttled, 1);
 }
 
 TEST_F(InPlace, a_body_is_copied_alone_or_stays) {

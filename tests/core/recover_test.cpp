@@ -25,16 +25,6 @@ protected:
 
 } // namespace
 
-TEST_F(Recover, does_nothing_to_a_sound_ring_however_full_it_is) {
-    for (int messages = 0; messages <= 4; ++messages) {
-        const std::string before = picture(q);
-        EXPECT_EQ(recover('w'), 0) << before;
-        EXPECT_EQ(recover('r'), 0) << before;
-        EXPECT_EQ(picture(q), before);
-        write(q, "m");
-    }
-}
-
 TEST_F(Recover, moves_a_position_that_is_one_slot_behind) {
     // From every place in the ring, with every number of messages.
     for (int start = 0; start < 4; ++start) {
@@ -85,17 +75,6 @@ TEST_F(Recover, both_ends_at_the_same_time_do_not_change_places) {
     std::swap(q->wpos, kept);
     EXPECT_EQ(write(q, "next"), ESMS_OK);
     EXPECT_EQ(read(q), "next");
-}
-
-TEST_F(Recover, takes_back_marks_of_its_own_side_alone) {
-    write(q, "a");
-    write(q, "b");
-    q_read_mark(q, 1);
-    write_mark_at(q, "x", 1); // a mark behind a gap
-    EXPECT_EQ(recover('w'), HALVO_RECOVERED_MARKS);
-    EXPECT_EQ(picture(q), ">RF<__");
-    EXPECT_EQ(recover('r'), HALVO_RECOVERED_MARKS);
-    EXPECT_EQ(read(q), "a");
 }
 
 TEST_F(Recover, counts_the_parked_messages_anew) {

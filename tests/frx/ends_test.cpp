@@ -1,4 +1,5 @@
 #include "tests/support/frx_fixture.h"
+#include "tests/support/ring_calls.h"
 
 using namespace halvo::test;
 
@@ -74,38 +75,22 @@ TEST_F(FrxEnds, the_handles_address_is_what_counts) {
 }
 
 TEST_F(FrxEnds, operations_are_for_the_handle_that_opened_the_end_in_this_process) {
-    static char slot[64];
-    const struct {
-        const char *name;
-        char side;
-        int (*run)(FrxChannel *);
-    } calls[] = {
-        {"write", 'w', [](FrxChannel *end) { return frx_write(end, "a", -1); }},
-        {"writeMark", 'w', [](FrxChannel *end) { return frx_writeMark(end, 1, "a", 1, -1); }},
-        {"writeCommit", 'w', frx_writeCommit},
-        {"writeRollback", 'w', frx_writeRollback},
-        {"writeBuf", 'w', [](FrxChannel *end) { return frx_writeBuf(end, 1, "a", 1, 0, -1); }},
-        {"writeBufCommit", 'w', [](FrxChannel *end) { return frx_writeBufCommit(end, 0); }},
-        {"writeBufRollback", 'w', [](FrxChannel *end) { return frx_writeBufRollback(end, 0); }},
-        {"read", 'r', [](FrxChannel *end) { return frx_read(end, slot, 0); }},
-        {"readMark", 'r', [](FrxChannel *end) { return frx_readMark(end, 0, 0); }},
-        {"readMarked", 'r', [](FrxChannel *end) { return frx_readMarked(end, 0, slot); }},
-        {"readMarkedCount", 'r', frx_readMarkedCount},
-        {"readCommit", 'r', [](FrxChannel *end) { return frx_readCommit(end, 0); }},
-        {"readRollback", 'r', frx_readRollback},
-        {"readBuf", 'r', [](FrxChannel *end) { return frx_readBuf(end, slot, 0, 0); }},
-        {"readBufClear", 'r', [](FrxChannel *end) { return frx_readBufClear(end, 0); }},
-    };
-    for (const auto &[name, side, run] : calls) {
-        FrxChannel &own = side == 'w' ? writer : reader;
-        FrxChannel copy = own, nowhere = {999, side};
+    char slot[64], bodies[2][8];
+    FrxMessage batch[] = {{1, 1, 8, bodies[0]}, {1, 1, 8, bodies[1]}};
+    for (const RingCall &call : kRingCalls) {
+        if (!call.is_guarded()) continue;
+        FrxChannel &own = call.side == 'w' ? writer : reader;
+        const auto run = [&](FrxChannel *end) {
+            return call.run({q, end, 0, 1, 0, -1, "a", 1, slot, 8, batch});
+        };
+        FrxChannel copy = own, nowhere = {999, call.side};
         for (FrxChannel *wrong : {&copy, &nowhere, static_cast<FrxChannel *>(nullptr)})
-            EXPECT_EQ(run(wrong), ESMS_ACCESS) << name;
-        int32_t &holder = side == 'w' ? q->pidp : q->pidg;
+            EXPECT_EQ(run(wrong), ESMS_ACCESS) << call.name;
+        int32_t &holder = call.side == 'w' ? q->pidp : q->pidg;
         holder = 1; // another process has opened it since
-        EXPECT_EQ(run(&own), ESMS_ACCESS) << name;
+        EXPECT_EQ(run(&own), ESMS_ACCESS) << call.name;
         holder = getpid();
-        EXPECT_NE(run(&own), ESMS_ACCESS) << name;
+        EXPECT_NE(run(&own), ESMS_ACCESS) << call.name;
         EXPECT_EQ(holder, getpid());
     }
 }

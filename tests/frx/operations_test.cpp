@@ -1,16 +1,9 @@
 #include "tests/support/frx_fixture.h"
+#include "tests/support/ring_calls.h"
 
 using namespace halvo::test;
 
 using FrxOperations = FrxTest;
-
-TEST_F(FrxOperations, write_and_read_give_the_length_and_the_whole_slot) {
-    EXPECT_EQ(::frx_write(&writer, 77, "hello", 5, -1), ESMS_OK);
-    Slot slot(q);
-    EXPECT_EQ(frx_read(&reader, slot.data(), 0), 5);
-    EXPECT_EQ(slot.body(), "hello");
-    EXPECT_EQ(slot.header().type, 77);
-}
 
 TEST_F(FrxOperations, never_give_a_length_that_a_slot_cannot_hold) {
     const auto room = static_cast<int>(q->qbsz - offsetof(qmsg, data));
@@ -49,60 +42,61 @@ TEST_F(FrxOperations, refuse_null_and_report_what_the_ring_refuses) {
     EXPECT_EQ(frx_readBuf(&reader, slot.data(), 0, 5), ESMS_FAILED);
 }
 
-TEST_F(FrxOperations, marks_commits_and_rollbacks_of_the_writer) {
-    EXPECT_EQ(frx_writeCommit(&writer), ESMS_NOTARGET);
-    EXPECT_EQ(frx_writeMark(&writer, 1, "a", 1, -1), ESMS_OK);
-    EXPECT_EQ(picture(q), "><W___");
-    EXPECT_EQ(frx_writeRollback(&writer), ESMS_OK);
-    EXPECT_EQ(frx_writeMark(&writer, 1, "b", 1, -1), ESMS_OK);
-    EXPECT_EQ(frx_writeCommit(&writer), ESMS_OK);
-    EXPECT_EQ(read(), "b");
-}
-
-TEST_F(FrxOperations, a_batch_of_the_writer_appears_or_vanishes_as_one) {
-    const auto mark = [&](int index) {
-        return frx_writeMarkAt(&writer, 1, std::to_string(index).data(), 1, index, -1);
+TEST_F(FrxOperations, hand_on_what_the_ring_answers) {
+    const struct {
+        const char *name;
+        char side;
+        int n, result;
+        const char *ring;
+    } steps[] = {
+        {"frx_writeCommit", 'w', 0, ESMS_NOTARGET, "><____"},
+        {"frx_writeMark", 'w', 0, ESMS_OK, "><W___"},
+        {"frx_writeRollback", 'w', 0, ESMS_OK, "><____"},
+        {"frx_writeMark", 'w', 0, ESMS_OK, "><W___"},
+        {"frx_writeCommit", 'w', 0, ESMS_OK, ">F<___"},
+        {"frx_writeMarkAt", 'w', -1, ESMS_INVAL, ">F<___"},
+        {"frx_writeMarkAt", 'w', 0, ESMS_OK, ">F<W__"},
+        {"frx_writeMarkAt", 'w', 1, ESMS_OK, ">F<WW_"},
+        {"frx_writeRollbackAll", 'w', 0, 2, ">F<___"},
+        {"frx_writeRollbackAll", 'w', 0, 0, ">F<___"},
+        {"frx_writeMarkAt", 'w', 0, ESMS_OK, ">F<W__"},
+        {"frx_writeMarkAt", 'w', 1, ESMS_OK, ">F<WW_"},
+        {"frx_writeCommitAll", 'w', 0, ESMS_OK, ">FFF<_"},
+        {"frx_readMark", 'r', 2, 2, ">RRF<_"},
+        {"frx_readMarkedCount", 'r', 0, 2, ">RRF<_"},
+        {"frx_readMarked", 'r', 1, ESMS_OK, ">RRF<_"},
+        {"frx_readMarked", 'r', 2, ESMS_INVAL, ">RRF<_"},
+        {"frx_readCommit", 'r', 1, 1, "_>RF<_"},
+        {"frx_readRollback", 'r', 0, 1, "_>FF<_"},
+        {"frx_writeBuf", 'w', 3, ESMS_OK, "_>FF<_"},
+        {"frx_writeBuf", 'w', 3, ESMS_PENDING, "_>FF<_"},
+        {"frx_writeBufCommit", 'w', 3, ESMS_OK, "<_>FFF"},
+        {"frx_writeBufCommit", 'w', 3, ESMS_INVAL, "<_>FFF"},
+        {"frx_writeBufRollback", 'w', 3, ESMS_NOTARGET, "<_>FFF"},
+        {"frx_writeBuf", 'w', 3, ESMS_FULL, "<_>FFF"},
+        {"frx_readBuf", 'r', 2, 1, "<__>FF"},
+        {"frx_readBuf", 'r', 2, 1, "<__>FF"}, // held
+        {"frx_readBufClear", 'r', 2, ESMS_OK, "<__>FF"},
+        {"frx_readBufClear", 'r', 2, ESMS_INVAL, "<__>FF"},
+        {"frx_reserve", 'w', 0, ESMS_OK, "<__>FF"},
+        {"frx_publish", 'w', 0, ESMS_OK, "F<_>FF"},
+        {"frx_peek", 'r', 0, 1, "F<_>FF"},
+        {"frx_release", 'r', 0, ESMS_OK, "F<__>F"},
+        {"frx_readBody", 'r', 0, 1, ">F<___"},
+        {"frx_release", 'r', 0, ESMS_OK, "_><___"},
+        {"frx_release", 'r', 0, ESMS_NOTARGET, "_><___"},
     };
-    EXPECT_EQ(mark(-1), ESMS_INVAL);
-    for (const int index : {0, 1, 2}) EXPECT_EQ(mark(index), ESMS_OK);
-    EXPECT_EQ(picture(q), "><WWW_");
-    EXPECT_EQ(frx_writeRollbackAll(&writer), 3);
-    EXPECT_EQ(frx_writeRollbackAll(&writer), 0);
-    for (const int index : {0, 1}) EXPECT_EQ(mark(index), ESMS_OK);
-    std::string got;
-    std::thread waiting([&] { got = read(); }); // the commit wakes it
-    while (halvo::load(q->rwait) == 0) usleep(1000);
-    EXPECT_EQ(frx_writeCommitAll(&writer), ESMS_OK);
-    waiting.join();
-    EXPECT_EQ(got + read(), "01");
-}
-
-TEST_F(FrxOperations, marks_commits_and_rollbacks_of_the_reader) {
-    fill(3);
-    EXPECT_EQ(frx_readMark(&reader, 2, 0), 2);
-    EXPECT_EQ(frx_readMarkedCount(&reader), 2);
-    Slot slot(q);
-    EXPECT_EQ(frx_readMarked(&reader, 1, slot.data()), ESMS_OK);
-    EXPECT_EQ(slot.body(), "1");
-    EXPECT_EQ(frx_readMarked(&reader, 2, slot.data()), ESMS_INVAL);
-    EXPECT_EQ(frx_readCommit(&reader, 1), 1);
-    EXPECT_EQ(frx_readRollback(&reader), 1);
-    EXPECT_EQ(read(), "1");
-}
-
-TEST_F(FrxOperations, buffers_of_both_sides) {
-    EXPECT_EQ(frx_writeBuf(&writer, 1, "parked", 6, 3, -1), ESMS_OK);
-    captured_stdout([&] { EXPECT_EQ(frx_writeBuf(&writer, 1, "other", 5, 3, -1), ESMS_PENDING); });
-    EXPECT_EQ(frx_statBuf(&writer, 3), HALVO_SLOT_READABLE);
-    EXPECT_EQ(frx_writeBufCommit(&writer, 3), ESMS_OK);
-    EXPECT_EQ(frx_writeBufCommit(&writer, 3), ESMS_INVAL);
-    EXPECT_EQ(frx_writeBufRollback(&writer, 3), ESMS_NOTARGET);
-    Slot slot(q);
-    EXPECT_EQ(frx_readBuf(&reader, slot.data(), 1000, 2), 6);
-    EXPECT_EQ(frx_readBuf(&reader, slot.data(), 1000, 2), 6) << "held";
-    EXPECT_EQ(frx_statBuf(&reader, 2), HALVO_SLOT_READABLE);
-    EXPECT_EQ(frx_readBufClear(&reader, 2), ESMS_OK);
-    EXPECT_EQ(frx_readBufClear(&reader, 2), ESMS_INVAL);
+    for (const auto &[name, side, n, result, ring] : steps) {
+        char room[64] = {};
+        const Given given{q, side == 'w' ? &writer : &reader, n, 1, 0, -1, "a", 1, room, 48};
+        const RingCall &call = ring_call(name, side);
+        captured_stdout([&, expected = result] { EXPECT_EQ(call.run(given), expected) << name; });
+        EXPECT_EQ(picture(q), ring) << name << n;
+        const char *body = call.gives == RingCall::slot ? room + offsetof(qmsg, data) : room;
+        if (call.gives != RingCall::nothing && result >= 0) {
+            EXPECT_EQ(*body, 'a') << name;
+        }
+    }
 }
 
 TEST_F(FrxOperations, probes_need_no_opened_handle) {

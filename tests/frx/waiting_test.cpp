@@ -1,42 +1,24 @@
 // Waits: how they end, and what they leave behind.
 #include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/sem.h>
+#include <sys/time.h>
 
 #include <csignal>
 #include <thread>
 
 #include "tests/support/frx_fixture.h"
+#include "tests/support/ipc.h"
 
 using namespace halvo::test;
 
 namespace {
 
-class FrxWaiting : public FrxTest {
-protected:
-    // Runs a call that is to end by its time limit of 300 ms; the monitor looks every 100 ms.
-    template <class Call>
-    void expect_timeout(Call call, int code) {
-        const int64_t start = milliseconds_now();
-        EXPECT_EQ(call(), code);
-        EXPECT_GE(milliseconds_now() - start, 300);
-        EXPECT_LT(milliseconds_now() - start, 2000) << "or the machine is very busy";
-        EXPECT_EQ(unreg_wait_thread(), -1) << "no registration is left";
-    }
-};
-
-void ignore(int) {}
+using FrxWaiting = FrxTest;
 
 // A thread that ends by its cancellation, if at all. (Not tried under the address sanitizer.)
 [[maybe_unused]] void *read_from(void *end) {
     char slot[64];
     frx_read(static_cast<FrxChannel *>(end), slot, 60000);
     return nullptr;
-}
-
-int value_of(const Segment &segment, const char *suffix) {
-    const std::string path = segment.key_file() + suffix;
-    return semctl(semget(ftok(path.c_str(), 1), 1, 0), 0, GETVAL);
 }
 
 // A thread that has been cancelled when it writes what the channel cannot take.
@@ -59,44 +41,7 @@ int value_of(const Segment &segment, const char *suffix) {
     ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
 }
 
-// A signal that is not the monitor's, to this thread, again and again until it is stopped.
-class ForeignSignals {
-public:
-    ForeignSignals()
-        : thread_([this, target = pthread_self()] {
-              while (!stop_) {
-                  usleep(30000);
-                  pthread_kill(target, SIGUSR1);
-              }
-          }) {
-        struct sigaction action {};
-        action.sa_handler = ignore;
-        sigaction(SIGUSR1, &action, nullptr);
-    }
-    ~ForeignSignals() {
-        stop_ = true;
-        thread_.join();
-    }
-
-private:
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
-
 } // namespace
-
-TEST_F(FrxWaiting, ends_in_time) {
-    Slot slot(q);
-    expect_timeout([&] { return frx_read(&reader, slot.data(), 300); }, ESMS_TIMEOUT);
-    expect_timeout([&] { return frx_readBuf(&reader, slot.data(), 300, 0); }, ESMS_TIMEOUT);
-    expect_timeout([&] { return frx_readMark(&reader, 0, 300); }, 0);
-    EXPECT_EQ(q->rwait, 0);
-    fill(4);
-    expect_timeout([&] { return frx_write(&writer, "x", 300); }, ESMS_TIMEOUT);
-    expect_timeout([&] { return frx_writeMark(&writer, 1, "x", 1, 300); }, ESMS_TIMEOUT);
-    expect_timeout([&] { return frx_writeBuf(&writer, 1, "x", 1, 0, 300); }, ESMS_TIMEOUT);
-    EXPECT_EQ(q->wwait, 0);
-}
 
 TEST_F(FrxWaiting, a_limit_of_nothing_ends_at_the_next_scan) {
     EXPECT_EQ(read(0), "[-1]");
@@ -105,30 +50,12 @@ TEST_F(FrxWaiting, a_limit_of_nothing_ends_at_the_next_scan) {
     EXPECT_EQ(frx_write(&writer, "x", -1), ESMS_FULL) << "a negative write does not wait";
 }
 
-TEST_F(FrxWaiting, a_writer_that_waits_goes_on_when_room_is_made) {
-    fill(4);
-    std::thread later([&] {
-        usleep(100000);
-        EXPECT_EQ(halvo::load(q->wwait), 1);
-        EXPECT_EQ(read(), "0");
-    });
-    EXPECT_EQ(frx_write(&writer, "late", 10000), ESMS_OK);
-    later.join();
-    EXPECT_EQ(q->wwait, 0);
-}
-
-TEST_F(FrxWaiting, a_reader_that_waits_gets_what_a_commit_makes_readable) {
-    frx_writeMark(&writer, 1, "marked", 6, -1);
-    std::thread later([&] {
-        usleep(100000);
-        EXPECT_EQ(frx_writeCommit(&writer), ESMS_OK);
-    });
-    EXPECT_EQ(read(10000), "marked");
-    later.join();
-}
-
 TEST_F(FrxWaiting, another_signal_interrupts) {
-    const ForeignSignals signals;
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval often = {{0, 30000}, {0, 30000}};
+    setitimer(ITIMER_REAL, &often, nullptr); // signals that are not the monitor's
     Slot slot(q);
     EXPECT_EQ(frx_read(&reader, slot.data(), 10000), ESMS_JAVAINTR);
     EXPECT_EQ(frx_readMark(&reader, 0, 10000), ESMS_JAVAINTR);
@@ -139,64 +66,93 @@ TEST_F(FrxWaiting, another_signal_interrupts) {
     EXPECT_EQ(q->rwait, 0);
 }
 
-TEST_F(FrxWaiting, without_a_semaphore_a_call_polls_and_ends_in_time) {
+TEST_F(FrxWaiting, ends_when_the_other_side_has_done_its_half) {
     FrxChannel file_end{};
     ASSERT_EQ(frx_openChannel(&file_end, "f", 1, 'r', 1000), ESMS_OK);
     Slot slot(q);
-    rusage before{}, after{};
-    getrusage(RUSAGE_SELF, &before);
-    expect_timeout([&] { return frx_read(&file_end, slot.data(), 300); }, ESMS_TIMEOUT);
-    getrusage(RUSAGE_SELF, &after);
-    EXPECT_LT(after.ru_utime.tv_sec * 1000 + after.ru_utime.tv_usec / 1000 -
-                  before.ru_utime.tv_sec * 1000 - before.ru_utime.tv_usec / 1000,
-              150)
-        << "it must not spin";
-    std::thread later([&] {
-        usleep(50000);
-        halvo::test::write(segment.channel("FQ01"), "here");
-    });
-    EXPECT_EQ(frx_read(&file_end, slot.data(), 10000), 4);
-    later.join();
-}
-
-TEST_F(FrxWaiting, a_semaphore_removed_under_a_wait_ends_it_in_time) {
-    std::thread remover([&] {
-        usleep(100000);
-        const std::string post = segment.key_file() + ".post";
-        semctl(semget(ftok(post.c_str(), 1), 1, 0), 0, IPC_RMID);
-    });
-    Slot slot(q);
-    expect_timeout([&] { return frx_read(&reader, slot.data(), 300); }, ESMS_TIMEOUT);
-    remover.join();
-}
-
-TEST_F(FrxWaiting, a_message_or_room_that_nobody_told_of_is_found) {
-    const auto wait_beside = [this](auto silent, auto call) {
+    qmsg *room = nullptr;
+    const struct {
+        const char *what;
+        std::function<void()> begin, serve;
+        std::function<int()> wait;
+        int result;
+    } rows[] = {
+        {"a commit", [&] { frx_writeMark(&writer, 1, "marked", 6, -1); },
+         [&] { EXPECT_EQ(frx_writeCommit(&writer), ESMS_OK); },
+         [&] { return frx_read(&reader, slot.data(), 10000); }, 6},
+        {"a commit of a batch",
+         [&] { EXPECT_EQ(frx_writeMarkAt(&writer, 1, "m", 1, 0, -1), ESMS_OK); },
+         [&] { EXPECT_EQ(frx_writeCommitAll(&writer), ESMS_OK); },
+         [&] { return frx_read(&reader, slot.data(), 10000); }, 1},
+        {"a message that nobody told of", [] {}, [&] { halvo::test::write(q, "silent"); },
+         [&] { return frx_read(&reader, slot.data(), 10000); }, 6},
+        {"a publication", [&] { EXPECT_EQ(frx_reserve(&writer, 4, &room, 0), ESMS_OK); },
+         [&] { EXPECT_EQ(frx_publish(&writer, 1, 4), ESMS_OK); },
+         [&] { return frx_readBody(&reader, nullptr, slot.data(), 48, 10000); }, 4},
+        {"a message without a semaphore", [] {},
+         [&] { halvo::test::write(segment.channel("FQ01"), "here"); },
+         [&] { return frx_read(&file_end, slot.data(), 10000); }, 4},
+        {"a read", [&] { fill(4); },
+         [&] {
+             EXPECT_EQ(halvo::load(q->wwait), 1);
+             EXPECT_EQ(read(), "0");
+         },
+         [&] { return frx_write(&writer, "late", 10000); }, ESMS_OK},
+        {"a release", [] {},
+         [&] {
+             const qmsg *next = nullptr;
+             EXPECT_EQ(frx_peek(&reader, &next, 20000), 1);
+             EXPECT_EQ(frx_release(&reader, 0), ESMS_OK);
+         },
+         [&] { return frx_reserve(&writer, 4, &room, 10000); }, ESMS_OK},
+        {"room that nobody told of", [&] { EXPECT_EQ(frx_publish(&writer, 1, 4), ESMS_OK); },
+         [&] { halvo::test::read(q); }, [&] { return frx_write(&writer, "x", 10000); }, ESMS_OK},
+    };
+    for (const auto &[what, begin, serve, wait, result] : rows) {
+        SCOPED_TRACE(what);
+        begin();
         const int64_t start = milliseconds_now();
-        std::thread later([&] {
+        std::thread later([&, &act = serve] {
             usleep(50000);
-            silent();
+            act();
         });
-        call();
+        EXPECT_EQ(wait(), result);
         EXPECT_LT(milliseconds_now() - start, 2000) << "or the machine is very busy";
         later.join();
-    };
-    wait_beside([this] { halvo::test::write(q, "silent"); },
-                [this] { EXPECT_EQ(read(10000), "silent"); });
-    fill(4);
-    wait_beside([this] { halvo::test::read(q); },
-                [this] { EXPECT_EQ(frx_write(&writer, "x", 10000), ESMS_OK); });
+        EXPECT_EQ(q->wwait + q->rwait, 0);
+    }
+}
+
+TEST_F(FrxWaiting, without_a_semaphore_a_call_does_not_spin) {
+    FrxChannel file_end{};
+    ASSERT_EQ(frx_openChannel(&file_end, "f", 1, 'r', 1000), ESMS_OK);
+    Slot slot(q);
+    const int64_t before = processor_time(RUSAGE_SELF);
+    EXPECT_EQ(frx_read(&file_end, slot.data(), 300), ESMS_TIMEOUT);
+    EXPECT_LT(processor_time(RUSAGE_SELF) - before, 150000);
 }
 
 TEST_F(FrxWaiting, whoever_begins_to_wait_wakes_the_other_side) {
     q->wwait = 1;
     EXPECT_EQ(read(0), "[-1]");
-    EXPECT_EQ(value_of(segment, ".req"), 1);
+    EXPECT_EQ(value_of(set_under(segment.key_file() + ".req", 1)), 1);
     q->wwait = 0;
     fill(4);
     q->rwait = 1;
     EXPECT_EQ(frx_write(&writer, "x", 0), ESMS_TIMEOUT);
-    EXPECT_EQ(value_of(segment, ".post"), 1);
+    EXPECT_EQ(value_of(set_under(segment.key_file() + ".post", 1)), 1);
+}
+
+TEST_F(FrxWaiting, a_mark_and_a_parked_message_wake_nobody) {
+    const int post = set_under(segment.key_file() + ".post", 1);
+    EXPECT_EQ(frx_writeBuf(&writer, 1, "x", 1, 0, -1), ESMS_OK);
+    q->rwait = q->wwait = 1;
+    EXPECT_EQ(frx_writeBufCommit(&writer, 0), ESMS_OK);
+    EXPECT_EQ(frx_writeMark(&writer, 1, "x", 1, -1), ESMS_OK);
+    EXPECT_EQ(value_of(post), 0);
+    EXPECT_EQ(q->wwait, 1) << "of the writers that wait";
+    EXPECT_EQ(frx_writeCommit(&writer), ESMS_OK);
+    EXPECT_EQ(value_of(post), 1);
 }
 
 #ifndef __SANITIZE_ADDRESS__ // which takes the frames that a cancellation leaves for living ones
@@ -239,12 +195,10 @@ TEST_F(FrxWaiting, a_throttled_reader_and_a_blocked_writer_do_not_wake_each_othe
     q->gcnt.count = 100000; // far above the limit until the period ends
     q->tpsstart = q_settime() - 1;
     std::thread blocked([&] { EXPECT_EQ(frx_write(&writer, "x", 500), ESMS_TIMEOUT); });
-    rusage before{}, after{};
-    getrusage(RUSAGE_SELF, &before);
+    const long before = usage_of(RUSAGE_SELF).ru_nvcsw;
     EXPECT_EQ(read(500), "[-1]");
     blocked.join();
-    getrusage(RUSAGE_SELF, &after);
-    EXPECT_LT(after.ru_nvcsw - before.ru_nvcsw, 200) << "sleeps of both threads together";
+    EXPECT_LT(usage_of(RUSAGE_SELF).ru_nvcsw - before, 200) << "sleeps of both threads together";
 }
 
 TEST_F(FrxWaiting, threads_of_one_end_share_it) {
@@ -265,9 +219,8 @@ TEST_F(FrxWaiting, threads_of_one_end_share_it) {
 
 TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
     const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
-    ASSERT_EQ(initialise(segment), ESMS_OK);
     FrxChannel reader{};
-    ASSERT_EQ(frx_openChannel(&reader, "parent", 0, 'r', 1000), ESMS_OK);
+    ASSERT_TRUE(start_with(segment, reader, 'r'));
     Slot slot(q_chnnl2q(0));
     EXPECT_EQ(frx_read(&reader, slot.data(), 0), ESMS_TIMEOUT);
     std::atomic<bool> stop{false};
@@ -296,8 +249,7 @@ TEST(FrxSessions, a_stalled_standard_output_holds_no_time_limit) {
     for (const bool somebody_prints : {false, true}) {
         Peer process([&] {
             FrxChannel end{};
-            if (initialise(segment) != ESMS_OK) return 1;
-            if (frx_openChannel(&end, "reader", 0, 'r', 1000) != ESMS_OK) return 2;
+            if (!start_with(segment, end, 'r')) return 1;
             stall_output();
             std::thread printer([=] {
                 if (somebody_prints) std::puts(std::string(100000, 'x').c_str());
@@ -339,29 +291,4 @@ TEST(FrxSessions, a_segment_goes_beside_the_monitor_and_its_clock) {
         });
         ASSERT_EQ(process.wait(), 0);
     }
-}
-
-TEST(FrxSessions, a_reader_killed_while_it_sleeps_gives_the_channel_back) {
-    const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
-    Signal opened;
-    Peer sleeper([&] {
-        FrxChannel end{};
-        if (initialise(segment) != ESMS_OK) return 1;
-        if (frx_openChannel(&end, "sleeper", 0, 'r', 5000) != ESMS_OK) return 2;
-        opened.send();
-        Slot slot(q_chnnl2q(0));
-        return frx_read(&end, slot.data(), 60000);
-    });
-    ASSERT_TRUE(opened.wait());
-    ASSERT_EQ(initialise(segment), ESMS_OK);
-    FrxChannel reader{}, writer{};
-    EXPECT_EQ(frx_openChannel(&reader, "late", 0, 'r', 150), ESMS_ACCESS);
-    sleeper.kill(SIGKILL);
-    sleeper.wait();
-    ASSERT_EQ(frx_openChannel(&reader, "next", 0, 'r', 5000), ESMS_OK);
-    ASSERT_EQ(frx_openChannel(&writer, "writer", 0, 'w', 5000), ESMS_OK);
-    EXPECT_EQ(frx_write(&writer, "still here", 0), ESMS_OK);
-    Slot slot(q_chnnl2q(0));
-    EXPECT_EQ(frx_read(&reader, slot.data(), 5000), 10);
-    EXPECT_EQ(slot.body(), "still here");
 }

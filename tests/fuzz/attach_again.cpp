@@ -1,4 +1,4 @@
-#include "tests/fuzz/attach_again.h"
+#include "tests/fuzz/attachment.h"
 
 #include "core/attach.cpp" // its variables are its own
 
@@ -8,5 +8,6 @@ void halvo::fuzz::forget_attachment() {
     forget_channels();
     shmblock = nullptr;
     segment_size = 0;
-    unlock_service(); // a failed attach keeps it
+    lock_service(); // which a failed attach has kept
+    unlock_service();
 }

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "halvo/queue.h"
-#include "tests/fuzz/attach_again.h"
+#include "tools/qm/segment.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define HALVO_POISONS 1
@@ -31,63 +31,17 @@ namespace halvo::fuzz {
 
 namespace {
 
-struct Shape {
-    const char *name;
-    char type;
-    uint32_t slots, slot_size;
-};
-constexpr Shape kShapes[kChannels] = {
-    {"MT01", 'M', 4, 512}, {"FQ01", 'F', 3, 20}, {"XCN1", 'M', 1, 64}};
-
-constexpr uint32_t size_of(const Shape &shape) {
-    return static_cast<uint32_t>(sizeof(halvo_channel)) +
-           (shape.slots + 2 * HALVO_BUFFERS) * shape.slot_size;
-}
-
-// The ring comes first in every other channel: the last write buffer of the last one is then not
-// where the segment ends.
-void fill_channel(halvo_channel &q, const Shape &shape, bool ring_first) {
-    const uint32_t ring = shape.slots * shape.slot_size;
-    const uint32_t buffers = HALVO_BUFFERS * shape.slot_size;
-    uint32_t at = sizeof(halvo_channel);
-    q.qcnt = shape.slots;
-    q.qbsz = shape.slot_size;
-    q.qtype = shape.type;
-    std::strcpy(q.qname, shape.name);
-    q.qstart = ring_first ? at : at + 2 * buffers;
-    if (ring_first) at += ring;
-    q.rbufs = at;
-    q.wbufs = at + buffers;
-    q.rpos = q.wpos = q.qstart;
-    q.qend = q.qstart + ring;
-}
-
-std::vector<char> make_sound_segment() {
-    std::vector<char> bytes(sound_size());
-    auto &segment = *reinterpret_cast<halvo_segment *>(bytes.data());
-    segment.nchnnl = kChannels;
-    segment.now = 1700000000;
-    std::strcpy(segment.qtcnt[1].tname, "submit");
-    segment.qtcnt[1].tstart = 1;
-    uint32_t at = sizeof(halvo_segment);
-    for (uint32_t i = 0; i < kChannels; at += size_of(kShapes[i]), ++i) {
-        segment.qoffs[i] = at;
-        fill_channel(*reinterpret_cast<halvo_channel *>(bytes.data() + at), kShapes[i], i % 2 == 0);
-    }
-    return bytes;
-}
-
 // Memory that ends before a page which nobody may touch.
 struct Region {
+    static constexpr size_t kRoom = 1u << 20;
     char *begin, *end;
     Region() {
         const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        const size_t room = (sound_size() + page - 1) / page * page;
         void *memory =
-            mmap(nullptr, room + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            mmap(nullptr, kRoom + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (memory == MAP_FAILED) std::abort();
         begin = static_cast<char *>(memory);
-        end = begin + room;
+        end = begin + kRoom;
         if (mprotect(end, page, PROT_NONE) != 0) std::abort();
     }
     // Under the address sanitizer what lies before the last `size` bytes is out of bounds too.
@@ -107,23 +61,47 @@ const Region &region() {
 
 uint32_t present = 0; // bytes of the segment that is there
 
+void let_there_be(uint32_t size) {
+    present = size;
+    region().bound(size);
+}
+
+// As the queue manager makes it.
+const std::vector<char> &sound() {
+    static const std::vector<char> bytes = [] {
+        const qm::SegmentPlan plan{
+            {{"MT01", 'M', 4, 512}, {"FQ01", 'F', 3, 20}, {"XCN1", 'M', 1, 64}}, {{1, "submit"}}};
+        let_there_be(0);
+        qm::create(plan, scratch().path("key"), false);
+        reinterpret_cast<halvo_segment *>(placed())->now = 1700000000;
+        return std::vector<char>(placed(), placed() + present);
+    }();
+    return bytes;
+}
+
 } // namespace
 
-uint32_t sound_size() {
-    uint32_t size = sizeof(halvo_segment);
-    for (const Shape &shape : kShapes) size += size_of(shape);
-    return size;
+const test::TestDirectory &scratch() {
+    static const test::TestDirectory directory = [] {
+        if (access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
+        return test::TestDirectory();
+    }();
+    return directory;
+}
+
+uint32_t sound_size() { return static_cast<uint32_t>(sound().size()); }
+uint32_t sound_channel(uint32_t n) {
+    return reinterpret_cast<const halvo_segment *>(sound().data())->qoffs[n];
 }
 
 uint32_t placed_size() { return present; }
 char *placed() { return region().end - present; }
 
 void place_segment(uint32_t size) {
-    static const std::vector<char> sound = make_sound_segment();
+    const std::vector<char> &bytes = sound();
     forget_attachment();
-    present = size;
-    region().bound(size);
-    std::memcpy(placed(), sound.data(), size);
+    let_there_be(size);
+    std::memcpy(placed(), bytes.data(), size);
 }
 
 void attach() { init_shm("fuzzed"); }
@@ -139,7 +117,11 @@ key_t ftok(const char *path, int project) {
     return static_cast<key_t>((hash * 256 + static_cast<size_t>(project)) & 0x7fffffff);
 }
 
-int shmget(key_t, size_t, int) { return 1; }
+int shmget(key_t, size_t size, int flags) {
+    if (flags & IPC_CREAT) halvo::fuzz::let_there_be(static_cast<uint32_t>(size));
+    errno = ENOENT;
+    return halvo::fuzz::placed_size() > 0 ? 1 : -1;
+}
 
 void *shmat(int, const void *, int) {
     return halvo::fuzz::placed_size() > 0 ? halvo::fuzz::placed() : reinterpret_cast<void *>(-1);

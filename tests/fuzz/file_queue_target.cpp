@@ -8,7 +8,6 @@
 #include "fq/files.h"
 #include "tests/fuzz/attachment.h"
 #include "tests/fuzz/input.h"
-#include "tests/fuzz/scratch.h"
 #include "tests/fuzz/targets.h"
 
 using namespace halvo;
@@ -24,16 +23,16 @@ constexpr uint32_t kOffsets[] = {0, 21, 23, 46, 4999999, 5000001, 999999976, 999
 constexpr uint32_t kLengths[] = {1, 0, 2, 5, 21, 40, 0x7FFFFFFF, 999999977, 999999978, 0xFFFFFFFF};
 
 const std::string &queue_path() {
-    static const std::string path = fuzz::scratch_file("q");
+    static const std::string path = fuzz::scratch().path("q");
     return path;
 }
 
 // The lock files stay: their inodes are the keys of the process's table of mutexes.
 void clear_files() {
-    Directory files(fuzz::scratch_directory().c_str());
+    Directory files(fuzz::scratch().path().c_str());
     while (const char *name = files.next())
         if (std::strncmp(name, "q.", 2) == 0 && !std::strstr(name, "lk"))
-            unlink(fuzz::scratch_file(name).c_str());
+            unlink(fuzz::scratch().path(name).c_str());
 }
 
 FileName chosen_file(Input &input) {

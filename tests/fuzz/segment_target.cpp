@@ -12,6 +12,7 @@
 #include "tests/fuzz/attachment.h"
 #include "tests/fuzz/input.h"
 #include "tests/fuzz/targets.h"
+#include "tests/support/ring_calls.h"
 #include "tools/qm/segment.h"
 
 using namespace halvo;
@@ -51,17 +52,8 @@ constexpr uint32_t kValues[] = {
     kFirstChannel + 4, 269, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFC, 0xFFFFFFFF};
 // clang-format on
 
-// Where channel n is in a sound segment.
-uint32_t sound_channel(uint32_t n) {
-    constexpr uint32_t kSizes[] = {sizeof(halvo_channel) + 14 * 512,
-                                   sizeof(halvo_channel) + 13 * 20};
-    uint32_t at = kFirstChannel;
-    for (uint32_t i = 0; i < n; ++i) at += kSizes[i];
-    return at;
-}
-
 uint32_t word_to_damage(Input &input) {
-    const uint32_t channel = sound_channel(input.below(fuzz::kChannels));
+    const uint32_t channel = fuzz::sound_channel(input.below(fuzz::kChannels));
     const uint32_t choice = input.below(4);
     if (choice == 0) return kSegmentWords[input.below(std::size(kSegmentWords))];
     if (choice == 1) return input.number<uint32_t>();
@@ -98,6 +90,13 @@ void use_body(const halvo_channel *q, const Memory &slot) {
     std::memcpy(copy.get(), body(image), body_length(q->qbsz, image));
 }
 
+// A program takes as many bytes of its slot as it is told.
+void use_length(int length, const Memory &slot, uint32_t slot_size) {
+    if (length <= 0) return;
+    const Memory copy = exactly(slot_size);
+    std::memcpy(copy.get(), slot.get() + offsetof(qmsg, data), static_cast<size_t>(length));
+}
+
 struct Message {
     uint32_t length;
     Memory data;
@@ -110,83 +109,40 @@ Message any_message(Input &input, uint32_t slot_size) {
     return {length, exactly(length)};
 }
 
-// What an operation is given, drawn from the input before it is chosen.
-struct Given {
-    Input &input;
-    halvo_channel *q;
-    int n, type;
-    Message message;
-    Memory slot;
-    FrxChannel *handle;
-
-    const void *data() const { return message.data.get(); }
-    uint32_t length() const { return message.length; }
-};
-using Operation = void (*)(const Given &);
-
-template <size_t n>
-void run_any(Input &input, const Operation (&operations)[n], const Given &given) {
-    operations[input.below(n)](given);
-}
-
-// A kept input names an operation by its place: new ones stand behind a table's last.
-constexpr Operation kWrites[] = {
-    [](const Given &g) { q_write_mark(g.q, g.type, g.data(), g.length()); },
-    [](const Given &g) {
-        q_write_mark_at(g.q, g.type, g.data(), g.length(), static_cast<uint32_t>(g.n));
-    },
-    [](const Given &g) { q_write_commit(g.q); },
-    [](const Given &g) { q_write_commit_all(g.q); },
-    [](const Given &g) { q_write_rollback(g.q); },
-    [](const Given &g) { q_write_rollback_all(g.q); },
-    [](const Given &g) { q_write_buf(g.q, g.type, g.data(), g.length(), g.n); },
-    [](const Given &g) { q_write_buf_commit(g.q, g.n); },
-    [](const Given &g) { q_write_buf_rollback(g.q, g.n); },
-    [](const Given &g) { q_write(g.q, g.type, g.data(), g.length()); },
-    [](const Given &g) {
-        qmsg *slot = nullptr;
-        if (q_reserve(g.q, g.length(), &slot) == ESMS_OK)
-            std::memcpy(body(slot), g.data(), g.length());
-        q_publish(g.q, g.type, static_cast<uint32_t>(g.n));
-    },
-};
-
-constexpr Operation kReads[] = {
-    [](const Given &g) { q_read_mark(g.q, g.n); },
-    [](const Given &g) { q_read_markedmsg(g.q, g.n, g.slot.get()); },
-    [](const Given &g) { q_read_commit(g.q, g.n, g.input.number<int32_t>()); },
-    [](const Given &g) { q_read_commit_with_error(g.q, g.n, "E1"); },
-    [](const Given &g) { q_read_rollback(g.q); },
-    [](const Given &g) { q_read_buf(g.q, g.slot.get(), g.n); },
-    [](const Given &g) { q_read_buf_clear(g.q, g.n); },
-    [](const Given &g) { q_read(g.q, g.slot.get()); },
-    [](const Given &g) {
-        const qmsg *next = nullptr;
-        if (q_peek(g.q, &next) == ESMS_OK)
-            std::memcpy(g.slot.get(), body(next), body_length(g.q->qbsz, next));
-        q_release(g.q, g.n);
-    },
-    [](const Given &g) {
-        const auto capacity = static_cast<uint32_t>(g.n) % g.q->qbsz;
-        q_read_body(g.q, nullptr, exactly(capacity).get(), capacity, nullptr);
-    },
-};
-
-void write_slots(Input &input, halvo_channel *q) {
-    Message message = any_message(input, q->qbsz);
-    const int type = input.number<uint16_t>(), n = input.number<int8_t>();
-    run_any(input, kWrites, {input, q, n, type, std::move(message), nullptr, nullptr});
-    q_writable_count(q);
-    q_writeview(q, exactly(q->qbsz).get());
-}
-
-void read_slots(Input &input, halvo_channel *q) {
-    const Given given = {input, q, input.number<int8_t>(), 0, {}, exactly(q->qbsz), nullptr};
-    run_any(input, kReads, given);
-    use_body(q, given.slot);
-    q_readview(q, given.slot.get());
-    use_body(q, given.slot);
-    q_read_markedcount(q);
+// A kept input names a call by its place in the table.
+void use_ring(Input &input, int channel) {
+    static FrxChannel ends[2];
+    const test::RingCall &call = test::kRingCalls[input.byte() % std::size(test::kRingCalls)];
+    FrxChannel *end = &ends[call.side == 'w'];
+    if (call.is_guarded())
+        frx_openChannel(end, "fuzz", channel, call.side, 0);
+    else
+        *end = {channel, call.side};
+    halvo_channel *q = checked_channel(channel);
+    if (!q && !call.is_guarded()) return;
+    const uint32_t slot_size = q ? q->qbsz : 64;
+    const int n = input.number<int8_t>(), type = input.number<uint16_t>();
+    const Message message = any_message(input, slot_size);
+    const uint32_t capacity = static_cast<uint32_t>(n) % slot_size;
+    const bool alone = call.gives == test::RingCall::body;
+    const Memory room = exactly(alone ? capacity : slot_size), second = exactly(capacity);
+    FrxMessage batch[2];
+    for (FrxMessage &one : batch) {
+        const Memory &body = alone ? &one == batch ? room : second : message.data;
+        one = {type, message.length, capacity, body.get()};
+    }
+    const int result = call.run({q, end, n, type, input.number<int32_t>(), n, message.data.get(),
+                                 message.length, room.get(), capacity, batch});
+    if (call.gives == test::RingCall::slot) {
+        if (q) use_body(q, room);
+        if (call.is_guarded()) use_length(result, room, slot_size);
+    }
+    if (!call.is_guarded()) return;
+    frx_view(end, exactly(slot_size).get());
+    frx_stat(end);
+    frx_statBuf(end, n);
+    frx_isCountpartAlive(end, n);
+    frx_closeChannel(end);
 }
 
 void look_at_channel(Input &input, int channel) {
@@ -215,74 +171,6 @@ void open_and_recover(Input &input, int channel) {
     q_open(channel, mode);
     q_recover(channel, mode);
     if (input.below(2)) q_close(channel, mode);
-}
-
-// A program takes as many bytes of its slot as it is told.
-void use_length(int length, const Memory &slot, uint32_t slot_size) {
-    if (length <= 0) return;
-    const Memory copy = exactly(slot_size);
-    std::memcpy(copy.get(), slot.get() + offsetof(qmsg, data), static_cast<size_t>(length));
-}
-
-uint32_t slot_size_of(const halvo_channel *q) { return q ? q->qbsz : 64; }
-
-// The guarded interface; a wait is interrupted at once.
-constexpr Operation kGuarded[] = {
-    [](const Given &g) { frx_write(g.handle, g.n, g.data(), g.length(), g.n); },
-    [](const Given &g) { frx_writeMark(g.handle, g.n, g.data(), g.length(), g.n); },
-    [](const Given &g) { frx_writeBuf(g.handle, g.n, g.data(), g.length(), g.n & 7, g.n); },
-    [](const Given &g) { frx_writeCommit(g.handle); },
-    [](const Given &g) { frx_writeBufCommit(g.handle, g.n); },
-    [](const Given &g) { frx_writeBufRollback(g.handle, g.n); },
-    [](const Given &g) {
-        use_length(frx_read(g.handle, g.slot.get(), g.n), g.slot, slot_size_of(g.q));
-    },
-    [](const Given &g) {
-        use_length(frx_readBuf(g.handle, g.slot.get(), g.n, g.n & 7), g.slot, slot_size_of(g.q));
-    },
-    [](const Given &g) { frx_readMark(g.handle, g.n, g.n); },
-    [](const Given &g) { frx_readMarked(g.handle, g.n, g.slot.get()); },
-    [](const Given &g) { frx_readCommit(g.handle, g.n); },
-    [](const Given &g) { frx_readRollback(g.handle), frx_writeRollback(g.handle); },
-    [](const Given &g) {
-        FrxMessage batch[2];
-        for (FrxMessage &message : batch)
-            message = {g.n, g.length(), slot_size_of(g.q), g.message.data.get()};
-        frx_writeMany(g.handle, batch, 2, g.n);
-    },
-    [](const Given &g) {
-        FrxMessage batch[2];
-        for (FrxMessage &message : batch) message = {g.n, 0, slot_size_of(g.q), g.slot.get()};
-        frx_readMany(g.handle, batch, 2, g.n);
-    },
-    [](const Given &g) {
-        const qmsg *next = nullptr;
-        frx_peek(g.handle, &next, g.n);
-        frx_release(g.handle, g.n);
-        frx_readBody(g.handle, nullptr, g.slot.get(), slot_size_of(g.q), g.n);
-    },
-    [](const Given &g) {
-        qmsg *room = nullptr;
-        frx_reserve(g.handle, g.length(), &room, g.n);
-        frx_publish(g.handle, g.n, g.length());
-    },
-};
-
-void guarded_operation(Input &input, int channel) {
-    static FrxChannel handles[2];
-    const char side = input.below(2) ? 'w' : 'r';
-    FrxChannel *handle = &handles[side == 'w'];
-    frx_openChannel(handle, "fuzz", channel, side, 0);
-    halvo_channel *q = checked_channel(channel);
-    Message message = any_message(input, slot_size_of(q));
-    const int n = input.number<int8_t>();
-    const Given given = {input, q, n, 0, std::move(message), exactly(slot_size_of(q)), handle};
-    frx_view(handle, given.slot.get());
-    frx_stat(handle);
-    frx_statBuf(handle, n);
-    frx_isCountpartAlive(handle, n);
-    run_any(input, kGuarded, given);
-    frx_closeChannel(handle);
 }
 
 // What a monitoring program has: rates and counts are measured against it.
@@ -343,13 +231,10 @@ void print(Input &input, const Monitor &monitor) {
 
 void operate(Input &input, Monitor &monitor) {
     const int channel = any_channel(input);
-    halvo_channel *q = checked_channel(channel);
     const uint32_t choice = input.below(16);
-    if (choice < 2 && q) write_slots(input, q);
-    if (choice / 2 == 1 && q) read_slots(input, q);
-    if (choice == 4) look_at_channel(input, channel);
-    if (choice == 5) open_and_recover(input, channel);
-    if (choice / 2 == 3) guarded_operation(input, channel);
+    if (choice < 6) use_ring(input, channel);
+    if (choice == 6) look_at_channel(input, channel);
+    if (choice == 7) open_and_recover(input, channel);
     if (choice == 8) damage(input); // by another process, meanwhile
     if (choice == 9) monitor.take_snapshot(input.below(2));
     if (choice == 10) q_settime();

@@ -120,9 +120,6 @@ TEST(LastMessageText, is_trimmed_from_the_right) {
         EXPECT_EQ(trim(copy, length), stops_at);
         EXPECT_STREQ(copy, left);
     }
-}
-
-TEST(LastMessageText, has_its_line_breaks_blanked) {
     char text[] = "a\r\nb\nc";
     EXPECT_EQ(qm_span(text, 4), 0);
     EXPECT_STREQ(text, "a  b\nc");

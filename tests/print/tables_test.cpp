@@ -76,15 +76,6 @@ TEST_F(Tables, idle_channels_are_left_out_and_the_header_with_the_last_of_them) 
     EXPECT_EQ(table([] { EXPECT_EQ(q_statprint2('x'), 0); }).size(), 2u); // its header always
 }
 
-TEST_F(Tables, a_name_that_begins_with_xcn_stands_flush_left) {
-    const auto begins = [&](const char *name) {
-        std::strcpy(xcn->qname, name);
-        return row(name, [] { q_statprint_classic('a'); }).substr(0, 15);
-    };
-    EXPECT_EQ(begins("XCN9"), "XCN9         # ");
-    EXPECT_EQ(begins("XC9"), " XC9         # ");
-}
-
 TEST_F(Tables, rates) {
     const auto classic = [] { return row("MT01", [] { q_statprint_classic('a'); }).substr(33, 5); };
     const auto plain = [] { return row("MT01", [] { q_statprint('a'); }).substr(34, 4); };

@@ -7,10 +7,10 @@
 #include <atomic>
 #include <memory>
 
-#include "core/ring.h"
-#include "halvo/frx.h"
 #include "tests/jni/vm.h"
 #include "tests/proof/form.h"
+#include "tests/support/files.h"
+#include "tests/support/frx_fixture.h"
 #include "tests/support/machine.h"
 
 using namespace halvo::test;
@@ -54,9 +54,8 @@ struct Tally {
 };
 
 int feed(const Segment &s, Tally &tally) {
-    static FrxChannel out;
-    if (frx_initialize(s.key_file().c_str()) != ESMS_OK) return 1;
-    if (frx_openChannel(&out, "feeder", s.number("FROM"), 'w', kPatience) != ESMS_OK) return 2;
+    FrxChannel out;
+    if (!start_with(s, out, 'w', s.number("FROM"))) return 1;
     for (int number = 0; !tally.enough; ++number) {
         if (frx_write(&out, 7, &number, sizeof number, kPatience) != ESMS_OK) return 3;
         ++tally.sent;
@@ -67,20 +66,16 @@ int feed(const Segment &s, Tally &tally) {
 }
 
 int collect(const Segment &s, Tally &tally) {
-    static FrxChannel in;
-    if (frx_initialize(s.key_file().c_str()) != ESMS_OK) return 1;
-    if (frx_openChannel(&in, "collector", s.number("TO"), 'r', kPatience) != ESMS_OK) return 2;
-    alignas(qmsg) char slot[64];
+    FrxChannel in;
+    if (!start_with(s, in, 'r', s.number("TO"))) return 1;
     std::vector<bool> seen;
     // A message may come before the feeder has counted it, so that only his end tells how many.
     for (int idle = 0; !tally.fed || tally.got < tally.sent;) {
-        const int length = frx_read(&in, slot, 1000);
+        int number = 0, type = 0;
+        const int length = frx_readBody(&in, &type, &number, sizeof number, 1000);
         if (length == ESMS_TIMEOUT && ++idle < kPatience / 1000) continue;
-        if (length != int{sizeof(int)}) return 3;
+        if (length != int{sizeof number} || type != 7) return 3;
         idle = 0;
-        int number = 0;
-        std::memcpy(&number, slot + offsetof(qmsg, data), sizeof number);
-        if (reinterpret_cast<qmsg *>(slot)->type != 7) return 4;
         const auto at = static_cast<size_t>(number);
         if (at >= seen.size()) seen.resize(at + 1);
         seen[at] ? ++tally.doubled : ++tally.got;
@@ -155,7 +150,7 @@ TEST(JavaKills, a_gateway_loses_nothing) {
     const Segment s =
         SegmentBuilder().channel("FROM", 'M', 128, 64).channel("TO", 'M', 128, 64).build();
     std::mt19937 random(seed());
-    Tally &tally = shared_object<Tally>();
+    auto &tally = shared_object<Tally>();
     Peer feeder([&] { return feed(s, tally); });
     Peer collector([&] { return collect(s, tally); });
     const Words words =

@@ -8,8 +8,8 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
-#include <string>
+
+#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 
@@ -38,7 +38,6 @@ private:
 struct Ledger {
     Account written, read;
     std::atomic<uint32_t> goal;       // messages after which both end; 0: not known yet
-    std::atomic<int> torn;            // messages read that were not whole
     std::atomic<int> recovered;       // recoveries that found something to do
     std::atomic<uint32_t> highest;    // number read
     uint8_t slots[kBatch][kSlotSize]; // what the reader is about to release
@@ -46,7 +45,7 @@ struct Ledger {
 };
 
 // Each runs in a process of its own, to the goal: 0, or what failed.
-int write_stream(const std::string &key_file, Ledger &ledger, uint32_t seed);
-int read_stream(const std::string &key_file, Ledger &ledger, uint32_t seed);
+int write_stream(const Segment &segment, Ledger &ledger, uint32_t seed);
+int read_stream(const Segment &segment, Ledger &ledger, uint32_t seed);
 
 } // namespace halvo::test

@@ -6,12 +6,17 @@
 
 namespace halvo::test {
 
+// A process in front of the operation.
+inline SingleStep in_front_of(SmallRing &ring, const RingOperation &operation, Stage &stage) {
+    operation.stand_ready(ring, stage);
+    return SingleStep(
+        stage, [&] { operation.open(); }, [&] { return operation.run(); });
+}
+
 // Goes through the operation in a process of its own and calls look(step) after each instruction.
 template <class Look>
 void step_through(SmallRing &ring, const RingOperation &operation, Stage &stage, Look look) {
-    std::memset(stage.buffer, 0, sizeof stage.buffer);
-    SingleStep process(
-        stage, [&] { q_open(0, operation.side); }, [&] { return operation.run(ring.q, stage); });
+    SingleStep process = in_front_of(ring, operation, stage);
     for (int step = 1; !process.has_returned(); ++step) {
         process.step();
         look(step);
@@ -32,9 +37,10 @@ inline std::vector<SmallRing::Image> moments(SmallRing &ring, const RingOperatio
 // The first call of a function of a shared library goes through the dynamic linker.
 inline void warm_up(SmallRing &ring, const RingOperation &operation, Stage &stage) {
     const SmallRing::Image before = ring.save();
-    q_open(0, operation.side);
-    operation.run(ring.q, stage);
-    q_close(0, operation.side);
+    operation.open();
+    operation.stand_ready(ring, stage);
+    operation.run();
+    operation.close();
     ring.restore(before);
 }
 

@@ -1,36 +1,32 @@
 // Semaphores and the segment are removed under those who wait, more threads wait than the registry
 // holds, an end is closed twice: each call ends with the documented result, in time.
-#include <gtest/gtest.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
+#include <sys/resource.h>
 
-#include <functional>
-#include <memory>
 #include <thread>
 
 #include "tests/proof/form.h"
 #include "tests/proof/stalls.h"
 #include "tests/support/frx_fixture.h"
-#include "tests/support/small_thread.h"
+#include "tests/support/ipc.h"
+#include "tests/support/ring_calls.h"
 
 using namespace halvo::test;
 
 namespace {
 
 constexpr int64_t kGrace = 300000; // microseconds beyond the deadline
-constexpr int kReadLockProject = 201, kWriteLockProject = 202;
+constexpr std::string_view kWaiting[] = {
+    "frx_read",  "frx_readMark",  "frx_readBuf",  "frx_peek",    "frx_readBody", "frx_readMany",
+    "frx_write", "frx_writeMark", "frx_writeBuf", "frx_reserve", "frx_writeMany"};
 
 class Removals : public FrxTest {
 protected:
     Stalls stalls;
     std::atomic<int> late{0};
 
-    int set_of(const std::string &suffix, int project) {
-        const std::string path = segment.key_file() + suffix;
-        return semget(ftok(path.c_str(), project), 0, 0);
-    }
-    void remove_set(const std::string &suffix, int project) {
-        EXPECT_EQ(semctl(set_of(suffix, project), 0, IPC_RMID), 0) << suffix << project;
+    void remove_set(const std::string &suffix, int number) {
+        EXPECT_EQ(semctl(set_under(segment.key_file() + suffix, number), 0, IPC_RMID), 0)
+            << suffix << number;
     }
 
     // A call that is to end with a code within so many milliseconds.
@@ -41,6 +37,27 @@ protected:
         const int64_t end = microseconds_now();
         const int64_t limit = milliseconds * 1000 + kGrace;
         if (end - start > limit && stalls.without_stalls(start, end) > limit) ++late;
+    }
+
+    // All calls of the end's side wait at the same time, and time out.
+    void expect_timeouts(FrxChannel &end, int milliseconds) {
+        std::vector<std::thread> threads;
+        for (const RingCall &call : kRingCalls) {
+            const bool waits = std::count(std::begin(kWaiting), std::end(kWaiting), call.name);
+            if (!waits || call.side != end.side) continue;
+            threads.emplace_back([&, milliseconds] {
+                char room[2][64];
+                FrxMessage batch[] = {{1, 1, 64, room[0]}, {1, 1, 64, room[1]}};
+                const Given given{q, &end, 0, 1, 0, milliseconds, "x", 1, room[0], 64, batch};
+                const int64_t start = microseconds_now();
+                expect_end([&] { return call.run(given); },
+                           call.name == "frx_readMark" ? 0 : ESMS_TIMEOUT, milliseconds);
+                EXPECT_GE(microseconds_now() - start, milliseconds * 1000) << call.name;
+                EXPECT_EQ(unreg_wait_thread(), -1) << "no registration is left";
+            });
+        }
+        for (std::thread &thread : threads) thread.join();
+        EXPECT_EQ(q->rwait + q->wwait, 0);
     }
 
     // Runs an action while others are in their waits.
@@ -59,42 +76,39 @@ protected:
 
 } // namespace
 
-TEST_F(Removals, of_the_post_semaphore_under_readers) {
-    std::thread remover = soon([this] { remove_set(".post", 1); });
-    std::thread other([&] {
-        Slot slot(q);
-        expect_end([&] { return frx_read(&reader, slot.data(), 500); }, ESMS_TIMEOUT, 500);
-    });
-    Slot slot(q);
-    expect_end([&] { return frx_readBuf(&reader, slot.data(), 400, 0); }, ESMS_TIMEOUT, 400);
-    other.join();
-    remover.join();
-    // From now on there is none.
-    expect_end([&] { return frx_read(&reader, slot.data(), 200); }, ESMS_TIMEOUT, 200);
-    expect_end([&] { return frx_readMark(&reader, 0, 200); }, 0, 200);
-    std::thread sender = soon([this] { EXPECT_EQ(frx_write(&writer, "here", 0), ESMS_OK); });
-    expect_end([&] { return frx_read(&reader, slot.data(), 20000); }, 4, 100);
-    sender.join();
-    report("post semaphore removed under readers");
-}
-
-TEST_F(Removals, of_the_request_semaphore_under_writers) {
-    fill(4);
-    std::thread remover = soon([this] { remove_set(".req", 1); });
-    expect_end([&] { return frx_write(&writer, "x", 500); }, ESMS_TIMEOUT, 500);
-    remover.join();
-    expect_end([&] { return frx_writeMark(&writer, 1, "x", 1, 200); }, ESMS_TIMEOUT, 200);
-    expect_end([&] { return frx_writeBuf(&writer, 1, "x", 1, 0, 200); }, ESMS_TIMEOUT, 200);
-    std::thread taker = soon([this] { EXPECT_EQ(read(), "0"); });
-    expect_end([&] { return frx_write(&writer, "x", 20000); }, ESMS_OK, 100);
-    taker.join();
-    report("request semaphore removed under writers");
+TEST_F(Removals, of_the_semaphores_under_readers_and_writers) {
+    const struct {
+        FrxChannel &end;
+        const char *suffix, *what;
+        int (*wait)(FrxChannel *);
+        int result;
+        std::function<void()> serve;
+    } sides[] = {
+        {reader, ".post", "post semaphore removed under readers",
+         [](FrxChannel *end) { return frx_read(end, std::string(64, 0).data(), 20000); }, 4,
+         [this] { EXPECT_EQ(frx_write(&writer, "here", 0), ESMS_OK); }},
+        {writer, ".req", "request semaphore removed under writers",
+         [](FrxChannel *end) { return frx_write(end, "x", 20000); }, ESMS_OK,
+         [this] { EXPECT_EQ(read(), "0"); }},
+    };
+    for (const auto &[end, suffix, what, wait, result, serve] : sides) {
+        if (end.side == 'w') fill(4);
+        expect_timeouts(end, 300);
+        std::thread remover = soon([&] { remove_set(suffix, 1); });
+        expect_timeouts(end, 500);
+        remover.join();
+        expect_timeouts(end, 200); // from now on there is none
+        std::thread server = soon(serve);
+        expect_end([&] { return wait(&end); }, result, 100);
+        server.join();
+        report(what);
+    }
 }
 
 TEST_F(Removals, of_the_lock_sets_under_those_who_open) {
     const auto remove_both = [this] {
-        remove_set("", kReadLockProject);
-        remove_set("", kWriteLockProject);
+        remove_set("", kReadLocks);
+        remove_set("", kWriteLocks);
     };
     std::thread remover = soon(remove_both);
     std::thread without_limit([&] { expect_end([&] { return q_open(0, 'w') ? 1 : 0; }, 0, 100); });
@@ -113,10 +127,8 @@ TEST_F(Removals, of_the_lock_sets_under_those_who_open) {
 
 TEST_F(Removals, of_the_segment_under_its_users) {
     Slot slot(q);
-    std::thread remover = soon([this] {
-        const int id = shmget(ftok(segment.key_file().c_str(), 1), 0, 0);
-        EXPECT_EQ(shmctl(id, IPC_RMID, nullptr), 0);
-    });
+    std::thread remover = soon(
+        [this] { EXPECT_EQ(shmctl(segment_under(segment.key_file()), IPC_RMID, nullptr), 0); });
     expect_end([&] { return frx_read(&reader, slot.data(), 500); }, ESMS_TIMEOUT, 500);
     remover.join();
     std::thread sender = soon([this] { EXPECT_EQ(frx_write(&writer, "still", 0), ESMS_OK); });
@@ -128,50 +140,63 @@ TEST_F(Removals, of_the_segment_under_its_users) {
 
 TEST(RemovalsAtStart, a_removed_segment_admits_nobody_more) {
     const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
-    shmctl(shmget(ftok(segment.key_file().c_str(), 1), 0, 0), IPC_RMID, nullptr);
+    shmctl(segment_under(segment.key_file()), IPC_RMID, nullptr);
     const StdoutCapture capture;
     EXPECT_EQ(init_shm(segment.key_file().c_str()), ESMS_SHMOP);
 }
 
 // The registry holds 1024 waits. One more has no time limit of its own, and ends when its message
-// comes.
+// comes. While they sleep they cost next to nothing.
 TEST_F(Removals, of_nothing_but_1025_threads_wait) {
+    constexpr int kWaiters = 1025;
+    const int seconds = length(2, 10);
     // All of them must have begun before the first one's time is up.
 #ifdef __SANITIZE_THREAD__
-    constexpr int kTimeout = 20000;
+    const int timeout = 20000;
 #else
-    constexpr int kTimeout = 2000;
+    const int timeout = (seconds + 2) * 1000;
+    // The address space of a 32-bit process does not hold a thousand stacks of the usual size.
+    pthread_attr_t small;
+    pthread_attr_init(&small);
+    pthread_attr_setstacksize(&small, 256 * 1024);
+    ASSERT_EQ(pthread_setattr_default_np(&small), 0);
 #endif
-    constexpr int kWaiters = 1025;
-    std::atomic<int> timed_out{0}, received{0}, at_work{0};
-    {
-        std::vector<std::unique_ptr<SmallThread>> threads;
-        for (int i = 0; i < kWaiters; ++i) {
-            threads.push_back(std::make_unique<SmallThread>([&] {
-                Slot slot(q);
-                ++at_work;
-                const int64_t start = microseconds_now();
-                const int result = frx_read(&reader, slot.data(), kTimeout);
-                const int64_t end = microseconds_now(), limit = kTimeout * 1000 + kGrace;
-                if (result == 4) {
-                    ++received;
-                } else if (result == ESMS_TIMEOUT) {
-                    ++timed_out;
-                    if (end - start > limit && stalls.without_stalls(start, end) > limit) ++late;
-                }
-            }));
-            ASSERT_TRUE(threads.back()->started());
-        }
-        while (timed_out < kWaiters - 1) usleep(10000);
-        usleep(2000000);
-        EXPECT_EQ(received, 0);
-        EXPECT_EQ(at_work, kWaiters);
-        const int64_t start = microseconds_now();
-        EXPECT_EQ(frx_write(&writer, "last", 0), ESMS_OK);
-        while (received == 0 && timed_out < kWaiters) usleep(1000);
-        const int64_t end = microseconds_now();
-        if (stalls.without_stalls(start, end) > kGrace) ++late;
+    std::atomic<int> timed_out{0}, received{0};
+    const auto used_in = [](int halves) { // of a second
+        const int64_t before = processor_time(RUSAGE_SELF);
+        for (int i = 0; i < halves; ++i) usleep(500000);
+        return processor_time(RUSAGE_SELF) - before;
+    };
+    const int64_t idle = used_in(1);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kWaiters; ++i) {
+        threads.emplace_back([&] {
+            Slot slot(q);
+            const int64_t start = microseconds_now();
+            const int result = frx_read(&reader, slot.data(), timeout);
+            const int64_t end = microseconds_now(), limit = timeout * 1000 + kGrace;
+            received += result == 4;
+            if (result != ESMS_TIMEOUT) return;
+            ++timed_out;
+            late += end - start > limit && stalls.without_stalls(start, end) > limit;
+        });
     }
+    sleep(1);
+    const int64_t used = used_in(2 * seconds) - 2 * seconds * idle;
+    figure("1,025 sleepers for " + std::to_string(seconds) + " s: processor time, milliseconds",
+           "below " + std::to_string(length(100, 200)), used / 1000);
+    EXPECT_LT(used, length(100, 200) * 1000);
+    while (timed_out < kWaiters - 1) usleep(10000);
+    usleep(2000000);
+    EXPECT_EQ(received, 0);
+    expect_end([&] { return frx_write(&writer, "last", 0); }, ESMS_OK, 0);
+    expect_end(
+        [&] {
+            while (received == 0 && timed_out < kWaiters) usleep(1000);
+            return received.load();
+        },
+        1, 0);
+    for (std::thread &thread : threads) thread.join();
     figure("1,025 threads wait: timed out / given the message", "1024 / 1",
            std::to_string(timed_out) + " / " + std::to_string(received));
     EXPECT_EQ(timed_out, kWaiters - 1);
@@ -185,9 +210,9 @@ TEST_F(Removals, of_an_end_that_is_closed_already) {
         if (frx_openChannel(&end, "twice", 1, 'w', 1000) != ESMS_OK) return 1;
         if (frx_closeChannel(&end) != ESMS_OK) return 2;
         expect_end([&] { return frx_closeChannel(&end); }, ESMS_OK, 0);
-        return semctl(set_of("", kWriteLockProject), 1, GETVAL) == 2 ? 0 : 3;
+        return value_of(set_under(segment.key_file(), kWriteLocks), 1) == 2 ? 0 : 3;
     });
     EXPECT_EQ(twice.wait(), 0);
-    EXPECT_EQ(semctl(set_of("", kWriteLockProject), 1, GETVAL), 1);
+    EXPECT_EQ(value_of(set_under(segment.key_file(), kWriteLocks), 1), 1);
     report("an end closed twice");
 }

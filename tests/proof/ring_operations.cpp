@@ -6,11 +6,14 @@ namespace halvo::test {
 
 namespace {
 
-using Ring = std::vector<int>;
+using Places = std::vector<Legal>;
 
 // 1.. lie in the ring; these are the operation's own.
 constexpr int kNew = 11, kSecond = 12, kParked = 21;
 
+// ---- What an operation needs done before
+
+void nothing(SmallRing &) {}
 void mark(SmallRing &ring, int n, uint32_t index) {
     const std::string text = numbered_message(n);
     EXPECT_EQ(q_write_mark_at(ring.q, SmallRing::kType, text.data(),
@@ -26,7 +29,7 @@ void park(SmallRing &ring) { EXPECT_EQ(write_buf(ring.q, numbered_message(kParke
 void read_mark(SmallRing &ring) { EXPECT_EQ(q_read_mark(ring.q, 2), 2); }
 void hold(SmallRing &ring) {
     Slot slot(ring.q);
-    EXPECT_EQ(q_read_buf(ring.q, slot.data(), 1), ESMS_OK);
+    EXPECT_EQ(q_read_buf(ring.q, slot.data(), 2), ESMS_OK);
 }
 void reserve(SmallRing &ring) {
     const std::string text = numbered_message(kNew);
@@ -37,167 +40,173 @@ void reserve(SmallRing &ring) {
 void step_back(SmallRing &ring, uint32_t &position) {
     position = position == ring.q->qstart ? ring.q->qend - ring.q->qbsz : position - ring.q->qbsz;
 }
+void damage_writer(SmallRing &ring) {
+    mark_two(ring);
+    step_back(ring, ring.q->wpos);
+}
+void damage_reader(SmallRing &ring) {
+    Slot slot(ring.q);
+    EXPECT_EQ(q_read(ring.q, slot.data()), ESMS_OK);
+    EXPECT_EQ(q_read_mark(ring.q, 1), 1);
+    step_back(ring, ring.q->rpos);
+}
 
-Ring operator+(Ring ring, int n) {
+// ---- What may be found
+
+Numbers operator+(Numbers ring, int n) {
     ring.push_back(n);
     return ring;
 }
-Ring without(const Ring &ring, size_t first) {
-    return Ring(ring.begin() + static_cast<std::ptrdiff_t>(first), ring.end());
+Numbers without(const Numbers &ring, std::ptrdiff_t first) {
+    return Numbers(ring.begin() + first, ring.end());
 }
 
-std::vector<Legal> untouched(const Ring &ring) { return {{{ring, {}, {}}}}; }
-std::vector<Legal> one_more(const Ring &ring) {
-    return {{{ring, {}, {}}}, {{ring + kNew, {}, {}}}};
+Places untouched(const Numbers &r) { return {{{r, {}, {}, {}}}}; }
+Places one_more(const Numbers &r) { return {{{r, {}, {}, {}}}, {{r + kNew, {}, {}, {}}}}; }
+Places two_more(const Numbers &r) {
+    return {{{r, {}, {}, {}}}, {{r + kNew, {}, {}, {}}}, {{r + kNew + kSecond, {}, {}, {}}}};
 }
-
-// Text that the steps copy from; static, so that nothing is allocated between the steps.
-const std::string &new_text() {
-    static const std::string text = numbered_message(kNew);
-    return text;
+Places one_more_beside_parked(const Numbers &r) {
+    return {{{r, {kParked}, {}, {}}}, {{r + kNew, {kParked}, {}, {}}}};
 }
-const void *data() { return new_text().data(); }
-uint32_t size() { return static_cast<uint32_t>(new_text().size()); }
+Places parked(const Numbers &r) { return {{{r, {}, {}, {}}}, {{r, {kNew}, {}, {}}}}; }
+Places parked_moved(const Numbers &r) {
+    return {{{r, {kParked}, {}, {}}},
+            {{r + kParked, {kParked}, {}, {}}, 1},
+            {{r + kParked, {}, {}, {}}}};
+}
+Places parked_dropped(const Numbers &r) { return {{{r, {kParked}, {}, {}}}, {{r, {}, {}, {}}}}; }
+Places given(const Numbers &r) {
+    return {{{r, {}, {}, {}}}, {{r, {}, {}, {r[0]}}, 1}, {{without(r, 1), {}, {}, {r[0]}}}};
+}
+Places two_given(const Numbers &r) {
+    Places places = given(r);
+    places.push_back({{without(r, 1), {}, {}, {r[0], r[1]}}, 1});
+    places.push_back({{without(r, 2), {}, {}, {r[0], r[1]}}});
+    return places;
+}
+Places one_gone(const Numbers &r) { return {{{r, {}, {}, {}}}, {{without(r, 1), {}, {}, {}}}}; }
+Places two_gone(const Numbers &r) {
+    Places places = one_gone(r);
+    places.push_back({{without(r, 2), {}, {}, {}}});
+    return places;
+}
+Places held(const Numbers &r) {
+    return {{{r, {}, {}, {}}},
+            {{r, {}, {}, {r[0]}}, 1},
+            {{r, {}, {r[0]}, {r[0]}}, 1},
+            {{without(r, 1), {}, {r[0]}, {r[0]}}}};
+}
+Places held_dropped(const Numbers &r) {
+    return {{{without(r, 1), {}, {r[0]}, {}}}, {{without(r, 1), {}, {}, {}}}};
+}
+Places first_was_read(const Numbers &r) { return {{{without(r, 1), {}, {}, {}}}}; }
 
-const std::vector<RingOperation> kOperations = {
-    {"write", 'w', 1, 0, [](SmallRing &) {},
-     [](halvo_channel *q, Stage &) { return q_write(q, SmallRing::kType, data(), size()); },
-     ESMS_OK, one_more},
-    {"write beside a parked one", 'w', 2, 0, park,
-     [](halvo_channel *q, Stage &) { return q_write(q, SmallRing::kType, data(), size()); },
-     ESMS_OK,
-     [](const Ring &ring) {
-         return std::vector<Legal>{{{ring, {kParked}, {}}}, {{ring + kNew, {kParked}, {}}}};
-     }},
-    {"write_mark", 'w', 1, 0, [](SmallRing &) {},
-     [](halvo_channel *q, Stage &) { return q_write_mark(q, SmallRing::kType, data(), size()); },
-     ESMS_OK, untouched},
-    {"write_mark_at", 'w', 2, 0, mark_one,
-     [](halvo_channel *q, Stage &) {
-         return q_write_mark_at(q, SmallRing::kType, data(), size(), 1);
-     },
-     ESMS_OK, untouched},
-    {"write_commit", 'w', 1, 0, mark_one,
-     [](halvo_channel *q, Stage &) { return q_write_commit(q); }, ESMS_OK, one_more},
-    {"write_commit_all", 'w', 2, 0, mark_two,
-     [](halvo_channel *q, Stage &) { return q_write_commit_all(q); }, ESMS_OK,
-     [](const Ring &ring) {
-         std::vector<Legal> legal = one_more(ring);
-         legal.push_back({{ring + kNew + kSecond, {}, {}}});
-         return legal;
-     }},
-    {"write_rollback", 'w', 1, 0, mark_one,
-     [](halvo_channel *q, Stage &) { return q_write_rollback(q); }, ESMS_OK, untouched},
-    {"write_rollback_all", 'w', 2, 0, mark_two,
-     [](halvo_channel *q, Stage &) { return q_write_rollback_all(q); }, 2, untouched},
-    {"write_buf", 'w', 2, 0, [](SmallRing &) {},
-     [](halvo_channel *q, Stage &) { return q_write_buf(q, SmallRing::kType, data(), size(), 2); },
-     ESMS_OK,
-     [](const Ring &ring) {
-         return std::vector<Legal>{{{ring, {}, {}}}, {{ring, {kNew}, {}}}};
-     }},
-    {"write_buf_commit", 'w', 2, 0, park,
-     [](halvo_channel *q, Stage &) { return q_write_buf_commit(q, 2); }, ESMS_OK,
-     [](const Ring &ring) {
-         return std::vector<Legal>{{{ring, {kParked}, {}}},
-                                   {{ring + kParked, {kParked}, {}}, 1},
-                                   {{ring + kParked, {}, {}}}};
-     }},
-    {"write_buf_rollback", 'w', 2, 0, park,
-     [](halvo_channel *q, Stage &) { return q_write_buf_rollback(q, 2); }, ESMS_OK,
-     [](const Ring &ring) {
-         return std::vector<Legal>{{{ring, {kParked}, {}}}, {{ring, {}, {}}}};
-     }},
-    {"reserve and write into the slot", 'w', 1, 0, [](SmallRing &) {},
-     [](halvo_channel *q, Stage &) {
-         qmsg *slot = nullptr;
-         const int result = q_reserve(q, size(), &slot);
-         if (result == ESMS_OK) std::memcpy(halvo::body(slot), data(), size());
-         return result;
-     },
-     ESMS_OK, untouched},
-    {"publish", 'w', 1, 0, reserve,
-     [](halvo_channel *q, Stage &) { return q_publish(q, SmallRing::kType, size()); }, ESMS_OK,
-     one_more},
-    {"recover the writer's end", 'w', 2, 1,
-     [](SmallRing &ring) {
-         mark_two(ring);
-         step_back(ring, ring.q->wpos);
-     },
-     [](halvo_channel *, Stage &) { return q_recover(0, 'w'); },
-     HALVO_RECOVERED_POSITION | HALVO_RECOVERED_MARKS, untouched},
-    {"read", 'r', 0, 1, [](SmallRing &) {},
-     [](halvo_channel *q, Stage &stage) { return q_read(q, stage.buffer); }, ESMS_OK,
-     [](const Ring &ring) {
-         return std::vector<Legal>{
-             {{ring, {}, {}}}, {{ring, {}, {}, ring[0]}, 1}, {{without(ring, 1), {}, {}, ring[0]}}};
-     }},
-    {"peek", 'r', 0, 1, [](SmallRing &) {},
-     [](halvo_channel *q, Stage &) {
-         const qmsg *slot = nullptr;
-         return q_peek(q, &slot);
-     },
-     ESMS_OK, untouched},
-    {"release", 'r', 0, 1, [](SmallRing &) {},
-     [](halvo_channel *q, Stage &) { return q_release(q, 0); }, ESMS_OK,
-     [](const Ring &ring) {
-         return std::vector<Legal>{{{ring, {}, {}}}, {{without(ring, 1), {}, {}}}};
-     }},
-    {"read_body", 'r', 0, 1, [](SmallRing &) {},
-     [](halvo_channel *q, Stage &stage) { // where q_read puts them
-         return q_read_body(q, nullptr, stage.buffer + offsetof(qmsg, data), 64,
-                            reinterpret_cast<uint32_t *>(stage.buffer + offsetof(qmsg, len)));
-     },
-     ESMS_OK,
-     [](const Ring &ring) {
-         return std::vector<Legal>{
-             {{ring, {}, {}}}, {{ring, {}, {}, ring[0]}, 1}, {{without(ring, 1), {}, {}, ring[0]}}};
-     }},
-    {"read_mark", 'r', 0, 2, [](SmallRing &) {},
-     [](halvo_channel *q, Stage &) { return q_read_mark(q, 2); }, 2, untouched},
-    {"read_commit", 'r', 0, 2, read_mark,
-     [](halvo_channel *q, Stage &) { return q_read_commit(q, 0, 0); }, 2,
-     [](const Ring &ring) {
-         return std::vector<Legal>{
-             {{ring, {}, {}}}, {{without(ring, 1), {}, {}}}, {{without(ring, 2), {}, {}}}};
-     }},
-    {"read_rollback", 'r', 0, 2, read_mark,
-     [](halvo_channel *q, Stage &) { return q_read_rollback(q); }, 2, untouched},
-    {"read_buf", 'r', 0, 1, [](SmallRing &) {},
-     [](halvo_channel *q, Stage &stage) { return q_read_buf(q, stage.buffer, 1); }, ESMS_OK,
-     [](const Ring &ring) {
-         return std::vector<Legal>{{{ring, {}, {}}},
-                                   {{ring, {}, {}, ring[0]}, 1},
-                                   {{ring, {}, {ring[0]}, ring[0]}, 1},
-                                   {{without(ring, 1), {}, {ring[0]}, ring[0]}}};
-     }},
-    {"read_buf_clear", 'r', 0, 1, hold,
-     [](halvo_channel *q, Stage &) { return q_read_buf_clear(q, 1); }, ESMS_OK,
-     [](const Ring &ring) {
-         return std::vector<Legal>{{{without(ring, 1), {}, {ring[0]}}},
-                                   {{without(ring, 1), {}, {}}}};
-     }},
-    {"recover the reader's end", 'r', 0, 2,
-     [](SmallRing &ring) {
-         Slot slot(ring.q);
-         EXPECT_EQ(q_read(ring.q, slot.data()), ESMS_OK);
-         EXPECT_EQ(q_read_mark(ring.q, 1), 1);
-         step_back(ring, ring.q->rpos);
-     },
-     [](halvo_channel *, Stage &) { return q_recover(0, 'r'); },
-     HALVO_RECOVERED_POSITION | HALVO_RECOVERED_MARKS,
-     [](const Ring &ring) {
-         return std::vector<Legal>{{{without(ring, 1), {}, {}}}};
-     }},
+// ---- The table
+
+// Texts that the steps copy from; static, so that nothing is allocated between the steps.
+const std::string &text_of(int n) {
+    static const std::string texts[] = {numbered_message(kNew), numbered_message(kSecond)};
+    return texts[n - kNew];
+}
+constexpr size_t kRoomSize = sizeof Stage::buffer / 2;
+
+// Of the operation that stands ready.
+FrxChannel gEnds[2]; // the reader's and the writer's
+FrxMessage gBatch[2];
+Given gGiven;
+
+constexpr int kRecovered = HALVO_RECOVERED_POSITION | HALVO_RECOVERED_MARKS;
+constexpr Row kRows[] = {
+    {'w', "q_write", "frx_write", 1, 0, nothing, 0, ESMS_OK, one_more},
+    {'w', "q_write", "frx_write", 2, 0, park, 0, ESMS_OK, one_more_beside_parked},
+    {'w', "q_write_mark", "frx_writeMark", 1, 0, nothing, 0, ESMS_OK, untouched},
+    {'w', "q_write_mark_at", "frx_writeMarkAt", 2, 0, mark_one, 1, ESMS_OK, untouched},
+    {'w', "q_write_commit", "frx_writeCommit", 1, 0, mark_one, 0, ESMS_OK, one_more},
+    {'w', "q_write_commit_all", "frx_writeCommitAll", 2, 0, mark_two, 0, ESMS_OK, two_more},
+    {'w', "q_write_rollback", "frx_writeRollback", 1, 0, mark_one, 0, ESMS_OK, untouched},
+    {'w', "q_write_rollback_all", "frx_writeRollbackAll", 2, 0, mark_two, 0, 2, untouched},
+    {'w', "q_write_buf", "frx_writeBuf", 2, 0, nothing, 2, ESMS_OK, parked},
+    {'w', "q_write_buf_commit", "frx_writeBufCommit", 2, 0, park, 2, ESMS_OK, parked_moved},
+    {'w', "q_write_buf_rollback", "frx_writeBufRollback", 2, 0, park, 2, ESMS_OK, parked_dropped},
+    {'w', "q_reserve", "frx_reserve", 1, 0, nothing, 0, ESMS_OK, untouched},
+    {'w', "q_publish", "frx_publish", 1, 0, reserve, 0, ESMS_OK, one_more},
+    {'w', nullptr, "frx_writeMany", 2, 0, nothing, 0, 2, two_more},
+    {'w', "q_recover", nullptr, 2, 1, damage_writer, 0, kRecovered, untouched},
+    {'r', "q_read", "frx_read", 0, 1, nothing, 0, ESMS_OK, given},
+    {'r', "q_peek", "frx_peek", 0, 1, nothing, 0, ESMS_OK, untouched},
+    {'r', "q_release", "frx_release", 0, 1, nothing, 0, ESMS_OK, one_gone},
+    {'r', "q_read_body", "frx_readBody", 0, 1, nothing, 0, ESMS_OK, given},
+    {'r', nullptr, "frx_readMany", 0, 2, nothing, 0, 2, two_given},
+    {'r', "q_read_mark", "frx_readMark", 0, 2, nothing, 2, 2, untouched},
+    {'r', "q_read_commit", "frx_readCommit", 0, 2, read_mark, 0, 2, two_gone},
+    {'r', "q_read_rollback", "frx_readRollback", 0, 2, read_mark, 0, 2, untouched},
+    {'r', "q_read_buf", "frx_readBuf", 0, 1, nothing, 2, ESMS_OK, held},
+    {'r', "q_read_buf_clear", "frx_readBufClear", 0, 1, hold, 2, ESMS_OK, held_dropped},
+    {'r', "q_recover", nullptr, 0, 2, damage_reader, 0, kRecovered, first_was_read},
 };
+
+std::vector<RingOperation> make_operations() {
+    const int length = static_cast<int>(numbered_message(1).size());
+    std::vector<RingOperation> all;
+    for (const Row &row : kRows) {
+        for (const char *name : {row.core, row.guarded}) {
+            if (!name) continue;
+            RingOperation one{row, ring_call(name, row.side)};
+            const RingCall::Gives gives = one.call.gives;
+            if (name == row.guarded && row.result == ESMS_OK &&
+                (gives != RingCall::nothing || one.call.name == "frx_peek"))
+                one.result = length;
+            all.push_back(one);
+        }
+    }
+    return all;
+}
 
 } // namespace
 
-const std::vector<RingOperation> &ring_operations() { return kOperations; }
+void RingOperation::open() const {
+    EXPECT_EQ(frx_openChannel(&gEnds[call.side == 'w'], "killed", 0, call.side, 1000), ESMS_OK);
+}
+void RingOperation::close() const { frx_closeChannel(&gEnds[call.side == 'w']); }
+
+void RingOperation::stand_ready(SmallRing &ring, Stage &stage) const {
+    std::memset(stage.buffer, 0, sizeof stage.buffer);
+    for (int i = 0; i < 2; ++i) {
+        auto *slot = reinterpret_cast<qmsg *>(stage.buffer + i * kRoomSize);
+        slot->len = static_cast<uint32_t>(numbered_message(1 + i).size());
+        const std::string &text = text_of(kNew + i);
+        gBatch[i] = {SmallRing::kType, static_cast<uint32_t>(text.size()), kRoom,
+                     call.side == 'w' ? const_cast<char *>(text.data()) : halvo::body(slot)};
+    }
+    gGiven = {ring.q, &gEnds[call.side == 'w'], n, SmallRing::kType};
+    gGiven.data = gBatch[0].data;
+    gGiven.length = gBatch[0].length;
+    gGiven.room = call.gives == RingCall::body ? gBatch[0].data : stage.buffer;
+    gGiven.capacity = kRoom;
+    gGiven.batch = gBatch;
+}
+
+int RingOperation::run() const { return call.run(gGiven); }
+
+Numbers RingOperation::delivered(const Stage &stage) const {
+    Numbers numbers;
+    if (call.gives == RingCall::nothing) return numbers;
+    for (int i = 0; i < 2; ++i) {
+        const int number = number_in(stage.buffer + i * kRoomSize, kRoom);
+        if (number != kTorn) numbers.push_back(number);
+    }
+    return numbers;
+}
+
+const std::vector<RingOperation> &ring_operations() {
+    static const std::vector<RingOperation> all = make_operations();
+    return all;
+}
 
 const RingOperation &operation_named(const std::string &name) {
-    for (const RingOperation &operation : kOperations)
-        if (operation.name == name) return operation;
+    for (const RingOperation &operation : ring_operations())
+        if (operation.call.name == name) return operation;
     throw std::out_of_range(name);
 }
 

@@ -1,8 +1,5 @@
 // Two processes send one message back and forth; each sleeps until the other's arrives. A wake-up
 // that is lost would be made good by the monitor, 100 ms later or more, and shows as such.
-#include <gtest/gtest.h>
-#include <sys/resource.h>
-
 #include <thread>
 
 #include "tests/proof/form.h"
@@ -20,20 +17,15 @@ constexpr int64_t kTooLong = 300000;
 struct Ends {
     FrxChannel out{}, in{};
     bool open(const Segment &segment, int out_channel, int in_channel) {
-        return initialise(segment) == ESMS_OK &&
-               frx_openChannel(&out, "stress", out_channel, 'w', kTimeout) == ESMS_OK &&
-               frx_openChannel(&in, "stress", in_channel, 'r', kTimeout) == ESMS_OK;
+        return start_with(segment, out, 'w', out_channel) &&
+               frx_openChannel(&in, "in", in_channel, 'r', kTimeout) == ESMS_OK;
     }
 };
 
 // On two processors the two sides can miss each other by the buffers of their stores; left to itself
 // the system often runs both on one.
 void stay_on_processor(unsigned number) {
-    const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(number % processors, &one);
-    sched_setaffinity(0, sizeof one, &one);
+    run_on_processor(number % std::max(1u, std::thread::hardware_concurrency()));
 }
 
 int echo(const Segment &segment, int trips) {
@@ -62,8 +54,7 @@ TEST(RoundTrips, no_wake_up_is_lost) {
     stay_on_processor(0);
     q_set_spin(0); // or the message would come before anybody sleeps
     Slot slot(q_chnnl2q(1));
-    rusage before{}, after{};
-    getrusage(RUSAGE_THREAD, &before);
+    const long slept_before = usage_of(RUSAGE_THREAD).ru_nvcsw;
     int64_t rescued = 0, too_long = 0, longest = 0, sum = 0;
     for (int i = 0; i < trips; ++i) {
         const std::string text = std::to_string(i);
@@ -80,8 +71,7 @@ TEST(RoundTrips, no_wake_up_is_lost) {
         too_long += own >= kTooLong;
     }
     EXPECT_EQ(other.wait(), 0);
-    getrusage(RUSAGE_THREAD, &after);
-    const int64_t slept = after.ru_nvcsw - before.ru_nvcsw;
+    const int64_t slept = usage_of(RUSAGE_THREAD).ru_nvcsw - slept_before;
     figure("blocking round trips between two processes", std::to_string(trips), trips);
     figure("round trips longer than 300 ms", "0", too_long);
     figure("round trips longer than 50 ms (woken by the monitor)", "0", rescued);

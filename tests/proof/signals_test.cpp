@@ -1,7 +1,6 @@
 // One signal arrives at a wait, at each 20 microseconds of it and before each machine instruction of
 // its beginning. Its handler is installed without restart; the wait is to end by it, not by its
 // limit.
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/user.h>
 
@@ -22,23 +21,17 @@ constexpr int64_t kOutlived = 400000; // microseconds: two passes of the monitor
 constexpr int64_t kSteppedOutlived = 3000000; // where many processes share one processor
 constexpr int64_t kAtOnce = 50000;            // microseconds: without the monitor
 
-long switches() { // of the calling thread, made by the system
-    rusage usage{};
-    getrusage(RUSAGE_THREAD, &usage);
-    return usage.ru_nivcsw;
-}
+long switches() { return usage_of(RUSAGE_THREAD).ru_nivcsw; } // made by the system
 
 std::atomic<long> switches_at_signal{0};
 std::atomic<int> signals_handled{0};
 
-void note(int) {
-    switches_at_signal = switches();
-    ++signals_handled;
-}
-
 void catch_signals() {
     struct sigaction action {};
-    action.sa_handler = note;
+    action.sa_handler = [](int) {
+        switches_at_signal = switches();
+        ++signals_handled;
+    };
     sigaction(SIGUSR1, &action, nullptr);
 }
 
@@ -56,8 +49,6 @@ struct Sweep {
 class Arrival {
 public:
     explicit Arrival(const Call &call) : call_(call), thread_([this] { wait_often(); }) {}
-    Arrival(const Arrival &) = delete;
-    Arrival &operator=(const Arrival &) = delete;
     ~Arrival() {
         stop_ = true;
         thread_.join();
@@ -67,11 +58,9 @@ public:
         while (state_ != State::resting) usleep(10);
         const int handled = signals_handled;
         state_ = State::asked;
-        while (state_ == State::asked) {
-        }
+        while (state_ == State::asked) continue;
         const int64_t start = microseconds_now();
-        while (microseconds_now() < start + microseconds) {
-        }
+        while (microseconds_now() < start + microseconds) continue;
         const int64_t sent = microseconds_now();
         pthread_kill(thread_.native_handle(), SIGUSR1);
         while (state_ == State::calling && stalls_aside(sent, stalls) < kOutlived) usleep(200);
@@ -141,16 +130,14 @@ protected:
 
     void SetUp() override {
         catch_signals();
-        if (!is_stepped()) open_all();
+        open_all();
     }
-    virtual bool is_stepped() const { return false; }
     void open_all() {
         ASSERT_EQ(initialise(segment), ESMS_OK);
         ASSERT_EQ(frx_openChannel(&reader, "reads", 0, 'r', 1000), ESMS_OK);
         ASSERT_EQ(frx_openChannel(&writer, "writes", 1, 'w', 1000), ESMS_OK);
         ASSERT_EQ(frx_openChannel(&poller, "polls", 2, 'r', 1000), ESMS_OK);
-        while (halvo::test::frx_write(&writer, "x", -1) == ESMS_OK) {
-        }
+        while (halvo::test::frx_write(&writer, "x", -1) == ESMS_OK) continue;
     }
     int read(FrxChannel &end) {
         char slot[64];
@@ -216,8 +203,7 @@ private:
         while (!is_sleep()) process_.step();
         sleep_ = instruction();
         go_on(SIGUSR1);
-        while (!in_front_of_a_wait()) {
-        }
+        while (!in_front_of_a_wait()) continue;
     }
 
     user_regs_struct registers() const {
@@ -274,8 +260,10 @@ private:
 // The same calls, in processes that are gone through instruction by instruction.
 class SignalAtAnInstruction : public SignalArrival {
 protected:
-    SignalAtAnInstruction() { stay_on_this_processor(); }
-    bool is_stepped() const override { return true; }
+    void SetUp() override {
+        catch_signals();
+        stay_on_this_processor();
+    }
 };
 
 } // namespace
@@ -304,8 +292,7 @@ TEST_F(SignalAtAnInstruction, from_the_begin_of_the_wait_to_its_sleep) {
         Sweep sweep;
         SteppedWaits process([this] { open_all(); }, calls[i]);
         const int stride = length(61, 1);
-        for (int n = 0; process.arrival_behind(n, sweep); n += stride) {
-        }
+        for (int n = 0; process.arrival_behind(n, sweep); n += stride) continue;
         tell(std::string("each instruction before the sleep of ") + calls[i].name, sweep);
     }
 }

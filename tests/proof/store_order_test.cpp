@@ -97,66 +97,67 @@ protected:
 } // namespace
 
 TEST_F(StoreOrder, of_the_writer) {
-    begin("write");
+    begin("q_write");
     qmsg *slot = slot_at(q, q->wpos);
     Group first = counters_in();
     first.push_back(content("body", slot));
-    expect_order("write", {first, {state("state", slot)}, {watch("wpos", q->wpos)}});
+    expect_order("q_write", {first, {state("state", slot)}, {watch("wpos", q->wpos)}});
 
-    begin("write_mark");
+    begin("q_write_mark");
     slot = slot_at(q, q->wpos);
-    expect_order("write_mark", {{content("body", slot)}, {state("state", slot)}});
+    expect_order("q_write_mark", {{content("body", slot)}, {state("state", slot)}});
 
-    begin("write_mark_at");
+    begin("q_write_mark_at");
     slot = slot_at(q, halvo::next_offset(halvo::ring_of(q), q->wpos));
-    expect_order("write_mark_at", {{content("body", slot)}, {state("state", slot)}});
+    expect_order("q_write_mark_at", {{content("body", slot)}, {state("state", slot)}});
 
-    begin("write_commit");
+    begin("q_write_commit");
     slot = slot_at(q, q->wpos);
-    expect_order("write_commit", {counters_in(), {state("state", slot)}, {watch("wpos", q->wpos)}});
+    expect_order("q_write_commit",
+                 {counters_in(), {state("state", slot)}, {watch("wpos", q->wpos)}});
 
-    begin("write_commit_all");
+    begin("q_write_commit_all");
     slot = slot_at(q, q->wpos);
     expect_order(
-        "write_commit_all",
+        "q_write_commit_all",
         {{state("first state", slot)},
          {state("second state", slot_at(q, halvo::next_offset(halvo::ring_of(q), q->wpos)))}});
 
-    begin("write_buf");
+    begin("q_write_buf");
     qmsg *parked = buffer_slot(q, q->wbufs, 2);
     expect_order(
-        "write_buf",
+        "q_write_buf",
         {{content("body", parked)}, {state("state", parked)}, {watch("pbuffs", q->pbuffs)}});
 
-    begin("write_buf_commit");
+    begin("q_write_buf_commit");
     slot = slot_at(q, q->wpos);
-    expect_order("write_buf_commit", {{content("body", slot)},
-                                      {state("ring state", slot)},
-                                      {watch("wpos", q->wpos)},
-                                      {state("buffer state", buffer_slot(q, q->wbufs, 2))}});
+    expect_order("q_write_buf_commit", {{content("body", slot)},
+                                        {state("ring state", slot)},
+                                        {watch("wpos", q->wpos)},
+                                        {state("buffer state", buffer_slot(q, q->wbufs, 2))}});
     report("writer");
 }
 
 TEST_F(StoreOrder, of_the_reader) {
-    begin("read");
+    begin("q_read");
     qmsg *slot = slot_at(q, q->rpos);
     Group first = counters_out();
     first.push_back(watch("caller's copy", stage.buffer, q->qbsz));
-    expect_order("read", {first, {state("state", slot)}, {watch("rpos", q->rpos)}});
+    expect_order("q_read", {first, {state("state", slot)}, {watch("rpos", q->rpos)}});
 
-    begin("read_commit");
+    begin("q_read_commit");
     slot = slot_at(q, q->rpos);
     expect_order(
-        "read_commit",
+        "q_read_commit",
         {{state("first state", slot)},
          {state("second state", slot_at(q, halvo::next_offset(halvo::ring_of(q), q->rpos)))}});
 
-    begin("read_buf");
+    begin("q_read_buf");
     slot = slot_at(q, q->rpos);
-    qmsg *held = buffer_slot(q, q->rbufs, 1);
-    expect_order("read_buf", {{content("held body", held)},
-                              {state("held state", held)},
-                              {state("ring state", slot)},
-                              {watch("rpos", q->rpos)}});
+    qmsg *held = buffer_slot(q, q->rbufs, 2);
+    expect_order("q_read_buf", {{content("held body", held)},
+                                {state("held state", held)},
+                                {state("ring state", slot)},
+                                {watch("rpos", q->rpos)}});
     report("reader");
 }

@@ -75,7 +75,7 @@ bool Filling::suits(const RingOperation &operation) const {
     const int free = SmallRing::kSlots - messages;
     if (free < operation.free || messages < operation.messages) return false;
     if (!peer_marks) return true;
-    return operation.side == 'w' ? messages > 0 : free > 0;
+    return operation.call.side == 'w' ? messages > 0 : free > 0;
 }
 
 Faults &Faults::operator+=(const Faults &other) {
@@ -130,9 +130,10 @@ SmallRing::Image prepared(SmallRing &ring, const RingOperation &operation, const
     for (int n = 1; n <= filling.messages; ++n) EXPECT_EQ(ring.write(n), ESMS_OK);
     operation.prepare(ring);
     if (filling.peer_marks) {
-        const int marked = operation.side == 'w' ? q_read_mark(ring.q, 1)
-                                                 : write_mark(ring.q, numbered_message(kPeerMark));
-        EXPECT_EQ(marked, operation.side == 'w' ? 1 : ESMS_OK);
+        const int marked = operation.call.side == 'w'
+                               ? q_read_mark(ring.q, 1)
+                               : write_mark(ring.q, numbered_message(kPeerMark));
+        EXPECT_EQ(marked, operation.call.side == 'w' ? 1 : ESMS_OK);
     }
     ring.q->pidp = ring.q->pidg = 0;
     return ring.save();
@@ -140,7 +141,7 @@ SmallRing::Image prepared(SmallRing &ring, const RingOperation &operation, const
 
 Faults survive(SmallRing &ring, const RingOperation &operation, const Filling &filling,
                Peer_is peer, const Stage &stage) {
-    const char side = operation.side;
+    const char side = operation.call.side;
     Faults faults;
     faults.kills = 1;
     Between between;
@@ -165,22 +166,22 @@ Faults survive(SmallRing &ring, const RingOperation &operation, const Filling &f
     const bool in_place = strip(found.ring, between.added);
     found.parked = parked_messages(ring);
     found.held = held_messages(ring);
-    const std::string name = operation.name;
-    if (name == "read" || name == "read_body" || name == "read_buf")
-        found.delivered = number_in(stage.buffer, kRoom);
+    found.delivered = operation.delivered(stage);
 
     const bool finished = stage.returned != 0;
     const Legal *legal = find(operation.legal(first_numbers(filling.messages)), found, finished);
     if (is_torn(found)) faults.torn = 1;
     if (!legal || !in_place) {
         faults.lost = 1;
-        ADD_FAILURE() << operation.name << ", ring " << testing::PrintToString(found.ring)
+        ADD_FAILURE() << operation.call.name << ", ring " << testing::PrintToString(found.ring)
                       << ", parked " << testing::PrintToString(found.parked) << ", held "
-                      << testing::PrintToString(found.held) << ", given " << found.delivered;
+                      << testing::PrintToString(found.held) << ", given "
+                      << testing::PrintToString(found.delivered);
     } else {
         faults.most_doubled = legal->doubled;
     }
-    if (finished && stage.result != operation.result) ADD_FAILURE() << operation.name << " failed";
+    if (finished && stage.result != operation.result)
+        ADD_FAILURE() << operation.call.name << " failed";
     if (!works(ring)) faults.stuck = 1;
     EXPECT_EQ(q_close(0, side), ESMS_OK);
     return faults;

@@ -79,7 +79,7 @@ protected:
     }
 
     void die_both(const RingOperation &first, const RingOperation &second, int messages) {
-        const bool writer_first = first.side == 'w';
+        const bool writer_first = first.call.side == 'w';
         for (const SmallRing::Image &one : moments(ring, first, stage)) {
             ring.restore(one);
             for (const SmallRing::Image &image : moments(ring, second, stage)) {
@@ -99,14 +99,14 @@ protected:
 } // namespace
 
 TEST_F(TwoDeaths, at_any_two_moments) {
-    for (const char *writing : {"write", "write_commit_all", "write_buf_commit"}) {
-        for (const char *reading : {"read", "read_commit", "read_buf"}) {
+    for (const char *writing : {"q_write", "q_write_commit_all", "q_write_buf_commit"}) {
+        for (const char *reading : {"q_read", "q_read_commit", "q_read_buf"}) {
             const RingOperation &w = operation_named(writing), &r = operation_named(reading);
             for (int start = 0; start < (is_long_form() ? SmallRing::kSlots : 1); ++start) {
                 for (int messages = 0; messages <= SmallRing::kSlots; ++messages) {
                     const Filling filling{start + messages, messages, false};
                     // Into a full ring the writer gets once the reader has freed a slot.
-                    const bool writable = filling.suits(w) || std::string(writing) == "write";
+                    const bool writable = filling.suits(w) || std::string(writing) == "q_write";
                     if (!writable || !filling.suits(r)) continue;
                     SCOPED_TRACE(std::string(writing) + ", " + reading);
                     ring.restore(empty);

@@ -21,6 +21,12 @@ inline int initialise(const Segment &segment) {
     return result;
 }
 
+// Starts the library in this process and opens an end; false when that fails.
+inline bool start_with(const Segment &segment, FrxChannel &end, char side, int channel = 0) {
+    return initialise(segment) == ESMS_OK &&
+           frx_openChannel(&end, "process", channel, side, 20000) == ESMS_OK;
+}
+
 inline int frx_write(FrxChannel *end, const std::string &text, int timeout) {
     return ::frx_write(end, 1, text.data(), static_cast<uint32_t>(text.size()), timeout);
 }

@@ -3,6 +3,7 @@
 
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <cstdint>
@@ -18,6 +19,18 @@ inline int64_t microseconds_now() {
     return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 inline int64_t milliseconds_now() { return microseconds_now() / 1000; }
+
+// Of RUSAGE_SELF or RUSAGE_THREAD, so far.
+inline rusage usage_of(int whose) {
+    rusage usage{};
+    getrusage(whose, &usage);
+    return usage;
+}
+inline int64_t processor_time(int whose) { // microseconds
+    const rusage usage = usage_of(whose);
+    return int64_t{usage.ru_utime.tv_sec + usage.ru_stime.tv_sec} * 1000000 +
+           usage.ru_utime.tv_usec + usage.ru_stime.tv_usec;
+}
 
 // The calling thread, and what it starts from now on, stays on one processor.
 inline void run_on_processor(unsigned cpu) {

@@ -1,3 +1,4 @@
+// Files that an operator writes: print options, and a queue manager's configuration.
 #include <memory>
 
 #include "core/posix.h"
@@ -5,8 +6,9 @@
 #include "halvo/status.h"
 #include "tests/fuzz/attachment.h"
 #include "tests/fuzz/input.h"
-#include "tests/fuzz/scratch.h"
 #include "tests/fuzz/targets.h"
+#include "tools/qm/config.h"
+#include "tools/qm/plan.h"
 
 namespace {
 
@@ -21,10 +23,10 @@ void read_lines(const std::string &path, int most) {
 } // namespace
 
 void halvo::fuzz::options(const uint8_t *data, size_t size) {
-    static const std::string path = scratch_file("channels.opt");
+    static const std::string path = scratch().path("channels.opt");
     Input input(data, size);
     const int most = input.byte() + 1;
-    write_scratch(path, input.bytes(1 << 16));
+    test::write_file(path, input.bytes(1 << 16));
     read_lines(path, most);
     place_segment(sound_size());
     attach();
@@ -33,4 +35,14 @@ void halvo::fuzz::options(const uint8_t *data, size_t size) {
     q_statprint2('s');
     q_statprint2('w');
     q_statlog('s');
+}
+
+void halvo::fuzz::config(const uint8_t *data, size_t size) {
+    static const std::string path = scratch().path("config.toml");
+    test::write_file(path, {reinterpret_cast<const char *>(data), size});
+    try {
+        for (const qm::ChannelPlan &channel : qm::load_config(path).channels)
+            qm::layout_of(channel);
+    } catch (const qm::Error &) { // the only one that may come out
+    }
 }
