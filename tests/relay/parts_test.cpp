@@ -4,12 +4,42 @@
 #include <random>
 #include <set>
 
+#include "halvo/fq.h"
 #include "tests/support/frx_fixture.h"
 #include "tests/support/program.h"
 #include "tools/fixture/directory.h"
 #include "tools/relay/config.h"
 #include "tools/relay/ends.h"
 #include "tools/relay/numbering.h"
+#include "tools/relay/route.h"
+
+namespace halvo::relay {
+
+namespace {
+
+std::vector<Verdict> script; // the answers to a batch, the last of the route
+Stop stop{false};
+
+class ScriptedPublisher : public Publisher {
+    void send(const std::string &, const Outgoing &) override {}
+    std::vector<Verdict> answers(int, const Stop &) override {
+        stop = true;
+        return script;
+    }
+    BrokerError why_open() const override { return {BrokerError::lost, "silence"}; }
+    void serve() override {}
+    bool blocked() const override { return false; }
+    std::string return_reason() const override { return "NO_ROUTE"; }
+};
+
+} // namespace
+
+// In place of the engine's.
+std::unique_ptr<Publisher> connect_publisher(const BrokerConfig &, unsigned) {
+    return std::make_unique<ScriptedPublisher>();
+}
+
+} // namespace halvo::relay
 
 using namespace halvo::relay;
 using halvo::test::Segment;
@@ -161,6 +191,30 @@ TEST_F(RelayNumbers, another_reader_makes_repeats_at_worst) {
     EXPECT_EQ(number_of_first(), 3U) << "the numbers follow the slots";
 }
 
+TEST(RelayOut, what_was_answered_before_the_silence_is_not_sent_again) {
+    const std::string directory = halvo::test::make_test_directory(), queue = directory + "/mo";
+    for (const char *item : {"1", "2", "3"}) fq_enqueue_away(-1, -1, 1, queue.c_str(), item, 1);
+    RouteConfig route;
+    route.from = {Endpoint::file_queue, queue};
+    route.to = {Endpoint::queue, "q"};
+    route.wait_for_route = false;
+    route.dead_letters = directory + "/dead";
+    script = {Verdict::confirmed, Verdict::returned, Verdict::open};
+    {
+        StateFile state(directory + "/state", "test");
+        RouteContext context{{}, route, state, stop, Backoff(1, 1)};
+        carry_out(context);
+        EXPECT_EQ(state.figures().messages, 2U);
+        EXPECT_EQ(state.figures().dead_letters, 1U);
+    }
+    char item[64];
+    fqtrans trans;
+    ASSERT_GT(fq_dequeue(-1, queue.c_str(), item, 32, &trans), 0);
+    EXPECT_EQ(item[20], '3');
+    fq_dequeue_rollback(-1, &trans);
+    halvo::test::remove_tree(directory);
+}
+
 TEST(RelayConfig, faults_name_their_line) {
     const std::string directory = halvo::test::make_test_directory(), path = directory + "/c.toml";
     const std::string head = "[relay]\nkey = \"k\"\nstate = \"s\"\n[broker]\nurl = \"amqp://h\"\n";
@@ -185,6 +239,9 @@ TEST(RelayConfig, faults_name_their_line) {
         {head, ":1: there is no [[route]]"},
         {"[relay]\nstate = \"s\"\n[broker]\nurl = \"amqp://h\"\n" + route,
          ":1: [relay] has no key"},
+        {head +
+             "[[route]]\nname = \"r\"\nfrom = \"fq:/q\"\nto = \"amqp:q\"\ndead_letters = \"/q\"\n",
+         ":6: the dead letters need another file queue"},
         {"=", ":1:"},
     };
     for (const auto &one : cases) {
