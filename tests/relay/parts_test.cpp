@@ -191,6 +191,23 @@ TEST_F(RelayNumbers, another_reader_makes_repeats_at_worst) {
     EXPECT_EQ(number_of_first(), 3U) << "the numbers follow the slots";
 }
 
+TEST(RelayState, is_opened_beside_those_who_look_at_it) {
+    const std::string directory = halvo::test::make_test_directory(), path = directory + "/state";
+    StateFile(path, "id");
+    halvo::test::Peer looking([&] {
+        for (bool running;;)
+            read_figures(
+                path, "id", running, [](const Figures &, void *) {}, nullptr);
+        return 0;
+    });
+    for (int i = 0; i < 3000; ++i) {
+        ASSERT_NO_THROW(StateFile(path, "id"));
+        usleep(20);
+    }
+    looking.kill(SIGKILL);
+    halvo::test::remove_tree(directory);
+}
+
 TEST(RelayOut, what_was_answered_before_the_silence_is_not_sent_again) {
     const std::string directory = halvo::test::make_test_directory(), queue = directory + "/mo";
     for (const char *item : {"1", "2", "3"}) fq_enqueue_away(-1, -1, 1, queue.c_str(), item, 1);
