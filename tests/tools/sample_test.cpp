@@ -48,19 +48,16 @@ protected:
 } // namespace
 
 TEST_F(Samples, find_what_is_still_being_made) {
-    EXPECT_EQ(look().channels[0].reader.held, Held::no);
     const halvo::qm::Keys keys(segment.key_file());
-    const int id = shmget(keys.segment(), 0, 0);
-    auto *const header = static_cast<halvo_segment *>(shmat(id, nullptr, 0));
-    const uint32_t channels = std::exchange(header->nchnnl, 0);
+    void *const at = shmat(shmget(keys.segment(), 0, 0), nullptr, 0);
+    const uint32_t channels = std::exchange(static_cast<halvo_segment *>(at)->nchnnl, 0);
     EXPECT_NE(look().fault.find("not complete"), std::string::npos);
+    static_cast<halvo_segment *>(at)->nchnnl = channels;
     semctl(semget(keys.read_locks(), 0, 0), 0, IPC_RMID);
-    header->nchnnl = channels;
     EXPECT_EQ(look().channels[0].reader.held, Held::unknown);
-    const int made = semget(keys.read_locks(), 2, IPC_CREAT | 0600);
-    for (const int channel : {0, 1}) semctl(made, channel, SETVAL, 1);
-    EXPECT_EQ(look().channels[0].reader.held, Held::no);
-    shmdt(header);
+    semget(keys.read_locks(), 2, IPC_CREAT | 0600);
+    EXPECT_EQ(look().channels[0].reader.held, Held::yes) << "made with the value 0";
+    shmdt(at);
 }
 
 TEST_F(Samples, tell_who_holds_an_end_and_whether_he_lives) {
