@@ -2,7 +2,7 @@
 // open transaction is the address of its record, which belongs to Java until the transaction's end.
 #include "halvo/fq.h"
 
-#include <sys/ipc.h>
+#include <sys/stat.h>
 
 #include "fq/format.h"
 #include "jni/companion.h"
@@ -15,7 +15,13 @@ constexpr jint kLockFailure =
     -20;                      // plus what fq_lock answered: other failures have the same numbers
 constexpr jint kTooLong = -2; // from a read
 
-// What Java keeps of a transaction: handle, 0 for none, and the key of the lock that it holds.
+// Which lock file it is. The library's key of it may be another one's too, which a thread may hold
+// beside it.
+jlong number_of(const struct stat &lock_file) {
+    return static_cast<jlong>(uint64_t{lock_file.st_ino} * 0x9e3779b97f4a7c15U ^ lock_file.st_dev);
+}
+
+// What Java keeps of a transaction: handle, 0 for none, and the number of the lock that it holds.
 class Transaction {
 public:
     Transaction(JNIEnv *env, jlongArray words) noexcept : env_(env), words_(words) {}
@@ -27,8 +33,10 @@ public:
         return reinterpret_cast<fqtrans *>(address); // NOLINT(performance-no-int-to-ptr)
     }
     void begin(Memory<fqtrans> record) const noexcept {
+        struct stat lock_file {};
+        fstat(record->lockfd, &lock_file);
         const jlong words[] = {static_cast<jlong>(reinterpret_cast<uintptr_t>(record.get())),
-                               record->lockkey};
+                               number_of(lock_file)};
         static_cast<void>(record.release()); // it is Java's now
         env_->SetLongArrayRegion(words_, 0, 2, words);
     }
@@ -119,13 +127,15 @@ COMPANION_NATIVE(jint, FileQueueCalls, endRead)
     });
 }
 
-// The key of a side's lock as it is now; -1 when there is none. A thread that holds it must not take
+// The number of a side's lock as it is now; 0 when there is none. A thread that holds it must not take
 // it again.
-COMPANION_NATIVE(jint, FileQueueCalls, lockKey)
+COMPANION_NATIVE(jlong, FileQueueCalls, lockNumber)
 (JNIEnv *env, jclass, jstring path, jboolean for_write) noexcept {
     const StringChars queue(env, path);
-    if (!queue || !fq::usable_path(queue.get())) return -1;
-    return ftok(fq::lock_file(queue.get(), mode_of(for_write)).text, 1);
+    if (!queue || !fq::usable_path(queue.get())) return 0;
+    struct stat lock_file {};
+    const fq::FileName name = fq::lock_file(queue.get(), mode_of(for_write));
+    return stat(name.text, &lock_file) == 0 ? number_of(lock_file) : 0;
 }
 
 // What the transactions of this process promise from now on.

@@ -43,9 +43,12 @@ TEST_F(RelayFailures, without_such_a_queue_it_is_kept_in_a_file_queue_or_stops_t
     EXPECT_EQ(there_->end(), 0);
     there_->forget_routes();
     there_->route("from = \"amqp:" + queue_ + "\"\nto = \"channel:MT01\"\non_poison = \"stop\"");
-    write(3, 3, 1000);
+    write(3, 3);
+    write(4, 4, 1000);
+    EXPECT_TRUE(here_->reaches("messages_total", 4));
     there_->start();
     EXPECT_TRUE(there_->logs("error r stopped: a message of 1000 bytes"));
+    EXPECT_EQ(read_numbers(there_->segment(), 4, 1).got, 1) << "what came before it is delivered";
     EXPECT_EQ(there_->figure("state"), 0) << "it is neither stopped by the operator ...";
     EXPECT_EQ(there_->end(), 0);
 }

@@ -46,6 +46,22 @@ TEST_F(RelayRoutes, a_file_queue_to_a_file_queue_over_kills) {
     EXPECT_EQ(fq({"get", there_->path("mo")}), lines(kItems));
 }
 
+TEST_F(RelayRoutes, a_file_queue_goes_on_behind_an_item_that_is_too_long) {
+    here_->route("from = \"fq:" + here_->path("mo") + "\"\nto = \"amqp:" + queue_ +
+                 "\"\nmax_bytes = 50");
+    there_->route("from = \"amqp:" + queue_ + "\"\nto = \"fq:" + there_->path("mo") + "\"");
+    here_->relay("metrics = \"file:" + here_->path("prom") + "\"");
+    fq({"put", here_->path("mo")}, "a\nb\n" + std::string(60, 'c') + "\nd\n");
+    start();
+    EXPECT_TRUE(there_->reaches("messages_total", 3));
+    EXPECT_EQ(fq({"get", there_->path("mo")}), "a\nb\nd\n");
+    EXPECT_EQ(here_->figure("dead_letters_total"), 1);
+    EXPECT_EQ(there_->figure("repeats_total"), 0);
+    EXPECT_EQ(here_->end(), 0);
+    EXPECT_EQ(run_program({"/bin/grep", "-c", "state=\"stopped\"} 1", here_->path("prom")}).status,
+              0);
+}
+
 TEST_F(RelayRoutes, shards_keep_the_order_of_each_key) {
     route("shards = 3\nshard_by = \"type\"", "shards = 3");
     start();
@@ -165,6 +181,11 @@ TEST_F(RelayRoutes, signals_metrics_and_the_service_manager) {
     here_->save();
     here_->signal(SIGHUP);
     EXPECT_TRUE(here_->logs("unknown key \\\"nonsense\\\""));
+    run_program({"/bin/sed", "-i", "/nonsense/d; s/metrics = .*/metrics = \"there\"/",
+                 here_->path("relay.toml")});
+    here_->signal(SIGHUP);
+    EXPECT_TRUE(here_->logs("no loopback address"));
+    EXPECT_EQ(run_python(fetch, {std::to_string(port)}).status, 0) << "all goes on as it was";
     EXPECT_EQ(here_->end(), 0);
     EXPECT_NE(fq({"get", here_->path("back")}).find("00000007 "), std::string::npos);
 }

@@ -38,14 +38,20 @@ void for_each_waiting(const QueueFiles &queue,
     for (size_t visited = 0; visited < queue.files.size(); ++visited) {
         if (!queue.has(at.order)) at = {queue.next_file(at.order), 0};
         if (at.order < 0) return;
-        bool ended = false;
+        bool ended = false, left = false;
+        int64_t behind = at.offset; // the last item
         DataReader file(queue.path, at.order);
         file.visit(at.offset, [&](const Finding &finding) {
             ended = finding.kind == Finding::end;
-            return finding.kind == Finding::item && visit(file, finding);
+            left = finding.kind != Finding::item || !visit(file, finding);
+            behind += finding.length + int64_t{FQ_ITEM_EXTRA};
+            return !left;
         });
+        const int32_t next = fq::next_order_of_commit(at.order);
+        // A file that has passed its limit needs no end item when the writer has gone on.
+        ended = ended || (!left && behind > fq::kFileLimit && queue.has(next));
         if (!ended) return;
-        at = {fq::next_order_of_commit(at.order), 0};
+        at = {next, 0};
     }
 }
 

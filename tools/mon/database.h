@@ -19,6 +19,7 @@ public:
     void run(const char *sql) const;
     int64_t number(const char *sql) const; // the first column of the first row; 0 without one
     sqlite3 *handle() const { return handle_; }
+    const std::string &path() const { return path_; }
     [[noreturn]] void fail() const;
 
 private:

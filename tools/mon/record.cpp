@@ -139,7 +139,11 @@ void Recorder::add_channel(const ChannelSample &channel, int64_t time) {
 }
 
 void Recorder::add(const Sample &sample) {
-    if (sample.time <= last_time_) return; // the clock went back, or two looks within a second
+    if (sample.time == last_time_) return; // two looks within a second
+    if (sample.time < last_time_)          // the clock went back, or was wrong before
+        throw tools::ToolError(
+            tools::kFailed, database_.path() + ": the record ends after the time of now; nothing "
+                                               "is kept until the clock has passed its end");
     const bool whole = since_whole_ < 0 || since_whole_ + 1 >= kWholeEvery ||
                        sample.id != before_.id || sample.up != before_.up ||
                        sample.channels.size() != before_.channels.size();

@@ -20,7 +20,7 @@ class Recorder {
 public:
     // Adds to the file, or makes it. `most` is its greatest size in bytes.
     Recorder(const std::string &path, int64_t most);
-    void add(const Sample &sample);
+    void add(const Sample &sample); // throws ToolError for one before the record's end
 
 private:
     void add_channel(const ChannelSample &channel, int64_t time);

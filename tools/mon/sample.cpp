@@ -182,21 +182,22 @@ std::string shown_name(const char *field, size_t size) {
     return tools::to_utf8(tools::printable(field, size));
 }
 
-void Sampler::attach(const qm::Keys &keys, int id) {
+void Sampler::attach(int id) {
     view_.reset();
     view_ = std::make_unique<qm::SegmentView>(id);
-    read_locks_ = set_of(keys.read_locks());
-    write_locks_ = set_of(keys.write_locks());
 }
 
-// Whether the same segment stands there is asked each time: that costs two system calls.
+// Whether the same segment and locks stand there is asked each time: that costs four system calls.
 void Sampler::find_segment(Sample &sample) {
     try {
         const qm::Keys keys(key_file_);
         const int id = qm::find_segment(keys.segment());
         if (id < 0) throw qm::Error("no segment");
-        if (!view_ || view_->id() != id) attach(keys, id);
+        if (!view_ || view_->id() != id) attach(id);
         if (!view_->header()) throw qm::Error("the segment is too small to be one of queues");
+        if (view_->channels() == 0) throw qm::Error("the segment is not complete"); // being made
+        read_locks_ = set_of(keys.read_locks());
+        write_locks_ = set_of(keys.write_locks());
     } catch (const qm::Error &error) {
         view_.reset(); // or its memory would stay as long as somebody looks at it
         sample.fault = tools::attach_fault(key_file_, false);

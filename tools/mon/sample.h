@@ -93,7 +93,7 @@ public:
 
 private:
     void find_segment(Sample &sample);
-    void attach(const qm::Keys &keys, int id);
+    void attach(int id);
 
     std::string key_file_;
     std::unique_ptr<qm::SegmentView> view_;

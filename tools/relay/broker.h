@@ -48,9 +48,10 @@ public:
     // Sends a message, persistent and mandatory.
     virtual void send(const std::string &queue, const Outgoing &message) = 0;
     // Waits for the answers to all that was sent since the last call, in that order. Those that are
-    // open at the end were not answered within the limit. A blocked broker may take its time, until
-    // the relay is asked to stop.
+    // open at the end were not answered within the limit, or before the connection was lost. A
+    // blocked broker may take its time, until the relay is asked to stop.
     virtual std::vector<Verdict> answers(int milliseconds, const Stop &stop) = 0;
+    virtual BrokerError why_open() const = 0; // some were
     // Keeps an idle connection alive.
     virtual void serve() = 0;
     virtual bool blocked() const = 0;              // the broker takes nothing for now

@@ -230,6 +230,8 @@ private:
         if (route.prefetch == 0) route.prefetch = std::min<int>(2 * route.batch, kMostBatch);
         if (route.dead_letters.empty())
             route.dead_letters = config_.state_directory + "/" + route.name + ".dead";
+        if (route.local() == Endpoint{Endpoint::file_queue, route.dead_letters})
+            fail(node, "the dead letters need another file queue than the route's own");
         config_.routes.push_back(route);
     }
 

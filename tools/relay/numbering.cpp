@@ -118,8 +118,9 @@ void Numbering::advance(uint32_t count) {
 }
 
 void Numbering::released(uint32_t count) {
-    sent_before_ = std::max(sent_before_, now_.listed) - count;
+    sent_before_ = std::max(sent_before_, static_cast<uint32_t>(numbers_.size())) - count;
     advance(count);
+    numbers_.clear();
 }
 
 } // namespace halvo::relay

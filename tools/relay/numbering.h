@@ -33,7 +33,7 @@ private:
     Source &source_;
     Sending now_{};
     uint32_t sent_before_ = 0;
-    std::vector<uint64_t> numbers_; // of the batch
+    std::vector<uint64_t> numbers_; // of the batch; none behind its release
 };
 
 } // namespace halvo::relay

@@ -25,6 +25,7 @@ public:
     std::vector<Verdict> answers(int milliseconds, const Stop &stop) override;
     bool blocked() const override { return rabbit_.blocked(); }
     std::string return_reason() const override { return reason_; }
+    BrokerError why_open() const override { return why_open_; }
     void serve() override { take_frames(0); }
 
 private:
@@ -34,7 +35,8 @@ private:
     void take_back(const amqp_basic_return_t &returned);
 
     Rabbit rabbit_;
-    std::vector<Verdict> verdicts_;  // of what was sent since the last answers()
+    std::vector<Verdict> verdicts_; // of what was sent since the last answers()
+    BrokerError why_open_{BrokerError::lost, "no confirm in time"};
     std::vector<bool> answered_;     // a message that came back is, once it is confirmed too
     std::vector<std::string> names_; // their message ids
     uint64_t first_tag_ = 1;         // of the first of them; the broker counts from 1
@@ -71,12 +73,16 @@ void RabbitPublisher::send(const std::string &queue, const Outgoing &message) {
 
 std::vector<Verdict> RabbitPublisher::answers(int milliseconds, const Stop &stop) {
     int64_t end = milliseconds_now() + milliseconds;
-    while (open_ > 0) {
-        const int64_t now = milliseconds_now();
-        if (rabbit_.blocked() && !stop) end = now + milliseconds;
-        if (now >= end) break;
-        take_frames(static_cast<int>(std::min<int64_t>(end - now, 100)));
-    }
+    while (open_ > 0) try {
+            const int64_t now = milliseconds_now();
+            if (rabbit_.blocked() && !stop) end = now + milliseconds;
+            if (now >= end) break;
+            take_frames(static_cast<int>(std::min<int64_t>(end - now, 100)));
+        } catch (const BrokerError &error) {
+            if (error.kind() != BrokerError::lost) throw;
+            why_open_ = error; // what was confirmed before it counts
+            break;
+        }
     amqp_maybe_release_buffers(rabbit_.state());
     first_tag_ += verdicts_.size();
     settled_ = open_ = 0;

@@ -49,7 +49,8 @@ void Route::ask_to_stop() {
     if (!stop_.exchange(true)) log(Level::info, route_.name, "draining", "what is in flight");
 }
 
-Route::~Route() {
+void Route::stop() {
+    if (!thread_.joinable()) return;
     ask_to_stop();
     // A thread may wait for its end of the channel or for a lock of a file queue, which a signal ends.
     while (!ended_) {

@@ -48,13 +48,14 @@ class Route {
 public:
     // Opens the state file, throws StateError; then runs.
     Route(const Config &config, const RouteConfig &route);
-    ~Route(); // asks to stop, and waits until what is in flight has arrived or can be sent again
+    ~Route() { stop(); }
     Route(const Route &) = delete;
     Route &operator=(const Route &) = delete;
 
     const RouteConfig &config() const { return route_; }
     Figures &figures() { return state_.figures(); }
     void ask_to_stop();
+    void stop(); // asks, and waits until what is in flight has arrived or can be sent again
 
 private:
     void run();

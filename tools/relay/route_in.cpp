@@ -142,6 +142,7 @@ uint32_t Carrier::mark_all(uint32_t most) {
         if (message.identity.source != 0 && is_repeat(message.identity, marked)) {
             ++figures_.repeats;
         } else if (message.body.empty() || message.body.size() > sink_->longest()) {
+            if (!route_.reject_poison && marked > 0) break; // what comes before it is delivered
             if (!set_aside(message)) continue;
         } else {
             if (!sink_->mark(marked, message, kWaitMilliseconds)) break;

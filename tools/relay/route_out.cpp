@@ -31,6 +31,7 @@ private:
     void connect();
     void look();
     void carry();
+    uint32_t take(uint32_t most);
     uint32_t acceptable(uint32_t count);
     void carry_batch(uint32_t count);
     void find_unacceptable(uint32_t count, const BrokerError &error);
@@ -97,11 +98,21 @@ void Carrier::run() {
 void Carrier::carry() {
     if (told_blocked_) return sleep_until(milliseconds_now() + 50, context_.stop);
     const uint32_t allowed = pace_.allow(limit_, context_.stop);
-    const uint32_t count = allowed == 0 ? 0 : source_->take(allowed, kWaitMilliseconds);
+    const uint32_t count = allowed == 0 ? 0 : take(allowed);
     idle_ = count == 0;
     if (idle_) return;
     pace_.used(count);
-    carry_batch(acceptable(count));
+    carry_batch(count);
+}
+
+// Only what is to be released together: a file queue consumes all that was taken or nothing.
+uint32_t Carrier::take(uint32_t most) {
+    uint32_t count = source_->take(most, kWaitMilliseconds);
+    for (uint32_t fit; (fit = acceptable(count)) < count;) {
+        source_->give_back();
+        count = source_->take(fit, 0);
+    }
+    return count;
 }
 
 // The messages before the first one that is longer than the route lets through; that one alone.
@@ -121,15 +132,17 @@ void Carrier::carry_batch(uint32_t count) {
         send(count);
         const int limit =
             context_.stop ? kDrainMilliseconds : context_.broker.confirm_timeout * 1000;
-        const uint32_t done = deal_with(publisher_->answers(limit, context_.stop));
+        const std::vector<Verdict> verdicts = publisher_->answers(limit, context_.stop);
+        const uint32_t done = deal_with(verdicts);
         release(done);
         if (done == count) {
             context_.pauses.reset();
             limit_ = std::min(limit_ * 2, static_cast<uint32_t>(route_.batch));
-        } else {
-            limit_ = 1;
-            sleep_until(milliseconds_now() + context_.pauses.next(), context_.stop);
+            return;
         }
+        limit_ = 1;
+        if (verdicts[done] == Verdict::open) throw publisher_->why_open();
+        sleep_until(milliseconds_now() + context_.pauses.next(), context_.stop);
     } catch (const BrokerError &error) {
         if (error.kind() != BrokerError::unacceptable) throw;
         find_unacceptable(count, error);
@@ -190,7 +203,7 @@ bool Carrier::deal_with_failure(uint32_t index, Verdict verdict) {
         log(Level::warning, route_.name, "nack", "the broker did not keep a message");
         return false;
     default:
-        throw BrokerError(BrokerError::lost, "no confirm in time");
+        return false;
     }
 }
 

@@ -5,8 +5,8 @@
 #include <csignal>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
-#include <optional>
 
 #include "halvo/frx.h"
 #include "tools/frame/program.h"
@@ -35,7 +35,8 @@ public:
 
 private:
     void settle_routes(const Config &wanted);
-    void serve_metrics();
+    std::unique_ptr<MetricsServer> metrics_server(const std::string &where);
+    void write_metrics();
     void stop_all();
 
     const std::string path_;
@@ -44,21 +45,20 @@ private:
     std::map<std::string, std::unique_ptr<Route>> routes_;
     std::map<std::string, uint64_t> counts_; // of messages, a second ago
     int64_t ticked_ = 0;                     // milliseconds
-    std::optional<MetricsServer> server_;
+    std::unique_ptr<MetricsServer> server_;
     bool told_metrics_fault_ = false;
 };
 
 void Relay::start() {
     for (const RouteConfig &route : config_.routes)
         routes_[route.name] = std::make_unique<Route>(config_, route);
-    serve_metrics();
+    server_ = metrics_server(config_.metrics);
     log(Level::info, "", "started", std::to_string(routes_.size()) + " routes of " + path_);
 }
 
-void Relay::serve_metrics() {
-    server_.reset();
-    if (!config_.metrics.empty() && config_.metrics.rfind("file:", 0) != 0)
-        server_.emplace(config_.metrics, [this] { return metrics(); });
+std::unique_ptr<MetricsServer> Relay::metrics_server(const std::string &where) {
+    if (where.empty() || where.rfind("file:", 0) == 0) return nullptr;
+    return std::make_unique<MetricsServer>(where, [this] { return metrics(); });
 }
 
 std::string Relay::metrics() {
@@ -79,6 +79,10 @@ void Relay::tick() {
         counts_[name] = count;
     }
     ticked_ = now;
+    write_metrics();
+}
+
+void Relay::write_metrics() {
     if (config_.metrics.rfind("file:", 0) != 0) return;
     const bool failed = !replace_file(config_.metrics.substr(5), metrics());
     if (failed && !told_metrics_fault_)
@@ -128,11 +132,13 @@ void Relay::reload() {
         if (wanted.key_file != config_.key_file ||
             wanted.state_directory != config_.state_directory)
             throw ConfigError(path_ + ": another key or state directory needs a new start");
+        const bool other_metrics = wanted.metrics != config_.metrics;
+        auto server = other_metrics ? metrics_server(wanted.metrics) : nullptr; // may be refused
         settle_routes(wanted);
         log_as_json(wanted.json_log);
-        if (wanted.metrics != config_.metrics) {
+        if (other_metrics) {
+            server_ = std::move(server);
             config_.metrics = wanted.metrics;
-            serve_metrics();
         }
         config_.json_log = wanted.json_log;
         log(Level::info, "", "reloaded", std::to_string(routes_.size()) + " routes of " + path_);
@@ -146,6 +152,8 @@ void Relay::reload() {
 void Relay::stop_all() {
     server_.reset();
     for (const auto &[name, route] : routes_) route->ask_to_stop(); // all at once
+    for (const auto &[name, route] : routes_) route->stop();
+    if (ticked_ != 0) write_metrics(); // a file must not go on saying that they run
     routes_.clear();
 }
 

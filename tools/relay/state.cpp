@@ -1,7 +1,6 @@
 #include "tools/relay/state.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -36,6 +35,19 @@ constexpr char kMagic[8] = {'H', 'A', 'L', 'V', 'O', 'R', 'L', 'Y'};
 
 uint64_t header_sum(const StateContent &content) {
     return hash_of(&content, offsetof(StateContent, check));
+}
+
+// A lock of the open file, not of the process; whether somebody has it can be asked without taking it.
+bool lock_whole(int descriptor, int command, struct flock &lock) {
+    lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return fcntl(descriptor, command, &lock) == 0;
+}
+
+bool is_locked(int descriptor) {
+    struct flock lock {};
+    return lock_whole(descriptor, F_OFD_GETLK, lock) && lock.l_type != F_UNLCK;
 }
 
 std::string system_text(const std::string &path) { return path + ": " + std::strerror(errno); }
@@ -105,7 +117,10 @@ StateFile::StateFile(const std::string &path, const std::string &identity) : pat
     };
     descriptor_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (descriptor_ < 0) give_up(system_text(path));
-    if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0) give_up(path + ": another relay has it");
+    struct flock lock {};
+    if (!lock_whole(descriptor_, F_OFD_SETLK, lock))
+        give_up(errno == EAGAIN || errno == EACCES ? path + ": another relay has it"
+                                                   : system_text(path));
     struct stat info {};
     if (fstat(descriptor_, &info) != 0) give_up(system_text(path));
     if (info.st_size == 0) {
@@ -159,7 +174,7 @@ bool read_figures(const std::string &path, const std::string &identity, bool &ru
         if (errno == ENOENT) return false;
         throw StateError(system_text(path));
     }
-    running = flock(descriptor, LOCK_SH | LOCK_NB) != 0;
+    running = is_locked(descriptor);
     struct stat info {};
     void *at = MAP_FAILED;
     if (fstat(descriptor, &info) == 0 && info.st_size == sizeof(StateContent))

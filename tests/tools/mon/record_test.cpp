@@ -51,6 +51,15 @@ protected:
 
 } // namespace
 
+TEST_F(Records, say_so_when_the_clock_went_back) {
+    keep(3);
+    Recorder recorder(file, 1 << 30);
+    EXPECT_NO_THROW(recorder.add(sample_at(2))) << "twice within a second";
+    EXPECT_THROW(recorder.add(sample_at(1)), halvo::tools::ToolError);
+    recorder.add(sample_at(3));
+    EXPECT_EQ(RecordSource(file).size(), 4);
+}
+
 TEST_F(Records, show_the_same_whether_one_walks_or_jumps) {
     keep(100);
     keep(50); // a recorder that is started again adds to it

@@ -43,6 +43,19 @@ protected:
 
 } // namespace
 
+TEST_F(Samples, find_what_is_still_being_made) {
+    const halvo::qm::Keys keys(segment.key_file());
+    void *const at = shmat(shmget(keys.segment(), 0, 0), nullptr, 0);
+    const uint32_t channels = std::exchange(static_cast<halvo_segment *>(at)->nchnnl, 0);
+    EXPECT_NE(look().fault.find("not complete"), std::string::npos);
+    static_cast<halvo_segment *>(at)->nchnnl = channels;
+    semctl(semget(keys.read_locks(), 0, 0), 0, IPC_RMID);
+    EXPECT_EQ(look().channels[0].reader.held, Held::unknown);
+    semget(keys.read_locks(), 2, IPC_CREAT | 0600);
+    EXPECT_EQ(look().channels[0].reader.held, Held::yes) << "made with the value 0";
+    shmdt(at);
+}
+
 TEST_F(Samples, tell_who_holds_an_end_and_whether_he_lives) {
     Signal opened, closed;
     Peer writer([&] {

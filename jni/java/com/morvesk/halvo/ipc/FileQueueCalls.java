@@ -1,7 +1,7 @@
 package com.morvesk.halvo.ipc;
 
 /**
- * The natives of {@link FileQueue}. A transaction is two words: its handle, 0 for none, and the key
+ * The natives of {@link FileQueue}. A transaction is two words: its handle, 0 for none, and the number
  * of the lock that it holds. Results are the library's own; a failure n to lock is {@link #LOCK} +
  * n.
  */
@@ -30,6 +30,6 @@ final class FileQueueCalls {
 
     static native int setDurable(boolean durable);
 
-    /** The key of a side's lock, or -1. */
-    static native int lockKey(String path, boolean forWrite);
+    /** The number of a side's lock, or 0. */
+    static native long lockNumber(String path, boolean forWrite);
 }

@@ -6,10 +6,10 @@ import java.util.concurrent.ConcurrentHashMap;
 /** One side of a file queue, held from a transaction's first item to its end. */
 final class FileQueueTransaction {
     /** Who holds which locks in this process. Its own holder would wait for a lock, too. */
-    private static final Map<Integer, Thread> HOLDERS = new ConcurrentHashMap<>();
+    private static final Map<Long, Thread> HOLDERS = new ConcurrentHashMap<>();
     private final String path;
     private final boolean forWrite;
-    /** The handle, and the key of its lock. */
+    /** The handle, and the number of its lock. */
     final long[] words = new long[2];
     private Thread holder;
     private boolean closed;
@@ -36,12 +36,12 @@ final class FileQueueTransaction {
 
     private void hold() {
         holder = Thread.currentThread();
-        HOLDERS.put((int) words[1], holder);
+        HOLDERS.put(words[1], holder);
     }
 
     static void refuseOwnLock(String path, boolean forWrite) {
         if (!HOLDERS.isEmpty()
-                && HOLDERS.get(FileQueueCalls.lockKey(path, forWrite)) == Thread.currentThread()) {
+                && HOLDERS.get(FileQueueCalls.lockNumber(path, forWrite)) == Thread.currentThread()) {
             throw new IllegalStateException("this thread has a "
                     + (forWrite ? "write" : "read") + " transaction on " + path + " already");
         }
@@ -57,7 +57,7 @@ final class FileQueueTransaction {
     /** Before the call that ends it. */
     void ending() {
         if (isOpen()) {
-            HOLDERS.remove((int) words[1]);
+            HOLDERS.remove(words[1]);
         }
     }
 
