@@ -247,6 +247,35 @@ TEST_F(FrxWaiting, a_throttled_reader_and_a_blocked_writer_do_not_wake_each_othe
     EXPECT_LT(after.ru_nvcsw - before.ru_nvcsw, 200) << "sleeps of both threads together";
 }
 
+// A throttled reader is woken in vain by each message; a signal may come at any moment of that.
+TEST_F(FrxWaiting, a_signal_ends_the_wait_of_a_throttled_reader_that_is_woken_all_the_time) {
+    signal(SIGUSR1, ignore);
+    fill(1);
+    q->tpsmx = 1;
+    q->gcnt.count = 100000;
+    std::atomic<bool> stop{false};
+    std::thread poster([&] {
+        while (!stop) sem_postx(0);
+    });
+    for (int i = 0; i < 150; ++i) {
+        q->tpsstart = q_settime() - 1;
+        std::atomic<bool> waiting{true};
+        std::thread thread([&] {
+            EXPECT_EQ(read(60000), "[-15]");
+            waiting = false;
+        });
+        while (halvo::load(q->rwait) == 0) usleep(100);
+        usleep(static_cast<useconds_t>(i * 7));
+        pthread_kill(thread.native_handle(), SIGUSR1);
+        for (int wait = 0; wait < 2000 && waiting; ++wait) usleep(1000);
+        EXPECT_FALSE(waiting) << "the signal was lost";
+        for (; waiting; usleep(1000)) pthread_kill(thread.native_handle(), SIGUSR1);
+        thread.join();
+    }
+    stop = true;
+    poster.join();
+}
+
 TEST_F(FrxWaiting, threads_of_one_end_share_it) {
     std::atomic<int> received{0};
     const auto receive = [&] {
