@@ -1,7 +1,6 @@
 #include "core/output.h"
 
 #include <poll.h>
-#include <pthread.h>
 #include <stdio_ext.h>
 #include <sys/stat.h>
 
@@ -23,13 +22,11 @@ bool takes_what_is_buffered(int descriptor) {
 } // namespace
 
 void print(const char *format, ...) noexcept {
-    int before = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    const NoCancellation whole;
     va_list values;
     va_start(values, format);
     std::vprintf(format, values);
     va_end(values);
-    pthread_setcancelstate(before, nullptr);
 }
 
 ReadyOutput::ReadyOutput() noexcept : locked_(ftrylockfile(stdout) == 0) {

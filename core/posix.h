@@ -1,4 +1,5 @@
-// Owners of what the operating system hands out: descriptors, directories, mutexes.
+// Owners of what the operating system hands out: descriptors, directories, mutexes; and a guard
+// against being cancelled.
 //
 // Each gives its resource back when it goes; release() leaves it taken and passes the duty on.
 // None of them throws or prints. errno survives the giving back, so that an error found before
@@ -87,6 +88,19 @@ public:
 private:
     DIR *stream_ = nullptr;
     bool failed_ = false;
+};
+
+// Puts a cancellation of the thread off while it stands: no frame of a function that throws nothing
+// can be unwound, so that a point for one there would end the process.
+class NoCancellation {
+public:
+    NoCancellation() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    NoCancellation(const NoCancellation &) = delete;
+    NoCancellation &operator=(const NoCancellation &) = delete;
+    ~NoCancellation() { pthread_setcancelstate(before_, nullptr); }
+
+private:
+    int before_ = PTHREAD_CANCEL_ENABLE;
 };
 
 // A locked mutex, or none.

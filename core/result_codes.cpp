@@ -1,8 +1,7 @@
 // sms_shm: the names of the result codes, for people.
-#include <pthread.h>
-
 #include <cstdio>
 
+#include "core/posix.h"
 #include "halvo/result.h"
 
 namespace {
@@ -43,9 +42,6 @@ int print_code(const char *prefix, int code) {
 } // namespace
 
 int printr(const char *prefix, int code) noexcept {
-    int before = 0; // as halvo::print()
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
-    const int result = print_code(prefix, code);
-    pthread_setcancelstate(before, nullptr);
-    return result;
+    const halvo::NoCancellation whole; // as halvo::print()
+    return print_code(prefix, code);
 }

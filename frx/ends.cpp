@@ -78,11 +78,15 @@ int frx_initialized() noexcept { return init_shm(nullptr) == ESMS_OK; }
 
 int frx_monitorTimeout() noexcept { return monitor_pass(); }
 
+// May be cancelled in its pause, by a program that runs it in a thread of its own.
 void *timeoutLoop(void *) noexcept {
     bool said = false;
     while (goLoop) {
-        if (!said) said = say("C Timeout Monitoring Service Started.");
-        monitor_pass();
+        {
+            const NoCancellation whole;
+            if (!said) said = say("C Timeout Monitoring Service Started.");
+            monitor_pass();
+        }
         usleep(kMonitorPause);
     }
     return nullptr;

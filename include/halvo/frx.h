@@ -20,7 +20,8 @@
  *             also answer ESMS_TIMEOUT, and ESMS_JAVAINTR when a signal other than SIGUSR2
  *             interrupted the wait.
  *   cancel    the reads and writes that wait are cancellation points while they sleep: a thread that
- *             is cancelled there withdraws its wait. No other function here is one on purpose.
+ *             is cancelled there withdraws its wait. timeoutLoop() is one in its pauses. In every
+ *             other function here a cancellation is put off.
  */
 #ifndef HALVO_FRX_H
 #define HALVO_FRX_H

@@ -4,6 +4,7 @@
 #include <sys/sem.h>
 
 #include <csignal>
+#include <functional>
 #include <thread>
 
 #include "tests/support/frx_fixture.h"
@@ -39,11 +40,10 @@ int value_of(const Segment &segment, const char *suffix) {
     return semctl(semget(ftok(path.c_str(), 1), 1, 0), 0, GETVAL);
 }
 
-// A thread that has been cancelled when it writes what the channel cannot take.
-[[maybe_unused]] void *write_cancelled(void *end) {
-    const char too_long[4096] = {};
+// A thread that has been cancelled when it makes a call.
+[[maybe_unused]] void *call_cancelled(void *call) {
     pthread_cancel(pthread_self());
-    ::frx_write(static_cast<FrxChannel *>(end), 1, too_long, sizeof too_long, 0);
+    (*static_cast<std::function<void()> *>(call))();
     pthread_testcancel();
     return nullptr;
 }
@@ -221,13 +221,28 @@ TEST_F(FrxWaiting, a_cancelled_thread_withdraws_its_wait) {
     EXPECT_EQ(read(), "0");
 }
 
-TEST_F(FrxWaiting, a_cancelled_thread_that_prints_a_refusal_gives_the_end_back) {
+// Such calls throw nothing and cannot be unwound: they end first, and give back what they took.
+TEST_F(FrxWaiting, a_cancelled_thread_ends_behind_a_call_that_does_not_wait_for_a_message) {
     setvbuf(stdout, nullptr, _IONBF, 0); // so that each line is written at once
-    pthread_t thread{};
-    ASSERT_EQ(pthread_create(&thread, nullptr, write_cancelled, &writer), 0);
-    void *result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    const char too_long[4096] = {};
+    std::function<void()> calls[] = {
+        [&] { ::frx_write(&writer, 1, too_long, sizeof too_long, 0); }, // prints a refusal
+        [] { q_recover(0, 'r'); },
+        [] { init_shm(""); },
+        [] { q_save_snapshot("", 1, "/dev/null"); },
+        [] {
+            reg_wait_thread(-1000);
+            frx_monitorTimeout();
+        },
+        [] { timeoutLoop(nullptr); }, // has pauses in which it goes
+        init_sig};
+    for (std::function<void()> &call : calls) {
+        pthread_t thread{};
+        ASSERT_EQ(pthread_create(&thread, nullptr, call_cancelled, &call), 0);
+        void *result = nullptr;
+        pthread_join(thread, &result);
+        EXPECT_EQ(result, PTHREAD_CANCELED);
+    }
     fill(1);
     EXPECT_EQ(read(), "0");
 }
