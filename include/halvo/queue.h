@@ -65,7 +65,8 @@ HALVO_API int close_shm(void) HALVO_NOEXCEPT;
  * init_shm() ends the view and attaches in its usual way; close_shm() ends it too. */
 HALVO_API int q_attach_view(const char *keyfile) HALVO_NOEXCEPT;
 
-/* The segment header, or null when not attached. */
+/* The segment header, or null when never attached. After a close_shm() it is an address where nothing
+ * lies any more: use neither it nor q_chnnl2q() then. (A view that has ended leaves null.) */
 HALVO_API halvo_segment *q_0(void) HALVO_NOEXCEPT;
 
 /* The header of a channel, or null when not attached. The number is not checked: the caller must
@@ -95,7 +96,8 @@ HALVO_API halvo_channel *q_open(int channel, char mode) HALVO_NOEXCEPT;
  * other programs call frx_monitorTimeout(). A timeout answers null, as every failure. */
 HALVO_API halvo_channel *q_open_wait(int channel, char mode, int limit) HALVO_NOEXCEPT;
 
-/* Gives an end back; process id and name stay in the header and show the last holder.
+/* Gives an end back; process id and name stay in the header and show the last holder. Nobody looks who
+ * calls: close once what this process has opened, for each close admits one process to the end.
  * returns  ESMS_OK; ESMS_NOINIT; ESMS_INVAL for an unknown channel; ESMS_FAILED for an unknown
  *          mode; when the lock cannot be given back ESMS_MTXLOCK for 'r', ESMS_MTXUNLOCK for 'w'. */
 HALVO_API int q_close(int channel, char mode) HALVO_NOEXCEPT;

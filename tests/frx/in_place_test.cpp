@@ -31,6 +31,8 @@ TEST_F(FrxInPlace, calls_refuse_what_the_others_refuse) {
     EXPECT_EQ(frx_readMany(&reader, nullptr, 1, 0), ESMS_INVAL);
     EXPECT_EQ(frx_readMany(&reader, &none, 0, 0), ESMS_INVAL);
     EXPECT_EQ(frx_writeMany(&writer, &none, 0, 0), ESMS_INVAL);
+    EXPECT_EQ(frx_readMany(&reader, &none, 1, 0), ESMS_INVAL) << "nowhere to go";
+    none.data = body;
     q->pidp = q->pidg = 1; // another process has them
     EXPECT_EQ(frx_peek(&reader, &slot, 0), ESMS_ACCESS);
     EXPECT_EQ(frx_release(&reader, 0), ESMS_ACCESS);

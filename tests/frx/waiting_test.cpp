@@ -316,6 +316,7 @@ TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
     EXPECT_EQ(frx_read(&reader, slot.data(), 0), ESMS_TIMEOUT);
     std::atomic<bool> stop{false};
     std::thread busy([&] {
+        frx_lock(&reader);
         while (!stop) {
             reg_wait_thread(60000);
             unreg_wait_thread();
@@ -326,6 +327,8 @@ TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
         Peer child([&] {
             alarm(10);
             if (frx_read(&reader, slot.data(), 0) != ESMS_ACCESS) return 1;
+            if (frx_closeChannel(&reader) != ESMS_ACCESS) return 3; // it would let a second one in
+            if (frx_lock(&reader) != ESMS_OK) return 4;             // whoever held it in the parent
             return reg_wait_thread(1000) == 0 ? 0 : 2; // its parent's waits are not its own
         });
         ASSERT_EQ(child.wait(), 0);
