@@ -69,7 +69,7 @@ HALVO_API int q_attach_view(const char *keyfile) HALVO_NOEXCEPT;
  * lies any more: use neither it nor q_chnnl2q() then. (A view that has ended leaves null.) */
 HALVO_API halvo_segment *q_0(void) HALVO_NOEXCEPT;
 
-/* The header of a channel, or null when not attached. The number is not checked: the caller must
+/* The header of a channel, or null when never attached. The number is not checked: the caller must
  * hold a number from 0 to nchnnl - 1. */
 HALVO_API halvo_channel *q_chnnl2q(int channel) HALVO_NOEXCEPT;
 
@@ -194,7 +194,7 @@ HALVO_API int q_read_markedcount(halvo_channel *q) HALVO_NOEXCEPT;
 /* Copies marked message `index` (0 is the oldest) into buffer; it stays marked. ESMS_OK, or
  * ESMS_INVAL when that slot is not marked or the index is negative or too great. */
 HALVO_API int q_read_markedmsg(halvo_channel *q, int index, void *buffer) HALVO_NOEXCEPT;
-/* Releases the first n marked messages (0: all) as consumed. Returns how many.
+/* Releases the first n marked messages (0: all; below 0: one) as consumed. Returns how many.
  * error  added to the channel's error count for each message. */
 HALVO_API int q_read_commit(halvo_channel *q, int n, int error) HALVO_NOEXCEPT;
 /* The same as q_read_commit(q, n, 0) for any code. A caller who wants errors counted calls
