@@ -230,10 +230,6 @@ TEST_F(FrxWaiting, a_cancelled_thread_ends_behind_a_call_that_does_not_wait_for_
         [] { q_recover(0, 'r'); },
         [] { init_shm(""); },
         [] { q_save_snapshot("", 1, "/dev/null"); },
-        [] {
-            reg_wait_thread(-1000);
-            frx_monitorTimeout();
-        },
         [] { timeoutLoop(nullptr); }, // has pauses in which it goes
         init_sig};
     for (std::function<void()> &call : calls) {
@@ -263,7 +259,7 @@ TEST_F(FrxWaiting, a_throttled_reader_and_a_blocked_writer_do_not_wake_each_othe
 }
 
 // A throttled reader is woken in vain by each message; a signal may come at any moment of that.
-TEST_F(FrxWaiting, a_signal_ends_the_wait_of_a_throttled_reader_that_is_woken_all_the_time) {
+TEST_F(FrxWaiting, a_signal_ends_the_wait_of_a_reader_that_is_woken_in_vain) {
     signal(SIGUSR1, ignore);
     fill(1);
     q->tpsmx = 1;
@@ -274,17 +270,10 @@ TEST_F(FrxWaiting, a_signal_ends_the_wait_of_a_throttled_reader_that_is_woken_al
     });
     for (int i = 0; i < 150; ++i) {
         q->tpsstart = q_settime() - 1;
-        std::atomic<bool> waiting{true};
-        std::thread thread([&] {
-            EXPECT_EQ(read(60000), "[-15]");
-            waiting = false;
-        });
+        std::thread thread([&] { EXPECT_EQ(read(5000), "[-15]") << "lost"; });
         while (halvo::load(q->rwait) == 0) usleep(100);
         usleep(static_cast<useconds_t>(i * 7));
         pthread_kill(thread.native_handle(), SIGUSR1);
-        for (int wait = 0; wait < 2000 && waiting; ++wait) usleep(1000);
-        EXPECT_FALSE(waiting) << "the signal was lost";
-        for (; waiting; usleep(1000)) pthread_kill(thread.native_handle(), SIGUSR1);
         thread.join();
     }
     stop = true;
