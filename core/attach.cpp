@@ -5,13 +5,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <utility>
 
 #include "core/barrier.h"
 #include "core/end.h"
 #include "core/keys.h"
 #include "core/mapping.h"
+#include "core/output.h"
 #include "core/segment.h"
 #include "core/semaphores.h"
 #include "core/service_lock.h"
@@ -37,8 +37,8 @@ bool attach_segment(const char *keyfile, bool usable) {
         if (segment_size >= sizeof(halvo_segment)) return true;
         shmdt(std::exchange(shmblock, failed));
     }
-    std::printf("shmat failed keyfile %s id %d block %d\n", keyfile, id,
-                static_cast<int>(reinterpret_cast<intptr_t>(shmblock)));
+    print("shmat failed keyfile %s id %d block %d\n", keyfile, id,
+          static_cast<int>(reinterpret_cast<intptr_t>(shmblock)));
     return false;
 }
 
@@ -109,7 +109,7 @@ int init_shm(const char *keyfile) noexcept {
         start_signal_service();
         result = ESMS_OK;
     }
-    std::puts("SHM_INIT_FINISHED.");
+    print("SHM_INIT_FINISHED.\n");
     return unlock_service() ? result : ESMS_MTXUNLOCK;
 }
 

@@ -147,6 +147,15 @@ void leave(void *sleeping) {
     left.wait.withdraw();
 }
 
+// The slot whose state lets a woken thread go on with its signals let in. None that stands ready
+// already and was refused (a rate limit, parked messages): the look behind this sleep may be in vain
+// too, and a signal must not get between it and the next sleep.
+WantedState awaited_slot(const Waiter &waiter) {
+    static constexpr halvo_i32 kNever = -1;
+    const WantedState slot = wanted_state(waiter.side, waiter.q);
+    return load(*slot.state) == slot.wanted ? WantedState{&kNever, 0} : slot;
+}
+
 // One sleep, on the semaphore or, without one, for a while.
 Woken sleep(Sleeper &sleeper, Announced &wait, int semid) {
     const Waiter &waiter = wait.waiter();
@@ -154,7 +163,7 @@ Woken sleep(Sleeper &sleeper, Announced &wait, int semid) {
     Woken woken = Woken::never_slept;
     pthread_cleanup_push(leave, &sleeping);
     if (semid != -1)
-        woken = sleeper.take(semid, 0, 0, wanted_state(waiter.side, waiter.q));
+        woken = sleeper.take(semid, 0, 0, awaited_slot(waiter));
     else
         woken = sleeper.pause(kPauseMilliseconds);
     pthread_cleanup_pop(0);

@@ -5,6 +5,8 @@
 
 #include <atomic>
 
+#include "core/posix.h"
+
 namespace halvo {
 
 namespace {
@@ -32,6 +34,7 @@ MappingUse::~MappingUse() {
 }
 
 void wait_for_mapping_users() noexcept {
+    const CancellationOff whole;
     // Adds nothing, but orders the look behind the caller's store.
     while (users.fetch_add(0, std::memory_order_seq_cst) % kFork != 0) usleep(50);
 }

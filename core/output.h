@@ -2,13 +2,16 @@
 // another thread that does; and for threads that may be cancelled.
 #pragma once
 
+#include "core/posix.h"
+
 namespace halvo {
 
 // printf(), with a cancellation put off: it is a point for one, where the thread may hold an end's lock,
 // and no frame of the library could be unwound.
 [[gnu::format(printf, 1, 2)]] void print(const char *format, ...) noexcept;
 
-// Standard output, locked for this thread, if it takes a few lines at once.
+// Standard output, locked for this thread, if it takes a few lines at once. A cancellation meanwhile
+// is put off.
 class ReadyOutput {
 public:
     ReadyOutput() noexcept;
@@ -19,6 +22,7 @@ public:
     explicit operator bool() const noexcept { return ready_; }
 
 private:
+    const CancellationOff whole_;
     const bool locked_;
     bool ready_ = false;
 };

@@ -89,6 +89,19 @@ private:
     bool failed_ = false;
 };
 
+// Puts a cancellation of the thread off while it stands: no frame of a function that throws nothing
+// can be unwound, so that a point for one there would end the process.
+class CancellationOff {
+public:
+    CancellationOff() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    CancellationOff(const CancellationOff &) = delete;
+    CancellationOff &operator=(const CancellationOff &) = delete;
+    ~CancellationOff() { pthread_setcancelstate(before_, nullptr); }
+
+private:
+    int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
 // A locked mutex, or none.
 class MutexLock {
 public:
@@ -114,19 +127,6 @@ public:
 
 private:
     pthread_mutex_t *mutex_ = nullptr;
-};
-
-// Puts a cancellation of the calling thread off: in a function that throws nothing it would end the
-// process, and no frame of the library could be unwound.
-class CancellationOff {
-public:
-    CancellationOff() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    CancellationOff(const CancellationOff &) = delete;
-    CancellationOff &operator=(const CancellationOff &) = delete;
-    ~CancellationOff() { pthread_setcancelstate(before_, nullptr); }
-
-private:
-    int before_ = 0;
 };
 
 } // namespace halvo

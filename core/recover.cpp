@@ -7,6 +7,7 @@
 
 #include <optional>
 
+#include "core/posix.h"
 #include "core/segment.h"
 #include "core/side.h"
 
@@ -74,6 +75,7 @@ std::optional<uint32_t> settled_position(const halvo_channel *q, const Ring &rin
     const auto look = [&] { return position_by_states(q, ring, side, peer); };
     std::optional<uint32_t> position = look();
     if (!is_alive(load(q->*peer.pid))) return position;
+    const CancellationOff whole;
     int still = 1;
     for (int i = 0; i < kMostLooks && still < kStillLooks; ++i) {
         usleep(kBetweenLooks);

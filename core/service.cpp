@@ -1,8 +1,7 @@
 // sms_sig: the start of the signal service, as a program asks for it.
 #include <pthread.h>
 
-#include <cstdio>
-
+#include "core/output.h"
 #include "core/signals.h"
 #include "core/wait_registry.h"
 #include "halvo/queue.h"
@@ -17,11 +16,9 @@ static_assert(sizeof kRule == 1 + 61 + 1 + 1);
 void init_sig() noexcept {
     // Kept: every call makes a new key and wipes the registry; the old key is abandoned.
     if (!halvo::make_signal_key())
-        std::printf("pthread_key_create error at %dline in %s/\n", 255, "sms_sig");
+        halvo::print("pthread_key_create error at %dline in %s/\n", 255, "sms_sig");
     halvo::clear_wait_registry();
     install_handler();
-    std::puts(kRule);
-    std::printf("/*             Signal Service Initialized at #%d             */\n",
-                static_cast<int>(pthread_self()));
-    std::puts(kRule);
+    halvo::print("%s\n/*             Signal Service Initialized at #%d             */\n%s\n", kRule,
+                 static_cast<int>(pthread_self()), kRule);
 }

@@ -30,6 +30,7 @@ int q_snapshot(void *buffer, int size) noexcept {
 // Kept: the file is not truncated and a failed write is not reported.
 int q_save_snapshot(const void *buffer, int length, const char *path) noexcept {
     if (!path) return -2;
+    const CancellationOff whole;
     const Descriptor file = open_file(path, O_WRONLY | O_CREAT);
     if (file.get() < 0) return file.get();
     if (buffer && length > 0) {
@@ -44,6 +45,7 @@ int q_load_snapshot(void *buffer, int length, const char *path) noexcept {
     if (length <= 0) return -3;
     struct stat found {};
     if (stat(path, &found) != 0 || found.st_size != length) return -1;
+    const CancellationOff whole;
     const Descriptor file = open_file(path, O_RDONLY);
     if (file.get() < 0) return file.get();
     const ssize_t got = read(file.get(), buffer, static_cast<size_t>(length));

@@ -22,6 +22,13 @@ constexpr useconds_t kMonitorPause = 100000; // microseconds
 FrxSession qOpenSessions[kSessions];
 static_assert(sizeof(void *) != 4 || sizeof qOpenSessions == 14336);
 
+// Empties the table. A forked child has opened nothing: its parent's ends are not its own to give back, and their locks
+// may have been held by threads that it does not have.
+void begin_anew() {
+    for (FrxSession &session : qOpenSessions) session = {};
+}
+[[maybe_unused]] const int watched = pthread_atfork(nullptr, nullptr, begin_anew);
+
 std::atomic<int32_t> goLoop{1}; // nothing sets it to 0: the monitor lives as long as the process
 pthread_t toutMon;
 
@@ -68,7 +75,7 @@ int frx_initialize(const char *keyfile) noexcept {
     init_sig();
     const int result = init_shm(keyfile);
     if (!lock_service()) return ESMS_MTXLOCK;
-    for (FrxSession &session : qOpenSessions) session = {};
+    begin_anew();
     goLoop = 1;
     pthread_create(&toutMon, nullptr, timeoutLoop, nullptr);
     return unlock_service() ? result : ESMS_MTXUNLOCK;
@@ -78,11 +85,15 @@ int frx_initialized() noexcept { return init_shm(nullptr) == ESMS_OK; }
 
 int frx_monitorTimeout() noexcept { return monitor_pass(); }
 
+// May be cancelled in its pause, by a program that runs it in a thread of its own.
 void *timeoutLoop(void *) noexcept {
     bool said = false;
     while (goLoop) {
-        if (!said) said = say("C Timeout Monitoring Service Started.");
-        monitor_pass();
+        {
+            const CancellationOff whole;
+            if (!said) said = say("C Timeout Monitoring Service Started.");
+            monitor_pass();
+        }
         usleep(kMonitorPause);
     }
     return nullptr;

@@ -42,7 +42,8 @@ int frx_readMany(FrxChannel *handle, FrxMessage *messages, int n, int timeout) {
         }
         return done > 0 ? ESMS_OK : result;
     };
-    return when_read(handle, messages && n > 0, timeout, read_some, [&](halvo_channel *q) {
+    const bool arguments_ok = messages && n > 0 && messages->data;
+    return when_read(handle, arguments_ok, timeout, read_some, [&](halvo_channel *q) {
         finish_transfer(kReader, q, handle->channel);
         return done;
     });
@@ -64,7 +65,7 @@ int frx_publish(FrxChannel *handle, int type, uint32_t length) noexcept {
 }
 
 int frx_writeMany(FrxChannel *handle, const FrxMessage *messages, int n, int timeout) {
-    const CheckedEnd end = check_end(kWriter, handle, messages && n > 0);
+    const CheckedEnd end = check_end(kWriter, handle, messages && n > 0 && messages->data);
     if (end.fault != ESMS_OK) return end.fault;
     int done = 0;
     const auto write_some = [&](halvo_channel *q) {

@@ -44,7 +44,7 @@ int frx_sizeOfBlock(int channel) noexcept {
 
 int frx_countOfBlocks(int channel) noexcept {
     const halvo_channel *q = frx_header(channel);
-    return q ? static_cast<int>(q->qcnt) - 2 : ESMS_INVAL;
+    return q ? static_cast<int>(load(q->qcnt) - 2) : ESMS_INVAL;
 }
 
 int frx_sizeOfData(int channel) noexcept {

@@ -2,16 +2,13 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
-#include <algorithm>
-
+#include "core/keys.h"
 #include "jni/companion.h"
 #include "jni/wake.h"
 
 using namespace halvo;
 
 namespace {
-
-constexpr int kSegmentProject = 1; // ftok project id of the segment
 
 // Whether an attach would succeed now, which it may try once only, and find channels: they are
 // counted last when a segment is made.

@@ -20,7 +20,11 @@
  *             also answer ESMS_TIMEOUT, and ESMS_JAVAINTR when a signal other than SIGUSR2
  *             interrupted the wait.
  *   cancel    the reads and writes that wait are cancellation points while they sleep: a thread that
- *             is cancelled there withdraws its wait. No other function here is one on purpose.
+ *             is cancelled there withdraws its wait. timeoutLoop() is one in its pauses. In every
+ *             other function here a cancellation is put off.
+ *   fork      a child has opened nothing and has no monitor: its parent's handles are not valid there
+ *             (ESMS_ACCESS). To open ends of its own it calls frx_initialize(), which answers
+ *             ESMS_ALREADY, and starts a monitor.
  */
 #ifndef HALVO_FRX_H
 #define HALVO_FRX_H
@@ -61,7 +65,8 @@ HALVO_API int frx_channelByName(const char *name) HALVO_NOEXCEPT;
  *          timed out; ESMS_MTXINIT. A new handle replaces the recorded one of that end. */
 HALVO_API int frx_openChannel(FrxChannel *handle, const char *client, int channel, char side,
                               int timeout) HALVO_NOEXCEPT;
-/* Gives the end back to other processes; returns q_close()'s result. The handle stays recorded. */
+/* Gives the end back to other processes; returns q_close()'s result. The handle stays recorded: close
+ * it once, as q_close() tells. */
 HALVO_API int frx_closeChannel(FrxChannel *handle) HALVO_NOEXCEPT;
 /* 1 when this very handle opened its end last in this process, else 0. */
 HALVO_API int frx_isValid(const FrxChannel *handle) HALVO_NOEXCEPT;

@@ -71,17 +71,19 @@ private:
 class Limit {
 public:
     template <class Rep, class Period>
-    Limit(std::chrono::duration<Rep, Period> limit) noexcept {
-        const auto rounded = std::chrono::ceil<std::chrono::milliseconds>(limit).count();
-        milliseconds_ = rounded > INT_MAX ? INT_MAX : rounded < 0 ? 0 : static_cast<int>(rounded);
+    constexpr Limit(std::chrono::duration<Rep, Period> limit) noexcept {
+        // The longest durations of <chrono> have no number of milliseconds but a floating one.
+        const double exact = std::chrono::duration<double, std::milli>(limit).count();
+        milliseconds_ = exact >= INT_MAX ? INT_MAX : exact > 0 ? static_cast<int>(exact) : 0;
+        if (milliseconds_ < INT_MAX && exact > milliseconds_) ++milliseconds_;
     }
     /* Does not wait for room; a read ends at the monitor's next scan. */
-    static Limit none() noexcept { return Limit(-1); }
-    int milliseconds() const noexcept { return milliseconds_; }
+    static constexpr Limit none() noexcept { return Limit(-1); }
+    constexpr int milliseconds() const noexcept { return milliseconds_; }
 
 private:
-    explicit Limit(int milliseconds) noexcept : milliseconds_(milliseconds) {}
-    int milliseconds_;
+    explicit constexpr Limit(int milliseconds) noexcept : milliseconds_(milliseconds) {}
+    int milliseconds_ = 0;
 };
 
 namespace detail {

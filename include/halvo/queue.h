@@ -65,10 +65,11 @@ HALVO_API int close_shm(void) HALVO_NOEXCEPT;
  * init_shm() ends the view and attaches in its usual way; close_shm() ends it too. */
 HALVO_API int q_attach_view(const char *keyfile) HALVO_NOEXCEPT;
 
-/* The segment header, or null when not attached. */
+/* The segment header, or null when never attached. After a close_shm() it is an address where nothing
+ * lies any more: use neither it nor q_chnnl2q() then. (A view that has ended leaves null.) */
 HALVO_API halvo_segment *q_0(void) HALVO_NOEXCEPT;
 
-/* The header of a channel, or null when not attached. The number is not checked: the caller must
+/* The header of a channel, or null when never attached. The number is not checked: the caller must
  * hold a number from 0 to nchnnl - 1. */
 HALVO_API halvo_channel *q_chnnl2q(int channel) HALVO_NOEXCEPT;
 
@@ -95,7 +96,8 @@ HALVO_API halvo_channel *q_open(int channel, char mode) HALVO_NOEXCEPT;
  * other programs call frx_monitorTimeout(). A timeout answers null, as every failure. */
 HALVO_API halvo_channel *q_open_wait(int channel, char mode, int limit) HALVO_NOEXCEPT;
 
-/* Gives an end back; process id and name stay in the header and show the last holder.
+/* Gives an end back; process id and name stay in the header and show the last holder. Nobody looks who
+ * calls: close once what this process has opened, for each close admits one process to the end.
  * returns  ESMS_OK; ESMS_NOINIT; ESMS_INVAL for an unknown channel; ESMS_FAILED for an unknown
  *          mode; when the lock cannot be given back ESMS_MTXLOCK for 'r', ESMS_MTXUNLOCK for 'w'. */
 HALVO_API int q_close(int channel, char mode) HALVO_NOEXCEPT;
@@ -192,7 +194,7 @@ HALVO_API int q_read_markedcount(halvo_channel *q) HALVO_NOEXCEPT;
 /* Copies marked message `index` (0 is the oldest) into buffer; it stays marked. ESMS_OK, or
  * ESMS_INVAL when that slot is not marked or the index is negative or too great. */
 HALVO_API int q_read_markedmsg(halvo_channel *q, int index, void *buffer) HALVO_NOEXCEPT;
-/* Releases the first n marked messages (0: all) as consumed. Returns how many.
+/* Releases the first n marked messages (0: all; below 0: one) as consumed. Returns how many.
  * error  added to the channel's error count for each message. */
 HALVO_API int q_read_commit(halvo_channel *q, int n, int error) HALVO_NOEXCEPT;
 /* The same as q_read_commit(q, n, 0) for any code. A caller who wants errors counted calls

@@ -12,6 +12,7 @@ TEST_F(FrxInPlace, calls_refuse_what_the_others_refuse) {
     EXPECT_EQ(frx_readMany(&reader, nullptr, 1, 0), ESMS_INVAL);
     EXPECT_EQ(frx_readMany(&reader, &none, 0, 0), ESMS_INVAL);
     EXPECT_EQ(frx_writeMany(&writer, &none, 0, 0), ESMS_INVAL);
+    EXPECT_EQ(frx_readMany(&reader, &none, 1, 0), ESMS_INVAL) << "nowhere to go";
 }
 
 TEST_F(FrxInPlace, a_batch_stops_where_the_ring_or_the_room_ends) {

@@ -3,6 +3,7 @@
 #include <sys/time.h>
 
 #include <csignal>
+#include <functional>
 #include <thread>
 
 #include "tests/support/frx_fixture.h"
@@ -21,11 +22,10 @@ using FrxWaiting = FrxTest;
     return nullptr;
 }
 
-// A thread that has been cancelled when it writes what the channel cannot take.
-[[maybe_unused]] void *write_cancelled(void *end) {
-    const char too_long[4096] = {};
+// A thread that has been cancelled when it makes a call.
+[[maybe_unused]] void *call_cancelled(void *call) {
     pthread_cancel(pthread_self());
-    ::frx_write(static_cast<FrxChannel *>(end), 1, too_long, sizeof too_long, 0);
+    (*static_cast<std::function<void()> *>(call))();
     pthread_testcancel();
     return nullptr;
 }
@@ -177,13 +177,24 @@ TEST_F(FrxWaiting, a_cancelled_thread_withdraws_its_wait) {
     EXPECT_EQ(read(), "0");
 }
 
-TEST_F(FrxWaiting, a_cancelled_thread_that_prints_a_refusal_gives_the_end_back) {
+// Such calls throw nothing and cannot be unwound: they end first, and give back what they took.
+TEST_F(FrxWaiting, a_cancelled_thread_ends_behind_a_call_that_does_not_wait_for_a_message) {
     setvbuf(stdout, nullptr, _IONBF, 0); // so that each line is written at once
-    pthread_t thread{};
-    ASSERT_EQ(pthread_create(&thread, nullptr, write_cancelled, &writer), 0);
-    void *result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    const char too_long[4096] = {};
+    std::function<void()> calls[] = {
+        [&] { ::frx_write(&writer, 1, too_long, sizeof too_long, 0); }, // prints a refusal
+        [] { q_recover(0, 'r'); },
+        [] { init_shm(""); },
+        [] { q_save_snapshot("", 1, "/dev/null"); },
+        [] { timeoutLoop(nullptr); }, // has pauses in which it goes
+        init_sig};
+    for (std::function<void()> &call : calls) {
+        pthread_t thread{};
+        ASSERT_EQ(pthread_create(&thread, nullptr, call_cancelled, &call), 0);
+        void *result = nullptr;
+        pthread_join(thread, &result);
+        EXPECT_EQ(result, PTHREAD_CANCELED);
+    }
     fill(1);
     EXPECT_EQ(read(), "0");
 }
@@ -199,6 +210,28 @@ TEST_F(FrxWaiting, a_throttled_reader_and_a_blocked_writer_do_not_wake_each_othe
     EXPECT_EQ(read(500), "[-1]");
     blocked.join();
     EXPECT_LT(usage_of(RUSAGE_SELF).ru_nvcsw - before, 200) << "sleeps of both threads together";
+}
+
+// A throttled reader is woken in vain by each message; a signal may come at any moment of that.
+TEST_F(FrxWaiting, a_signal_ends_the_wait_of_a_reader_that_is_woken_in_vain) {
+    signal(SIGUSR1, ignore);
+    fill(1);
+    q->tpsmx = 1;
+    q->gcnt.count = 100000;
+    std::atomic<bool> stop{false};
+    std::thread poster([&] {
+        while (!stop) sem_postx(0);
+    });
+    for (int i = 0; i < 150; ++i) {
+        q->tpsstart = q_settime() - 1;
+        std::thread thread([&] { EXPECT_EQ(read(5000), "[-15]") << "lost"; });
+        while (halvo::load(q->rwait) == 0) usleep(100);
+        usleep(static_cast<useconds_t>(i * 7));
+        pthread_kill(thread.native_handle(), SIGUSR1);
+        thread.join();
+    }
+    stop = true;
+    poster.join();
 }
 
 TEST_F(FrxWaiting, threads_of_one_end_share_it) {
@@ -225,6 +258,7 @@ TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
     EXPECT_EQ(frx_read(&reader, slot.data(), 0), ESMS_TIMEOUT);
     std::atomic<bool> stop{false};
     std::thread busy([&] {
+        frx_lock(&reader);
         while (!stop) {
             reg_wait_thread(60000);
             unreg_wait_thread();
@@ -235,6 +269,8 @@ TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
         Peer child([&] {
             alarm(10);
             if (frx_read(&reader, slot.data(), 0) != ESMS_ACCESS) return 1;
+            if (frx_closeChannel(&reader) != ESMS_ACCESS) return 3; // it would let a second one in
+            if (frx_lock(&reader) != ESMS_OK) return 4;             // whoever held it in the parent
             return reg_wait_thread(1000) == 0 ? 0 : 2; // its parent's waits are not its own
         });
         ASSERT_EQ(child.wait(), 0);

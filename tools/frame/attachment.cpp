@@ -5,17 +5,14 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
 
+#include "core/keys.h"
 #include "halvo/segment.h"
 #include "tools/frame/text.h"
 
 namespace halvo::tools {
 
 namespace {
-
-constexpr int kSegmentProject = 1; // of ftok
-constexpr size_t kPathSize = 2048; // what the library has for the longest of the three key files
 
 std::string fault_of_segment(int id, bool writing) {
     void *const address = shmat(id, nullptr, writing ? 0 : SHM_RDONLY);
@@ -37,7 +34,7 @@ std::string fault_of_segment(int id, bool writing) {
 
 std::string attach_fault(const std::string &key_file, bool writing) {
     std::string fault;
-    if (key_file.size() + std::strlen(".post") >= kPathSize) {
+    if (KeyPath(key_file.c_str(), kPostSuffix).text[0] == '\0') {
         fault = "the path is too long";
     } else if (const key_t key = ftok(key_file.c_str(), kSegmentProject); key == -1) {
         fault = errno == ENOENT ? "no such key file; halvo-qm create makes one and its segment"
