@@ -22,4 +22,17 @@ void far_barrier() noexcept {
         syscall(SYS_membarrier, MEMBARRIER_CMD_GLOBAL_EXPEDITED, 0);
 }
 
+bool join_process_barriers() noexcept {
+    static const bool joined =
+        syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0) == 0;
+    return joined;
+}
+
+void process_barrier() noexcept {
+    constexpr long kLong[2] = {0, 10000000}; // nanoseconds; a store leaves its processor far sooner
+    full_fence();
+    if (syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0) != 0)
+        syscall(SYS_nanosleep, kLong, nullptr);
+}
+
 } // namespace halvo

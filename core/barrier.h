@@ -35,4 +35,9 @@ inline void near_barrier() noexcept {
 
 void far_barrier() noexcept;
 
+// The same within this process alone: every thread of it that runs passes a barrier. Whether the
+// kernel can is asked first, once in a process.
+bool join_process_barriers() noexcept;
+void process_barrier() noexcept;
+
 } // namespace halvo

@@ -10,7 +10,6 @@
 #include <ctime>
 #include <utility>
 
-#include "core/barrier.h"
 #include "core/signals.h"
 #include "core/waits.h"
 
@@ -225,16 +224,6 @@ Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) {
         if (attempt(context)) return Wait::settled;
         if (end == End::out_of_time || by_signal == Wait::timed_out) return Wait::timed_out;
     }
-}
-
-void wake_waiting(const Side &side, halvo_channel *q, int channel) noexcept {
-    near_barrier();
-    if (load(q->*side.peer_waiting) != 0) side.wake_peer(channel);
-}
-
-void finish_transfer(const Side &side, halvo_channel *q, int channel) noexcept {
-    refresh(q->*side.waiting, 0);
-    wake_waiting(side, q, channel);
 }
 
 } // namespace halvo

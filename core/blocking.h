@@ -18,6 +18,7 @@
 // cancelled: the wait is withdrawn, and the thread goes.
 #pragma once
 
+#include "core/barrier.h"
 #include "core/ring.h"
 #include "core/side.h"
 
@@ -51,15 +52,24 @@ Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context);
 // Runs attempt() until it returns true ("settled"), waiting in between.
 template <class Attempt>
 Wait wait_until(const Waiter &waiter, Attempt attempt) {
-    if (attempt()) return Wait::settled;
+    if (attempt()) [[likely]]
+        return Wait::settled;
+    Attempt again = attempt; // a copy, so that the first one never needs an address
     return wait_loop(
-        waiter, [](void *context) { return (*static_cast<Attempt *>(context))(); }, &attempt);
+        waiter, [](void *context) { return (*static_cast<Attempt *>(context))(); }, &again);
 }
 
 // Behind an operation that made a slot readable or free: wakes the other side if it waits.
-void wake_waiting(const Side &side, halvo_channel *q, int channel) noexcept;
+inline void wake_waiting(const Side &side, halvo_channel *q, int channel) noexcept {
+    near_barrier();
+    if (load(q->*side.peer_waiting) != 0) [[unlikely]]
+        side.wake_peer(channel);
+}
 
 // The same behind a finished read or write of this side, which waits no more.
-void finish_transfer(const Side &side, halvo_channel *q, int channel) noexcept;
+inline void finish_transfer(const Side &side, halvo_channel *q, int channel) noexcept {
+    refresh(q->*side.waiting, 0);
+    wake_waiting(side, q, channel);
+}
 
 } // namespace halvo

@@ -16,18 +16,7 @@ using namespace halvo;
 
 namespace {
 
-constexpr int kSessions = 256;
 constexpr useconds_t kMonitorPause = 100000; // microseconds
-
-FrxSession qOpenSessions[kSessions];
-static_assert(sizeof(void *) != 4 || sizeof qOpenSessions == 14336);
-
-// Empties the table. A forked child has opened nothing: its parent's ends are not its own to give back, and their locks
-// may have been held by threads that it does not have.
-void begin_anew() {
-    for (FrxSession &session : qOpenSessions) session = {};
-}
-[[maybe_unused]] const int watched = pthread_atfork(nullptr, nullptr, begin_anew);
 
 std::atomic<int32_t> goLoop{1}; // nothing sets it to 0: the monitor lives as long as the process
 pthread_t toutMon;
@@ -38,38 +27,26 @@ bool say(const char *line) {
     return output && std::puts(line) >= 0;
 }
 
-bool in_table(int channel) { return channel >= 0 && channel < kSessions; }
-
-// What a session keeps of one end.
-struct OpenEnd {
-    FrxChannel *&handle;
-    pthread_mutex_t &lock;
-};
-
-OpenEnd open_end(int channel, char side) {
-    FrxSession &session = qOpenSessions[channel];
-    if (side == 'w') return {session.writer, session.writerLock};
-    return {session.reader, session.readerLock};
-}
-
-pthread_mutex_t *lock_of(const FrxChannel *handle) {
-    if (!handle || !in_table(handle->channel)) return nullptr;
-    return &open_end(handle->channel, handle->side).lock;
-}
-
 } // namespace
 
-namespace halvo {
+FrxSession halvo::qOpenSessions[kSessions];
+static_assert(sizeof(void *) != 4 || sizeof qOpenSessions == 14336);
+SessionLocks halvo::session_locks[kSessions];
 
-halvo_channel *frx_header(int channel) noexcept {
-    return in_table(channel) ? checked_channel(channel) : nullptr;
+namespace {
+
+// Empties the table. A forked child has opened nothing: its parent's ends are not its own to give
+// back, and their locks may have been held by threads that it does not have.
+void begin_anew() {
+    for (FrxSession &session : qOpenSessions) session = {};
+    for (SessionLocks &locks : session_locks) {
+        locks.writer.forget();
+        locks.reader.forget();
+    }
 }
+[[maybe_unused]] const int watched = pthread_atfork(nullptr, nullptr, begin_anew);
 
-halvo_channel *frx_header(const FrxChannel *handle) noexcept {
-    return handle ? frx_header(handle->channel) : nullptr;
-}
-
-} // namespace halvo
+} // namespace
 
 int frx_initialize(const char *keyfile) noexcept {
     init_sig();
@@ -113,7 +90,7 @@ int frx_openChannel(FrxChannel *handle, const char *client, int channel, char si
     if (!q) return ESMS_ACCESS;
     record_owner(side_of(side), q, client ? client : "");
     const OpenEnd end = open_end(channel, side);
-    if (!end.handle && pthread_mutex_init(&end.lock, nullptr) != 0) return ESMS_MTXINIT;
+    if (!end.handle && pthread_mutex_init(&end.mutex, nullptr) != 0) return ESMS_MTXINIT;
     end.handle = handle;
     return ESMS_OK;
 }
@@ -126,20 +103,17 @@ int frx_closeChannel(FrxChannel *handle) noexcept {
     return frx_unlock(handle) == ESMS_OK ? result : ESMS_MTXUNLOCK;
 }
 
-int frx_isValid(const FrxChannel *handle) noexcept {
-    return handle && in_table(handle->channel) &&
-           open_end(handle->channel, handle->side).handle == handle;
-}
+int frx_isValid(const FrxChannel *handle) noexcept { return is_open(handle); }
 
 int frx_lock(FrxChannel *handle) noexcept {
-    pthread_mutex_t *lock = lock_of(handle);
-    if (!lock) return ESMS_INVAL;
-    return pthread_mutex_lock(lock) == 0 ? ESMS_OK : ESMS_MTXLOCK;
+    if (!handle || !in_table(handle->channel)) return ESMS_INVAL;
+    const OpenEnd end = open_end(handle->channel, handle->side);
+    return end.lock.take(end.mutex) == 0 ? ESMS_OK : ESMS_MTXLOCK;
 }
 
 // Kept: an unlock that fails is ESMS_MTXLOCK here; the operations report it as ESMS_MTXUNLOCK.
 int frx_unlock(FrxChannel *handle) noexcept {
-    pthread_mutex_t *lock = lock_of(handle);
-    if (!lock) return ESMS_INVAL;
-    return pthread_mutex_unlock(lock) == 0 ? ESMS_OK : ESMS_MTXLOCK;
+    if (!handle || !in_table(handle->channel)) return ESMS_INVAL;
+    const OpenEnd end = open_end(handle->channel, handle->side);
+    return pthread_mutex_unlock(&end.mutex) == 0 ? ESMS_OK : ESMS_MTXLOCK;
 }

@@ -17,7 +17,7 @@ struct CheckedEnd {
 // belongs to; the lock is that of the handle's own side.
 inline CheckedEnd check_end(const Side &side, const FrxChannel *handle,
                             bool arguments_ok = true) noexcept {
-    if (!frx_isValid(handle)) return {ESMS_ACCESS, nullptr};
+    if (!is_open(handle)) return {ESMS_ACCESS, nullptr};
     if (!arguments_ok) return {ESMS_INVAL, nullptr};
     halvo_channel *q = checked_channel(handle->channel); // in the table of ends, or not valid
     if (!q) return {ESMS_INVAL, nullptr};
@@ -32,12 +32,18 @@ struct Locked {
     int32_t code() const { return fault != ESMS_OK ? fault : result; }
 };
 
-// Runs the operation between frx_lock and frx_unlock.
+// Runs the operation under the lock of the handle's end.
 template <class Operation>
 Locked under_lock(FrxChannel *handle, Operation operation) noexcept {
-    if (frx_lock(handle) != ESMS_OK) return {ESMS_MTXLOCK, 0};
+    if (!in_table(handle->channel)) return {ESMS_MTXLOCK, 0};
+    const OpenEnd end = open_end(handle->channel, handle->side);
+    const bool own = end.lock.enter();
+    if (!own && end.lock.take(end.mutex) != 0) return {ESMS_MTXLOCK, 0};
     const int32_t result = operation();
-    if (frx_unlock(handle) != ESMS_OK) return {ESMS_MTXUNLOCK, 0};
+    if (own)
+        end.lock.leave();
+    else if (end.lock.give_back(end.mutex) != 0)
+        return {ESMS_MTXUNLOCK, 0};
     return {ESMS_OK, result};
 }
 

@@ -250,6 +250,25 @@ TEST_F(FrxWaiting, threads_of_one_end_share_it) {
     EXPECT_EQ(received, 1000);
 }
 
+// The lock of an end that one thread has had alone for long enough is given back without the mutex.
+TEST_F(FrxWaiting, a_thread_that_had_the_end_alone_lets_others_in) {
+    std::atomic<bool> stop{false};
+    std::thread alone([&] {
+        while (!stop) ASSERT_GE(frx_write(&writer, "m", -1), ESMS_FULL);
+    });
+    for (int round = 0; round < 200; ++round) {
+        for (int i = 0; i < 20; ++i) ASSERT_EQ(read(), "m");
+        ASSERT_EQ(frx_lock(&writer), ESMS_OK);
+        const int64_t written = frx_pcount(0);
+        while (q_getcount(q) > 0) ASSERT_EQ(read(), "m"); // room for whoever is not kept out
+        usleep(100);
+        EXPECT_EQ(frx_pcount(0), written) << "written under another thread's lock";
+        ASSERT_EQ(frx_unlock(&writer), ESMS_OK);
+    }
+    stop = true;
+    alone.join();
+}
+
 TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
     const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
     FrxChannel reader{};
