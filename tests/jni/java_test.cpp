@@ -97,11 +97,17 @@ TEST_P(Vm, Unattached) { expect_ok(junit(test_segment(), {}, {"UnattachedTest"})
 // The first class attaches, late.
 TEST_P(Vm, Waits) {
     const Segment s = test_segment();
+    const Segment unfinished = SegmentBuilder().channel("one", 'M', 4, 64).build();
+    Peer([&] {
+        unfinished.attach();
+        return static_cast<int>(q_0()->nchnnl = 0); // they are counted last
+    }).wait();
     const Signal ready;
     Peer peer([&] { return echo(s, ready); });
     ASSERT_TRUE(ready.wait());
     expect_ok(junit(s,
                     {"-Dhalvo.test.other=" + one_.key_file(),
+                     "-Dhalvo.test.unfinished=" + unfinished.key_file(),
                      "-Djdk.virtualThreadScheduler.parallelism=1",
                      "-Djdk.virtualThreadScheduler.maxPoolSize=1"},
                     {"AttachTest", "WaitsTest"}));

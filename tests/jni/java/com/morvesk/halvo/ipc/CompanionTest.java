@@ -151,6 +151,7 @@ public class CompanionTest extends TwoEnds {
         send("a", "b", "c", "d");
         try (Marked left = in.mark(3, SHORT)) {
             assertEquals("a1b1c1", all(left));
+            raises(IllegalStateException.class, () -> in.read(SHORT)); // although d is there
         }
         Marked marked = in.mark(99, SHORT);
         assertEquals("a1b1c1d1", all(marked));

@@ -10,22 +10,18 @@ final class TestNatives {
     private TestNatives() {}
 
     static native long thisThread();
-
     static native int interrupt(long thread);
 
     static native int variable(String symbol);
-
     static native int resultCode(String name);
 
     static native String vmString(byte[] bytes);
 
     static native void peek(int channel, int offset, byte[] into);
-
     static native void poke(int channel, int offset, byte[] from);
 
     static native int takePosts(String keyFile, int channel);
 
     static native void fillRegistry();
-
     static native void emptyRegistry();
 }
