@@ -66,7 +66,7 @@ start() {
         RABBITMQ_CONF_ENV_FILE=/dev/null \
         setsid "$server" >"$dir/out" 2>&1 </dev/null &
     local pid= tries
-    for ((tries = 0; tries < 600; tries++)); do
+    for ((tries = 0; tries < 1500; tries++)); do
         sleep 0.1
         pid=$(cat "$dir/pid" 2>/dev/null || true)
         [ -n "$pid" ] || continue

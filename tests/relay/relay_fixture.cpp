@@ -13,7 +13,8 @@ namespace halvo::test {
 namespace {
 
 const std::string kScript = HALVO_SOURCE "/dev/broker.sh";
-constexpr int kQuiet = 60; // seconds without a message, which end a reader
+// Seconds without a message that end a reader; a broker may take a minute to start.
+constexpr int kQuiet = 150;
 
 // At once: a relay that starts may be reading it.
 void replace_file(const std::string &path, const std::string &text) {

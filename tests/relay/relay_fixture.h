@@ -89,7 +89,7 @@ struct Ledger {
 // Writes messages number `from` to `to` into MT01 of a segment, in a process of its own.
 std::unique_ptr<Peer> write_numbers(const Segment &segment, int from, int to,
                                     uint32_t length = 100);
-// Reads MT01 in a process of its own, until so many of the n have come, or none for a minute; and then
+// Reads MT01 in a process of its own, until so many of the n have come, or none for long; and then
 // half a second more for doubles.
 class NumberReader {
 public:
