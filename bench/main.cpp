@@ -35,11 +35,11 @@ constexpr char kHelp[] =
 Measures the library beside its peers, two processes on two processors, and prints ratios.
 Exit status 0 when every measurement worked, also when goals are short; 1 when one failed.
 
-  --quick       shorter measurements and a shorter backlog
-  --rounds N    rounds of each comparison (5); the median counts
+  --quick       shorter measurements, fewer rounds and a shorter backlog
+  --rounds N    rounds of each comparison (5, quick 3); the median counts
   --only ...    some of: ring place trip wake java file flat print relay
   --size B/S    ring, place and trip at one size only, such as 1000/1024
-  --seconds S   length of one measurement (0.5, quick 0.1)
+  --seconds S   length of one measurement (0.25, quick 0.04)
   --slots N     slots of a ring (256; the spsc_queue always has 256)
   --backlog N   items of the long file queue (10000000, quick 100000)
   --dir PATH    where files are written (default $TMPDIR or /tmp)
@@ -101,6 +101,7 @@ int measure(const Settings &settings, const std::string &values) {
 int main(int argc, char **argv) {
     Settings settings;
     std::string values;
+    const char *rounds = nullptr;
     double seconds = 0;
     int64_t backlog = 0;
     for (int found; (found = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
@@ -109,7 +110,7 @@ int main(int argc, char **argv) {
             settings.quick = true;
             break;
         case kRounds:
-            settings.rounds = std::atoi(optarg);
+            rounds = optarg;
             break;
         case kOnly:
             settings.only = optarg;
@@ -140,7 +141,8 @@ int main(int argc, char **argv) {
             return 2;
         }
     }
-    settings.seconds = seconds > 0 ? seconds : settings.quick ? 0.1 : 0.5;
+    settings.rounds = rounds ? std::atoi(rounds) : settings.quick ? 3 : 5;
+    settings.seconds = seconds > 0 ? seconds : settings.quick ? 0.04 : 0.25;
     settings.backlog = backlog > 0 ? backlog : settings.quick ? 100000 : 10000000;
     if (settings.rounds < 1 || settings.slots < 2 || optind != argc) {
         std::fputs(kHelp, stderr);

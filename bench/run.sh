@@ -1,6 +1,6 @@
 #!/bin/bash
 # Builds the benchmark, runs it, and draws its ratios: bench/run.sh [options of halvo-bench]
-#     QUICK=1   shorter measurements, within two minutes
+#     QUICK=1   shorter measurements, within a minute; otherwise five
 #     PLOT=1    also copies the drawing to docs/bench.svg
 # Leaves ratios.txt, ratios.tsv and ratios.svg in build/bench. Ends with status 1 when a measurement
 # failed; a goal that is short is no failure.
