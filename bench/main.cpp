@@ -39,7 +39,7 @@ Exit status 0 when every measurement worked, also when goals are short; 1 when o
   --rounds N    rounds of each comparison (5, quick 3); the median counts
   --only ...    some of: ring place trip wake java file flat print relay
   --size B/S    ring, place and trip at one size only, such as 1000/1024
-  --seconds S   length of one measurement (0.25, quick 0.04)
+  --seconds S   length of one measurement (0.2, quick 0.04)
   --slots N     slots of a ring (256; the spsc_queue always has 256)
   --backlog N   items of the long file queue (10000000, quick 100000)
   --dir PATH    where files are written (default $TMPDIR or /tmp)
@@ -142,7 +142,7 @@ int main(int argc, char **argv) {
         }
     }
     settings.rounds = rounds ? std::atoi(rounds) : settings.quick ? 3 : 5;
-    settings.seconds = seconds > 0 ? seconds : settings.quick ? 0.04 : 0.25;
+    settings.seconds = seconds > 0 ? seconds : settings.quick ? 0.04 : 0.2;
     settings.backlog = backlog > 0 ? backlog : settings.quick ? 100000 : 10000000;
     if (settings.rounds < 1 || settings.slots < 2 || optind != argc) {
         std::fputs(kHelp, stderr);

@@ -14,7 +14,7 @@ namespace halvo::bench {
 
 struct Settings {
     int rounds = 5;
-    double seconds = 0.25;      // length of one measurement
+    double seconds = 0.2;       // length of one measurement
     uint32_t slots = 256;       // of a ring
     int64_t backlog = 10000000; // items of the long file queue
     std::string size;           // body/slot to run; empty: all
