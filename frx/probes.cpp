@@ -33,7 +33,7 @@ int frx_isCountpartAlive(const FrxChannel *handle, int maxAge) noexcept {
     if (!q) return ESMS_INVAL;
     const Side &side = handle->side == 'r' ? kReader : kWriter;
     const auto now = static_cast<int32_t>(q_gettime());
-    refresh(q->*side.heartbeat, now);
+    if (writable_segment()) refresh(q->*side.heartbeat, now);
     return age(now, load(q->*side.peer_heartbeat)) < maxAge;
 }
 
@@ -76,7 +76,7 @@ int64_t frx_pcountFor(int channel, int type) noexcept {
 
 int64_t frx_resetPCountFor(int channel, int type) noexcept {
     halvo_channel *q = frx_header(channel);
-    if (!q || !is_type(type)) return ESMS_INVAL;
+    if (!q || !is_type(type) || !writable_segment()) return ESMS_INVAL;
     const int64_t count = q_pcount_per_type(q, type);
     q->tcnt[type].count = 0;
     return count;

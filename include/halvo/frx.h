@@ -180,6 +180,8 @@ HALVO_API int frx_readMany(FrxChannel *handle, FrxMessage *messages, int n, int 
 HALVO_API int frx_writeMany(FrxChannel *handle, const FrxMessage *messages, int n, int timeout);
 
 /* ---- Probes: no check that the handle is the one that opened the end ---------------------- */
+/* They and the counts below also serve in a view (q_attach_view() of queue.h), which they leave as it
+ * is: no heartbeat is refreshed there, and frx_resetPCountFor() answers ESMS_INVAL. */
 
 /* Copies the slot at the end's position, whatever its state, into buffer (frx_sizeOfBlock()
  * bytes). 0, or ESMS_INVAL. */

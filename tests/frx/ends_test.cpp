@@ -138,3 +138,12 @@ TEST(FrxChannels, above_255_are_no_channels_here) {
     EXPECT_EQ(frx_sizeOfBlock(257), ESMS_INVAL);
     EXPECT_EQ(frx_openChannel(&end, "x", 255, 'w', 100), ESMS_OK);
 }
+
+// The probes serve a process that only looks; what they would store they leave alone.
+TEST(FrxChannels, are_looked_at_in_a_view_too) {
+    const Segment segment = two_channels();
+    ASSERT_EQ(q_attach_view(segment.key_file().c_str()), ESMS_OK);
+    const FrxChannel end{0, 'r'};
+    EXPECT_EQ(frx_isCountpartAlive(&end, INT_MAX), 1);
+    EXPECT_EQ(frx_resetPCountFor(0, 1), ESMS_INVAL);
+}
