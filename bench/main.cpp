@@ -8,7 +8,7 @@
 #include <string>
 
 #include "bench/disturbance.h"
-#include "bench/groups.h"
+#include "bench/groups/groups.h"
 
 using namespace halvo::bench;
 

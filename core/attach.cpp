@@ -7,15 +7,15 @@
 #include <cerrno>
 #include <utility>
 
-#include "core/barrier.h"
-#include "core/end.h"
-#include "core/keys.h"
-#include "core/mapping.h"
-#include "core/output.h"
-#include "core/segment.h"
-#include "core/semaphores.h"
-#include "core/service_lock.h"
-#include "core/signals.h"
+#include "core/base/output.h"
+#include "core/ring/end.h"
+#include "core/segment/keys.h"
+#include "core/segment/mapping.h"
+#include "core/segment/segment.h"
+#include "core/segment/semaphores.h"
+#include "core/segment/service_lock.h"
+#include "core/wait/barrier.h"
+#include "core/wait/signals.h"
 
 using namespace halvo;
 

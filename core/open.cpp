@@ -6,10 +6,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/end.h"
-#include "core/process.h"
-#include "core/side.h"
-#include "core/waits.h"
+#include "core/base/process.h"
+#include "core/ring/end.h"
+#include "core/ring/side.h"
+#include "core/wait/waits.h"
 
 using namespace halvo;
 
@@ -83,7 +83,7 @@ halvo_channel *q_open(int channel, char mode) noexcept {
 halvo_channel *q_open_wait(int channel, char mode, int limit) noexcept {
     Opening opening;
     opening.sleeper.hold();
-    const double end = wall_clock() + limit / 1000.0; // as in core/blocking.cpp
+    const double end = wall_clock() + limit / 1000.0; // as in core/wait/blocking.cpp
     if (reg_wait_thread(limit) >= 0) opening.limit = end;
     halvo_channel *q = open_end(channel, mode, opening);
     if (unreg_wait_thread() < 0) opening.sleeper.take_sent_signals();

@@ -7,7 +7,7 @@ dev/check_includes.sh || status=1
 mapfile -t sources < <(git ls-files '*.cpp' '*.c' '*.h' '*.hpp')
 clang-format --dry-run --Werror "${sources[@]}" || status=1
 cmake --preset x86_64 >/dev/null
-cmake --build --preset x86_64 --target tools/mon/page.inc >/dev/null # which a source includes
+cmake --build --preset x86_64 --target tools/mon/serve/page.inc >/dev/null # which a source includes
 # clang knows neither the charset option nor some of g++'s.
 mkdir -p build/lint
 sed 's/-fexec-charset=EUC-KR//' build/x86_64/compile_commands.json >build/lint/compile_commands.json

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "core/barrier.h"
+#include "core/wait/barrier.h"
 
 namespace halvo {
 

@@ -6,11 +6,11 @@
 #include <atomic>
 #include <cstdio>
 
-#include "core/output.h"
-#include "core/segment.h"
-#include "core/service_lock.h"
-#include "core/side.h"
-#include "core/wait_registry.h"
+#include "core/base/output.h"
+#include "core/ring/side.h"
+#include "core/segment/segment.h"
+#include "core/segment/service_lock.h"
+#include "core/wait/wait_registry.h"
 
 using namespace halvo;
 

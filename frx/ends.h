@@ -3,7 +3,7 @@
 
 #include <pthread.h>
 
-#include "core/segment.h"
+#include "core/segment/segment.h"
 #include "frx/end_lock.h"
 #include "halvo/frx.h"
 

@@ -1,8 +1,8 @@
 // sms_shmC: what every operation on an open end goes through: the handle, the owner, the lock.
 #pragma once
 
-#include "core/end.h"
-#include "core/side.h"
+#include "core/ring/end.h"
+#include "core/ring/side.h"
 #include "frx/ends.h"
 
 namespace halvo {

@@ -1,7 +1,7 @@
 // sms_shmC: looking at a channel without changing it: slots, liveness, sizes, counts. No lock, and
 // no check that the handle opened the end; only its fields are used.
-#include "core/end.h"
-#include "core/side.h"
+#include "core/ring/end.h"
+#include "core/ring/side.h"
 #include "frx/ends.h"
 
 using namespace halvo;

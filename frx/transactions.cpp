@@ -1,5 +1,5 @@
 // sms_shmC: commits, rollbacks, marked reads and buffers: one core call each, none of them waits.
-#include "core/blocking.h"
+#include "core/wait/blocking.h"
 #include "frx/guarded.h"
 
 using namespace halvo;

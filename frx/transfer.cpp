@@ -2,7 +2,7 @@
 // wait, so that other threads of the end go on meanwhile.
 #include <cstring>
 
-#include "core/end.h"
+#include "core/ring/end.h"
 #include "frx/waits.h"
 
 using namespace halvo;

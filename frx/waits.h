@@ -2,7 +2,7 @@
 // during a wait, so that other threads of the end go on meanwhile.
 #pragma once
 
-#include "core/blocking.h"
+#include "core/wait/blocking.h"
 #include "frx/guarded.h"
 
 namespace halvo {

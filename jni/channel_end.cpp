@@ -2,7 +2,7 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
-#include "core/keys.h"
+#include "core/segment/keys.h"
 #include "jni/companion.h"
 #include "jni/wake.h"
 

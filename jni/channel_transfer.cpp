@@ -2,7 +2,7 @@
 // tries once and answers ESMS_EMPTY or ESMS_FULL, with one it waits.
 #include <algorithm>
 
-#include "core/read.h"
+#include "core/ring/read.h"
 #include "jni/companion.h"
 #include "jni/wake.h"
 

@@ -4,7 +4,7 @@
 
 #include <sys/stat.h>
 
-#include "fq/format.h"
+#include "fq/files/format.h"
 #include "jni/companion.h"
 
 using namespace halvo;

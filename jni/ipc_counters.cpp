@@ -1,6 +1,6 @@
 // Java binding, IPCFunctions: sizes, counts and the snapshot file, by channel number. No owner is
 // checked; counts are 64-bit, and so are the codes among them.
-#include "core/rules.h"
+#include "core/segment/rules.h"
 #include "jni/native.h"
 
 using namespace halvo;

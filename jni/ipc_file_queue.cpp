@@ -3,7 +3,7 @@
 // transaction ends.
 #include "halvo/fq.h"
 
-#include "fq/format.h"
+#include "fq/files/format.h"
 #include "jni/native.h"
 
 using namespace halvo;

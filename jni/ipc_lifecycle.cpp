@@ -1,5 +1,5 @@
 // Java binding, IPCFunctions: start, lookup, and opening and closing of channel ends.
-#include "core/wait_registry.h"
+#include "core/wait/wait_registry.h"
 #include "jni/native.h"
 #include "jni/wake.h"
 

@@ -1,8 +1,8 @@
 // Java binding, IPCFunctions: looking at slots, buffers and heartbeats.
 
-#include "core/process.h"
-#include "core/read.h"
-#include "core/write.h"
+#include "core/base/process.h"
+#include "core/ring/read.h"
+#include "core/ring/write.h"
 #include "jni/native.h"
 
 using namespace halvo;

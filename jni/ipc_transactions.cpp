@@ -1,5 +1,5 @@
 // Java binding, IPCFunctions: marks, commits, rollbacks, buffers: one core call each, none waits.
-#include "core/read.h"
+#include "core/ring/read.h"
 #include "jni/native.h"
 
 using namespace halvo;

@@ -6,7 +6,7 @@
 
 #include <cstdio>
 
-#include "core/read.h"
+#include "core/ring/read.h"
 #include "jni/native.h"
 
 using namespace halvo;

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "core/end.h"
+#include "core/ring/end.h"
 
 using namespace halvo;
 

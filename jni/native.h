@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "core/blocking.h"
+#include "core/wait/blocking.h"
 #include "jni/scoped.h"
 
 #define IPC_NATIVE(type, name)                                                                     \

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <memory>
 
-#include "core/end.h"
+#include "core/ring/end.h"
 #include "halvo/segment.h"
 
 namespace halvo {
@@ -84,7 +84,7 @@ private:
 };
 
 // Room for an image of one slot of a channel, whose header is zeros at first; false when there is no
-// memory. It is filled by the calls of core/read.h that compare its size with the slots'.
+// memory. It is filled by the calls of core/ring/read.h that compare its size with the slots'.
 class SlotImage {
 public:
     explicit SlotImage(const halvo_channel *q) noexcept

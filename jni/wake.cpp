@@ -4,7 +4,7 @@
 #include <csignal>
 #include <ctime>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 
 namespace halvo {
 

@@ -13,7 +13,7 @@
 
 #include <cstdint>
 
-#include "core/ring.h"
+#include "core/segment/ring.h"
 
 namespace halvo {
 

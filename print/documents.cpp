@@ -5,7 +5,7 @@
 
 #include <cstdio>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 #include "print/facts.h"
 
 namespace halvo {

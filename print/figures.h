@@ -3,8 +3,8 @@
 // channel goes in, so that programs beside the library can share them.
 #pragma once
 
-#include "core/ring.h"
-#include "core/rules.h"
+#include "core/segment/ring.h"
+#include "core/segment/rules.h"
 #include "halvo/queue.h"
 #include "print/state.h"
 

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 #include "halvo/queue.h"
 #include "print/state.h"
 

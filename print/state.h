@@ -1,7 +1,7 @@
 // smsqm_print: what every print starts with, and the scratch buffers.
 #pragma once
 
-#include "core/rules.h"
+#include "core/segment/rules.h"
 #include "halvo/status.h"
 
 namespace halvo {

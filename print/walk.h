@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "core/segment.h"
+#include "core/segment/segment.h"
 #include "halvo/status.h"
 
 namespace halvo {

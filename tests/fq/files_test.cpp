@@ -3,7 +3,7 @@
 
 #include <fcntl.h>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 
 using namespace halvo;
 using namespace halvo::test;

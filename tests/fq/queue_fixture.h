@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "fq/format.h"
+#include "fq/files/format.h"
 #include "halvo/fq.h"
 #include "tests/support/capture.h"
 #include "tests/support/files.h"

@@ -5,7 +5,7 @@
 #include <ctime>
 #include <memory>
 
-#include "fq/files.h"
+#include "fq/files/files.h"
 #include "tests/fuzz/attachment.h"
 #include "tests/fuzz/input.h"
 #include "tests/fuzz/targets.h"

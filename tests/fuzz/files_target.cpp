@@ -1,7 +1,7 @@
 // Files that an operator writes: print options, and a queue manager's configuration.
 #include <memory>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 #include "halvo/queue.h"
 #include "halvo/status.h"
 #include "tests/fuzz/attachment.h"

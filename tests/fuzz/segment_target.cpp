@@ -4,8 +4,8 @@
 #include <iterator>
 #include <memory>
 
-#include "core/ring.h"
-#include "core/segment.h"
+#include "core/segment/ring.h"
+#include "core/segment/segment.h"
 #include "halvo/frx.h"
 #include "halvo/queue.h"
 #include "halvo/status.h"

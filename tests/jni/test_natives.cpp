@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/segment.h"
+#include "core/segment/segment.h"
 #include "halvo/result.h"
 
 #define TEST_NATIVE(type, name)                                                                    \

@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/ring.h"
+#include "core/segment/ring.h"
 #include "tests/print/scenario.h"
 
 using namespace halvo::test;

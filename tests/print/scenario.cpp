@@ -7,7 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "core/ring.h"
+#include "core/segment/ring.h"
 #include "tests/support/files.h"
 #include "tests/support/fixed_clock.h"
 #include "tests/support/program.h"

@@ -1,6 +1,6 @@
 #include <cstring>
 
-#include "core/ring.h"
+#include "core/segment/ring.h"
 #include "tests/print/scenario.h"
 #include "tests/support/fixed_clock.h"
 

@@ -10,7 +10,7 @@
 #include <cstdarg>
 #include <stdexcept>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 
 using halvo::Descriptor;
 using halvo::test::DiskCall;

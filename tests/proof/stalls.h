@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 #include "tests/support/machine.h"
 
 namespace halvo::test {

@@ -2,7 +2,7 @@
 #include "halvo/fq.h"
 #include "tests/support/peer.h"
 #include "tools/fixture/directory.h"
-#include "tools/relay/route.h"
+#include "tools/relay/route/route.h"
 
 namespace halvo::relay {
 

@@ -5,9 +5,9 @@
 
 #include "tests/support/files.h"
 #include "tests/support/frx_fixture.h"
-#include "tools/relay/config.h"
-#include "tools/relay/ends.h"
-#include "tools/relay/numbering.h"
+#include "tools/relay/base/config.h"
+#include "tools/relay/route/ends.h"
+#include "tools/relay/route/numbering.h"
 
 using namespace halvo::relay;
 using namespace halvo::test;

@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 
 namespace halvo::test {
 

@@ -26,7 +26,7 @@
 #include <exception>
 #include <stdexcept>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 #include "tests/support/machine.h"
 
 namespace halvo::test {

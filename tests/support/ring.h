@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "core/ring.h"
+#include "core/segment/ring.h"
 #include "halvo/queue.h"
 #include "tools/fixture/segment_builder.h"
 

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "core/ring.h"
+#include "core/segment/ring.h"
 #include "halvo/frx.h"
 #include "halvo/queue.h"
 

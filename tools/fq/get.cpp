@@ -8,7 +8,7 @@
 #include <cstring>
 #include <new>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 #include "tools/fq/commands.h"
 #include "tools/fq/files.h"
 #include "tools/fq/report.h"

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "fq/last_record.h"
+#include "fq/files/last_record.h"
 #include "tools/frame/program.h"
 
 namespace halvo::tools {

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "core/posix.h"
-#include "fq/format.h"
+#include "core/base/posix.h"
+#include "fq/files/format.h"
 
 namespace halvo::tools {
 

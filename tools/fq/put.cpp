@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 #include "halvo/fq.h"
 #include "tools/fq/commands.h"
 

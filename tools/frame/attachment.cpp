@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "core/keys.h"
+#include "core/segment/keys.h"
 #include "halvo/segment.h"
 #include "tools/frame/text.h"
 

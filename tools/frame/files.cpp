@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 
 namespace halvo::tools {
 

@@ -5,8 +5,8 @@
 #include <ctime>
 
 #include "tools/mon/options.h"
-#include "tools/mon/replay.h"
-#include "tools/mon/top.h"
+#include "tools/mon/record/replay.h"
+#include "tools/mon/screen/top.h"
 
 namespace halvo::mon {
 

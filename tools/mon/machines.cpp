@@ -5,9 +5,9 @@
 
 #include "tools/frame/files.h"
 #include "tools/frame/program.h"
+#include "tools/mon/look/tracker.h"
 #include "tools/mon/options.h"
-#include "tools/mon/prometheus.h"
-#include "tools/mon/tracker.h"
+#include "tools/mon/serve/prometheus.h"
 
 namespace halvo::mon {
 

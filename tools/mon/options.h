@@ -7,7 +7,7 @@
 #include "tools/frame/charset.h"
 #include "tools/frame/output.h"
 #include "tools/mon/check.h"
-#include "tools/mon/monitor.h"
+#include "tools/mon/look/monitor.h"
 
 namespace CLI {
 class App;

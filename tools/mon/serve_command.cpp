@@ -4,7 +4,7 @@
 
 #include "tools/frame/program.h"
 #include "tools/mon/options.h"
-#include "tools/mon/serve.h"
+#include "tools/mon/serve/serve.h"
 
 namespace halvo::mon {
 

@@ -10,8 +10,8 @@
 #include "tools/frame/text.h"
 #include "tools/mon/documents.h"
 #include "tools/mon/options.h"
-#include "tools/mon/screen.h"
-#include "tools/mon/text.h"
+#include "tools/mon/screen/screen.h"
+#include "tools/mon/screen/text.h"
 #include "tools/qm/segment.h"
 
 namespace halvo::mon {

@@ -10,8 +10,8 @@
 #include <ctime>
 #include <set>
 
-#include "core/posix.h"
-#include "core/ring.h"
+#include "core/base/posix.h"
+#include "core/segment/ring.h"
 #include "halvo/segment.h"
 #include "tools/frame/text.h"
 #include "tools/qm/objects.h"

@@ -1,6 +1,6 @@
 #include "tools/qm/keys.h"
 
-#include "core/keys.h"
+#include "core/segment/keys.h"
 #include "tools/frame/text.h"
 #include "tools/qm/segment.h"
 

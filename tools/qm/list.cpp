@@ -1,5 +1,5 @@
 // halvo-qm list: what stands in a segment.
-#include "core/ring.h"
+#include "core/segment/ring.h"
 #include "tools/frame/text.h"
 #include "tools/qm/segment.h"
 #include "tools/qm/view.h"

@@ -1,7 +1,7 @@
 #include "tools/qm/repair.h"
 
-#include "core/process.h"
-#include "core/ring.h"
+#include "core/base/process.h"
+#include "core/segment/ring.h"
 #include "halvo/frx.h"
 #include "halvo/queue.h"
 #include "tools/frame/attachment.h"

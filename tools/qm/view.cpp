@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-#include "core/ring.h"
+#include "core/segment/ring.h"
 #include "tools/frame/text.h"
 #include "tools/qm/segment.h"
 

@@ -10,9 +10,9 @@
 #include "halvo/frx.h"
 #include "halvo/queue.h"
 #include "tools/frame/program.h"
-#include "tools/relay/broker.h"
+#include "tools/relay/rabbit/broker.h"
 #include "tools/relay/relay.h"
-#include "tools/relay/route.h"
+#include "tools/relay/route/route.h"
 
 namespace halvo::relay {
 

@@ -6,9 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "core/posix.h"
-#include "tools/relay/config.h"
-#include "tools/relay/state.h"
+#include "core/base/posix.h"
+#include "tools/relay/base/config.h"
+#include "tools/relay/base/state.h"
 
 namespace halvo::relay {
 

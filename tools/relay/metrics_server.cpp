@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tools/relay/base/pause.h"
 #include "tools/relay/metrics.h"
-#include "tools/relay/pause.h"
 
 namespace halvo::relay {
 

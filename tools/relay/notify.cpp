@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/posix.h"
+#include "core/base/posix.h"
 
 namespace halvo::relay {
 

@@ -10,11 +10,11 @@
 
 #include "halvo/frx.h"
 #include "tools/frame/program.h"
-#include "tools/relay/log.h"
+#include "tools/relay/base/log.h"
 #include "tools/relay/metrics.h"
 #include "tools/relay/notify.h"
 #include "tools/relay/relay.h"
-#include "tools/relay/route.h"
+#include "tools/relay/route/route.h"
 
 namespace halvo::relay {
 

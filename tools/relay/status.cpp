@@ -9,7 +9,7 @@
 #include "tools/frame/program.h"
 #include "tools/relay/metrics.h"
 #include "tools/relay/relay.h"
-#include "tools/relay/route.h"
+#include "tools/relay/route/route.h"
 
 namespace halvo::relay {
 

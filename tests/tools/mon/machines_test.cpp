@@ -5,7 +5,7 @@
 
 #include "tests/print/scenario.h"
 #include "tools/mon/check.h"
-#include "tools/mon/prometheus.h"
+#include "tools/mon/serve/prometheus.h"
 
 using namespace halvo::mon;
 using namespace halvo::test;

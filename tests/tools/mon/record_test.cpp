@@ -10,7 +10,7 @@
 #include "tests/support/terminal.h"
 #include "tests/tools/mon/samples.h"
 #include "tools/frame/output.h"
-#include "tools/mon/replay.h"
+#include "tools/mon/record/replay.h"
 
 using namespace halvo::mon;
 using namespace halvo::test;

@@ -8,7 +8,7 @@
 #include "tests/support/ipc.h"
 #include "tests/support/peer.h"
 #include "tests/support/ring.h"
-#include "tools/mon/tracker.h"
+#include "tools/mon/look/tracker.h"
 
 using namespace halvo::mon;
 using namespace halvo::test;

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/mon/sample.h"
+#include "tools/mon/look/sample.h"
 
 namespace halvo::test {
 

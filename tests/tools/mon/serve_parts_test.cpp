@@ -4,8 +4,8 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/tools/mon/samples.h"
-#include "tools/mon/api.h"
-#include "tools/mon/history.h"
+#include "tools/mon/serve/api.h"
+#include "tools/mon/serve/history.h"
 
 using namespace halvo::mon;
 using nlohmann::json;

@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "tests/print/scenario.h"
-#include "tools/mon/text.h"
+#include "tools/mon/screen/text.h"
 
 using namespace halvo::mon;
 using halvo::test::utf8;

@@ -6,9 +6,9 @@
 #include "tests/support/ring.h"
 #include "tests/support/terminal.h"
 #include "tests/tools/mon/samples.h"
-#include "tools/mon/details.h"
-#include "tools/mon/terminal.h"
-#include "tools/mon/top_rows.h"
+#include "tools/mon/screen/details.h"
+#include "tools/mon/screen/terminal.h"
+#include "tools/mon/screen/top_rows.h"
 
 using namespace halvo::mon;
 using namespace halvo::test;

@@ -1,0 +1,38 @@
+#include "core/wait/barrier.h"
+
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace halvo {
+
+std::atomic<bool> reached_by_far_barriers{false};
+
+void join_far_barriers() noexcept {
+#ifndef __SANITIZE_THREAD__
+    reached_by_far_barriers =
+        syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_GLOBAL_EXPEDITED, 0) == 0;
+#endif
+}
+
+// The kernel skips threads that do not run: they passed a barrier when they stopped.
+void far_barrier() noexcept {
+    full_fence();
+    if (reached_by_far_barriers.load(std::memory_order_relaxed))
+        syscall(SYS_membarrier, MEMBARRIER_CMD_GLOBAL_EXPEDITED, 0);
+}
+
+bool join_process_barriers() noexcept {
+    static const bool joined =
+        syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0) == 0;
+    return joined;
+}
+
+void process_barrier() noexcept {
+    constexpr long kLong[2] = {0, 10000000}; // nanoseconds; a store leaves its processor far sooner
+    full_fence();
+    if (syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0) != 0)
+        syscall(SYS_nanosleep, kLong, nullptr);
+}
+
+} // namespace halvo

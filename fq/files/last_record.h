@@ -1,0 +1,64 @@
+// sms_fq: the record of a position log that counts. Whoever asks for a position asks here.
+#pragma once
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "fq/files/files.h"
+#include "fq/files/format.h"
+
+namespace halvo::fq {
+
+// Where in a log the position was found.
+struct LastRecord {
+    bool found = false;      // a record that can be read
+    bool blank = false;      // no record has reached the disk to its end, which is a line feed
+    int64_t at = 0;          // offset of the last whole record
+    int32_t left_order = -1; // the data file that the record before it names; -1: not known
+    bool stepped = false;    // the last record cannot be read, and the one found is an earlier one
+};
+// Reads the last whole record of a log of `size` bytes, or the last that can be read: what a power
+// failure has left behind it was never acknowledged. Without one, the last as it is. Bytes read of
+// it; below 31 when it could not be read from the file.
+inline ssize_t read_last_record(int fd, int64_t size, char *record, LastRecord &last) noexcept {
+    char pair[2 * kRecordSize];
+    last.at = (size / kRecordSize - 1) * kRecordSize;
+    const int64_t before = last.at > 0 ? kRecordSize : 0;
+    const ssize_t wanted = static_cast<ssize_t>(kRecordSize + before);
+    const ssize_t got = pread(fd, pair, static_cast<size_t>(wanted), last.at - before);
+    if (got != wanted)
+        return got < 0 ? got : std::max<ssize_t>(got - static_cast<ssize_t>(before), 0);
+    std::memcpy(record, pair + before, kRecordSize);
+    last.found = position_in(record).valid();
+    if (before > 0) last.left_order = position_in(pair).order;
+    if (last.found) return kRecordSize;
+    // Steps back over what cannot be read.
+    const auto is_blank = [](const char *bytes) { return bytes[kRecordSize - 1] == '\0'; };
+    last.blank = is_blank(record);
+    for (int64_t at = last.at - kRecordSize; at >= 0; at -= kRecordSize) {
+        if (pread(fd, pair, kRecordSize, at) != kRecordSize) break;
+        last.blank = last.blank && is_blank(pair);
+        if (!position_in(pair).valid()) continue;
+        std::memcpy(record, pair, kRecordSize);
+        last.found = last.stepped = true;
+        last.blank = false;
+        last.left_order = -1;
+        break;
+    }
+    return kRecordSize;
+}
+
+// The position that a side's log tells, as another side looks at it; not valid when it tells none.
+inline Position saved_position(int directory, const FileName &log_name) noexcept {
+    const Descriptor log = open_queue_file(directory, log_name, O_RDONLY);
+    const int64_t size = log ? state_of(log.get()).size : 0;
+    LastRecord last;
+    char record[kRecordSize];
+    if (size < kRecordSize || read_last_record(log.get(), size, record, last) != kRecordSize ||
+        !last.found)
+        return {-1, -1};
+    return position_in(record);
+}
+
+} // namespace halvo::fq

@@ -1,0 +1,192 @@
+#include "tools/relay/base/state.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "tools/relay/base/hash.h"
+
+namespace halvo::relay {
+
+struct StateContent {
+    char magic[8];
+    uint32_t version;
+    uint32_t size;
+    char identity[1008]; // NUL-terminated; a longer one is cut and told apart by its hash
+    uint64_t identity_hash;
+    uint64_t check; // over everything before
+    alignas(64) Figures figures;
+    alignas(64) Sending sendings[2];
+    std::atomic<uint32_t> current; // which of them
+    alignas(64) Arriving arriving;
+    alignas(64) Window windows[kSources];
+};
+static_assert(sizeof(Figures) == 120 && offsetof(StateContent, sendings) % 64 == 0);
+static_assert(sizeof(Identity) == 16 && sizeof(Place) == 80 && sizeof(Window) == 32 + kWindow / 8);
+
+namespace {
+
+constexpr char kMagic[8] = {'H', 'A', 'L', 'V', 'O', 'R', 'L', 'Y'};
+
+uint64_t header_sum(const StateContent &content) {
+    return hash_of(&content, offsetof(StateContent, check));
+}
+
+// A lock of the open file, not of the process; whether somebody has it can be asked without taking it.
+bool lock_whole(int descriptor, int command, struct flock &lock) {
+    lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return fcntl(descriptor, command, &lock) == 0;
+}
+
+bool is_locked(int descriptor) {
+    struct flock lock {};
+    return lock_whole(descriptor, F_OFD_GETLK, lock) && lock.l_type != F_UNLCK;
+}
+
+std::string system_text(const std::string &path) { return path + ": " + std::strerror(errno); }
+
+[[noreturn]] void damaged(const std::string &path, const char *what) {
+    throw StateError(path + ": the state file is damaged (" + what +
+                     "); without it the route begins with a new source number, and messages that "
+                     "were in flight may be doubled");
+}
+
+bool is_empty(const StateContent &content) {
+    const char *bytes = reinterpret_cast<const char *>(&content);
+    for (size_t i = 0; i < offsetof(StateContent, figures); ++i)
+        if (bytes[i]) return false;
+    return true;
+}
+
+void begin(StateContent &content, const std::string &identity) {
+    content.version = 1;
+    content.size = sizeof content;
+    identity.copy(content.identity, sizeof content.identity - 1);
+    content.identity_hash = hash_of(identity.data(), identity.size());
+    std::memcpy(content.magic, kMagic, sizeof kMagic);
+    content.check = header_sum(content);
+}
+
+void look_at_header(const std::string &path, const StateContent &content,
+                    const std::string &identity) {
+    if (std::memcmp(content.magic, kMagic, sizeof kMagic) != 0 || content.size != sizeof content ||
+        content.check != header_sum(content))
+        damaged(path, "its header");
+    if (content.identity_hash != hash_of(identity.data(), identity.size()))
+        throw StateError(
+            path + ": the state file is foreign: it is of \"" +
+            std::string(content.identity, strnlen(content.identity, sizeof content.identity)) +
+            "\", not of \"" + identity + "\"");
+}
+
+void look_at_content(const std::string &path, const StateContent &content) {
+    const uint32_t current = content.current;
+    if (current > 1) damaged(path, "its index");
+    const Sending &sending = content.sendings[current];
+    if (sending.source != 0 && (sending.listed > kMostBatch || sending.count > sending.listed ||
+                                sending.check != sending.sum()))
+        damaged(path, "its numbers");
+    if (content.arriving.count > kMostBatch) damaged(path, "its list");
+}
+
+} // namespace
+
+const char *name_of(Phase phase) {
+    static const char *const names[] = {"stopped", "connecting", "running",
+                                        "blocked", "waiting",    "failed"};
+    const auto index = static_cast<size_t>(phase);
+    return index < std::size(names) ? names[index] : "?";
+}
+
+uint64_t Sending::sum() const {
+    uint64_t hash = hash_of(this, offsetof(Sending, check));
+    return hash_of(shard, listed <= kMostBatch ? listed : 0, hash);
+}
+
+StateFile::StateFile(const std::string &path, const std::string &identity) : path_(path) {
+    const auto give_up = [&](const std::string &reason) {
+        if (descriptor_ >= 0) close(descriptor_);
+        throw StateError(reason);
+    };
+    descriptor_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (descriptor_ < 0) give_up(system_text(path));
+    struct flock lock {};
+    if (!lock_whole(descriptor_, F_OFD_SETLK, lock))
+        give_up(errno == EAGAIN || errno == EACCES ? path + ": another relay has it"
+                                                   : system_text(path));
+    struct stat info {};
+    if (fstat(descriptor_, &info) != 0) give_up(system_text(path));
+    if (info.st_size == 0) {
+        // A full disk shows now, not by a signal at a store.
+        const int full = posix_fallocate(descriptor_, 0, sizeof(StateContent));
+        if (full) {
+            if (ftruncate(descriptor_, 0) != 0) errno = full;
+            give_up(path + ": " + std::strerror(full));
+        }
+    } else if (info.st_size != sizeof(StateContent)) {
+        close(descriptor_);
+        damaged(path, "its size");
+    }
+    void *at =
+        mmap(nullptr, sizeof(StateContent), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_, 0);
+    if (at == MAP_FAILED) give_up(system_text(path));
+    content_ = static_cast<StateContent *>(at);
+    try {
+        if (is_empty(*content_)) begin(*content_, identity);
+        look_at_header(path, *content_, identity);
+        look_at_content(path, *content_);
+    } catch (const StateError &) {
+        munmap(content_, sizeof *content_);
+        close(descriptor_);
+        throw;
+    }
+}
+
+StateFile::~StateFile() {
+    munmap(content_, sizeof *content_);
+    close(descriptor_);
+}
+
+const Sending &StateFile::sending() const { return content_->sendings[content_->current]; }
+
+void StateFile::store(Sending &sending) {
+    sending.check = sending.sum();
+    const uint32_t other = 1 - content_->current;
+    std::memcpy(&content_->sendings[other], &sending, offsetof(Sending, shard) + sending.listed);
+    content_->current.store(other, std::memory_order_release);
+}
+
+Arriving &StateFile::arriving() { return content_->arriving; }
+Windows StateFile::windows() { return Windows(content_->windows); }
+Figures &StateFile::figures() { return content_->figures; }
+
+bool read_figures(const std::string &path, const std::string &identity, bool &running,
+                  void (*use)(const Figures &, void *), void *context) {
+    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) {
+        if (errno == ENOENT) return false;
+        throw StateError(system_text(path));
+    }
+    running = is_locked(descriptor);
+    struct stat info {};
+    void *at = MAP_FAILED;
+    if (fstat(descriptor, &info) == 0 && info.st_size == sizeof(StateContent))
+        at = mmap(nullptr, sizeof(StateContent), PROT_READ, MAP_SHARED, descriptor, 0);
+    close(descriptor);
+    if (at == MAP_FAILED) damaged(path, "its size");
+    const auto *content = static_cast<const StateContent *>(at);
+    const std::unique_ptr<void, void (*)(void *)> unmap(
+        at, [](void *mapped) { munmap(mapped, sizeof(StateContent)); });
+    look_at_header(path, *content, identity);
+    use(content->figures, context);
+    return true;
+}
+
+} // namespace halvo::relay
