@@ -3,6 +3,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -11,7 +12,9 @@ namespace halvo::tools {
 
 namespace {
 
-volatile std::sig_atomic_t stop = 0;
+// Atomic: the library's own thread may be the one that takes the signal.
+std::atomic<int> stop{0};
+static_assert(std::atomic<int>::is_always_lock_free); // a handler stores it
 
 extern "C" void remember_stop(int number) {
     const int error = errno;
