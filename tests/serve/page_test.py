@@ -1,9 +1,11 @@
 """The page in a browser, while messages pass: page_test.py PROGRAMS"""
+import os
 import sys
 import time
 
-import browser
-from lab import Lab, eventually, run, skip
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../dev"))
+import browser  # noqa: E402
+from lab import Lab, eventually, run, skip  # noqa: E402
 
 KOREAN, HOSTILE = "한국-01", "<script>x()</script>"
 NAMES = "[...document.querySelectorAll('#rows tr .name')].map(name => name.textContent)"
