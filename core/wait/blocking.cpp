@@ -152,7 +152,8 @@ void leave(void *sleeping) {
 WantedState awaited_slot(const Waiter &waiter) {
     static constexpr halvo_i32 kNever = -1;
     const WantedState slot = wanted_state(waiter.side, waiter.q);
-    return load(*slot.state) == slot.wanted ? WantedState{&kNever, 0} : slot;
+    const bool refused = slot.state && load(*slot.state) == slot.wanted;
+    return refused ? WantedState{&kNever, 0} : slot;
 }
 
 // One sleep, on the semaphore or, without one, for a while.

@@ -214,7 +214,7 @@ TEST_F(FrxWaiting, a_throttled_reader_and_a_blocked_writer_do_not_wake_each_othe
 
 // A throttled reader is woken in vain by each message; a signal may come at any moment of that.
 TEST_F(FrxWaiting, a_signal_ends_the_wait_of_a_reader_that_is_woken_in_vain) {
-    signal(SIGUSR1, ignore);
+    signal(SIGUSR1, [](int) {});
     fill(1);
     q->tpsmx = 1;
     q->gcnt.count = 100000;

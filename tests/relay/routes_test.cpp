@@ -160,10 +160,12 @@ TEST_F(RelayRoutes, signals_metrics_and_the_service_manager) {
     EXPECT_EQ(told(), "READY=1");
     write(1, 7);
     EXPECT_TRUE(here_->reaches("messages_total", 7));
-    const std::string metrics =
-        run_python(shared_broker(), "print(urllib.request.urlopen(words[0]).read().decode())",
-                   {"http://" + address + "/metrics"});
-    EXPECT_NE(metrics.find("halvo_relay_messages_total{route=\"r\",direction=\"out\"} 7\n"),
+    const auto metrics = [&] {
+        return run_python(shared_broker(),
+                          "print(urllib.request.urlopen(words[0]).read().decode())",
+                          {"http://" + address + "/metrics"});
+    };
+    EXPECT_NE(metrics().find("halvo_relay_messages_total{route=\"r\",direction=\"out\"} 7\n"),
               std::string::npos);
 
     here_->route("from = \"amqp:" + queue_ + "\"\nto = \"fq:" + here_->path("back") + "\"", "back");
@@ -185,7 +187,7 @@ TEST_F(RelayRoutes, signals_metrics_and_the_service_manager) {
                  here_->path("relay.toml")});
     here_->signal(SIGHUP);
     EXPECT_TRUE(here_->logs("no loopback address"));
-    EXPECT_EQ(run_python(fetch, {std::to_string(port)}).status, 0) << "all goes on as it was";
+    EXPECT_NE(metrics().find("halvo_relay_messages_total"), std::string::npos);
     EXPECT_EQ(here_->end(), 0);
     EXPECT_NE(fq({"get", here_->path("back")}).find("00000007 "), std::string::npos);
 }

@@ -85,7 +85,7 @@ TEST_F(FqTool, stat_tells_positions_backlog_and_the_uncommitted_tail) {
 
 TEST_F(FqTool, stat_counts_as_get_reads_behind_a_file_without_its_end_item) {
     run({"put"}, std::string(5000001, 'x') + "\ntwo\n");
-    ASSERT_EQ(truncate(file().c_str(), 5000001 + FQ_ITEM_EXTRA), 0);
+    ASSERT_EQ(truncate(queue.file(0).c_str(), 5000001 + FQ_ITEM_EXTRA), 0);
     EXPECT_NE(run({"stat"}).out.find("backlog      2 items"), std::string::npos);
     EXPECT_NE(run({"get", "-q"}).out.find("\ntwo\n"), std::string::npos);
 }
