@@ -39,7 +39,7 @@ picture: setup ## draws the status table, the live screen and the served page an
 	dev/picture.sh build/i386 docs
 	dev/page_picture.py build/i386 docs
 
-bench: ## measures the library beside its peers; QUICK=1 within two minutes, PLOT=1 draws docs/bench.svg
+bench: ## measures the library beside its peers; QUICK=1 within a minute, PLOT=1 draws docs/bench.svg
 	dev/setup.sh bench
 	bench/run.sh
 
