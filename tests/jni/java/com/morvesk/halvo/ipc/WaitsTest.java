@@ -142,7 +142,7 @@ public class WaitsTest extends TwoEnds {
     /** With one carrier, where whoever waits on it keeps all others from running. */
     @Test public void virtualThreadsDoNotHoldTheirCarrier() throws Exception {
         Assume.assumeTrue("no virtual threads in this VM",
-                Double.parseDouble(System.getProperty("java.specification.version")) >= 21);
+                Double.parseDouble(System.getProperty("java.class.version")) >= 65); // of Java 21
         InThread reader = InThread.call(() -> receive("x"), true);
         InThread writer = InThread.call(() -> {
             await(number, RWAIT, 1);
