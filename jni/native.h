@@ -21,8 +21,8 @@ extern "C" jint JNU_ThrowByName(JNIEnv *env, const char *class_name, const char 
 
 namespace halvo {
 
-constexpr jint kNoPath =
-    -2; // kept: result for a path that cannot be read, whatever code has that value
+// The result for a path that cannot be read: -2, whatever code has that value too.
+constexpr jint kNoPath = -2;
 
 // The letter of an end in the calls of halvo/queue.h.
 constexpr char mode_of(jboolean for_write) noexcept { return for_write ? 'w' : 'r'; }

@@ -4,6 +4,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "core/base/posix.h"
+
 namespace halvo {
 
 std::atomic<bool> reached_by_far_barriers{false};
@@ -29,10 +31,11 @@ bool join_process_barriers() noexcept {
 }
 
 void process_barrier() noexcept {
-    constexpr long kLong[2] = {0, 10000000}; // nanoseconds; a store leaves its processor far sooner
+    constexpr useconds_t kLong = 10000; // microseconds; a store leaves its processor far sooner
     full_fence();
-    if (syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0) != 0)
-        syscall(SYS_nanosleep, kLong, nullptr);
+    if (syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0) == 0) return;
+    const CancellationOff whole;
+    usleep(kLong);
 }
 
 } // namespace halvo

@@ -150,10 +150,10 @@ void leave(void *sleeping) {
 // already and was refused (a rate limit, parked messages): the look behind this sleep may be in vain
 // too, and a signal must not get between it and the next sleep.
 WantedState awaited_slot(const Waiter &waiter) {
-    static constexpr halvo_i32 kNever = -1;
+    static constexpr halvo_i32 kNoState = -1;
     const WantedState slot = wanted_state(waiter.side, waiter.q);
     const bool refused = slot.state && load(*slot.state) == slot.wanted;
-    return refused ? WantedState{&kNever, 0} : slot;
+    return refused ? WantedState{&kNoState, 0} : slot;
 }
 
 // One sleep, on the semaphore or, without one, for a while.
