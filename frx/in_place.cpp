@@ -12,6 +12,13 @@ int frx_peek(FrxChannel *handle, const qmsg **slot, int timeout) {
         });
 }
 
+int frx_peekMarked(FrxChannel *handle, int index, const qmsg **slot) noexcept {
+    return guarded(kReader, handle, slot != nullptr, [=](halvo_channel *q) {
+        const int result = q_peek_marked(q, index, slot);
+        return result == ESMS_OK ? static_cast<int32_t>(body_length(slot_size(q), *slot)) : result;
+    });
+}
+
 int frx_release(FrxChannel *handle, int error) noexcept {
     const CheckedEnd end = check_end(kReader, handle);
     if (end.fault != ESMS_OK) return end.fault;

@@ -32,6 +32,18 @@ template <class End>
     return get(q, end, buffer, nullptr);
 }
 
+// Message `index` (0 or more) of the marked ones; null when there are fewer.
+const qmsg *marked_slot(halvo_channel *q, const ReaderEnd &end, int index) {
+    const AheadOffset ahead = end.ahead(end.offset(), index);
+    if (!ahead.inside) {
+        print("%d(%d)  IndexOutOfBounds as tellg %d\n", index, index,
+              static_cast<int>(load(q->rpos)));
+        return nullptr;
+    }
+    const qmsg *slot = end.slot(ahead.offset);
+    return load_state(slot) == HALVO_SLOT_MARKED ? slot : nullptr;
+}
+
 } // namespace
 
 int halvo::take(halvo_channel *q, const ReaderEnd &end, void *buffer, qmsg *held) noexcept {
@@ -102,15 +114,19 @@ int halvo::read_marked_image(halvo_channel *q, void *image, uint32_t size, int i
     end.touch();
     if (index < 0 || !end.usable()) return ESMS_INVAL;
     if (!is_size_of(end.ring(), size)) return ESMS_FAILED;
-    const AheadOffset marked = end.ahead(end.offset(), index);
-    if (!marked.inside) {
-        print("%d(%d)  IndexOutOfBounds as tellg %d\n", index, index,
-              static_cast<int>(load(q->rpos)));
-        return ESMS_INVAL;
-    }
-    const qmsg *slot = end.slot(marked.offset);
-    if (load_state(slot) != HALVO_SLOT_MARKED) return ESMS_INVAL;
+    const qmsg *slot = marked_slot(q, end, index);
+    if (!slot) return ESMS_INVAL;
     copy_slot(end.size(), slot, image);
+    return ESMS_OK;
+}
+
+int q_peek_marked(halvo_channel *q, int index, const qmsg **slot) noexcept {
+    const ReaderEnd end(q);
+    end.touch();
+    if (index < 0 || !end.usable() || !slot) return ESMS_INVAL;
+    const qmsg *marked = marked_slot(q, end, index);
+    if (!marked) return ESMS_INVAL;
+    *slot = marked;
     return ESMS_OK;
 }
 

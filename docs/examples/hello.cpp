@@ -1,22 +1,23 @@
-#include <halvo/frx.h>
+#include <halvo/halvo.hpp>
 
+#include <array>
 #include <cstdio>
 #include <string_view>
-#include <vector>
+
+using namespace std::chrono_literals;
 
 // Sends one message through channel MT01 and reads it back: hello KEYFILE
 int main(int argc, char **argv) {
-    FrxChannel out, in; // the library remembers their addresses
-    if (argc != 2 || frx_initialize(argv[1]) != ESMS_OK) return 1;
-    const int channel = frx_channelByName("MT01");
-    if (frx_openChannel(&out, "hello", channel, 'w', 1000) != ESMS_OK) return 1;
-    if (frx_openChannel(&in, "hello", channel, 'r', 1000) != ESMS_OK) return 1;
+    if (argc != 2 || !halvo::attach(argv[1])) return 1;
+    auto out = halvo::Writer::open("MT01", "hello", 1s);
+    auto in = halvo::Reader::open("MT01", "hello", 1s);
+    if (!out || !in) return 1;
 
     const std::string_view text = "hello, world";
-    frx_write(&out, 1, text.data(), static_cast<uint32_t>(text.size()), 1000);
-    std::vector<qmsg> slot(static_cast<size_t>(frx_sizeOfBlock(channel)) / sizeof(qmsg) + 1);
-    const int length = frx_read(&in, slot.data(), 1000);
-    if (length < 0) return printr("hello failed:", length), 1;
-    std::printf("%.*s\n", length, reinterpret_cast<const char *>(slot[0].data));
-    return frx_closeChannel(&in) | frx_closeChannel(&out);
+    if (!out->write(1, std::as_bytes(std::span(text)), 1s)) return 1;
+    std::array<std::byte, 256> room;
+    const auto message = in->read(room, 1s);
+    if (!message) return printr("hello failed:", message.error()), 1;
+    std::printf("%.*s\n", static_cast<int>(message->body.size()),
+                reinterpret_cast<const char *>(message->body.data()));
 }

@@ -9,7 +9,8 @@
  * when an end is opened. A call answers a Result: its value, or the ESMS_* code of result.h (below 0)
  * as frx.h tells it for the function of the same name. Time limits are whole milliseconds, rounded up
  * and at most INT_MAX; Limit::none() does not wait for room. A thread uses an end at a time, unless it is
- * said otherwise in frx.h.
+ * said otherwise in frx.h. With GCC 12 a source that includes this cannot be compiled to another set of
+ * letters by -fexec-charset: its <chrono> needs UTF-8.
  */
 #ifndef HALVO_HALVO_HPP
 #define HALVO_HALVO_HPP
@@ -41,8 +42,11 @@ public:
     explicit operator bool() const noexcept { return content_.index() == 0; }
     bool has_value() const noexcept { return content_.index() == 0; }
     Value &value() noexcept { return *std::get_if<0>(&content_); }
+    const Value &value() const noexcept { return *std::get_if<0>(&content_); }
     Value &operator*() noexcept { return value(); }
+    const Value &operator*() const noexcept { return value(); }
     Value *operator->() noexcept { return &value(); }
+    const Value *operator->() const noexcept { return &value(); }
     int error() const noexcept { return *std::get_if<1>(&content_); }
 
 private:
@@ -99,6 +103,7 @@ inline int count_of(size_t messages) noexcept {
 inline Result<void> done(int code) {
     return code < 0 ? Result<void>::failure(code) : Result<void>();
 }
+inline Result<int> number(int n) { return n < 0 ? Result<int>::failure(n) : Result<int>(n); }
 
 /* An open end. Its handle stays at its address when the object moves. */
 class End {
@@ -170,22 +175,37 @@ public:
     Result<Message> peek(Limit limit) noexcept {
         const qmsg *slot = nullptr;
         const int length = frx_peek(handle(), &slot, limit.milliseconds());
-        if (length < 0) return Result<Message>::failure(length);
-        const auto *bytes = reinterpret_cast<const std::byte *>(slot) + offsetof(qmsg, data);
-        return Message{slot->type, Bytes(bytes, static_cast<size_t>(length))};
+        return message_in(slot, length);
     }
     Result<void> release(int errors = 0) noexcept {
         return detail::done(frx_release(handle(), errors));
     }
+    /* A batch that is lost to nobody: marks up to n messages (0: all that are there), waiting for the
+     * first; 0 when the time ran out. Each is looked at by marked() where it lies. commit() consumes
+     * the first n of them (0: all), rollback() hands all back; both answer how many. */
+    Result<int> mark(int n, Limit limit) noexcept {
+        return detail::number(frx_readMark(handle(), n, limit.milliseconds()));
+    }
+    Result<Message> marked(int index) noexcept {
+        const qmsg *slot = nullptr;
+        const int length = frx_peekMarked(handle(), index, &slot);
+        return message_in(slot, length);
+    }
+    Result<int> commit(int n = 0) noexcept { return detail::number(frx_readCommit(handle(), n)); }
+    Result<int> rollback() noexcept { return detail::number(frx_readRollback(handle())); }
     /* As frx_readMany(): the number of records that were filled. */
     Result<int> read(std::span<FrxMessage> messages, Limit limit) noexcept {
-        const int n = frx_readMany(handle(), messages.data(), detail::count_of(messages.size()),
-                                   limit.milliseconds());
-        return n < 0 ? Result<int>::failure(n) : Result<int>(n);
+        return detail::number(frx_readMany(
+            handle(), messages.data(), detail::count_of(messages.size()), limit.milliseconds()));
     }
 
 private:
     using End::End;
+    static Result<Message> message_in(const qmsg *slot, int length) noexcept {
+        if (length < 0) return Result<Message>::failure(length);
+        const auto *bytes = reinterpret_cast<const std::byte *>(slot) + offsetof(qmsg, data);
+        return Message{slot->type, Bytes(bytes, static_cast<size_t>(length))};
+    }
 };
 
 /* A channel's writing end. */
@@ -215,9 +235,8 @@ public:
     }
     /* As frx_writeMany(): the number of messages that were written. */
     Result<int> write(std::span<const FrxMessage> messages, Limit limit) noexcept {
-        const int n = frx_writeMany(handle(), messages.data(), detail::count_of(messages.size()),
-                                    limit.milliseconds());
-        return n < 0 ? Result<int>::failure(n) : Result<int>(n);
+        return detail::number(frx_writeMany(
+            handle(), messages.data(), detail::count_of(messages.size()), limit.milliseconds()));
     }
 
 private:

@@ -235,6 +235,10 @@ HALVO_API int q_write_buf_rollback(halvo_channel *q, int index) HALVO_NOEXCEPT;
  * returns  as q_read(): ESMS_OK; ESMS_EMPTY when there is none, when marks stand, or while the read
  *          rate is above the limit; ESMS_INVAL for a null slot. */
 HALVO_API int q_peek(halvo_channel *q, const qmsg **slot) HALVO_NOEXCEPT;
+/* The same for marked message `index` (0 is the oldest of them): valid until q_read_commit() or
+ * q_read_rollback(). So a batch is marked, looked at where it lies, and released as one.
+ * returns  ESMS_OK; ESMS_INVAL for a bad index or a null slot. */
+HALVO_API int q_peek_marked(halvo_channel *q, int index, const qmsg **slot) HALVO_NOEXCEPT;
 /* Frees the message at the read position and counts it as consumed, with `error` added to the error
  * count (0: none). It takes whatever message is the next one: call it behind a q_peek() that found one.
  * returns  ESMS_OK; ESMS_NOTARGET when there is none, or a marked one. */

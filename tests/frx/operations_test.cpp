@@ -66,6 +66,8 @@ TEST_F(FrxOperations, hand_on_what_the_ring_answers) {
         {"frx_readMarkedCount", 'r', 0, 2, ">RRF<_"},
         {"frx_readMarked", 'r', 1, ESMS_OK, ">RRF<_"},
         {"frx_readMarked", 'r', 2, ESMS_INVAL, ">RRF<_"},
+        {"frx_peekMarked", 'r', 1, 1, ">RRF<_"},
+        {"frx_peekMarked", 'r', 2, ESMS_INVAL, ">RRF<_"},
         {"frx_readCommit", 'r', 1, 1, "_>RF<_"},
         {"frx_readRollback", 'r', 0, 1, "_>FF<_"},
         {"frx_writeBuf", 'w', 3, ESMS_OK, "_>FF<_"},

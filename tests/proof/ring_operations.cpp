@@ -139,6 +139,7 @@ constexpr Row kRows[] = {
     {'r', "q_read_body", "frx_readBody", 0, 1, nothing, 0, ESMS_OK, given},
     {'r', nullptr, "frx_readMany", 0, 2, nothing, 0, 2, two_given},
     {'r', "q_read_mark", "frx_readMark", 0, 2, nothing, 2, 2, untouched},
+    {'r', "q_peek_marked", "frx_peekMarked", 0, 2, read_mark, 0, ESMS_OK, untouched},
     {'r', "q_read_commit", "frx_readCommit", 0, 2, read_mark, 0, 2, two_gone},
     {'r', "q_read_rollback", "frx_readRollback", 0, 2, read_mark, 0, 2, untouched},
     {'r', "q_read_buf", "frx_readBuf", 0, 1, nothing, 2, ESMS_OK, held},
@@ -155,7 +156,7 @@ std::vector<RingOperation> make_operations() {
             RingOperation one{row, ring_call(name, row.side)};
             const RingCall::Gives gives = one.call.gives;
             if (name == row.guarded && row.result == ESMS_OK &&
-                (gives != RingCall::nothing || one.call.name == "frx_peek"))
+                (gives != RingCall::nothing || one.call.name.starts_with("frx_peek")))
                 one.result = length;
             all.push_back(one);
         }

@@ -81,6 +81,11 @@ inline constexpr RingCall kRingCalls[] = {
              std::memcpy(g.room, body(next), body_length(g.q->qbsz, next));
          return result;
      }},
+    {"q_peek_marked", 'r',
+     [](G g) {
+         const qmsg *marked = nullptr;
+         return q_peek_marked(g.q, g.n, &marked);
+     }},
     {"q_release", 'r', [](G g) { return q_release(g.q, g.error); }},
     {"q_read_body", 'r', [](G g) { return q_read_body(g.q, nullptr, g.room, g.capacity, nullptr); },
      RingCall::body},
@@ -123,6 +128,11 @@ inline constexpr RingCall kRingCalls[] = {
          const int result = frx_peek(g.end, &next, g.timeout);
          if (result > 0 && g.room) std::memcpy(g.room, body(next), static_cast<size_t>(result));
          return result;
+     }},
+    {"frx_peekMarked", 'r',
+     [](G g) {
+         const qmsg *marked = nullptr;
+         return frx_peekMarked(g.end, g.n, &marked);
      }},
     {"frx_release", 'r', [](G g) { return frx_release(g.end, g.error); }},
     {"frx_readBody", 'r',

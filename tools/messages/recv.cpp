@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <vector>
 
 #include "tools/frame/program.h"
 
@@ -34,8 +33,7 @@ class Receiver {
 public:
     Receiver(const Options &options, int output, Progress &progress)
         : options_(options), output_(output), progress_(progress),
-          end_(options.key_file, options.channel, 'r', options.client, options.timeout),
-          slot_(end_.slot_size()) {}
+          end_(options.key_file, options.channel, 'r', options.client, options.timeout) {}
     ~Receiver() { frx_readRollback(end_.handle()); }
 
     void run() {
@@ -67,15 +65,13 @@ private:
         text_.clear();
         uint64_t bytes = 0;
         for (int i = 0; i < marked; ++i) {
-            const int result = frx_readMarked(end_.handle(), i, slot_.data());
-            if (result != ESMS_OK)
-                throw ToolError(kFailed, options_.channel + ": " + result_text(result));
-            const auto *message = reinterpret_cast<const qmsg *>(slot_.data());
-            const uint32_t length = std::min(message->len, end_.longest_message());
-            text_.append(reinterpret_cast<const char *>(slot_.data()) + offsetof(qmsg, data),
-                         length);
+            const qmsg *slot = nullptr;
+            const int length = frx_peekMarked(end_.handle(), i, &slot);
+            if (length < 0) throw ToolError(kFailed, options_.channel + ": " + result_text(length));
+            text_.append(reinterpret_cast<const char *>(slot) + offsetof(qmsg, data),
+                         static_cast<size_t>(length));
             if (!options_.keep_newline) text_ += '\n';
-            bytes += length;
+            bytes += static_cast<uint64_t>(length);
         }
         write_out(output_, options_.output, text_);
         const int released = frx_readCommit(end_.handle(), marked);
@@ -89,7 +85,6 @@ private:
     int output_;
     Progress &progress_;
     OpenEnd end_;
-    std::vector<uint8_t> slot_;
     std::string text_;
 };
 

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <vector>
 
 #include "halvo/frx.h"
 #include "halvo/queue.h"
@@ -68,8 +67,7 @@ private:
 
 class ChannelSource : public Source {
 public:
-    explicit ChannelSource(const std::string &channel)
-        : end_(channel, 'r'), slot_(static_cast<size_t>(frx_sizeOfBlock(end_.handle()->channel))) {}
+    explicit ChannelSource(const std::string &channel) : end_(channel, 'r') {}
 
     uint32_t take(uint32_t most, int milliseconds) override {
         // One slot less than the ring: the distance tells how many were consumed.
@@ -81,11 +79,11 @@ public:
         return static_cast<uint32_t>(got);
     }
     Message message(uint32_t index) override {
-        const int got = frx_readMarked(end_.handle(), static_cast<int>(index), slot_.data());
-        if (got != ESMS_OK) end_.fail(got, "read what is marked");
-        const auto *slot = reinterpret_cast<const qmsg *>(slot_.data());
-        const auto most = static_cast<uint32_t>(slot_.size() - sizeof(qmsg));
-        return {reinterpret_cast<const char *>(slot->data), std::min(slot->len, most), slot->type};
+        const qmsg *slot = nullptr;
+        const int length = frx_peekMarked(end_.handle(), static_cast<int>(index), &slot);
+        if (length < 0) end_.fail(length, "read what is marked");
+        return {reinterpret_cast<const char *>(slot) + offsetof(qmsg, data),
+                static_cast<uint32_t>(length), slot->type};
     }
     ~ChannelSource() override { frx_readRollback(end_.handle()); }
     void release(uint32_t count) override {
@@ -108,7 +106,6 @@ public:
 
 private:
     End end_;
-    std::vector<char> slot_;
 };
 
 // The distance of the slots is known but for whole rounds, and those are told by the count, which is
