@@ -3,6 +3,7 @@
 #include <random>
 #include <set>
 
+#include "halvo/fq.h"
 #include "tests/support/files.h"
 #include "tests/support/frx_fixture.h"
 #include "tools/relay/base/config.h"
@@ -152,6 +153,50 @@ TEST_F(RelayNumbers, another_reader_makes_repeats_at_worst) {
     });
     EXPECT_EQ(reader.wait(), 0);
     EXPECT_EQ(number_of_first(), 3U) << "the numbers follow the slots";
+}
+
+namespace {
+
+// A file queue from which another program takes an item whenever a batch is given back.
+class Contended : public Source {
+public:
+    explicit Contended(const std::string &path) : path_(path), queue_(open_file_source(path, 1)) {}
+    uint32_t take(uint32_t most, int limit) override { return queue_->take(most, limit); }
+    Message message(uint32_t index) override { return queue_->message(index); }
+    void release(uint32_t count) override { queue_->release(count); }
+    void describe(Place &place) override { queue_->describe(place); }
+    int64_t waiting() override { return queue_->waiting(); }
+    std::optional<uint32_t> consumed_since(const Sending &sending) override {
+        return queue_->consumed_since(sending);
+    }
+    void give_back() override {
+        queue_->give_back();
+        fqtrans other{};
+        char item[64 + FQ_ITEM_EXTRA];
+        EXPECT_GT(fq_dequeue(-1, path_.c_str(), item, 64, &other), 0);
+        EXPECT_EQ(fq_dequeue_commit(-1, &other), 0);
+    }
+
+private:
+    const std::string path_;
+    const std::unique_ptr<Source> queue_;
+};
+
+} // namespace
+
+TEST(RelayFileNumbers, a_part_of_a_batch_is_not_taken_for_another_one_of_the_same_words) {
+    const TestDirectory directory;
+    const std::string path = directory.path("mo");
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(fq_enqueue_away(-1, 0, 1, path.c_str(), "same", 4), 0);
+    RouteConfig route;
+    route.name = "r";
+    route.from = {Endpoint::file_queue, path};
+    route.to = {Endpoint::queue, "q"};
+    StateFile state(directory.path("state"), "test");
+    Contended source(path);
+    Numbering numbering(route, state, source);
+    numbering.plan(source.take(3, 0));
+    EXPECT_THROW(numbering.before_release(2), EndError) << "the third one was not sent";
 }
 
 TEST(RelayConfig, faults_name_their_line) {

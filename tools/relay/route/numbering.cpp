@@ -107,7 +107,9 @@ void Numbering::before_release(uint32_t count) {
     const uint32_t again = source_.take(count, 0);
     Place place{};
     source_.describe(place);
-    if (again != count || place.fingerprint != before.fingerprint)
+    // Messages may have the same words: the place tells them apart.
+    if (again != count || place.fingerprint != before.fingerprint ||
+        !std::equal(std::begin(place.position), std::end(place.position), before.position))
         throw EndError(text_of(route_.local()) + ": another program has read from it meanwhile");
     plan(count);
 }
