@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <ctime>
+#include <utility>
 
 namespace halvo {
 
@@ -19,6 +20,14 @@ sigset_t all_but_faults() {
     return set;
 }
 const sigset_t everything = all_but_faults();
+
+sigset_t monitors_alone() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGUSR2);
+    return set;
+}
+const sigset_t monitors_signal = monitors_alone();
 
 // Whether the thread's handlers may run on a stack of their own, where they leave no marks below
 // this one. A thread seldom gets such a stack after its first wait.
@@ -59,18 +68,31 @@ bool Sleeper::look_and_hold(WantedState slot, int looks) noexcept {
     frame_.state = slot.state;
     frame_.wanted = slot.wanted;
     frame_.looks = looks;
-    return halvo::look_and_hold(frame_) != 0;
+    const bool came = halvo::look_and_hold(frame_) != 0;
+    // Programs block all signals in their threads, and yet a wait has its limit.
+    if (frame_.held && sigismember(&before_, SIGUSR2) == 1) {
+        sigdelset(&before_, SIGUSR2);
+        blocks_monitor_ = true;
+    }
+    return came;
 }
 
-void Sleeper::release() noexcept {
+void Sleeper::let_in() noexcept {
     if (!frame_.held) return;
     frame_.held = 0;
     pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }
 
+void Sleeper::release() noexcept {
+    let_in();
+    if (std::exchange(blocks_monitor_, false))
+        pthread_sigmask(SIG_BLOCK, &monitors_signal, nullptr);
+}
+
 void Sleeper::take_sent_signals() noexcept {
-    release();
+    let_in();
     getppid(); // a signal is delivered with a system call, at the latest
+    release();
 }
 
 // Sleeps with the signals let in: whether one came. They are kept away again behind it.

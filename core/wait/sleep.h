@@ -4,7 +4,8 @@
 //     ...              the wait is announced, and the slot looked at a last time
 //     take() / pause() lets the signals in and sleeps; what had come meanwhile ends it at once
 //
-// Signals that a fault of the thread itself raises are never kept away.
+// Signals that a fault of the thread itself raises are never kept away. A thread that blocks SIGUSR2
+// gets it while it waits: its mask is as it was when the Sleeper goes.
 #pragma once
 
 #include "core/wait/sleep_instructions.h"
@@ -55,10 +56,12 @@ public:
 
 private:
     bool let_pending_in(int milliseconds);
+    void let_in() noexcept;
 
     const bool cancellable_;
     int cancel_state_ = 0; // the thread's own, while it is put off
-    sigset_t before_;
+    bool blocks_monitor_ = false; // the thread does, outside
+    sigset_t before_;             // its mask, but for that
     SleepFrame frame_;
 };
 

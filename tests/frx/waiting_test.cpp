@@ -50,6 +50,22 @@ TEST_F(FrxWaiting, a_limit_of_nothing_ends_at_the_next_scan) {
     EXPECT_EQ(frx_write(&writer, "x", -1), ESMS_FULL) << "a negative write does not wait";
 }
 
+TEST_F(FrxWaiting, a_thread_that_blocks_all_signals_has_its_limits) {
+    sigset_t mask;
+    sigfillset(&mask);
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    EXPECT_EQ(read(100), "[-1]");
+    EXPECT_EQ(frx_readMark(&reader, 1, 100), 0);
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    EXPECT_EQ(sigismember(&mask, SIGUSR2), 1) << "afterwards it blocks them again";
+    std::thread later([&] {
+        usleep(300000);
+        fill(1);
+    });
+    EXPECT_EQ(read(), "0");
+    later.join();
+}
+
 TEST_F(FrxWaiting, another_signal_interrupts) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
