@@ -46,6 +46,13 @@ void begin_anew() {
 }
 [[maybe_unused]] const int watched = pthread_atfork(nullptr, nullptr, begin_anew);
 
+// The monitor gets none of the signals that are sent to the process: one that came while the program's
+// thread keeps them away, right before its sleep, would end there and not end the sleep.
+void start_monitor() {
+    const SignalsOff inherited;
+    pthread_create(&toutMon, nullptr, timeoutLoop, nullptr);
+}
+
 } // namespace
 
 int frx_initialize(const char *keyfile) noexcept {
@@ -54,7 +61,7 @@ int frx_initialize(const char *keyfile) noexcept {
     if (!lock_service()) return ESMS_MTXLOCK;
     begin_anew();
     goLoop = 1;
-    pthread_create(&toutMon, nullptr, timeoutLoop, nullptr);
+    start_monitor();
     return unlock_service() ? result : ESMS_MTXUNLOCK;
 }
 

@@ -1,4 +1,5 @@
-// Owners of what the operating system hands out: descriptors, directories, mutexes, cancellation.
+// Owners of what the operating system hands out: descriptors, directories, mutexes, cancellation,
+// signals.
 //
 // Each gives its resource back when it goes; release() leaves it taken and passes the duty on.
 // None of them throws or prints. errno survives the giving back, so that an error found before
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <utility>
 
 namespace halvo {
@@ -100,6 +102,29 @@ public:
 
 private:
     int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// Every signal but those that a fault of the thread itself raises, which cannot wait.
+inline sigset_t all_but_faults() noexcept {
+    sigset_t set;
+    sigfillset(&set);
+    for (int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) sigdelset(&set, fault);
+    return set;
+}
+
+// Keeps them from the thread while it stands. A thread that is started meanwhile never gets them.
+class SignalsOff {
+public:
+    SignalsOff() noexcept {
+        const sigset_t all = all_but_faults();
+        pthread_sigmask(SIG_BLOCK, &all, &before_);
+    }
+    SignalsOff(const SignalsOff &) = delete;
+    SignalsOff &operator=(const SignalsOff &) = delete;
+    ~SignalsOff() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+private:
+    sigset_t before_;
 };
 
 // A locked mutex, or none.

@@ -9,16 +9,12 @@
 #include <ctime>
 #include <utility>
 
+#include "core/base/posix.h"
+
 namespace halvo {
 
 namespace {
 
-sigset_t all_but_faults() {
-    sigset_t set;
-    sigfillset(&set);
-    for (int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) sigdelset(&set, fault);
-    return set;
-}
 const sigset_t everything = all_but_faults();
 
 sigset_t monitors_alone() {

@@ -66,6 +66,18 @@ TEST_F(FrxWaiting, a_thread_that_blocks_all_signals_has_its_limits) {
     later.join();
 }
 
+TEST_F(FrxWaiting, the_monitor_gets_no_signal_of_the_program) {
+    static volatile sig_atomic_t handled = 0;
+    signal(SIGALRM, [](int) { handled = 1; });
+    {
+        const halvo::SignalsOff kept;
+        kill(getpid(), SIGALRM);
+        usleep(50000);
+        EXPECT_EQ(handled, 0) << "it waits for a thread that lets it in";
+    }
+    EXPECT_EQ(handled, 1);
+}
+
 TEST_F(FrxWaiting, another_signal_interrupts) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
