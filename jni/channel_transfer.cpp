@@ -97,8 +97,8 @@ COMPANION_NATIVE(jint, ChannelCalls, write)
     });
 }
 
-// Marks at most n messages, as many as there is room for their slots, and copies the slots. Returns
-// their number.
+// Marks at most n messages, as many as there is room for their slots, and copies each to the place of
+// its slot. Returns their number.
 COMPANION_NATIVE(jint, ChannelCalls, mark)
 (JNIEnv *env, jclass, jobject cell, jint channel, jint n, jbyteArray slots, jint timeout) noexcept {
     return on_side(kReader, channel, [&](halvo_channel *q) -> jint {
@@ -115,8 +115,8 @@ COMPANION_NATIVE(jint, ChannelCalls, mark)
         {
             const PinnedBytes bytes(env, slots, 0);
             while (bytes.get() && copied < marked &&
-                   read_marked_image(q, bytes.get() + size_t{size} * static_cast<size_t>(copied),
-                                     size, copied) == ESMS_OK)
+                   read_marked_message(q, bytes.get() + size_t{size} * static_cast<size_t>(copied),
+                                       size, copied) == ESMS_OK)
                 ++copied;
         }
         if (copied == marked) return marked;

@@ -32,16 +32,23 @@ template <class End>
     return get(q, end, buffer, nullptr);
 }
 
-// Message `index` (0 or more) of the marked ones; null when there are fewer.
-const qmsg *marked_slot(halvo_channel *q, const ReaderEnd &end, int index) {
-    const AheadOffset ahead = end.ahead(end.offset(), index);
-    if (!ahead.inside) {
+// Gives marked message `index` to use(slot size, slot), if the slots have that size.
+template <class Use>
+int with_marked(halvo_channel *q, uint32_t size, int index, Use use) {
+    const ReaderEnd end(q);
+    end.touch();
+    if (index < 0 || !end.usable()) return ESMS_INVAL;
+    if (!is_size_of(end.ring(), size)) return ESMS_FAILED;
+    const AheadOffset marked = end.ahead(end.offset(), index);
+    if (!marked.inside) {
         print("%d(%d)  IndexOutOfBounds as tellg %d\n", index, index,
               static_cast<int>(load(q->rpos)));
-        return nullptr;
+        return ESMS_INVAL;
     }
-    const qmsg *slot = end.slot(ahead.offset);
-    return load_state(slot) == HALVO_SLOT_MARKED ? slot : nullptr;
+    const qmsg *slot = end.slot(marked.offset);
+    if (load_state(slot) != HALVO_SLOT_MARKED) return ESMS_INVAL;
+    use(end.size(), slot);
+    return ESMS_OK;
 }
 
 } // namespace
@@ -110,24 +117,22 @@ int q_read_markedmsg(halvo_channel *q, int index, void *buffer) noexcept {
 }
 
 int halvo::read_marked_image(halvo_channel *q, void *image, uint32_t size, int index) noexcept {
-    const ReaderEnd end(q);
-    end.touch();
-    if (index < 0 || !end.usable()) return ESMS_INVAL;
-    if (!is_size_of(end.ring(), size)) return ESMS_FAILED;
-    const qmsg *slot = marked_slot(q, end, index);
-    if (!slot) return ESMS_INVAL;
-    copy_slot(end.size(), slot, image);
-    return ESMS_OK;
+    return with_marked(q, size, index, [=](uint32_t slot_size, const qmsg *slot) {
+        copy_slot(slot_size, slot, image);
+    });
+}
+
+int halvo::read_marked_message(halvo_channel *q, void *image, uint32_t size, int index) noexcept {
+    return with_marked(q, size, index, [=](uint32_t slot_size, const qmsg *slot) {
+        auto *message = static_cast<qmsg *>(image);
+        copy_slot(offsetof(qmsg, data), slot, message);
+        copy_bytes(body(message), body(slot), body_length(slot_size, message));
+    });
 }
 
 int q_peek_marked(halvo_channel *q, int index, const qmsg **slot) noexcept {
-    const ReaderEnd end(q);
-    end.touch();
-    if (index < 0 || !end.usable() || !slot) return ESMS_INVAL;
-    const qmsg *marked = marked_slot(q, end, index);
-    if (!marked) return ESMS_INVAL;
-    *slot = marked;
-    return ESMS_OK;
+    if (!slot) index = -1; // as bad
+    return with_marked(q, kAnySize, index, [=](uint32_t, const qmsg *marked) { *slot = marked; });
 }
 
 int q_read_commit(halvo_channel *q, int n, int error) noexcept {

@@ -26,6 +26,8 @@ int take(halvo_channel *q, const ReaderEnd &end, void *buffer, qmsg *held) noexc
 int read_image(halvo_channel *q, void *image, uint32_t size) noexcept;
 int read_buf_image(halvo_channel *q, void *image, uint32_t size, int index) noexcept;
 int read_marked_image(halvo_channel *q, void *image, uint32_t size, int index) noexcept;
+// The same, but of the body no more than the message has.
+int read_marked_message(halvo_channel *q, void *image, uint32_t size, int index) noexcept;
 int read_view_image(const halvo_channel *q, void *image, uint32_t size) noexcept;
 
 } // namespace halvo

@@ -37,7 +37,7 @@ final class ChannelCalls {
     static native int write(ByteBuffer cell, int channel, int type, byte[] data, int offset,
             int length, int timeout);
 
-    /** Marks 1 to n messages and copies their slots; their number. */
+    /** Marks 1 to n messages and copies each to the place of its slot; their number. */
     static native int mark(ByteBuffer cell, int channel, int n, byte[] slots, int timeout);
 
     /** Writes what a {@link Batch} has staged; the number of messages written. */

@@ -25,7 +25,7 @@ import java.util.NoSuchElementException;
 public final class Marked implements Iterable<Channel.Message>, AutoCloseable {
     private final ChannelEnd end;
     private final Thread owner;
-    private final byte[] slots; // images of the marked slots
+    private final byte[] slots; // each message at the place of its slot
     private final int slotSize;
     private int count;
     private int committed;
