@@ -18,6 +18,28 @@ struct LastRecord {
     int32_t left_order = -1; // the data file that the record before it names; -1: not known
     bool stepped = false;    // the last record cannot be read, and the one found is an earlier one
 };
+// From the last record, which cannot be read, back to one that can; by blocks, for a log may be long.
+inline void step_back(int fd, char *record, LastRecord &last) noexcept {
+    const auto is_blank = [](const char *bytes) { return bytes[kRecordSize - 1] == '\0'; };
+    constexpr int64_t kBlock = int64_t{256} * kRecordSize;
+    char block[kBlock];
+    last.blank = is_blank(record);
+    for (int64_t end = last.at, begin = 0; end > 0; end = begin) {
+        begin = std::max<int64_t>(end - kBlock, 0);
+        const auto size = static_cast<ssize_t>(end - begin);
+        if (pread(fd, block, static_cast<size_t>(size), begin) != size) return;
+        for (const char *at = block + size - kRecordSize; at >= block; at -= kRecordSize) {
+            last.blank = last.blank && is_blank(at);
+            if (!position_in(at).valid()) continue;
+            std::memcpy(record, at, kRecordSize);
+            last.found = last.stepped = true;
+            last.blank = false;
+            last.left_order = -1;
+            return;
+        }
+    }
+}
+
 // Reads the last whole record of a log of `size` bytes, or the last that can be read: what a power
 // failure has left behind it was never acknowledged. Without one, the last as it is. Bytes read of
 // it; below 31 when it could not be read from the file.
@@ -33,19 +55,7 @@ inline ssize_t read_last_record(int fd, int64_t size, char *record, LastRecord &
     last.found = position_in(record).valid();
     if (before > 0) last.left_order = position_in(pair).order;
     if (last.found) return kRecordSize;
-    // Steps back over what cannot be read.
-    const auto is_blank = [](const char *bytes) { return bytes[kRecordSize - 1] == '\0'; };
-    last.blank = is_blank(record);
-    for (int64_t at = last.at - kRecordSize; at >= 0; at -= kRecordSize) {
-        if (pread(fd, pair, kRecordSize, at) != kRecordSize) break;
-        last.blank = last.blank && is_blank(pair);
-        if (!position_in(pair).valid()) continue;
-        std::memcpy(record, pair, kRecordSize);
-        last.found = last.stepped = true;
-        last.blank = false;
-        last.left_order = -1;
-        break;
-    }
+    step_back(fd, record, last);
     return kRecordSize;
 }
 
@@ -54,7 +64,7 @@ inline Position saved_position(int directory, const FileName &log_name) noexcept
     const Descriptor log = open_queue_file(directory, log_name, O_RDONLY);
     const int64_t size = log ? state_of(log.get()).size : 0;
     LastRecord last;
-    char record[kRecordSize];
+    char record[kRecordSize] = {};
     if (size < kRecordSize || read_last_record(log.get(), size, record, last) != kRecordSize ||
         !last.found)
         return {-1, -1};

@@ -94,7 +94,7 @@ SavedPosition saved_position(const std::string &path, char mode) {
     if (!file) fail(name.text);
     const int64_t size = size_of(file);
     saved.torn = size % kRecordSize;
-    char record[kRecordSize];
+    char record[kRecordSize] = {};
     LastRecord last;
     if (size < kRecordSize || read_last_record(file.get(), size, record, last) != kRecordSize)
         return saved;
