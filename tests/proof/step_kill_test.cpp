@@ -40,22 +40,22 @@ protected:
     // Kills after every instruction; in the short form after those that change what others see, and
     // after few others. The steps begin a few instructions before the operation and end a few behind
     // it.
-    Faults kill_everywhere(const RingOperation &operation, const Filling &filling, Peer_is peer) {
+    void kill_everywhere(const RingOperation &operation, const Filling &filling, Peer_is peer,
+                         Faults &faults) {
         ring.restore(empty);
         const SmallRing::Image before = prepared(ring, operation, filling);
         SCOPED_TRACE(std::string(operation.call.name) + " in " + picture(ring.q) +
                      ", the other side is " + kPeers[static_cast<int>(peer)]);
         warm_up(ring, operation, stage);
         const std::vector<bool> changed = changes(operation);
-        Faults faults;
         for (size_t steps = 1;; ++steps) {
             if (steps < changed.size() && !changed[steps] && steps % length(97, 1) != 0) continue;
             ring.restore(before);
             SingleStep process = in_front_of(ring, operation, stage);
             for (size_t i = 0; i < steps && !process.has_returned(); ++i) process.step();
             process.kill();
-            faults += survive(ring, operation, filling, peer, stage);
-            if (stage.returned || HasFailure()) return faults;
+            survive(ring, operation, filling, peer, stage, faults);
+            if (stage.returned || HasFailure()) return;
         }
     }
 
@@ -77,7 +77,7 @@ protected:
             for (const Filling &filling : fillings) {
                 if (!filling.suits(operation)) continue;
                 // One of the four in turn, by three, so that all meet every kind of filling.
-                all += kill_everywhere(operation, filling, peers[turn % peers.size()]);
+                kill_everywhere(operation, filling, peers[turn % peers.size()], all);
                 turn += 3;
             }
         }
