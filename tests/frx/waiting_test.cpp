@@ -123,15 +123,6 @@ TEST_F(FrxWaiting, ends_when_the_other_side_has_done_its_half) {
     }
 }
 
-TEST_F(FrxWaiting, without_a_semaphore_a_call_does_not_spin) {
-    FrxChannel file_end{};
-    ASSERT_EQ(frx_openChannel(&file_end, "f", 1, 'r', 1000), ESMS_OK);
-    Slot slot(q);
-    const int64_t before = processor_time(RUSAGE_SELF);
-    EXPECT_EQ(frx_read(&file_end, slot.data(), 300), ESMS_TIMEOUT);
-    EXPECT_LT(processor_time(RUSAGE_SELF) - before, 150000);
-}
-
 TEST_F(FrxWaiting, whoever_begins_to_wait_wakes_the_other_side) {
     q->wwait = 1;
     EXPECT_EQ(read(0), "[-1]");
