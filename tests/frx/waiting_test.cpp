@@ -1,6 +1,5 @@
 // Waits: how they end, and what they leave behind.
 #include <fcntl.h>
-#include <sys/time.h>
 
 #include <csignal>
 #include <functional>
@@ -42,29 +41,6 @@ using FrxWaiting = FrxTest;
 }
 
 } // namespace
-
-TEST_F(FrxWaiting, a_limit_of_nothing_ends_at_the_next_scan) {
-    EXPECT_EQ(read(0), "[-1]");
-    EXPECT_EQ(read(-500), "[-1]");
-    fill(4);
-    EXPECT_EQ(frx_write(&writer, "x", -1), ESMS_FULL) << "a negative write does not wait";
-}
-
-TEST_F(FrxWaiting, another_signal_interrupts) {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, nullptr);
-    const itimerval often = {{0, 30000}, {0, 30000}};
-    setitimer(ITIMER_REAL, &often, nullptr); // signals that are not the monitor's
-    Slot slot(q);
-    EXPECT_EQ(frx_read(&reader, slot.data(), 10000), ESMS_JAVAINTR);
-    EXPECT_EQ(frx_readMark(&reader, 0, 10000), ESMS_JAVAINTR);
-    fill(4);
-    EXPECT_EQ(frx_write(&writer, "x", 10000), ESMS_JAVAINTR);
-    EXPECT_EQ(frx_writeBuf(&writer, 1, "x", 1, 0, 10000), ESMS_JAVAINTR);
-    EXPECT_EQ(q->wwait, 0);
-    EXPECT_EQ(q->rwait, 0);
-}
 
 TEST_F(FrxWaiting, ends_when_the_other_side_has_done_its_half) {
     FrxChannel file_end{};
