@@ -14,19 +14,21 @@ namespace {
 
 using FrxWaiting = FrxTest;
 
-// A thread that ends by its cancellation, if at all. (Not tried under the address sanitizer.)
-[[maybe_unused]] void *read_from(void *end) {
-    char slot[64];
-    frx_read(static_cast<FrxChannel *>(end), slot, 60000);
-    return nullptr;
-}
-
-// A thread that has been cancelled when it makes a call.
-[[maybe_unused]] void *call_cancelled(void *call) {
-    pthread_cancel(pthread_self());
+[[maybe_unused]] void *make_call(void *call) {
     (*static_cast<std::function<void()> *>(call))();
     pthread_testcancel();
     return nullptr;
+}
+
+// Makes a call in a thread that ends by its cancellation, if at all.
+[[maybe_unused]] void expect_cancelled(std::function<void()> call,
+                                       const std::function<void(pthread_t)> &meanwhile) {
+    pthread_t thread{};
+    ASSERT_EQ(pthread_create(&thread, nullptr, make_call, &call), 0);
+    meanwhile(thread);
+    void *result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
 }
 
 // Replaces standard output by a pipe that takes no byte more.
@@ -59,7 +61,7 @@ TEST_F(FrxWaiting, ends_when_the_other_side_has_done_its_half) {
         {"a commit of a batch",
          [&] { EXPECT_EQ(frx_writeMarkAt(&writer, 1, "m", 1, 0, -1), ESMS_OK); },
          [&] { EXPECT_EQ(frx_writeCommitAll(&writer), ESMS_OK); },
-         [&] { return frx_read(&reader, slot.data(), 10000); }, 1},
+         [&] { return frx_readMark(&reader, 0, 10000) + frx_readCommit(&reader, 0); }, 2},
         {"a message that nobody told of", [] {}, [&] { halvo::test::write(q, "silent"); },
          [&] { return frx_read(&reader, slot.data(), 10000); }, 6},
         {"a publication", [&] { EXPECT_EQ(frx_reserve(&writer, 4, &room, 0), ESMS_OK); },
@@ -128,14 +130,13 @@ TEST_F(FrxWaiting, a_cancelled_thread_withdraws_its_wait) {
     ASSERT_EQ(frx_openChannel(&file_end, "f", 1, 'r', 1000), ESMS_OK);
     for (FrxChannel *end : {&reader, &file_end}) {
         const halvo_channel *channel = q_chnnl2q(end->channel);
-        pthread_t thread{};
-        ASSERT_EQ(pthread_create(&thread, nullptr, read_from, end), 0);
-        while (halvo::load(channel->rwait) == 0) usleep(100);
-        usleep(end == &reader ? 20000 : 0); // asleep, or anywhere in its round
-        pthread_cancel(thread);
-        void *result = nullptr;
-        pthread_join(thread, &result);
-        EXPECT_EQ(result, PTHREAD_CANCELED);
+        char slot[64];
+        expect_cancelled([&] { frx_read(end, slot, 60000); },
+                         [&](pthread_t thread) {
+                             while (halvo::load(channel->rwait) == 0) usleep(100);
+                             usleep(end == &reader ? 20000 : 0); // asleep, or anywhere in its round
+                             pthread_cancel(thread);
+                         });
         EXPECT_EQ(channel->rwait, 0);
     }
     EXPECT_EQ(reg_wait_thread(0), 0) << "no registration is left";
@@ -148,20 +149,14 @@ TEST_F(FrxWaiting, a_cancelled_thread_withdraws_its_wait) {
 TEST_F(FrxWaiting, a_cancelled_thread_ends_behind_a_call_that_does_not_wait_for_a_message) {
     setvbuf(stdout, nullptr, _IONBF, 0); // so that each line is written at once
     const char too_long[4096] = {};
-    std::function<void()> calls[] = {
+    const std::function<void()> calls[] = {
         [&] { ::frx_write(&writer, 1, too_long, sizeof too_long, 0); }, // prints a refusal
         [] { q_recover(0, 'r'); },
         [] { init_shm(""); },
         [] { q_save_snapshot("", 1, "/dev/null"); },
         [] { timeoutLoop(nullptr); }, // has pauses in which it goes
         init_sig};
-    for (std::function<void()> &call : calls) {
-        pthread_t thread{};
-        ASSERT_EQ(pthread_create(&thread, nullptr, call_cancelled, &call), 0);
-        void *result = nullptr;
-        pthread_join(thread, &result);
-        EXPECT_EQ(result, PTHREAD_CANCELED);
-    }
+    for (const std::function<void()> &call : calls) expect_cancelled(call, pthread_cancel);
     fill(1);
     EXPECT_EQ(read(), "0");
 }
