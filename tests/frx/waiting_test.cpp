@@ -61,7 +61,11 @@ TEST_F(FrxWaiting, ends_when_the_other_side_has_done_its_half) {
         {"a commit of a batch",
          [&] { EXPECT_EQ(frx_writeMarkAt(&writer, 1, "m", 1, 0, -1), ESMS_OK); },
          [&] { EXPECT_EQ(frx_writeCommitAll(&writer), ESMS_OK); },
-         [&] { return frx_readMark(&reader, 0, 10000) + frx_readCommit(&reader, 0); }, 2},
+         [&] {
+             const int marked = frx_readMark(&reader, 0, 10000);
+             return marked + frx_readCommit(&reader, 0);
+         },
+         2},
         {"a message that nobody told of", [] {}, [&] { halvo::test::write(q, "silent"); },
          [&] { return frx_read(&reader, slot.data(), 10000); }, 6},
         {"a publication", [&] { EXPECT_EQ(frx_reserve(&writer, 4, &room, 0), ESMS_OK); },
