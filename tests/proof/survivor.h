@@ -8,7 +8,7 @@ namespace halvo::test {
 
 // What the other side does between the death and the succession; `replaced`: it works, ends, and its
 // own successor recovers first.
-enum class Peer_is { gone, idle, at_work, replaced };
+enum class Peer_is { replaced, at_work, gone, idle };
 
 struct Filling {
     int start;       // slots that the positions stand behind the first
