@@ -62,11 +62,11 @@ TEST(Open, one_process_at_a_time_holds_an_end_and_a_killed_one_gives_it_back) {
     EXPECT_EQ(read(q), "still here");
 }
 
-TEST(Semaphores, posts_merge_into_one) {
+TEST(Semaphores, exist_for_channels_of_type_m_alone_and_merge_posts) {
     const Segment s = two_channels();
     s.attach();
-    const int post = set_under(s.key_file() + ".post", 1),
-              request = set_under(s.key_file() + ".req", 1);
+    const int post = set_under(s.key_file() + ".post", 1);
+    const int request = set_under(s.key_file() + ".req", 1);
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(sem_postx(0) | sem_rqst(0), 0);
         EXPECT_EQ(value_of(post), 1);
@@ -74,15 +74,8 @@ TEST(Semaphores, posts_merge_into_one) {
     }
     EXPECT_EQ(sem_wait4read(0) | sem_wait4write(0), 0);
     EXPECT_EQ(value_of(post) + value_of(request), 0);
-}
-
-TEST(Semaphores, exist_for_channels_of_type_m_alone) {
-    const Segment s = two_channels();
-    s.attach();
-    for (int channel : {1, -1, 2, 999, INT32_MAX}) {
-        EXPECT_EQ(sem_wait4read(channel), -1) << channel;
-        EXPECT_EQ(sem_wait4write(channel), -1) << channel;
-        EXPECT_EQ(sem_postx(channel), -1) << channel;
-        EXPECT_EQ(sem_rqst(channel), -1) << channel;
-    }
+    for (int channel : {1, -1, 2, 999, INT32_MAX})
+        for (const int result : {sem_wait4read(channel), sem_wait4write(channel),
+                                 sem_postx(channel), sem_rqst(channel)})
+            EXPECT_EQ(result, -1) << channel;
 }
