@@ -109,16 +109,6 @@ TEST(Lookup, names_are_matched_whole_and_the_lowest_channel_wins) {
     EXPECT_EQ(q_name2chnnl((full + "N").c_str()), -1);
 }
 
-TEST(Lookup, slot_states_have_letters) {
-    std::string letters;
-    for (int32_t state = -1; state < 8; ++state) {
-        qmsg slot{};
-        slot.state = state;
-        letters += q_statchr(&slot);
-    }
-    EXPECT_EQ(letters, "X_FXRXWXX");
-}
-
 TEST(ResultCodes, are_printed_by_name_behind_the_prefix) {
     const struct {
         int code;

@@ -102,8 +102,9 @@ TEST_F(Write, counts_writable_slots) {
     q->pbuffs = 0;
     set_state(2, 7);
     EXPECT_EQ(q_writable_count(q), 1) << "an unknown state ends the count";
-    set_state(1, 7);
+    set_state(1, -1);
     EXPECT_EQ(q_writable_count(q), 0);
+    EXPECT_EQ(picture(q), ">F<XX_");
     EXPECT_EQ(write(q, "b"), ESMS_FULL);
     EXPECT_EQ(write_mark(q, "b"), ESMS_FULL);
     EXPECT_EQ(write_mark_at(q, "b", 0), ESMS_FULL);
