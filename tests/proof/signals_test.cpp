@@ -2,8 +2,8 @@
 // its beginning. Its handler is installed without restart; the wait is to end by it, not by its
 // limit.
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <sys/user.h>
+#include <time.h>
 
 #include <functional>
 
@@ -43,16 +43,31 @@ struct Sweep {
     int waits = 0, outlived = 0, by_monitor = 0, unclear = 0;
 };
 
+// A timer that signals the calling thread.
+timer_t own_timer() {
+    sigevent event{};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = SIGALRM;
+    event._sigev_un._tid = gettid();
+    timer_t timer{};
+    if (timer_create(CLOCK_MONOTONIC, &event, &timer) != 0)
+        throw std::runtime_error("timer_create");
+    return timer;
+}
+
 // One signal comes so long after the begin of the call, another one when that was outlived.
 void arrive(const Call &call, int microseconds, const Stalls &stalls, Sweep &sweep) {
-    const itimerval timer = {{0, 2 * kOutlived}, {0, microseconds}}, none{};
+    constexpr int kBegin = 20; // of the call, until it waits
+    static const timer_t timer = own_timer();
+    const int after = kBegin + microseconds;
+    const itimerspec times = {{0, 2 * kOutlived * 1000L}, {0, after * 1000L}}, none{};
     switches_at_signal = -1;
     const long switches_before = switches();
-    const int64_t sent = microseconds_now() + microseconds;
-    setitimer(ITIMER_REAL, &timer, nullptr);
+    const int64_t sent = microseconds_now() + after;
+    timer_settime(timer, 0, &times, nullptr);
     EXPECT_EQ(call.run(), call.interrupted) << call.name;
     const int64_t end = microseconds_now();
-    setitimer(ITIMER_REAL, &none, nullptr);
+    timer_settime(timer, 0, &none, nullptr);
     ++sweep.waits;
     const int64_t took = end - sent > kAtOnce ? stalls.without_stalls(sent, end) : 0;
     // Taken from its processor just before the call, the thread may have had its signal before the
