@@ -2,13 +2,10 @@
 //
 //     Signal ready;
 //     Peer reader([&] {
-//         s.attach();
-//         halvo_channel *q = s.open("MT01", 'r');
 //         ready.send();
-//         return read_all(q) ? 0 : 1;
+//         return read_all(s.open("MT01", 'r')) ? 0 : 1;
 //     });
 //     ASSERT_TRUE(ready.wait());
-//     ...
 //     EXPECT_EQ(reader.wait(), 0);
 #pragma once
 
