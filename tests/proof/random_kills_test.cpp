@@ -57,7 +57,8 @@ int mark_batch(FrxChannel &end, int number) {
     int result = ESMS_OK;
     for (int i = 0; i < kBatch && result == ESMS_OK; ++i) {
         const std::string text = numbered_message(number + i, kRoom);
-        result = frx_writeMarkAt(&end, 1, text.data(), text.size(), i, i == 0 ? kWait : -1);
+        const auto length = static_cast<uint32_t>(text.size());
+        result = frx_writeMarkAt(&end, 1, text.data(), length, i, i == 0 ? kWait : -1);
         if (i > 0 && result == ESMS_FULL) return ESMS_OK;
     }
     return result;
