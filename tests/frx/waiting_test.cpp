@@ -126,6 +126,11 @@ TEST_F(FrxWaiting, a_mark_and_a_parked_message_wake_nobody) {
     EXPECT_EQ(q->wwait, 1) << "of the writers that wait";
     EXPECT_EQ(frx_writeCommit(&writer), ESMS_OK);
     EXPECT_EQ(value_of(post), 1);
+    q->wwait = 1;
+    const qmsg *next = nullptr;
+    EXPECT_EQ(frx_peek(&reader, &next, 0), 1);
+    EXPECT_EQ(frx_release(&reader, 0), ESMS_OK);
+    EXPECT_EQ(value_of(set_under(segment.key_file() + ".req", 1)), 1);
 }
 
 #ifndef __SANITIZE_ADDRESS__ // which takes the frames that a cancellation leaves for living ones
