@@ -18,7 +18,7 @@ constexpr int kBuffer = 3;  // the one that is used of each side's
 constexpr int kWait = 1000; // milliseconds, of each call
 constexpr uint32_t kLogSize = 1u << 24;
 
-// What outlives the processes, in shared memory that begins as zeros. Most of the log is never touched.
+// What outlives the processes, in shared memory that begins as zeros; most of it is never touched.
 struct Ledger {
     std::atomic<int> goal;            // number of the last message; 0: not known yet
     std::atomic<int> recovered;       // recoveries that found something to do

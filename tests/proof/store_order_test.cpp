@@ -13,8 +13,8 @@ using halvo::slot_at;
 
 namespace {
 
-// Each word changes, and before any of those behind the next "<" does. `body` and `state` are of the
-// slot at the side's position, `second_` of the one behind it, `buffer_` of buffer slot 2.
+// Each word changes, and before any of those behind the next "<" does. `body` and `state` are of
+// the slot at the side's position, `second_` of the one behind it, `buffer_` of buffer slot 2.
 constexpr struct {
     char side;
     const char *operation, *words;
