@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <sys/time.h>
+#include <sys/wait.h>
+
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <thread>
 
@@ -10,26 +14,21 @@
 
 using namespace halvo::test;
 
-TEST(Attach, null_key_file_asks_whether_the_process_is_attached) {
+TEST(Attach, a_process_attaches_once_for_its_lifetime) {
     const Segment s = two_channels();
-    EXPECT_EQ(init_shm(nullptr), ESMS_NOINIT);
+    EXPECT_EQ(init_shm(nullptr), ESMS_NOINIT) << "a question";
     EXPECT_EQ(q_0(), nullptr);
     EXPECT_EQ(q_chnnl2q(0), nullptr);
     EXPECT_EQ(q_name2chnnl("MT01"), -1);
     EXPECT_EQ(q_gettime(), 0xFFFFFFFFu);
     EXPECT_EQ(q_settime(), -1);
     EXPECT_EQ(close_shm(), ESMS_NOINIT);
-    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(init_shm(s.key_file().c_str()), ESMS_OK); }),
-              "SHM_INIT_FINISHED.\n");
-    EXPECT_EQ(init_shm(nullptr), ESMS_OK);
+    for (const int result : {ESMS_OK, ESMS_ALREADY}) {
+        EXPECT_EQ(said([&] { return init_shm(s.key_file().c_str()); }),
+                  Said(result, "SHM_INIT_FINISHED.\n"));
+        EXPECT_EQ(init_shm(nullptr), ESMS_OK);
+    }
     EXPECT_EQ(q_0()->nchnnl, 2u);
-}
-
-TEST(Attach, a_process_attaches_once_for_its_lifetime) {
-    const Segment s = two_channels();
-    s.attach();
-    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(init_shm(s.key_file().c_str()), ESMS_ALREADY); }),
-              "SHM_INIT_FINISHED.\n");
     EXPECT_EQ(close_shm(), ESMS_OK);
     EXPECT_EQ(init_shm(nullptr), ESMS_OK);
     EXPECT_EQ(init_shm(s.key_file().c_str()), ESMS_ALREADY);
@@ -57,6 +56,40 @@ TEST(Attach, an_over_long_key_file_path_fails_like_a_missing_file) {
     captured_stdout([&] { EXPECT_EQ(init_shm(path.c_str()), ESMS_SHMOP); });
 }
 
+#ifndef __SANITIZE_THREAD__ // which refuses a fork in a handler
+namespace {
+
+volatile sig_atomic_t forks = 0;
+volatile sig_atomic_t is_child = 0;
+
+void fork_here(int) {
+    if (is_child) return;
+    if (fork() == 0) is_child = 1;
+    forks = forks + 1;
+}
+
+} // namespace
+
+// A handler may fork while the clock is being set; the child comes back into the middle of that.
+TEST(Attach, a_child_that_was_forked_while_the_clock_was_set_detaches) {
+    const Segment s = two_channels();
+    s.attach();
+    signal(SIGALRM, fork_here);
+    const itimerval soon{{0, 5000}, {0, 5000}}, never{};
+    setitimer(ITIMER_REAL, &soon, nullptr);
+    while (forks < 60) {
+        q_settime();
+        if (is_child) {
+            alarm(10); // ends a child that waits for ever
+            signal(SIGALRM, SIG_DFL);
+            _exit(close_shm() == ESMS_OK ? 0 : 1);
+        }
+    }
+    setitimer(ITIMER_REAL, &never, nullptr);
+    for (int status; wait(&status) > 0;) EXPECT_EQ(status, 0);
+}
+#endif
+
 TEST(Lookup, names_are_matched_whole_and_the_lowest_channel_wins) {
     const Segment s = SegmentBuilder()
                           .channel("MT01", 'M', 4, 64)
@@ -74,16 +107,6 @@ TEST(Lookup, names_are_matched_whole_and_the_lowest_channel_wins) {
     std::memcpy(q_chnnl2q(0)->qname, full.data(), 24);
     EXPECT_EQ(q_name2chnnl(full.c_str()), 0);
     EXPECT_EQ(q_name2chnnl((full + "N").c_str()), -1);
-}
-
-TEST(Lookup, slot_states_have_letters) {
-    std::string letters;
-    for (int32_t state = -1; state < 8; ++state) {
-        qmsg slot{};
-        slot.state = state;
-        letters += q_statchr(&slot);
-    }
-    EXPECT_EQ(letters, "X_FXRXWXX");
 }
 
 TEST(ResultCodes, are_printed_by_name_behind_the_prefix) {

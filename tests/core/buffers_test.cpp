@@ -5,20 +5,6 @@ using namespace halvo::test;
 
 using Buffers = RingTest<4, 'w'>;
 
-TEST_F(Buffers, a_parked_message_keeps_a_ring_slot_free) {
-    EXPECT_EQ(write_buf(q, "a", 0), ESMS_OK);
-    EXPECT_EQ(write_buf(q, "b", 0), ESMS_PENDING);
-    EXPECT_EQ(write_buf(q, "b", 4), ESMS_OK);
-    EXPECT_EQ(q->pbuffs, 2);
-    EXPECT_EQ(write(q, "x"), ESMS_OK);
-    EXPECT_EQ(write(q, "y"), ESMS_OK);
-    EXPECT_EQ(write(q, "z"), ESMS_FULL) << "two slots are owed";
-    EXPECT_EQ(q_write_buf_commit(q, 4), ESMS_OK);
-    EXPECT_EQ(q_write_buf_commit(q, 0), ESMS_OK);
-    EXPECT_EQ(q->pbuffs, 0);
-    for (const char *text : {"x", "y", "b", "a"}) EXPECT_EQ(read(q), text);
-}
-
 TEST_F(Buffers, a_commit_into_a_full_ring_warns_and_keeps_the_message) {
     write_buf(q, "parked", 2);
     q->pbuffs = 0; // as if somebody had not kept the slot free

@@ -1,4 +1,3 @@
-#include <cerrno>
 #include <csignal>
 
 #include "tests/support/frx_fixture.h"
@@ -21,15 +20,11 @@ TEST(Open, refuses_with_a_line_and_null) {
 TEST(Open, records_the_owner_and_an_observer_records_nothing) {
     const Segment s = two_channels();
     s.attach();
-    const halvo_channel *q = q_open(0, 'x');
-    ASSERT_NE(q, nullptr);
-    EXPECT_EQ(q->pidg, 0);
-    EXPECT_EQ(q->pidp, 0);
+    const halvo_channel *q = q_chnnl2q(0);
+    EXPECT_EQ(q_open(0, 'x'), q);
+    EXPECT_EQ(q->pidg + q->pidp, 0);
     EXPECT_EQ(q_open(0, 'r'), q);
-    EXPECT_EQ(q->pidg, getpid());
     EXPECT_EQ(q->pidp, 0);
-    EXPECT_EQ(q_open(0, 'w'), q);
-    EXPECT_EQ(q->pidp, getpid());
     EXPECT_EQ(q_close(0, 'r'), ESMS_OK);
     EXPECT_EQ(q->pidg, getpid()) << "the last holder stays visible";
 }
@@ -67,34 +62,20 @@ TEST(Open, one_process_at_a_time_holds_an_end_and_a_killed_one_gives_it_back) {
     EXPECT_EQ(read(q), "still here");
 }
 
-TEST(Semaphores, posts_merge_into_one) {
+TEST(Semaphores, exist_for_channels_of_type_m_alone_and_merge_posts) {
     const Segment s = two_channels();
     s.attach();
-    captured_stdout([] { init_sig(); });
-    EXPECT_EQ(sem_postx(0), 0);
-    EXPECT_EQ(sem_postx(0), 0);
-    EXPECT_EQ(sem_wait4read(0), 0) << "the first wait returns at once";
-    reg_wait_thread(0);
-    Peer monitor([parent = getpid()] {
-        usleep(50000);
-        kill(parent, SIGUSR2);
-        return 0;
-    });
-    EXPECT_EQ(sem_wait4read(0), -1) << "the second waits until a signal ends it";
-    EXPECT_EQ(errno, EINTR);
-    unreg_wait_thread();
-    EXPECT_EQ(getSignal(), SIGUSR2);
-    EXPECT_EQ(sem_rqst(0), 0);
-    EXPECT_EQ(sem_wait4write(0), 0);
-}
-
-TEST(Semaphores, exist_for_channels_of_type_m_alone) {
-    const Segment s = two_channels();
-    s.attach();
-    for (int channel : {1, -1, 2, 999, INT32_MAX}) {
-        EXPECT_EQ(sem_wait4read(channel), -1) << channel;
-        EXPECT_EQ(sem_wait4write(channel), -1) << channel;
-        EXPECT_EQ(sem_postx(channel), -1) << channel;
-        EXPECT_EQ(sem_rqst(channel), -1) << channel;
+    const int post = set_under(s.key_file() + ".post", 1);
+    const int request = set_under(s.key_file() + ".req", 1);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(sem_postx(0) | sem_rqst(0), 0);
+        EXPECT_EQ(value_of(post), 1);
+        EXPECT_EQ(value_of(request), 1);
     }
+    EXPECT_EQ(sem_wait4read(0) | sem_wait4write(0), 0);
+    EXPECT_EQ(value_of(post) + value_of(request), 0);
+    for (int channel : {1, -1, 2, 999, INT32_MAX})
+        for (const int result : {sem_wait4read(channel), sem_wait4write(channel),
+                                 sem_postx(channel), sem_rqst(channel)})
+            EXPECT_EQ(result, -1) << channel;
 }

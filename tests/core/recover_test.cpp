@@ -45,46 +45,6 @@ TEST_F(Recover, moves_a_position_that_is_one_slot_behind) {
     }
 }
 
-TEST_F(Recover, a_stale_position_of_the_writer_whose_message_is_already_read) {
-    write(q, "read at once");
-    step_back(q->wpos);
-    read(q);
-    EXPECT_EQ(recover('w'), HALVO_RECOVERED_POSITION);
-    EXPECT_EQ(write(q, "next"), ESMS_OK);
-    EXPECT_EQ(read(q), "next");
-}
-
-TEST_F(Recover, does_not_follow_a_position_that_itself_stayed_behind) {
-    for (int i = 0; i < 4; ++i) write(q, std::to_string(i));
-    read(q);
-    step_back(q->rpos); // the reader died
-    write(q, "4");      // the ring is full, and the writer is replaced before the reader
-    EXPECT_EQ(recover('w'), 0) << picture(q);
-    EXPECT_EQ(recover('r'), HALVO_RECOVERED_POSITION);
-    for (int i = 1; i <= 4; ++i) EXPECT_EQ(read(q), std::to_string(i));
-}
-
-TEST_F(Recover, both_ends_at_the_same_time_do_not_change_places) {
-    write(q, "read at once");
-    step_back(q->wpos);
-    read(q);
-    uint32_t kept = q->wpos;
-    EXPECT_EQ(recover('w'), HALVO_RECOVERED_POSITION);
-    std::swap(q->wpos, kept); // what the reader saw, if it looked before that
-    EXPECT_EQ(recover('r'), 0);
-    std::swap(q->wpos, kept);
-    EXPECT_EQ(write(q, "next"), ESMS_OK);
-    EXPECT_EQ(read(q), "next");
-}
-
-TEST_F(Recover, counts_the_parked_messages_anew) {
-    write_buf(q, "p", 2);
-    q->pbuffs = 0;
-    EXPECT_EQ(recover('w'), HALVO_RECOVERED_PARKED);
-    EXPECT_EQ(q->pbuffs, 1);
-    EXPECT_EQ(recover('r'), 0);
-}
-
 TEST_F(Recover, is_for_the_holder_of_an_end) {
     q->pidp = 1;
     EXPECT_EQ(q_recover(0, 'w'), ESMS_ACCESS);

@@ -24,19 +24,14 @@ TEST_F(FrxOperations, refuse_null_and_report_what_the_ring_refuses) {
                              frx_readMarked(&reader, 0, nullptr), frx_view(&reader, nullptr),
                              ::frx_write(&writer, 1, nullptr, 5, -1)})
         EXPECT_EQ(answer, ESMS_INVAL);
-    const struct {
-        std::function<int()> call;
-        std::string printed;
-    } refused[] = {
-        {[&] { return frx_write(&writer, "", -1); }, "snd error .... ESMS_INVAL\n"},
-        {[&] { return frx_writeMark(&writer, 1, "", 0, -1); }, "snd error ..... ESMS_INVAL\n"},
-        {[&] { return frx_writeBuf(&writer, 1, "x", 1, 5, -1); },
-         "frx_writeBuf snd error ..... ESMS_INVAL\n"},
-    };
-    for (const auto &[call, printed] : refused)
-        EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(call(), ESMS_INVAL); }), printed);
+    EXPECT_EQ(said([&] { return frx_write(&writer, "", -1); }),
+              Said(ESMS_INVAL, "snd error .... ESMS_INVAL\n"));
+    EXPECT_EQ(said([&] { return frx_writeMark(&writer, 1, "", 0, -1); }),
+              Said(ESMS_INVAL, "snd error ..... ESMS_INVAL\n"));
+    EXPECT_EQ(said([&] { return frx_writeBuf(&writer, 1, "x", 1, 5, -1); }),
+              Said(ESMS_INVAL, "frx_writeBuf snd error ..... ESMS_INVAL\n"));
     fill(4);
-    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(frx_write(&writer, "x", -1), ESMS_FULL); }), "")
+    EXPECT_EQ(said([&] { return frx_write(&writer, "x", -1); }), Said(ESMS_FULL, ""))
         << "a full ring is no error to report";
     Slot slot(q);
     EXPECT_EQ(frx_readBuf(&reader, slot.data(), 0, 5), ESMS_FAILED);

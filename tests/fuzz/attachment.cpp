@@ -1,5 +1,6 @@
 #include "tests/fuzz/attachment.h"
 
+#include <sanitizer/asan_interface.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
@@ -7,25 +8,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 #include <vector>
 
 #include "halvo/queue.h"
 #include "tools/qm/segment.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define HALVO_POISONS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define HALVO_POISONS 1
-#endif
-#endif
-#ifdef HALVO_POISONS
-#include <sanitizer/asan_interface.h>
-#endif
 
 namespace halvo::fuzz {
 
@@ -45,12 +33,9 @@ struct Region {
         if (mprotect(end, page, PROT_NONE) != 0) std::abort();
     }
     // Under the address sanitizer what lies before the last `size` bytes is out of bounds too.
-    void bound([[maybe_unused]] size_t size) const {
-#ifdef HALVO_POISONS
-        const auto outside = static_cast<size_t>(end - begin) - size;
-        __asan_unpoison_memory_region(begin + outside, size);
-        __asan_poison_memory_region(begin, outside);
-#endif
+    void bound(size_t size) const {
+        ASAN_POISON_MEMORY_REGION(begin, kRoom - size);
+        ASAN_UNPOISON_MEMORY_REGION(end - size, size);
     }
 };
 
@@ -112,10 +97,7 @@ void attach() { init_shm("fuzzed"); }
 
 extern "C" {
 
-key_t ftok(const char *path, int project) {
-    const size_t hash = std::hash<std::string_view>{}(path);
-    return static_cast<key_t>((hash * 256 + static_cast<size_t>(project)) & 0x7fffffff);
-}
+key_t ftok(const char *, int) { return 1; }
 
 int shmget(key_t, size_t size, int flags) {
     if (flags & IPC_CREAT) halvo::fuzz::let_there_be(static_cast<uint32_t>(size));

@@ -10,24 +10,14 @@
 #include "tools/qm/config.h"
 #include "tools/qm/plan.h"
 
-namespace {
-
-// Line by line with room for `most` bytes.
-void read_lines(const std::string &path, int most) {
-    const halvo::Descriptor file = halvo::open_file(path.c_str(), O_RDONLY);
-    const std::unique_ptr<char[]> line(new char[static_cast<size_t>(most)]);
-    while (readline(file.get(), line.get(), most) > 0) {
-    }
-}
-
-} // namespace
-
 void halvo::fuzz::options(const uint8_t *data, size_t size) {
     static const std::string path = scratch().path("channels.opt");
     Input input(data, size);
     const int most = input.byte() + 1;
     test::write_file(path, input.bytes(1 << 16));
-    read_lines(path, most);
+    const Descriptor file = open_file(path.c_str(), O_RDONLY);
+    const std::unique_ptr<char[]> line(new char[static_cast<size_t>(most)]);
+    while (readline(file.get(), line.get(), most) > 0) continue;
     place_segment(sound_size());
     attach();
     q_load_print_options(path.c_str());

@@ -14,7 +14,6 @@ public:
     Input(const uint8_t *data, size_t size) : at_(data), left_(size) {}
 
     bool more() const { return left_ > 0; }
-    size_t left() const { return left_; }
 
     template <class Number>
     Number number() {

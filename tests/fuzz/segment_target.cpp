@@ -24,26 +24,6 @@ constexpr int kMostOperations = 48;
 
 // ---- Damage
 
-constexpr uint32_t kChannelWords[] = {
-    offsetof(halvo_channel, qcnt),     offsetof(halvo_channel, qbsz),
-    offsetof(halvo_channel, qname),    offsetof(halvo_channel, qtype),
-    offsetof(halvo_channel, rbufs),    offsetof(halvo_channel, wbufs),
-    offsetof(halvo_channel, rpos),     offsetof(halvo_channel, wpos),
-    offsetof(halvo_channel, qend),     offsetof(halvo_channel, qstart),
-    offsetof(halvo_channel, pidp),     offsetof(halvo_channel, pidg),
-    offsetof(halvo_channel, pbuffs),   offsetof(halvo_channel, wwait),
-    offsetof(halvo_channel, rwait),    offsetof(halvo_channel, tpsmx),
-    offsetof(halvo_channel, tpsstart), offsetof(halvo_channel, throttled),
-    offsetof(halvo_channel, lastin),   offsetof(halvo_channel, lastout),
-    offsetof(halvo_channel, ackq),     offsetof(halvo_channel, acktype),
-    offsetof(halvo_channel, rslttype), offsetof(halvo_channel, throttletime)};
-
-constexpr uint32_t kSegmentWords[] = {
-    offsetof(halvo_segment, nchnnl),    offsetof(halvo_segment, now),
-    offsetof(halvo_segment, qoffs),     offsetof(halvo_segment, qoffs) + 4,
-    offsetof(halvo_segment, qoffs) + 8, offsetof(halvo_segment, qoffs) + 12,
-    offsetof(halvo_segment, uptime)};
-
 constexpr uint32_t kFirstChannel = sizeof(halvo_segment);
 constexpr uint32_t kSlots = sizeof(halvo_channel); // where the first slots of a channel begin
 // clang-format off
@@ -52,13 +32,25 @@ constexpr uint32_t kValues[] = {
     kFirstChannel + 4, 269, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFC, 0xFFFFFFFF};
 // clang-format on
 
+uint32_t word_of_segment(Input &input) {
+    const uint32_t word = input.below(9);
+    return word < 8 ? 4 * word : offsetof(halvo_segment, uptime);
+}
+// Any word but those of the counters and the clients.
+uint32_t word_of_channel(Input &input) {
+    constexpr uint32_t kEnd = offsetof(halvo_channel, pcnt);
+    constexpr uint32_t kAgain = offsetof(halvo_channel, tpsmx);
+    const uint32_t at = 4 * input.byte() % (kEnd + kSlots - kAgain);
+    return at < kEnd ? at : kAgain + at - kEnd;
+}
+
 uint32_t word_to_damage(Input &input) {
     const uint32_t channel = fuzz::sound_channel(input.below(fuzz::kChannels));
     const uint32_t choice = input.below(4);
-    if (choice == 0) return kSegmentWords[input.below(std::size(kSegmentWords))];
+    if (choice == 0) return word_of_segment(input);
     if (choice == 1) return input.number<uint32_t>();
     if (choice == 2) return channel + kSlots + 4 * input.number<uint16_t>(); // of the slots
-    return channel + kChannelWords[input.below(std::size(kChannelWords))];
+    return channel + word_of_channel(input);
 }
 
 void damage(Input &input) {
@@ -197,36 +189,26 @@ struct Monitor {
     }
 };
 
-struct Printing {
-    Input &input;
-    char mode;
-    char *document;
-};
-
-constexpr void (*kPrinters[])(const Printing &) = {
-    [](const Printing &p) { q_statprint_xml(p.mode, p.document); },
-    [](const Printing &p) { q_statprint_json(p.mode, p.document); },
-    [](const Printing &p) { q_statprint_classic(p.mode); },
-    [](const Printing &p) { q_statprint(p.mode); },
-    [](const Printing &p) { q_statprint2(p.mode); },
-    [](const Printing &) { q_tstatprint("s"); },
-    [](const Printing &) { q_clientsprint(); },
-    [](const Printing &p) { q_statlog(p.mode); },
-    [](const Printing &) {
-        char text[HALVO_LAST_MESSAGE_SIZE];
-        qm_sprint_last_msg(text);
-        qm_last_out_q(q_0());
-    },
-    [](const Printing &p) {
-        q_printlogo2(p.mode);
-        if (const halvo_channel *q = checked_channel(any_channel(p.input))) q_print_rwrw_bufs(q);
-    },
-};
-
 void print(Input &input, const Monitor &monitor) {
     const Memory document = exactly(128 + 1024 * monitor.channels);
+    char text[HALVO_LAST_MESSAGE_SIZE];
     const char mode = "aswf"[input.below(4)];
-    kPrinters[input.below(std::size(kPrinters))]({input, mode, document.get()});
+    const uint32_t printer = input.below(11);
+    if (printer == 0) q_statprint_xml(mode, document.get());
+    if (printer == 1) q_statprint_json(mode, document.get());
+    if (printer == 2) q_statprint_classic(mode);
+    if (printer == 3) q_statprint(mode);
+    if (printer == 4) q_statprint2(mode);
+    if (printer == 5) q_tstatprint("s");
+    if (printer == 6) q_clientsprint();
+    if (printer == 7) q_statlog(mode);
+    if (printer == 8) {
+        qm_sprint_last_msg(text);
+        qm_last_out_q(q_0());
+    }
+    if (printer == 9) q_printlogo2(mode);
+    const halvo_channel *q = printer == 10 ? checked_channel(any_channel(input)) : nullptr;
+    if (q) q_print_rwrw_bufs(q);
 }
 
 void operate(Input &input, Monitor &monitor) {

@@ -6,7 +6,9 @@ check=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 strip --strip-debug -o "$work/sound.so" "$2"
-mapfile -t functions < <("$check" --list "$work/sound.so")
+"$check" --list "$work/sound.so" >"$work/functions"
+mapfile -t operations < <(grep -E ' q_[a-z_]+$' "$work/functions")
+mapfile -t called < <(grep -vE ' q_[a-z_]+$' "$work/functions")
 read -r address offset < <(objdump -h "$work/sound.so" | awk '$2 == ".text" { print $4, $6 }')
 plant() {
     printf '\x87\x04\x24' | # xchg %eax, (%esp)
@@ -22,21 +24,14 @@ judge() {
 
 # All operations at once. What they call one by one: an exchange takes the place of instructions, and
 # one of these may be the call that leads to the next function.
-operations=0 called=0 found_in_called=0
 cp "$work/sound.so" "$work/planted.so"
-for function in "${functions[@]}"; do
-    if [[ $function =~ \ q_[a-z_]+$ ]]; then
-        plant "$function"
-        operations=$((operations + 1))
-    fi
-done
-judge "the ring operations" $operations "$(found)"
-for function in "${functions[@]}"; do
-    [[ $function =~ \ q_[a-z_]+$ ]] && continue
+for function in "${operations[@]}"; do plant "$function"; done
+judge "the ring operations" ${#operations[@]} "$(found)"
+found_in_called=0
+for function in "${called[@]}"; do
     cp "$work/sound.so" "$work/planted.so"
     plant "$function"
-    called=$((called + 1))
     [ "$(found)" -gt 0 ] && found_in_called=$((found_in_called + 1))
 done
-judge "the functions that they call" $called $found_in_called
+judge "the functions that they call" ${#called[@]} $found_in_called
 exit $status

@@ -138,13 +138,6 @@ TEST_F(Removals, of_the_segment_under_its_users) {
     report("segment removed under its users");
 }
 
-TEST(RemovalsAtStart, a_removed_segment_admits_nobody_more) {
-    const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
-    shmctl(segment_under(segment.key_file()), IPC_RMID, nullptr);
-    const StdoutCapture capture;
-    EXPECT_EQ(init_shm(segment.key_file().c_str()), ESMS_SHMOP);
-}
-
 // The registry holds 1024 waits. One more has no time limit of its own, and ends when its message
 // comes. While they sleep they cost next to nothing.
 TEST_F(Removals, of_nothing_but_1025_threads_wait) {

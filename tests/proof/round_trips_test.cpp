@@ -1,7 +1,5 @@
 // Two processes send one message back and forth; each sleeps until the other's arrives. A wake-up
 // that is lost would be made good by the monitor, 100 ms later or more, and shows as such.
-#include <thread>
-
 #include "tests/proof/form.h"
 #include "tests/proof/stalls.h"
 #include "tests/support/frx_fixture.h"
@@ -22,14 +20,10 @@ struct Ends {
     }
 };
 
-// On two processors the two sides can miss each other by the buffers of their stores; left to itself
-// the system often runs both on one.
-void stay_on_processor(unsigned number) {
-    run_on_processor(number % std::max(1u, std::thread::hardware_concurrency()));
-}
-
 int echo(const Segment &segment, int trips) {
-    stay_on_processor(1);
+    // On two processors, where there are two, the sides can miss each other by the buffers of their
+    // stores; left to itself the system often runs both on one.
+    run_on_processor(1);
     q_set_spin(0);
     Ends ends;
     if (!ends.open(segment, 1, 0)) return 1;
@@ -51,7 +45,7 @@ TEST(RoundTrips, no_wake_up_is_lost) {
     Ends ends;
     ASSERT_TRUE(ends.open(segment, 0, 1));
     const Stalls stalls;
-    stay_on_processor(0);
+    run_on_processor(0);
     q_set_spin(0); // or the message would come before anybody sleeps
     Slot slot(q_chnnl2q(1));
     const long slept_before = usage_of(RUSAGE_THREAD).ru_nvcsw;

@@ -3,9 +3,9 @@
 // limit.
 #include <sys/syscall.h>
 #include <sys/user.h>
+#include <time.h>
 
 #include <functional>
-#include <thread>
 
 #include "tests/proof/form.h"
 #include "tests/proof/single_step.h"
@@ -16,23 +16,21 @@ using namespace halvo::test;
 
 namespace {
 
-constexpr int kLimit = 20000;         // milliseconds, of the waits
-constexpr int64_t kOutlived = 400000; // microseconds: two passes of the monitor, and some more
-constexpr int64_t kSteppedOutlived = 3000000; // where many processes share one processor
-constexpr int64_t kAtOnce = 50000;            // microseconds: without the monitor
+constexpr int kLimit = 20000;            // milliseconds, of the waits
+constexpr int kOutlived = 400000;        // microseconds: two passes of the monitor, and some more
+constexpr unsigned kSteppedOutlived = 3; // seconds: where many processes share one processor
+constexpr int64_t kAtOnce = 50000;       // microseconds: without the monitor
 
 long switches() { return usage_of(RUSAGE_THREAD).ru_nivcsw; } // made by the system
 
-std::atomic<long> switches_at_signal{0};
-std::atomic<int> signals_handled{0};
+volatile long switches_at_signal = -1; // the first one; -1: none has come
 
 void catch_signals() {
     struct sigaction action {};
     action.sa_handler = [](int) {
-        switches_at_signal = switches();
-        ++signals_handled;
+        if (switches_at_signal < 0) switches_at_signal = switches();
     };
-    sigaction(SIGUSR1, &action, nullptr);
+    sigaction(SIGALRM, &action, nullptr);
 }
 
 struct Call {
@@ -45,70 +43,40 @@ struct Sweep {
     int waits = 0, outlived = 0, by_monitor = 0, unclear = 0;
 };
 
-// The thread that waits, and the one that signals it so long after it has begun to call.
-class Arrival {
-public:
-    explicit Arrival(const Call &call) : call_(call), thread_([this] { wait_often(); }) {}
-    ~Arrival() {
-        stop_ = true;
-        thread_.join();
-    }
+// A timer that signals the calling thread.
+timer_t own_timer() {
+    sigevent event{};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = SIGALRM;
+    event._sigev_un._tid = gettid();
+    timer_t timer{};
+    if (timer_create(CLOCK_MONOTONIC, &event, &timer) != 0)
+        throw std::runtime_error("timer_create");
+    return timer;
+}
 
-    void at(int microseconds, const Stalls &stalls, Sweep &sweep) {
-        while (state_ != State::resting) usleep(10);
-        const int handled = signals_handled;
-        state_ = State::asked;
-        while (state_ == State::asked) continue;
-        const int64_t start = microseconds_now();
-        while (microseconds_now() < start + microseconds) continue;
-        const int64_t sent = microseconds_now();
-        pthread_kill(thread_.native_handle(), SIGUSR1);
-        while (state_ == State::calling && stalls_aside(sent, stalls) < kOutlived) usleep(200);
-        ++sweep.waits;
-        const bool outlived = state_ == State::calling;
-        const int64_t took = outlived ? 0 : ended_ - sent;
-        // Taken from its processor just before the call, the thread may have had its signal before
-        // the wait began.
-        const bool clear = signals_handled > handled && switches_at_signal == switches_before_;
-        if (outlived) ++(clear ? sweep.outlived : sweep.unclear);
-        if (took > kAtOnce && stalls.without_stalls(sent, sent + took) > kAtOnce)
-            ++sweep.by_monitor;
-        while (state_ == State::calling) {
-            pthread_kill(thread_.native_handle(), SIGUSR1);
-            usleep(1000);
-        }
-    }
-
-private:
-    enum class State { resting, asked, calling };
-
-    static int64_t stalls_aside(int64_t sent, const Stalls &stalls) {
-        const int64_t took = microseconds_now() - sent;
-        return took < kOutlived ? took : stalls.without_stalls(sent, sent + took);
-    }
-
-    void wait_often() {
-        while (!stop_) {
-            if (state_ != State::asked) {
-                usleep(10);
-                continue;
-            }
-            switches_before_ = switches();
-            state_ = State::calling;
-            const int result = call_.run();
-            ended_ = microseconds_now();
-            state_ = State::resting;
-            EXPECT_EQ(result, call_.interrupted) << call_.name;
-        }
-    }
-
-    const Call &call_;
-    std::atomic<bool> stop_{false};
-    std::atomic<State> state_{State::resting};
-    std::atomic<long> switches_before_{0};
-    std::atomic<int64_t> ended_{0};
-    std::thread thread_;
-};
+// One signal comes so long after the begin of the call, another one when that was outlived.
+void arrive(const Call &call, int microseconds, const Stalls &stalls, Sweep &sweep) {
+    constexpr int kBegin = 20; // of the call, until it waits
+    static const timer_t timer = own_timer();
+    const int after = kBegin + microseconds;
+    const itimerspec times = {{0, 2 * kOutlived * 1000L}, {0, after * 1000L}}, none{};
+    switches_at_signal = -1;
+    const long switches_before = switches();
+    const int64_t sent = microseconds_now() + after;
+    timer_settime(timer, 0, &times, nullptr);
+    EXPECT_EQ(call.run(), call.interrupted) << call.name;
+    const int64_t end = microseconds_now();
+    timer_settime(timer, 0, &none, nullptr);
+    ++sweep.waits;
+    const int64_t took = end - sent > kAtOnce ? stalls.without_stalls(sent, end) : 0;
+    // Taken from its processor just before the call, the thread may have had its signal before the
+    // wait began.
+    if (took >= kOutlived)
+        ++(switches_at_signal == switches_before ? sweep.outlived : sweep.unclear);
+    else
+        sweep.by_monitor += took > kAtOnce;
+}
 
 // An empty channel, a full one, and one without semaphores.
 class SignalArrival : public testing::Test {
@@ -169,17 +137,9 @@ public:
         const bool sleeps = instruction() == sleep_;
         const int before = stage_.returned;
         const int64_t sent = microseconds_now();
-        int outlived = 0;
-        go_on(SIGUSR1);
-        for (int64_t took = 0; !in_front_of_a_wait(); took = microseconds_now() - sent) {
-            if (took < kSteppedOutlived) continue;
-            if (++outlived > 1000) throw std::runtime_error("a wait that no signal ends");
-            ::kill(process_.pid(), SIGUSR1);
-            usleep(1000);
-        }
-        ++sweep.waits;
-        sweep.outlived += outlived > 0;
+        sweep.outlived += arrivals_to_the_next_wait() > 1;
         sweep.by_monitor += microseconds_now() - sent > kAtOnce;
+        ++sweep.waits;
         EXPECT_EQ(stage_.returned, before + 1);
         EXPECT_EQ(stage_.result, 0) << "the call was not interrupted";
         return !sleeps;
@@ -202,8 +162,7 @@ private:
         begin_ = instruction();
         while (!is_sleep()) process_.step();
         sleep_ = instruction();
-        go_on(SIGUSR1);
-        while (!in_front_of_a_wait()) continue;
+        arrivals_to_the_next_wait();
     }
 
     user_regs_struct registers() const {
@@ -237,19 +196,21 @@ private:
         return behind && static_cast<uint32_t>(word_at(at + behind)) == 0x5A17C0DE;
     }
 
-    void go_on(int signal) const { ptrace(PTRACE_CONT, process_.pid(), nullptr, signal); }
-
-    // Hands on the signals that arrive, until the next breakpoint.
-    bool in_front_of_a_wait() const {
-        int status = 0;
-        if (waitpid(process_.pid(), &status, __WALL | WNOHANG) == 0) {
-            usleep(20);
-            return false;
+    // Lets the signal arrive, again as long as the wait outlives it. How often.
+    int arrivals_to_the_next_wait() const {
+        int arrivals = 1;
+        for (int signal = SIGALRM, status = 0;; signal = WSTOPSIG(status)) {
+            ptrace(PTRACE_CONT, process_.pid(), nullptr, signal);
+            alarm(kSteppedOutlived);
+            while (waitpid(process_.pid(), &status, __WALL) < 0) { // by the alarm
+                if (++arrivals > 100) throw std::runtime_error("a wait that no signal ends");
+                ::kill(process_.pid(), SIGALRM);
+                alarm(kSteppedOutlived);
+            }
+            alarm(0);
+            if (!WIFSTOPPED(status)) throw std::runtime_error("the stepped process has ended");
+            if (WSTOPSIG(status) == SIGTRAP) return arrivals;
         }
-        if (!WIFSTOPPED(status)) throw std::runtime_error("the stepped process has ended");
-        if (WSTOPSIG(status) == SIGTRAP) return true;
-        go_on(WSTOPSIG(status));
-        return false;
     }
 
     Stage &stage_ = shared_object<Stage>();
@@ -272,15 +233,14 @@ TEST_F(SignalArrival, at_each_20_microseconds) {
     const Stalls stalls;
     for (const Call &call : calls) {
         Sweep sweep, first;
-        Arrival arrival(call);
-        arrival.at(3000, stalls, first); // the first call goes through the dynamic linker
+        arrive(call, 3000, stalls, first); // the first call goes through the dynamic linker
         for (int round = 0; round < length(2, 200); ++round) {
             q_set_spin(round % 2 *
                        500); // in half of them the thread looks for a while, and then sleeps
-            for (int at = 20; at <= 1000; at += 20) arrival.at(at, stalls, sweep);
+            for (int at = 20; at <= 1000; at += 20) arrive(call, at, stalls, sweep);
         }
         // The monitor comes by every 100 ms.
-        for (int at = 99900; at <= 100500; at += length(60, 20)) arrival.at(at, stalls, sweep);
+        for (int at = 99900; at <= 100500; at += length(60, 20)) arrive(call, at, stalls, sweep);
         tell(std::string("each 20 microseconds of ") + call.name, sweep);
         EXPECT_LT(sweep.unclear, sweep.waits / 10 + 2) << "the machine is too busy";
     }

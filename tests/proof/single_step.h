@@ -67,16 +67,15 @@ public:
     void kill() {
         if (pid_ <= 0) return;
         ::kill(pid_, SIGKILL);
-        while (waitpid(pid_, nullptr, __WALL) < 0 && errno == EINTR) {
-        }
+        TEMP_FAILURE_RETRY(waitpid(pid_, nullptr, __WALL));
         pid_ = -1;
     }
 
 private:
     void await_stop() const {
         int status = 0;
-        while (waitpid(pid_, &status, __WALL) < 0)
-            if (errno != EINTR) throw std::runtime_error("waitpid");
+        if (TEMP_FAILURE_RETRY(waitpid(pid_, &status, __WALL)) < 0)
+            throw std::runtime_error("waitpid");
         if (!WIFSTOPPED(status) || WSTOPSIG(status) != SIGTRAP)
             throw std::runtime_error("the stepped process ended by itself");
     }

@@ -2,6 +2,9 @@
 // body and counters, then the state, then the position. The other side relies on it.
 #include <gtest/gtest.h>
 
+#include <map>
+#include <sstream>
+
 #include "tests/proof/form.h"
 #include "tests/proof/moments.h"
 
@@ -10,17 +13,36 @@ using halvo::slot_at;
 
 namespace {
 
+// Each word changes, and before any of those behind the next "<" does. `body` and `state` are of
+// the slot at the side's position, `second_` of the one behind it, `buffer_` of buffer slot 2.
+constexpr struct {
+    char side;
+    const char *operation, *words;
+} kOrders[] = {
+    {'w', "q_write", "pcnt pcnt_total pcnt_type lastin body < state < wpos"},
+    {'w', "q_write_mark", "body < state"},
+    {'w', "q_write_mark_at", "second_body < second_state"},
+    {'w', "q_write_commit", "pcnt pcnt_total pcnt_type lastin < state < wpos"},
+    {'w', "q_write_commit_all", "state < second_state"},
+    {'w', "q_write_buf", "buffer_body < buffer_state < pbuffs"},
+    {'w', "q_write_buf_commit", "body < state < wpos < buffer_state"},
+    {'r', "q_read", "gcnt lastout copy < state < rpos"},
+    {'r', "q_read_commit", "state < second_state"},
+    {'r', "q_read_buf", "buffer_body < buffer_state < state < rpos"},
+};
+
 // A range of bytes, and the first and the last step at which they changed.
 struct Watched {
-    const char *name;
     const void *at;
     size_t size;
-    std::vector<uint8_t> last;
+    std::vector<uint8_t> last = {};
     int first_change = 0, last_change = 0; // 0: never
 
     void look(int step) {
-        if (std::memcmp(at, last.data(), size) == 0) return;
-        std::memcpy(last.data(), at, size);
+        const auto *bytes = static_cast<const uint8_t *>(at);
+        std::vector<uint8_t> now(bytes, bytes + size);
+        if (now == last) return;
+        last = std::move(now);
         if (first_change == 0) first_change = step;
         last_change = step;
     }
@@ -32,132 +54,82 @@ protected:
     SmallRing ring;
     halvo_channel *q = ring.q;
     Stage &stage = shared_object<Stage>();
+    const SmallRing::Image empty = ring.save();
+    std::map<std::string, Watched> watched;
     int orders = 0, violations = 0;
 
-    Watched watch(const char *name, const void *at, size_t size) {
-        const auto *bytes = static_cast<const uint8_t *>(at);
-        return {name, at, size, std::vector<uint8_t>(bytes, bytes + size)};
-    }
     template <class Word>
-    Watched watch(const char *name, const Word &word) {
-        return watch(name, &word, sizeof word);
+    void watch(const std::string &name, const Word &word) {
+        watched[name] = {&word, sizeof word};
     }
-    Watched content(const char *name, const qmsg *slot) { // length, type and body
-        return watch(name, &slot->len, 8 + numbered_message(0).size());
+    void watch_slot(const std::string &prefix, const qmsg *slot) {
+        watched[prefix + "body"] = {&slot->len, 8 + numbered_message(0).size()};
+        watch(prefix + "state", slot->state);
     }
-    Watched state(const char *name, const qmsg *slot) { return watch(name, slot->state); }
-
-    using Group = std::vector<Watched>;
-    Group counters_in() {
-        return {watch("pcnt", q->pcnt), watch("tcnt[0]", q->tcnt[0]),
-                watch("tcnt[type]", q->tcnt[SmallRing::kType]), watch("lastin", q->lastin)};
-    }
-    Group counters_out() { return {watch("gcnt", q->gcnt), watch("lastout", q->lastout)}; }
-
-    // Every word of a group changes, and before any word of the next group does.
-    void expect_order(const char *operation, std::vector<Group> groups) {
-        step_through(ring, operation_named(operation), stage, [&](int step) {
-            for (Group &group : groups)
-                for (Watched &watched : group) watched.look(step);
-        });
-        for (size_t g = 0; g < groups.size(); ++g) {
-            for (const Watched &earlier : groups[g]) {
-                EXPECT_GT(earlier.last_change, 0) << operation << ": " << earlier.name;
-                if (g + 1 == groups.size()) continue;
-                for (const Watched &later : groups[g + 1]) {
-                    ++orders;
-                    const bool in_order = earlier.last_change < later.first_change;
-                    violations += !in_order;
-                    EXPECT_TRUE(in_order)
-                        << operation << ": " << earlier.name << " last changed by instruction "
-                        << earlier.last_change << ", " << later.name << " first by "
-                        << later.first_change;
-                }
-            }
-        }
+    void watch_all(char side) {
+        const uint32_t at = side == 'w' ? q->wpos : q->rpos;
+        watch_slot("", slot_at(q, at));
+        watch_slot("second_", slot_at(q, halvo::next_offset(halvo::ring_of(q), at)));
+        watch_slot("buffer_", buffer_slot(q, side == 'w' ? q->wbufs : q->rbufs, 2));
+        watched["copy"] = {stage.buffer, q->qbsz};
+        watch("pcnt", q->pcnt);
+        watch("pcnt_total", q->tcnt[0]);
+        watch("pcnt_type", q->tcnt[SmallRing::kType]);
+        watch("gcnt", q->gcnt);
+        watch("lastin", q->lastin);
+        watch("lastout", q->lastout);
+        watch("wpos", q->wpos);
+        watch("rpos", q->rpos);
+        watch("pbuffs", q->pbuffs);
     }
 
-    // A fresh ring for an operation, with two messages in it; every stored word will change.
-    void begin(const char *operation) {
+    // Goes through the operation on a ring with two messages; every stored word will change.
+    void go_through(const RingOperation &operation) {
         ring.restore(empty);
         ring.write(1);
         ring.write(2);
-        operation_named(operation).prepare(ring);
+        operation.prepare(ring);
         q->lastin = q->lastout = 0;
-        warm_up(ring, operation_named(operation), stage);
+        warm_up(ring, operation, stage);
+        watch_all(operation.call.side);
+        for (auto &[name, one] : watched) one.look(0); // as it is before
+        step_through(ring, operation, stage, [&](int step) {
+            for (auto &[name, one] : watched) one.look(step);
+        });
     }
-    const SmallRing::Image empty = ring.save();
-
-    void report(const std::string &side) {
-        figure(side + "'s stores out of order, of " + std::to_string(orders) + " pairs", "0",
+    void expect_order(const std::string &words) {
+        std::istringstream groups(words);
+        std::vector<std::string> earlier;
+        for (std::string group; std::getline(groups, group, '<');) {
+            std::istringstream names(group);
+            std::vector<std::string> later;
+            for (std::string name; names >> name;) {
+                later.push_back(name);
+                EXPECT_GT(watched.at(name).last_change, 0) << name;
+                for (const std::string &before : earlier) {
+                    ++orders;
+                    const bool good =
+                        watched.at(before).last_change < watched.at(name).first_change;
+                    violations += !good;
+                    EXPECT_TRUE(good) << name << " before " << before;
+                }
+            }
+            earlier = later;
+        }
+    }
+    void check(char side, const std::string &who) {
+        for (const auto &row : kOrders) {
+            if (row.side != side) continue;
+            SCOPED_TRACE(row.operation);
+            go_through(operation_named(row.operation));
+            expect_order(row.words);
+        }
+        figure(who + "'s stores out of order, of " + std::to_string(orders) + " pairs", "0",
                violations);
     }
 };
 
 } // namespace
 
-TEST_F(StoreOrder, of_the_writer) {
-    begin("q_write");
-    qmsg *slot = slot_at(q, q->wpos);
-    Group first = counters_in();
-    first.push_back(content("body", slot));
-    expect_order("q_write", {first, {state("state", slot)}, {watch("wpos", q->wpos)}});
-
-    begin("q_write_mark");
-    slot = slot_at(q, q->wpos);
-    expect_order("q_write_mark", {{content("body", slot)}, {state("state", slot)}});
-
-    begin("q_write_mark_at");
-    slot = slot_at(q, halvo::next_offset(halvo::ring_of(q), q->wpos));
-    expect_order("q_write_mark_at", {{content("body", slot)}, {state("state", slot)}});
-
-    begin("q_write_commit");
-    slot = slot_at(q, q->wpos);
-    expect_order("q_write_commit",
-                 {counters_in(), {state("state", slot)}, {watch("wpos", q->wpos)}});
-
-    begin("q_write_commit_all");
-    slot = slot_at(q, q->wpos);
-    expect_order(
-        "q_write_commit_all",
-        {{state("first state", slot)},
-         {state("second state", slot_at(q, halvo::next_offset(halvo::ring_of(q), q->wpos)))}});
-
-    begin("q_write_buf");
-    qmsg *parked = buffer_slot(q, q->wbufs, 2);
-    expect_order(
-        "q_write_buf",
-        {{content("body", parked)}, {state("state", parked)}, {watch("pbuffs", q->pbuffs)}});
-
-    begin("q_write_buf_commit");
-    slot = slot_at(q, q->wpos);
-    expect_order("q_write_buf_commit", {{content("body", slot)},
-                                        {state("ring state", slot)},
-                                        {watch("wpos", q->wpos)},
-                                        {state("buffer state", buffer_slot(q, q->wbufs, 2))}});
-    report("writer");
-}
-
-TEST_F(StoreOrder, of_the_reader) {
-    begin("q_read");
-    qmsg *slot = slot_at(q, q->rpos);
-    Group first = counters_out();
-    first.push_back(watch("caller's copy", stage.buffer, q->qbsz));
-    expect_order("q_read", {first, {state("state", slot)}, {watch("rpos", q->rpos)}});
-
-    begin("q_read_commit");
-    slot = slot_at(q, q->rpos);
-    expect_order(
-        "q_read_commit",
-        {{state("first state", slot)},
-         {state("second state", slot_at(q, halvo::next_offset(halvo::ring_of(q), q->rpos)))}});
-
-    begin("q_read_buf");
-    slot = slot_at(q, q->rpos);
-    qmsg *held = buffer_slot(q, q->rbufs, 2);
-    expect_order("q_read_buf", {{content("held body", held)},
-                                {state("held state", held)},
-                                {state("ring state", slot)},
-                                {watch("rpos", q->rpos)}});
-    report("reader");
-}
+TEST_F(StoreOrder, of_the_writer) { check('w', "writer"); }
+TEST_F(StoreOrder, of_the_reader) { check('r', "reader"); }

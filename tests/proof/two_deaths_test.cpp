@@ -20,12 +20,6 @@ struct Findings {
     int64_t stuck = 0;
 };
 
-bool same_numbers(std::vector<int> a, std::vector<int> b) {
-    std::sort(a.begin(), a.end());
-    std::sort(b.begin(), b.end());
-    return a == b;
-}
-
 class TwoDeaths : public testing::Test {
 protected:
     TwoDeaths() { stay_on_this_processor(); }
@@ -55,30 +49,26 @@ protected:
         if ((recover('w') | recover('r')) & HALVO_RECOVERED_POSITION) ++findings.disagreed;
     }
 
-    void judge(const RingOperation &writing, const RingOperation &reading, int messages) {
+    void judge(const RingOperation &writing, const RingOperation &reading, const Filling &filling) {
         ++findings.cases;
-        std::vector<int> numbers;
-        for (int n = 1; n <= messages; ++n) numbers.push_back(n);
-        Found found;
-        found.ring = ring.drain();
-        found.parked = parked_messages(ring);
-        found.held = held_messages(ring);
+        const Found found = take_all(ring);
         bool legal = false, same = false;
-        for (const Legal &written : writing.legal(numbers)) {
-            for (const Legal &read : reading.legal(numbers)) {
-                std::vector<int> all = read.found.ring;
-                all.insert(all.end(), written.found.ring.begin() + messages,
-                           written.found.ring.end());
+        for (const Legal &written : writing.legal(filling.numbers())) {
+            for (const Legal &read : reading.legal(filling.numbers())) {
                 if (found.parked != written.found.parked || found.held != read.found.held) continue;
+                Numbers all = read.found.ring;
+                all.insert(all.end(), written.found.ring.begin() + filling.messages,
+                           written.found.ring.end());
                 legal |= all == found.ring;
-                same |= same_numbers(all, found.ring);
+                same |= std::is_permutation(all.begin(), all.end(), found.ring.begin(),
+                                            found.ring.end());
             }
         }
         if (!legal) ++(same ? findings.misordered : findings.lost);
         if (!works(ring)) ++findings.stuck;
     }
 
-    void die_both(const RingOperation &first, const RingOperation &second, int messages) {
+    void die_both(const RingOperation &first, const RingOperation &second, const Filling &filling) {
         const bool writer_first = first.call.side == 'w';
         for (const SmallRing::Image &one : moments(ring, first, stage)) {
             ring.restore(one);
@@ -89,7 +79,7 @@ protected:
                         recover_at_the_same_time(image);
                     else
                         recover(order == 0 ? 'w' : 'r'), recover(order == 0 ? 'r' : 'w');
-                    judge(writer_first ? first : second, writer_first ? second : first, messages);
+                    judge(writer_first ? first : second, writer_first ? second : first, filling);
                 }
             }
         }
@@ -115,9 +105,9 @@ TEST_F(TwoDeaths, at_any_two_moments) {
                     const SmallRing::Image before = ring.save();
                     warm_up(ring, w, stage);
                     warm_up(ring, r, stage);
-                    die_both(w, r, messages);
+                    die_both(w, r, filling);
                     ring.restore(before);
-                    die_both(r, w, messages);
+                    die_both(r, w, filling);
                 }
             }
         }

@@ -23,17 +23,14 @@ inline std::string numbered_message(int n, size_t most) {
 
 constexpr int kTorn = -1; // not one of ours, byte for byte
 
-inline int number_in(const std::string &body, size_t most) {
-    const int n = std::atoi(body.substr(0, 8).c_str());
-    return body == numbered_message(n, most) ? n : kTorn;
-}
-
-// The same of a slot's image; `most` is what the slot has room for.
+// Of a slot's image; `most` is what the slot has room for.
 inline int number_in(const void *image, size_t most) {
     qmsg header{};
     std::memcpy(&header, image, sizeof header);
     if (header.len > most) return kTorn;
-    return number_in({static_cast<const char *>(image) + offsetof(qmsg, data), header.len}, most);
+    const std::string body(static_cast<const char *>(image) + offsetof(qmsg, data), header.len);
+    const int n = std::atoi(body.substr(0, 8).c_str());
+    return body == numbered_message(n, most) ? n : kTorn;
 }
 
 } // namespace halvo::test

@@ -2,13 +2,10 @@
 //
 //     Signal ready;
 //     Peer reader([&] {
-//         s.attach();
-//         halvo_channel *q = s.open("MT01", 'r');
 //         ready.send();
-//         return read_all(q) ? 0 : 1;
+//         return read_all(s.open("MT01", 'r')) ? 0 : 1;
 //     });
 //     ASSERT_TRUE(ready.wait());
-//     ...
 //     EXPECT_EQ(reader.wait(), 0);
 #pragma once
 
@@ -56,11 +53,9 @@ public:
     // False when nothing was sent within the limit.
     bool wait(int milliseconds = 20000) const {
         pollfd entry{fd_.get(), POLLIN, 0};
-        int ready = 0;
-        do ready = poll(&entry, 1, milliseconds);
-        while (ready < 0 && errno == EINTR);
         uint64_t one = 0;
-        return ready == 1 && ::read(fd_.get(), &one, sizeof one) == sizeof one;
+        return TEMP_FAILURE_RETRY(poll(&entry, 1, milliseconds)) == 1 &&
+               ::read(fd_.get(), &one, sizeof one) == sizeof one;
     }
 
 private:
@@ -99,15 +94,9 @@ public:
     // Waits for the end. Exit status, or 128 + the number of the signal that ended it.
     int wait() {
         int status = 0;
-        while (!ended_) {
-            const pid_t got = waitpid(pid_, &status, 0);
-            if (got < 0 && errno == EINTR) continue;
-            ended_ = true;
-            if (got < 0)
-                result_ = -1;
-            else
-                result_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        }
+        if (!ended_ && TEMP_FAILURE_RETRY(waitpid(pid_, &status, 0)) == pid_)
+            result_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        ended_ = true;
         return result_;
     }
 
@@ -129,7 +118,7 @@ private:
 
     pid_t pid_ = -1;
     bool ended_ = false;
-    int result_ = 0;
+    int result_ = -1;
 };
 
 } // namespace halvo::test
