@@ -36,13 +36,8 @@ protected:
         }
         usleep(20000);
     }
-    std::string others_take() const {
-        Peer other([&] {
-            write_file(place.path("got"), queue.take());
-            return 0;
-        });
-        EXPECT_EQ(other.wait(), 0);
-        return content_of(place.path("got"));
+    bool others_take(const std::string &item) const {
+        return Peer([&] { return queue.take() == item ? 0 : 1; }).wait() == 0;
     }
     void replace_by_copy(const char *suffix) const {
         fs::copy_file(queue.file(suffix), queue.file("copy"));
@@ -77,7 +72,7 @@ INSTANTIATE_TEST_SUITE_P(, ByName, testing::Bool(),
 TEST_P(ByName, a_directory_replaced_by_a_copy_is_the_copy) {
     replace_directory_by_copy(dir + ".old");
     EXPECT_EQ(queue.put_away("three"), 0);
-    EXPECT_EQ(others_take(), "two");
+    EXPECT_TRUE(others_take("two"));
     EXPECT_EQ(queue.take(), "three");
     EXPECT_EQ(QueueAt(dir + ".old/q").drain(), "two");
 }
@@ -118,7 +113,7 @@ TEST_P(ByName, a_data_file_renamed_or_replaced_is_left_alone) {
     queue.store("head", record(0, 50));
     EXPECT_EQ(queue.take(), "three");
     fs::rename(queue.file("copy"), queue.file(kData));
-    EXPECT_EQ(others_take(), "four");
+    EXPECT_TRUE(others_take("four"));
 }
 
 TEST_P(ByName, a_lock_file_replaced_by_rename_is_the_new_one) {

@@ -92,15 +92,6 @@ TEST_F(Reading, an_item_larger_than_the_buffer_stays) {
 
 // ---- From file to file -------------------------------------------------------------------------
 
-TEST_F(Reading, an_end_item_without_a_next_file_is_nothing_to_read_and_saves_nothing) {
-    queue.store(0, one + kEndItem);
-    queue.store("head", record(0, 25));
-    EXPECT_EQ(begin().first, 0);
-    EXPECT_EQ(queue.bytes("head"), record(0, 25));
-    queue.store(1, two);
-    EXPECT_EQ(queue.drain(), "two");
-}
-
 // Kept: the commit deletes the file in which the transaction began, and no other.
 TEST_F(Reading, a_finished_file_is_deleted_by_the_commit) {
     for (const int last : {8, 9}) {
@@ -127,18 +118,6 @@ TEST_F(Reading, any_item_of_length_0_but_an_uncommitted_one_ends_its_file) {
         EXPECT_EQ(read_at(record(0, 0)).first, state == 'W' ? 0 : 4 + 25) << state;
         EXPECT_EQ(held(trans.curpos), place(state == 'W' ? 0 : 1, 0));
     }
-}
-
-TEST_F(Reading, a_file_that_could_not_be_ended_is_stepped_over_when_the_next_is_there) {
-    queue.store("head", record(0, 5000001));
-    queue.store(0, std::string("QITME\0\0", 7), 5000001);
-    EXPECT_EQ(begin().first, 0) << "the writer has not gone on";
-    queue.store(1, two);
-    EXPECT_EQ(queue.drain(), "two");
-    queue.store("head", record(0, 5000000));
-    queue.store(0, "");
-    queue.cut(0, 5000000);
-    EXPECT_EQ(begin().first, 0) << "a file within its limit is never left without an end";
 }
 
 // ---- Items that are not complete, and damage ---------------------------------------------------

@@ -79,24 +79,6 @@ TEST_F(Machines, metrics_hold_the_figures_of_the_tables) {
     EXPECT_EQ(metrics().find("reply="), std::string::npos);
 }
 
-TEST_F(Machines, a_check_judges_backlogs_above_their_limits) {
-    const auto health = [&](int64_t warning, int64_t critical, const char *channel = nullptr) {
-        CheckOptions options;
-        options.demands.backlog = {warning, critical};
-        if (channel) options.channels = {"MT01", channel};
-        return answer(options).health;
-    };
-    EXPECT_EQ(answer({}).health, Health::ok);
-    EXPECT_EQ(health(500, 501), Health::ok); // XCN1 has 500
-    EXPECT_EQ(health(499, 500), Health::warning);
-    EXPECT_EQ(health(-1, 499), Health::critical);
-    EXPECT_EQ(health(-1, 499, utf8("한국").c_str()), Health::ok);
-    EXPECT_EQ(health(-1, 499, "NOBODY"), Health::unknown);
-    CheckOptions options;
-    options.channels = {"NOBODY"};
-    EXPECT_EQ(answer(options).line, "HALVO UNKNOWN - no channel named NOBODY");
-}
-
 TEST_F(Machines, a_check_judges_the_ends_that_the_channel_uses) {
     CheckOptions options;
     options.demands.age = {5, 10};

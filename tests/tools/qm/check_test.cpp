@@ -152,14 +152,9 @@ TEST(CheckRunningTest, messages_on_their_way_are_no_fault) {
     Peer writer([&] { return stream('w'); }), reader([&] { return stream('r'); });
     ASSERT_TRUE(comes_true([&] {
         const ChannelInfo info = list(s.key_file())[0];
-        return info.writer != 0 && info.reader != 0;
+        return info.writer == writer.pid() && info.reading;
     }));
     for (int i = 0; i < 30; ++i) ASSERT_EQ(check(s.key_file()), Lines());
-    const ChannelInfo info = list(s.key_file())[0];
-    EXPECT_EQ(info.writer, writer.pid());
-    EXPECT_EQ(info.reader, reader.pid());
-    EXPECT_TRUE(info.writing);
-    EXPECT_TRUE(info.reading);
     reader.kill(SIGKILL);
     reader.wait();
     EXPECT_FALSE(list(s.key_file())[0].reading);

@@ -153,17 +153,6 @@ TEST_F(CreateTest, a_failed_create_leaves_no_file_behind) {
     EXPECT_THROW(create(kTwoChannels, "", false), Error);
 }
 
-TEST(PlanTest, sizes_beyond_32_bit_offsets_are_refused) {
-    const ChannelPlan large = {"A", 'M', 2000000, 1024, 0};
-    const std::string beyond = ": the segment would be larger than 4 GiB";
-    EXPECT_EQ(fault_of(plan_of({{"A", 'M', UINT32_MAX, 4294967292U, 0}})), "channel 0" + beyond);
-    EXPECT_EQ(fault_of(plan_of({{"A", 'M', 1, 4294967292U, 0}})), "channel 0" + beyond);
-    EXPECT_EQ(fault_of(plan_of({large})), "");
-    EXPECT_EQ(
-        fault_of(plan_of({large, {"B", 'M', 2000000, 1024, 0}, {"C", 'M', 2000000, 1024, 0}})),
-        "channel 2" + beyond);
-}
-
 TEST_F(CreateTest, remove_takes_everything_once_whatever_the_segment_holds) {
     EXPECT_FALSE(remove(key_));
     create(kTwoChannels, key_, false);
