@@ -38,16 +38,6 @@ protected:
     bool shows(const std::string &text, size_t from = 0) const {
         return comes_true([&] { return content().find(text, from) != std::string::npos; });
     }
-    // Waits for the end, for 20 seconds.
-    static int end_of(Peer &peer) {
-        const bool ended = comes_true([&] {
-            siginfo_t info{};
-            return waitid(P_PID, static_cast<id_t>(peer.pid()), &info,
-                          WEXITED | WNOHANG | WNOWAIT) == 0 &&
-                   info.si_pid != 0;
-        });
-        return ended ? peer.wait() : -1;
-    }
 };
 
 } // namespace
@@ -76,7 +66,7 @@ TEST_F(Watching, ends_when_its_terminal_is_closed) {
                 shown.append(block, static_cast<size_t>(got));
             }
             close(master);
-            const int status = end_of(monitor);
+            const int status = monitor.wait();
             EXPECT_TRUE(status == 0 || status == 1)
                 << view << " hears: " << hears << ", " << status;
         }
@@ -95,7 +85,7 @@ TEST_F(Watching, ends_although_nobody_takes_its_output) {
         }));
         usleep(200000); // until it blocks
         monitor.kill(number);
-        EXPECT_EQ(end_of(monitor), 0) << number;
+        EXPECT_EQ(monitor.wait(), 0) << number;
         close(pipe[0]);
         close(pipe[1]);
     }
@@ -109,7 +99,7 @@ TEST_F(Watching, goes_on_behind_a_hang_up_that_it_was_told_to_ignore) {
     const size_t before = content().size();
     EXPECT_TRUE(comes_true([&] { return content().size() > before + 100; }));
     monitor.kill(SIGTERM);
-    EXPECT_EQ(end_of(monitor), 0);
+    EXPECT_EQ(monitor.wait(), 0);
     for (const std::string &line : lines(content()))
         EXPECT_NE(line.find("MT01,____,"), std::string::npos) << line;
 }
@@ -125,7 +115,7 @@ TEST_F(Watching, shows_the_segment_that_stands_there_now) {
     remake(segment.key_file(), {"NEW1"});
     EXPECT_TRUE(shows("NEW1", before));
     monitor.kill(SIGTERM);
-    EXPECT_EQ(end_of(monitor), 0);
+    EXPECT_EQ(monitor.wait(), 0);
 }
 
 namespace {

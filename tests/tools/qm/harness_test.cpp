@@ -55,10 +55,7 @@ TEST(Harness, a_key_that_another_holds_is_passed_over) {
 
 TEST(Harness, a_peer_ends_with_its_result_its_signal_or_its_failure) {
     EXPECT_EQ(Peer([] { return 7; }).wait(), 7);
-    Peer sleeper([] { return pause(); });
-    sleeper.kill(SIGTERM);
-    EXPECT_EQ(sleeper.wait(), 128 + SIGTERM);
-    EXPECT_EQ(sleeper.wait(), 128 + SIGTERM);
+    EXPECT_EQ(Peer([] { return raise(SIGTERM); }).wait(), 128 + SIGTERM);
     const auto expects = [] {
         close(STDOUT_FILENO);
         EXPECT_EQ(1, 2);
