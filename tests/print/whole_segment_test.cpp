@@ -28,14 +28,6 @@ struct Output {
     }
 };
 
-void expect_nothing_attached() {
-    const Output output;
-    EXPECT_STREQ(output.xml.data(), "<smsqm></smsqm>");
-    EXPECT_STREQ(output.json.data(), "{\"smsqm\":[ qm0 is null");
-    EXPECT_EQ(output.count("qm is null .\n"), 4u);
-    EXPECT_EQ(output.count("Uptime: 0days"), 15u);
-}
-
 } // namespace
 
 TEST(WholeSegment, of_as_many_channels_as_there_can_be) {
@@ -60,7 +52,11 @@ TEST(WholeSegment, of_as_many_channels_as_there_can_be) {
 }
 
 TEST(WholeSegment, that_is_empty_or_not_there) {
-    expect_nothing_attached();
+    const Output nothing;
+    EXPECT_STREQ(nothing.xml.data(), "<smsqm></smsqm>");
+    EXPECT_STREQ(nothing.json.data(), "{\"smsqm\":[ qm0 is null");
+    EXPECT_EQ(nothing.count("qm is null .\n"), 4u);
+    EXPECT_EQ(nothing.count("Uptime: 0days"), 15u);
     const Segment segment = SegmentBuilder().channel("MT01", 'M', 2, 512).build();
     segment.attach();
     q_0()->nchnnl = 0;
