@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
-#include <fcntl.h>
 
 #include "tests/fq/queue_fixture.h"
 
@@ -214,22 +213,6 @@ TEST(ItemWriters, refuse_an_item_that_would_end_beyond_nine_digits) {
     queue.cut(999999999, 5000000);
     EXPECT_EQ(fq_append_item(queue.path(), &trans, "x", 1), -1);
     EXPECT_EQ(held(trans.nextpos), place(999999999, 5000100)) << "no tenth digit in the record";
-}
-
-TEST(ItemWriters, a_place_one_cannot_seek_in_is_a_seek_error) {
-    const Queue queue;
-    ASSERT_EQ(mkfifo(queue.file(0).c_str(), 0666), 0);
-    const Descriptor reader(open(queue.file(0).c_str(), O_RDONLY | O_NONBLOCK));
-    fqtrans trans = record_at(queue, place(0, 0));
-    EXPECT_EQ(said([&] { return fq_write_item(queue.path(), &trans, "x", 1); }),
-              Said(-1, "fq_write.lseek error \n"));
-    for (const int count : {1, 2}) {
-        trans = record_at(queue, place(0, 0));
-        std::memcpy(trans.nextpos, record(0, 23).data(), 31);
-        trans.count = count;
-        EXPECT_EQ(said([&] { return fq_write_item_commit(&trans); }),
-                  Said(-1, "fq_write_item_commit.lseek error \n"));
-    }
 }
 
 // ---- The position log --------------------------------------------------------------------------

@@ -38,23 +38,6 @@ statx(int at, const char *name, int flags, unsigned mask, struct statx *found) n
     return result;
 }
 
-TEST_F(OpenFiles, each_one_removed_is_made_again) {
-    queue.remove("wrlk");
-    queue.remove("rdlk");
-    EXPECT_EQ(queue.put({"new"}), 0);
-    EXPECT_EQ(queue.take(), "older");
-    EXPECT_TRUE(queue.has("wrlk") && queue.has("rdlk"));
-    queue.remove("head");
-    EXPECT_EQ(queue.take(), "old") << "from the beginning";
-    queue.remove(0);
-    EXPECT_EQ(queue.take(), "[0]");
-    queue.put({"x"});
-    EXPECT_EQ(queue.bytes(0).size(), 77u + 23u) << "written into the file of that name";
-    queue.remove("tail");
-    EXPECT_EQ(queue.put({"y"}), 0);
-    EXPECT_EQ(queue.position("tail"), "000000000 000000023");
-}
-
 // Some file systems count time in longer units than the kernel's clock goes on by.
 TEST_F(OpenFiles, a_removed_file_is_noticed_where_times_are_coarse) {
     unit_of_times = 50000000;
