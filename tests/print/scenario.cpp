@@ -1,44 +1,25 @@
 #include "tests/print/scenario.h"
 
-#include <iconv.h>
-
 #include <cstdlib>
 #include <ctime>
 #include <sstream>
-#include <stdexcept>
 
 #include "core/segment/ring.h"
 #include "tests/support/files.h"
 #include "tests/support/fixed_clock.h"
 #include "tests/support/program.h"
+#include "tools/frame/charset.h"
 
 namespace halvo::test {
 
-namespace {
-
-std::string converted(const char *to_code, const char *from_code, std::string text) {
-    const iconv_t converter = iconv_open(to_code, from_code);
-    if (converter == reinterpret_cast<iconv_t>(-1)) throw std::runtime_error("no EUC-KR in iconv");
-    std::string out(text.size() * 3 + 1, '\0');
-    char *from = text.data(), *to = out.data();
-    size_t left = text.size(), room = out.size();
-    if (iconv(converter, &from, &left, &to, &room) == static_cast<size_t>(-1))
-        ADD_FAILURE() << "no " << from_code << " at byte " << text.size() - left;
-    iconv_close(converter);
-    out.resize(out.size() - room);
-    return out;
-}
-
-} // namespace
-
-std::string utf8(const std::string &text) { return converted("UTF-8", "EUC-KR", text); }
+std::string utf8(const std::string &text) { return tools::to_utf8(text); }
 
 std::string expected(const std::string &file) {
     std::string text = content_of(HALVO_EXPECTED "/" + file);
     const std::string escape = "\xE2\x90\x9B"; // U+241B in UTF-8
     for (size_t at; (at = text.find(escape)) != std::string::npos;)
         text.replace(at, escape.size(), "\x1b");
-    return converted("EUC-KR", "UTF-8", text);
+    return tools::to_euc_kr(text).value();
 }
 
 std::vector<std::string> lines(const std::string &text) {

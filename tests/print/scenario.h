@@ -15,7 +15,7 @@ namespace halvo::test {
 
 constexpr int32_t kNow = 1700100000; // 2023-11-16 02:00:00 UTC
 
-// A text in EUC-KR as UTF-8. Bytes that are no EUC-KR fail the test.
+// A text in EUC-KR as UTF-8.
 std::string utf8(const std::string &text);
 // The text of a file in tests/print/expected: there in UTF-8 and with ␛ for the escape character.
 std::string expected(const std::string &file);
