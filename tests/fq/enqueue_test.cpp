@@ -104,9 +104,6 @@ TEST_F(Enqueue, a_commit_whose_data_file_has_been_cut_changes_no_position) {
     EXPECT_EQ(commit(), Said(-2, ""));
     EXPECT_EQ(queue.position("tail"), place(0, 0));
     EXPECT_EQ(queue.take(), "[0]") << "the first item has not been flipped";
-    queue.begin(trans, {"one", "two"});
-    queue.remove(0);
-    EXPECT_EQ(commit(), Said(-1, "fq_write_item_commit.open error " + queue.file(0) + "\n"));
 }
 
 // ---- Ending a file -----------------------------------------------------------------------------

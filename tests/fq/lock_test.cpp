@@ -61,27 +61,13 @@ const char *const kNothingHeld = "invalid stat(index fd) \n"
 
 } // namespace
 
-TEST_F(Locks, a_lock_reads_the_position_and_opens_both_files) {
-    queue.store("tail", record(3, 77));
-    fqtrans trans;
-    EXPECT_EQ(lock('w', trans), 31);
-    EXPECT_EQ(std::string(trans.startpos, 31), record(3, 77));
-    EXPECT_EQ(trans.lockkey, ftok(queue.file("wrlk").c_str(), 1));
-    EXPECT_EQ(trans.mtx, fq_key2mtx(trans.lockkey));
-    EXPECT_TRUE(trans.lockfd > 0 && trans.posfd > 0);
-    fqtrans reader;
-    EXPECT_EQ(lock('?', reader), 31) << "any other letter is the reader, who waits for no writer";
-    EXPECT_TRUE(queue.has("rdlk") && queue.has("head"));
-    EXPECT_EQ(fq_unlock(&reader), 0);
-    EXPECT_EQ(fq_unlock(&trans), 0);
-    EXPECT_TRUE(trans.lockfd == -1 && trans.posfd == -1);
-}
-
 // A lockf lock is lost with the first close of any descriptor of its file in the process: also of
 // the one that the waiter has opened.
 TEST_F(Locks, a_second_thread_waits_for_the_first_and_leaves_the_lock_alone) {
-    fqtrans first;
+    fqtrans first, reader;
     ASSERT_EQ(lock('w', first), 31);
+    EXPECT_EQ(lock('?', reader), 31) << "any other letter is the reader, who waits for no writer";
+    EXPECT_EQ(fq_unlock(&reader), 0);
     EXPECT_TRUE(one_waits_until([&] {
         EXPECT_TRUE(queue.others_are_kept_out());
         EXPECT_EQ(fq_unlock(&first), 0);
@@ -170,17 +156,4 @@ TEST_F(Locks, the_longest_path_fits_all_names) {
     EXPECT_EQ(fq_lock('w', &trans), 31);
     EXPECT_EQ(fq_unlock(&trans), 0);
     EXPECT_EQ(fq_enqueue(-1, path.c_str(), "x", 1, &trans), -1);
-}
-
-TEST_F(Locks, hold_256_keys_and_say_so_at_the_257th) {
-    for (int key = 1000; key < 1256; ++key) ASSERT_NE(fq_key2mtx(key), nullptr);
-    for (const int refused : {1256, 0}) {
-        const std::string line = "fq_key2mtx(end) error for key " + std::to_string(refused) + ".\n";
-        EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(fq_key2mtx(refused), nullptr); }), line);
-    }
-    const Said begun = said([&] { return queue.put({"x"}); });
-    EXPECT_EQ(begun.first, -2);
-    EXPECT_NE(begun.second.find("\nfq_lock.fq_key2mtx returns NULL \n"), std::string::npos);
-    fq_mtx_init();
-    EXPECT_EQ(queue.put({"x"}), 0);
 }

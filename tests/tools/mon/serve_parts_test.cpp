@@ -54,7 +54,6 @@ TEST(ServedDocuments, are_json_whatever_names_hold_and_rank_what_is_wrong) {
          std::vector<std::tuple<Trouble, const char *, const char *>>{
              {Trouble::none, "waiting", "ok"},
              {Trouble::throttled, "throttled", "warn"},
-             {Trouble::old, "old", "warn"},
              {Trouble::stalled, "stalled", "bad"},
              {Trouble::full, "full", "bad"}}) {
         Sample sample = sample_number(7);

@@ -32,13 +32,10 @@ TEST(HalvoQm, takes_a_segment_through_its_life_and_tells_faults_in_one_line) {
         {{}, 2, ""},
         {{"destroy"}, 2, "subcommand"},
         {{"check"}, 2, "--key"},
-        {{"create", "--key", "k"}, 2, ""},
         {{"list", "--key", "k", "more"}, 2, "more"},
         {{"create", "c", "--key", "k", "--mode", "0888"}, 2, ""},
-        {{"create", "c", "--key", "k", "--mode", ""}, 2, ""},
         {{"check", "--key", "/nonexistent/key"}, 2, ""},
         {{"check", "--key", "/"}, 2, ""}, // a key file without a segment
-        {{"list", "--key", "/nonexistent/key"}, 2, ""},
         {{"remove", "--key", ""}, 2, ""},
         {{"create", config, "--key", "/nonexistent/key"}, 2, ""},
     };
