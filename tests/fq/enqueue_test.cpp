@@ -1,6 +1,4 @@
 // What the writers put on disk, byte by byte, and when they end a file.
-#include <gtest/gtest.h>
-
 #include <ctime>
 
 #include "tests/fq/queue_fixture.h"

@@ -1,5 +1,4 @@
 // The two locks of a side: between threads, between processes, and not between the sides.
-#include <gtest/gtest.h>
 #include <sys/ipc.h>
 
 #include <atomic>

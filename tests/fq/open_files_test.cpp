@@ -1,5 +1,4 @@
 // Open files are kept from one transaction to the next: nobody may notice.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>

@@ -1,5 +1,4 @@
 // What a writer finds behind its saved position when another one has died there.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <csignal>

@@ -1,6 +1,4 @@
 // The file-queue fields of the optional channel.
-#include <gtest/gtest.h>
-
 #include "tests/fq/queue_fixture.h"
 #include "tools/fixture/segment_builder.h"
 

@@ -1,3 +1,4 @@
+// The documents, and every printer on an empty segment and on none.
 #include <climits>
 #include <cstring>
 
@@ -17,6 +18,29 @@ protected:
         if (at == std::string::npos) return "(not listed)";
         const size_t begin = document.find("<" + tag + ">", at) + tag.size() + 2;
         return document.substr(begin, document.find("</" + tag, begin) - begin);
+    }
+};
+
+// Everything there is to print, in every mode; the last documents.
+struct Output {
+    std::vector<char> xml = std::vector<char>(128 + 1024 * HALVO_CHANNELS_MAX), json = xml;
+    std::string printed = captured_stdout([this] {
+        for (const char mode : {'s', 'w', 'f', 'a'}) {
+            q_printlogo2(mode);
+            for (auto *print : {q_statprint_classic, q_statprint, q_statprint2, q_statlog})
+                print(mode);
+            q_statprint_xml(mode, xml.data());
+            q_statprint_json(mode, json.data());
+        }
+        q_tstatprint("");
+        q_tstatprint(nullptr);
+        q_clientsprint();
+        qm_print_last_msg();
+    });
+    size_t count(const std::string &part) const {
+        size_t found = 0;
+        for (size_t at = 0; (at = printed.find(part, at)) != std::string::npos; ++at) ++found;
+        return found;
     }
 };
 
@@ -94,4 +118,22 @@ TEST_F(Documents, fit_the_room_that_the_header_asks_for) {
     EXPECT_LT(xml('a').size(), 3u * 1024);
     EXPECT_LT(json().size(), 3u * 1024);
     EXPECT_NE(xml('a').find("\"" + std::string(24, 'x') + "\""), std::string::npos);
+}
+
+TEST(WholeSegment, that_is_empty_or_not_there) {
+    const Output nothing;
+    EXPECT_STREQ(nothing.xml.data(), "<smsqm></smsqm>");
+    EXPECT_STREQ(nothing.json.data(), "{\"smsqm\":[ qm0 is null");
+    EXPECT_EQ(nothing.count("qm is null .\n"), 4u);
+    EXPECT_EQ(nothing.count("Uptime: 0days"), 15u);
+    const Segment segment = SegmentBuilder().channel("MT01", 'M', 2, 512).build();
+    segment.attach();
+    q_0()->nchnnl = 0;
+    q_0()->uptime = 1700000000;
+    const Output output;
+    EXPECT_STREQ(output.xml.data(), "<smsqm></smsqm>");
+    EXPECT_STREQ(output.json.data(), "{\"smsqm\":[],\n\"uptime\":1700000000}");
+    EXPECT_EQ(output.count("MT01"), 0u);
+    EXPECT_EQ(close_shm(), ESMS_OK);
+    EXPECT_STREQ(Output().json.data(), "{\"smsqm\":[ qm0 is null");
 }
