@@ -15,8 +15,7 @@ protected:
     fqtrans trans{};
     std::string buffer;
 
-    template <class F>
-    Said call(unsigned cap, F f) {
+    Said call(unsigned cap, auto f) {
         buffer.assign(cap + 22, '?');
         return said([&] { return f(queue.path(), buffer.data(), cap); });
     }
@@ -42,7 +41,6 @@ protected:
     }
 };
 
-const std::string one = item_bytes('F', "one"), two = item_bytes('F', "two");
 const char *const kReadError = "fq_dequeue.fq_read_item error \n";
 
 } // namespace

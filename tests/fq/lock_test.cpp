@@ -37,8 +37,7 @@ protected:
         }
     };
     // Whether a thread that wants the writer's side waits for it until f has been called.
-    template <class F>
-    bool one_waits_until(F f) const {
+    bool one_waits_until(auto f) const {
         std::atomic<bool> arrived{false};
         std::thread waiter([&] {
             fqtrans trans;

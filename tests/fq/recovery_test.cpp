@@ -7,12 +7,6 @@
 
 using namespace halvo::test;
 
-namespace {
-
-const std::string one = item_bytes('F', "one"), two = item_bytes('F', "two");
-
-} // namespace
-
 // Both ways to begin: with a transaction and with a single shot.
 TEST(Settling, goes_on_where_nothing_is_lost) {
     const Queue queue;

@@ -107,13 +107,11 @@ void Status::provide_baseline() {
     lastcheck = baseline_.data();
 }
 
-halvo_segment &Status::take_snapshot(int32_t at) {
+void Status::take_snapshot(int32_t at) {
     image_.resize(sizeof(halvo_segment) + q_0()->nchnnl * sizeof(halvo_channel));
     snapshot = image_.data();
     EXPECT_EQ(q_snapshot(snapshot, static_cast<int>(image_.size())), 0);
-    auto &header = *static_cast<halvo_segment *>(snapshot);
-    header.now = at;
-    return header;
+    static_cast<halvo_segment *>(snapshot)->now = at;
 }
 
 halvo_channel &Status::image(int channel) {

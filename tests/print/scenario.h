@@ -31,7 +31,7 @@ protected:
 
     // Memory for the globals that a monitoring program sets.
     void provide_baseline(); // every channel: 500 messages counted, two seconds ago
-    halvo_segment &take_snapshot(int32_t at);
+    void take_snapshot(int32_t at);
     halvo_channel &image(int channel); // of the snapshot
     void take_snapshot_of_before();    // two hours ago, with counts to compare
     std::string write_file(const std::string &name, const std::string &content);

@@ -22,15 +22,13 @@ protected:
     }
 
     // The printed lines below the banner.
-    template <class F>
-    static std::vector<std::string> table(F print) {
+    static std::vector<std::string> table(auto print) {
         std::vector<std::string> all = lines(captured_stdout(print));
         all.erase(all.begin(), all.begin() + 3);
         return all;
     }
     // What a table prints of one channel; empty when it does not list it.
-    template <class F>
-    static std::string row(const std::string &name, F print) {
+    static std::string row(const std::string &name, auto print) {
         for (const std::string &line : table(print))
             if (line.find(name) < 24) return line;
         return {};

@@ -163,8 +163,7 @@ struct Case {
     }
 };
 
-template <class Damage>
-void for_each_case(bool reads, Damage damage) {
+void for_each_case(bool reads, auto damage) {
     const Queue queue;
     for (const State state : {kFresh, kInUse, kRolledBack, kFileEnds, kLogsEnd})
         for (const Operation &operation : kOperations)

@@ -48,8 +48,7 @@ bool fails() {
 }
 
 // Reads or writes what a failure leaves of a length.
-template <class Transfer>
-ssize_t transfer(size_t length, Transfer some) {
+ssize_t transfer(size_t length, auto some) {
     if (!is_to_fail()) return some(length);
     if (plan.error == halvo::test::kShort && length > 1) return some(length / 2);
     errno = plan.error == halvo::test::kShort ? ENOSPC : plan.error;

@@ -24,8 +24,7 @@ int run_with_fault(int n, int error, bool lasting, const std::function<void()> &
 void let_keys_collide(bool collide);
 
 // Runs f in a process that dies before its n-th call. False when f got through to its end.
-template <class F>
-bool dies_before_call(int n, F f) {
+bool dies_before_call(int n, auto f) {
     Peer peer([&] {
         run_with_fault(n, kKill, false, f);
         return 0;

@@ -23,8 +23,6 @@ protected:
     std::string out(std::vector<std::string> words) { return run(std::move(words)).out; }
 };
 
-const std::string one = item_bytes('F', "one");
-
 bool has(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }

@@ -25,8 +25,7 @@ protected:
         return HALVO_BIN "/halvo-mon --key " + segment.key_file() + " --sample 0 " + words;
     }
     // Runs it with these words of the shell; prepare() runs before it in its process.
-    template <class Prepare>
-    Peer start(const std::string &words, Prepare prepare) const {
+    Peer start(const std::string &words, auto prepare) const {
         return Peer([&] {
             prepare();
             return become({"/bin/sh", "-c", "exec " + command(words)}, 0, 1, 2);
