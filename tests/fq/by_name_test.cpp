@@ -48,10 +48,6 @@ protected:
         fs::rename(dir, old);
         fs::rename(moved, dir);
     }
-    void replace_by_new(const char *suffix) const {
-        queue.store("new", "");
-        fs::rename(queue.file("new"), queue.file(suffix));
-    }
     int descriptor_of(const char *suffix) const {
         for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
             std::error_code gone;
@@ -119,7 +115,7 @@ TEST_P(ByName, a_data_file_renamed_or_replaced_is_left_alone) {
 TEST_P(ByName, a_lock_file_replaced_by_rename_is_the_new_one) {
     for (const char *suffix : {"wrlk", "rdlk"}) {
         fs::create_hard_link(queue.file(suffix), queue.file(suffix) + ".link"); // it keeps a name
-        replace_by_new(suffix);
+        replace_by_copy(suffix);
     }
     Signal held;
     Peer holder([&] {
@@ -141,7 +137,7 @@ TEST_P(ByName, a_commit_into_a_file_that_is_not_the_queues_any_more_fails) {
         {"renamed", [&] { fs::rename(queue.file(kData), queue.file("away")); }},
         {"replaced", [&] { replace_by_copy(kData); }},
         {"directory replaced", [&] { replace_directory_by_copy(moved + ".old"); }},
-        {"lock file replaced", [&] { replace_by_new("wrlk"); }},
+        {"lock file replaced", [&] { replace_by_copy("wrlk"); }},
     };
     for (const auto &[what, fault] : faults)
         for (const bool batch : {false, true}) {

@@ -130,6 +130,22 @@ TEST_F(Locks, a_lock_file_that_cannot_be_opened_is_a_failure) {
     EXPECT_EQ(lock('r', trans), -1) << "a pipe: not a hang";
 }
 
+TEST_F(Locks, a_commit_without_items_gives_them_back) {
+    const std::string wrong = "fq_enqueue_commit invalid trans stat error \n";
+    const Said none(-1, "fq_dequeue_commit NULL trans.\n");
+    fqtrans trans;
+    ASSERT_EQ(lock('w', trans), 31);
+    EXPECT_EQ(said([&] { return fq_enqueue_commit(-1, &trans); }), Said(-1, wrong));
+    EXPECT_EQ(trans.lockfd, -1);
+    EXPECT_EQ(said([] { return fq_enqueue_commit(-1, nullptr); }), Said(-1, wrong));
+    ASSERT_EQ(lock('r', trans), 31);
+    EXPECT_EQ(said([&] { return fq_dequeue_commit(-1, &trans); }),
+              Said(-1, "fq_dequeue_commit on no data.\n"));
+    EXPECT_EQ(trans.lockfd, -1);
+    EXPECT_EQ(said([] { return fq_dequeue_commit(-1, nullptr); }), none);
+    EXPECT_EQ(said([] { return fq_dequeue_rollback(-1, nullptr); }), none);
+}
+
 TEST_F(Locks, too_long_a_path_is_refused_and_opens_nothing) {
     fqtrans trans{};
     std::memset(trans.path, 'p', 4091);
@@ -141,6 +157,7 @@ TEST_F(Locks, too_long_a_path_is_refused_and_opens_nothing) {
     EXPECT_EQ(fq_enqueue(-1, path.c_str(), "x", 1, &trans), ESMS_INVAL);
     EXPECT_EQ(fq_enqueue_away(-1, -1, 1, path.c_str(), "x", 1), ESMS_INVAL);
     EXPECT_EQ(fq_dequeue(-1, path.c_str(), buffer, 10, &trans), ESMS_INVAL);
+    EXPECT_EQ(fq_dequeue_next(-1, queue.path(), nullptr, buffer, 0), ESMS_INVAL);
     EXPECT_EQ(fq_write_item(path.c_str(), &trans, "x", 1), ESMS_INVAL);
     EXPECT_EQ(fq_read_item(path.c_str(), &trans, buffer, 10), ESMS_INVAL);
 }

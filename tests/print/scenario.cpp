@@ -114,19 +114,15 @@ void Status::take_snapshot(int32_t at) {
     static_cast<halvo_segment *>(snapshot)->now = at;
 }
 
-halvo_channel &Status::image(int channel) {
-    char *first = image_.data() + sizeof(halvo_segment);
-    return reinterpret_cast<halvo_channel *>(first)[channel];
-}
-
 void Status::take_snapshot_of_before() {
     take_snapshot(kNow - 125 * 60 - 30);
-    image(0).gcnt.count = 900;
-    image(0).gcnt.ecount = 1;
-    image(1).fgcnt.count = 7000;
-    image(1).gcnt.count = 7399;
-    image(2).tcnt[5].count = image(2).tcnt[5].ecount = 10;
-    image(2).tcnt[6].count = image(2).tcnt[6].ecount = 0;
+    auto *image = reinterpret_cast<halvo_channel *>(image_.data() + sizeof(halvo_segment));
+    image[0].gcnt.count = 900;
+    image[0].gcnt.ecount = 1;
+    image[1].fgcnt.count = 7000;
+    image[1].gcnt.count = 7399;
+    image[2].tcnt[5].count = image[2].tcnt[5].ecount = 10;
+    image[2].tcnt[6].count = image[2].tcnt[6].ecount = 0;
 }
 
 std::string Status::write_file(const std::string &name, const std::string &content) {

@@ -32,8 +32,7 @@ protected:
     // Memory for the globals that a monitoring program sets.
     void provide_baseline(); // every channel: 500 messages counted, two seconds ago
     void take_snapshot(int32_t at);
-    halvo_channel &image(int channel); // of the snapshot
-    void take_snapshot_of_before();    // two hours ago, with counts to compare
+    void take_snapshot_of_before(); // two hours ago, with counts to compare
     std::string write_file(const std::string &name, const std::string &content);
     static std::string xml(char mode) { return document(q_statprint_xml, mode); }
     static std::string json(char mode = 'a') { return document(q_statprint_json, mode); }

@@ -117,18 +117,8 @@ TEST_F(Watching, shows_the_segment_that_stands_there_now) {
     EXPECT_EQ(monitor.wait(), 0);
 }
 
-namespace {
-
-class OnTerminal : public Watching {
-protected:
-    void SetUp() override {
-        if (!Terminal::available()) GTEST_SKIP() << "needs " << Terminal::program();
-    }
-};
-
-} // namespace
-
-TEST_F(OnTerminal, hears_a_key_although_it_was_started_in_the_background) {
+TEST_F(Watching, hears_a_key_although_it_was_started_in_the_background) {
+    if (!Terminal::available()) GTEST_SKIP() << "needs " << Terminal::program();
     const Terminal terminal(segment.path(""), 100, 20);
     terminal.run("set -m; " + command("plain --watch 60") +
                  " & sleep 0.5; fg; echo it ended with $?");
@@ -136,7 +126,8 @@ TEST_F(OnTerminal, hears_a_key_although_it_was_started_in_the_background) {
     terminal.press_until("q", "it ended with 0");
 }
 
-TEST_F(OnTerminal, ends_at_ctrl_c_and_echoes_again) {
+TEST_F(Watching, ends_at_ctrl_c_and_echoes_again) {
+    if (!Terminal::available()) GTEST_SKIP() << "needs " << Terminal::program();
     const Terminal terminal(segment.path(""), 100, 20);
     terminal.run("NO_COLOR=1 " + command("clients --watch 60"));
     ASSERT_TRUE(terminal.wait_for("MT01 "));

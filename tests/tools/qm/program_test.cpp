@@ -22,7 +22,6 @@ TEST(HalvoQm, takes_a_segment_through_its_life_and_tells_faults_in_one_line) {
         std::string told;
     } steps[] = {
         {{"create", bad, "--key", key}, 2, bad + ":3: slots is 0; it must be from 1 to 4294967295"},
-        {{"list", "--key", key}, 2, key},
         {{"create", config, "--key", key}, 0, ""},
         {{"check", "--key", key}, 0, ""},
         {{"create", config, "--key", key}, 1, "--replace"},
