@@ -1,6 +1,4 @@
 // The two locks of a side: between threads, between processes, and not between the sides.
-#include <sys/ipc.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <thread>

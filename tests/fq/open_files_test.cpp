@@ -37,6 +37,15 @@ statx(int at, const char *name, int flags, unsigned mask, struct statx *found) n
     return result;
 }
 
+TEST_F(OpenFiles, each_one_removed_is_made_again) {
+    for (const char *file : {"wrlk", "rdlk", "tail", "head", "000000000"}) {
+        queue.remove(file);
+        EXPECT_EQ(queue.put({"new"}), 0) << file;
+        queue.take();
+        EXPECT_TRUE(queue.has(file)) << file;
+    }
+}
+
 // Some file systems count time in longer units than the kernel's clock goes on by.
 TEST_F(OpenFiles, a_removed_file_is_noticed_where_times_are_coarse) {
     unit_of_times = 50000000;
