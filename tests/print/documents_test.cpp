@@ -32,7 +32,6 @@ struct Output {
             q_statprint_xml(mode, xml.data());
             q_statprint_json(mode, json.data());
         }
-        q_tstatprint("");
         q_tstatprint(nullptr);
         q_clientsprint();
         qm_print_last_msg();

@@ -139,6 +139,13 @@ TEST_F(Tables, types_that_match) {
     EXPECT_EQ(captured_stdout([] { q_tstatprint("sub"); }), expected("types_out_of_use.txt"));
 }
 
+TEST_F(Tables, an_empty_needle_matches_every_type) {
+    for (int type = 1; type < HALVO_TYPES; ++type) q_0()->qtcnt[type].tstart = type <= 6;
+    const std::vector<std::string> table = this->table([] { q_tstatprint(""); });
+    EXPECT_EQ(table[0].size(), 44u + 6 * 9);
+    EXPECT_EQ(table[1].size(), 44u + 4095 * 9);
+}
+
 TEST_F(Tables, clients_vanish_after_nine_seconds) {
     mt->wtime = kNow - 9;
     mt->rtime = kNow - 10;

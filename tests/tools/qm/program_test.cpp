@@ -31,7 +31,6 @@ TEST(HalvoQm, takes_a_segment_through_its_life_and_tells_faults_in_one_line) {
         {{}, 2, ""},
         {{"destroy"}, 2, "subcommand"},
         {{"check"}, 2, "--key"},
-        {{"list", "--key", "k", "more"}, 2, "more"},
         {{"create", "c", "--key", "k", "--mode", "0888"}, 2, ""},
         {{"check", "--key", "/nonexistent/key"}, 2, ""},
         {{"check", "--key", "/"}, 2, ""}, // a key file without a segment
