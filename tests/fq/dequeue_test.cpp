@@ -194,8 +194,12 @@ TEST_F(Reading, a_damaged_position_is_said_and_nothing_is_read) {
     EXPECT_EQ(queue.bytes("head"), "000000000 -00000001      first\n");
 }
 
-TEST_F(Reading, a_file_that_cannot_be_opened_is_an_error) {
-    ASSERT_EQ(symlink(queue.file(0).c_str(), queue.file(0).c_str()), 0);
-    EXPECT_EQ(read_at(record(0, 0)), Said(-1, "fq_read_item.open error " + queue.file(0) +
+TEST_F(Reading, what_is_no_file_one_can_seek_in_or_open_is_an_error) {
+    ASSERT_EQ(mkfifo(queue.file(0).c_str(), 0666), 0);
+    EXPECT_EQ(read_at(record(0, 0)), Said(-1, "fq_read_item.lseek error \n"));
+    ASSERT_EQ(symlink("/dev/null", queue.file(1).c_str()), 0);
+    EXPECT_EQ(read_at(record(1, 100)), Said(-1, "fq_read_item.lseek(2) error \n"));
+    ASSERT_EQ(symlink(queue.file(2).c_str(), queue.file(2).c_str()), 0);
+    EXPECT_EQ(read_at(record(2, 0)), Said(-1, "fq_read_item.open error " + queue.file(2) +
                                                   " (Too many levels of symbolic links)\n"));
 }

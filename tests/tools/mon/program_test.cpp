@@ -55,7 +55,6 @@ TEST_F(MonitorProgram, has_a_command_for_every_view) {
         {{"xml"}, "<smsqm><q name=\"MT01\""},
         {{"json"}, "{\"smsqm\":[{ \"name\":\"MT01\""},
         {{"prometheus"}, "\nhalvo_channels 3\n"},
-        {{"check", "--help"}, "--watch"},
         {{"--help"}, "Examples:"}};
     for (const auto &[words, text] : views) expect_end(run(words), 0, text);
 

@@ -44,8 +44,6 @@ TEST(HalvoQm, takes_a_segment_through_its_life_and_tells_faults_in_one_line) {
         EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), status != 0);
         EXPECT_EQ(outcome.err.rfind("halvo-qm: ", 0) == 0, status != 0) << outcome.err;
     }
-    expect_end(halvo_qm({"--help"}), 0, "Exit status:");
-    expect_end(halvo_qm({"--version"}), 0);
 }
 
 TEST(HalvoQm, list_shows_the_channels_as_a_table) {
