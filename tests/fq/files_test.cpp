@@ -83,6 +83,14 @@ TEST(Positions, the_last_record_is_the_position) {
     EXPECT_EQ(queue.bytes("tail"), record(3, 4998211) + record(4, 0));
     EXPECT_EQ(file.get(), Said(31, ""));
     EXPECT_EQ(file.record, record(4, 0));
+    // A torn one is skipped and written over.
+    queue.store("tail", record(1, 10) + record(2, 20) + "00000000");
+    EXPECT_EQ(file.get(), Said(31, "경고! 인덱스 파일 손상.... 자동복구(읽기)..offset=39 "
+                                   "sizeof(fqpos)=31 modulo=8\n"));
+    EXPECT_EQ(file.record, record(2, 20));
+    EXPECT_EQ(file.set(3, 30), Said(31, "경고! 인덱스 파일 손상.... 자동복구(쓰기)..offset=70 "
+                                        "sizeof(fqpos)=31 modulo=8\n"));
+    EXPECT_EQ(queue.bytes("tail"), record(1, 10) + record(2, 20) + record(3, 30));
 }
 
 TEST(Positions, without_a_record_are_made) {
@@ -113,18 +121,6 @@ TEST(Positions, without_a_record_are_made) {
     PositionFile lost{queue, 'w'};
     EXPECT_EQ(lost.get((queue.directory() + "/gone/q").c_str()).first, 31);
     EXPECT_EQ(lost.record.substr(0, 20), "-00000001 000000000 ");
-}
-
-TEST(Positions, a_torn_record_is_skipped_and_written_over) {
-    const Queue queue;
-    queue.store("tail", record(1, 10) + record(2, 20) + "00000000");
-    PositionFile file{queue, 'w'};
-    EXPECT_EQ(file.get(), Said(31, "경고! 인덱스 파일 손상.... 자동복구(읽기)..offset=39 "
-                                   "sizeof(fqpos)=31 modulo=8\n"));
-    EXPECT_EQ(file.record, record(2, 20));
-    EXPECT_EQ(file.set(3, 30), Said(31, "경고! 인덱스 파일 손상.... 자동복구(쓰기)..offset=70 "
-                                        "sizeof(fqpos)=31 modulo=8\n"));
-    EXPECT_EQ(queue.bytes("tail"), record(1, 10) + record(2, 20) + record(3, 30));
 }
 
 TEST(Positions, of_a_file_that_cannot_be_used_fail_with_a_line) {

@@ -1,7 +1,4 @@
 // The two locks of a side: between threads, between processes, and not between the sides.
-#include <gtest/gtest.h>
-#include <sys/ipc.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <thread>
@@ -38,8 +35,7 @@ protected:
         }
     };
     // Whether a thread that wants the writer's side waits for it until f has been called.
-    template <class F>
-    bool one_waits_until(F f) const {
+    bool one_waits_until(auto f) const {
         std::atomic<bool> arrived{false};
         std::thread waiter([&] {
             fqtrans trans;
@@ -61,30 +57,13 @@ const char *const kNothingHeld = "invalid stat(index fd) \n"
 
 } // namespace
 
-TEST_F(Locks, a_lock_reads_the_position_and_opens_both_files) {
-    queue.store("tail", record(3, 77));
-    fqtrans trans;
-    EXPECT_EQ(lock('w', trans), 31);
-    EXPECT_EQ(std::string(trans.startpos, 31), record(3, 77));
-    EXPECT_EQ(std::string(trans.curpos, 31), record(3, 77));
-    EXPECT_EQ(trans.lockkey, ftok(queue.file("wrlk").c_str(), 1));
-    EXPECT_EQ(trans.mtx, fq_key2mtx(trans.lockkey));
-    EXPECT_TRUE(trans.lockfd > 0 && trans.posfd > 0);
-    fqtrans reader;
-    EXPECT_EQ(lock('?', reader), 31) << "any other letter is the reader, who waits for no writer";
-    EXPECT_TRUE(queue.has("rdlk") && queue.has("head"));
-    EXPECT_EQ(fq_unlock(&reader), 0);
-    pthread_mutex_t *const mutex = trans.mtx;
-    EXPECT_EQ(fq_unlock(&trans), 0);
-    EXPECT_TRUE(trans.lockfd == -1 && trans.posfd == -1);
-    EXPECT_EQ(trans.mtx, mutex) << "stays";
-}
-
 // A lockf lock is lost with the first close of any descriptor of its file in the process: also of
 // the one that the waiter has opened.
 TEST_F(Locks, a_second_thread_waits_for_the_first_and_leaves_the_lock_alone) {
-    fqtrans first;
+    fqtrans first, reader;
     ASSERT_EQ(lock('w', first), 31);
+    EXPECT_EQ(lock('?', reader), 31) << "any other letter is the reader, who waits for no writer";
+    EXPECT_EQ(fq_unlock(&reader), 0);
     EXPECT_TRUE(one_waits_until([&] {
         EXPECT_TRUE(queue.others_are_kept_out());
         EXPECT_EQ(fq_unlock(&first), 0);
@@ -149,6 +128,22 @@ TEST_F(Locks, a_lock_file_that_cannot_be_opened_is_a_failure) {
     EXPECT_EQ(lock('r', trans), -1) << "a pipe: not a hang";
 }
 
+TEST_F(Locks, a_commit_without_items_gives_them_back) {
+    const std::string wrong = "fq_enqueue_commit invalid trans stat error \n";
+    const Said none(-1, "fq_dequeue_commit NULL trans.\n");
+    fqtrans trans;
+    ASSERT_EQ(lock('w', trans), 31);
+    EXPECT_EQ(said([&] { return fq_enqueue_commit(-1, &trans); }), Said(-1, wrong));
+    EXPECT_EQ(trans.lockfd, -1);
+    EXPECT_EQ(said([] { return fq_enqueue_commit(-1, nullptr); }), Said(-1, wrong));
+    ASSERT_EQ(lock('r', trans), 31);
+    EXPECT_EQ(said([&] { return fq_dequeue_commit(-1, &trans); }),
+              Said(-1, "fq_dequeue_commit on no data.\n"));
+    EXPECT_EQ(trans.lockfd, -1);
+    EXPECT_EQ(said([] { return fq_dequeue_commit(-1, nullptr); }), none);
+    EXPECT_EQ(said([] { return fq_dequeue_rollback(-1, nullptr); }), none);
+}
+
 TEST_F(Locks, too_long_a_path_is_refused_and_opens_nothing) {
     fqtrans trans{};
     std::memset(trans.path, 'p', 4091);
@@ -160,6 +155,7 @@ TEST_F(Locks, too_long_a_path_is_refused_and_opens_nothing) {
     EXPECT_EQ(fq_enqueue(-1, path.c_str(), "x", 1, &trans), ESMS_INVAL);
     EXPECT_EQ(fq_enqueue_away(-1, -1, 1, path.c_str(), "x", 1), ESMS_INVAL);
     EXPECT_EQ(fq_dequeue(-1, path.c_str(), buffer, 10, &trans), ESMS_INVAL);
+    EXPECT_EQ(fq_dequeue_next(-1, queue.path(), nullptr, buffer, 0), ESMS_INVAL);
     EXPECT_EQ(fq_write_item(path.c_str(), &trans, "x", 1), ESMS_INVAL);
     EXPECT_EQ(fq_read_item(path.c_str(), &trans, buffer, 10), ESMS_INVAL);
 }
@@ -173,20 +169,4 @@ TEST_F(Locks, the_longest_path_fits_all_names) {
     EXPECT_EQ(fq_lock('w', &trans), 31);
     EXPECT_EQ(fq_unlock(&trans), 0);
     EXPECT_EQ(fq_enqueue(-1, path.c_str(), "x", 1, &trans), -1);
-}
-
-TEST_F(Locks, hold_256_keys_and_say_so_at_the_257th) {
-    pthread_mutex_t *const first = fq_key2mtx(1000);
-    ASSERT_NE(first, nullptr);
-    for (int key = 1001; key < 1256; ++key) ASSERT_NE(fq_key2mtx(key), nullptr);
-    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(fq_key2mtx(1256), nullptr); }),
-              "fq_key2mtx(end) error for key 1256.\n");
-    EXPECT_EQ(fq_key2mtx(1000), first);
-    EXPECT_EQ(captured_stdout([&] { EXPECT_EQ(fq_key2mtx(0), nullptr); }),
-              "fq_key2mtx(end) error for key 0.\n");
-    const Said begun = said([&] { return queue.put({"x"}); });
-    EXPECT_EQ(begun.first, -2);
-    EXPECT_NE(begun.second.find("\nfq_lock.fq_key2mtx returns NULL \n"), std::string::npos);
-    fq_mtx_init();
-    EXPECT_EQ(queue.put({"x"}), 0);
 }

@@ -46,6 +46,7 @@ inline std::string item_bytes(char state, const std::string &data, uint32_t stam
     return bytes + data + "ZZ";
 }
 inline const std::string kEndItem = item_bytes('E', "");
+inline const std::string one = item_bytes('F', "one"), two = item_bytes('F', "two");
 
 // The items of a data file: "F(one) W(two) E"; "?12" for 12 bytes that are none; long data as its
 // length, "F(#4999968)".
@@ -90,31 +91,21 @@ public:
     // Files by suffix: "tail", "head", "wrlk", "rdlk", or by file order.
     std::string file(const std::string &suffix) const { return path_ + "." + suffix; }
     std::string file(int order) const { return fq::data_file(path(), order).text; }
-    template <class Which>
-    bool has(Which which) const {
-        return exists(file(which));
-    }
-    template <class Which>
-    std::string bytes(Which which, int from = 0) const {
+    bool has(auto which) const { return exists(file(which)); }
+    std::string bytes(auto which, int from = 0) const {
         return has(which) ? content_of(file(which)).substr(static_cast<size_t>(from)) : "";
     }
-    template <class Which>
-    void store(Which which, const std::string &bytes, int hole = 0) const {
+    void store(auto which, const std::string &bytes, int hole = 0) const {
         std::ofstream out(file(which), std::ios::binary);
         if (!(out.seekp(hole) << bytes).flush()) throw std::runtime_error("store");
     }
     // Overwrites bytes of a file in place.
-    template <class Which>
-    void patch(Which which, int offset, const std::string &bytes) const {
+    void patch(auto which, int offset, const std::string &bytes) const {
         std::fstream out(file(which), std::ios::binary | std::ios::in | std::ios::out);
         if (!(out.seekp(offset) << bytes).flush()) throw std::runtime_error("patch");
     }
-    template <class Which>
-    void remove(Which which) const {
-        ::unlink(file(which).c_str());
-    }
-    template <class Which>
-    void cut(Which which, int size) const {
+    void remove(auto which) const { ::unlink(file(which).c_str()); }
+    void cut(auto which, int size) const {
         if (truncate(file(which).c_str(), size) != 0) throw std::runtime_error("truncate");
     }
     std::string picture(int order) const { return picture_of(bytes(order)); }

@@ -1,5 +1,4 @@
 // What a writer finds behind its saved position when another one has died there.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <csignal>
@@ -7,12 +6,6 @@
 #include "tests/fq/queue_fixture.h"
 
 using namespace halvo::test;
-
-namespace {
-
-const std::string one = item_bytes('F', "one"), two = item_bytes('F', "two");
-
-} // namespace
 
 // Both ways to begin: with a transaction and with a single shot.
 TEST(Settling, goes_on_where_nothing_is_lost) {
@@ -45,18 +38,6 @@ TEST(Settling, goes_on_where_nothing_is_lost) {
             EXPECT_EQ(queue.has(0), row.order == 0);
             EXPECT_EQ(queue.drain(), row.drained);
         }
-}
-
-TEST(LostLog, of_the_writer_overwrites_and_leaves_unread_items_until_they_are_reached) {
-    const Queue queue;
-    for (int i = 0; i < 1001; ++i) ASSERT_EQ(queue.put({"item" + std::to_string(i)}), 0);
-    for (int i = 0; i < 500; ++i) ASSERT_EQ(queue.take(), "item" + std::to_string(i));
-    const size_t size = queue.bytes(0).size();
-    queue.remove("tail");
-    EXPECT_EQ(queue.put({"x"}), 0);
-    EXPECT_EQ(queue.put({"y"}), 0);
-    EXPECT_GE(queue.bytes(0).size(), size);
-    for (int i = 500; i < 1001; ++i) ASSERT_EQ(queue.take(), "item" + std::to_string(i));
 }
 
 TEST(LostLog, of_the_reader_that_names_a_deleted_file_goes_on_at_the_first_that_is_there) {

@@ -1,3 +1,4 @@
+// The documents, and every printer on an empty segment and on none.
 #include <climits>
 #include <cstring>
 
@@ -18,6 +19,24 @@ protected:
         const size_t begin = document.find("<" + tag + ">", at) + tag.size() + 2;
         return document.substr(begin, document.find("</" + tag, begin) - begin);
     }
+};
+
+// Everything there is to print, in every mode; the last documents.
+struct Output {
+    std::vector<char> xml = std::vector<char>(128 + 1024 * HALVO_CHANNELS_MAX), json = xml;
+    std::string printed = captured_stdout([this] {
+        for (const char mode : {'s', 'w', 'f', 'a'}) {
+            q_printlogo2(mode);
+            for (auto *print : {q_statprint_classic, q_statprint, q_statprint2, q_statlog})
+                print(mode);
+            q_statprint_xml(mode, xml.data());
+            q_statprint_json(mode, json.data());
+        }
+        q_tstatprint(nullptr);
+        q_clientsprint();
+        qm_print_last_msg();
+    });
+    bool has(const std::string &part) const { return printed.find(part) != std::string::npos; }
 };
 
 } // namespace
@@ -94,4 +113,22 @@ TEST_F(Documents, fit_the_room_that_the_header_asks_for) {
     EXPECT_LT(xml('a').size(), 3u * 1024);
     EXPECT_LT(json().size(), 3u * 1024);
     EXPECT_NE(xml('a').find("\"" + std::string(24, 'x') + "\""), std::string::npos);
+}
+
+TEST(WholeSegment, that_is_empty_or_not_there) {
+    const Output nothing;
+    EXPECT_STREQ(nothing.xml.data(), "<smsqm></smsqm>");
+    EXPECT_STREQ(nothing.json.data(), "{\"smsqm\":[ qm0 is null");
+    EXPECT_TRUE(nothing.has("qm is null .\n"));
+    EXPECT_TRUE(nothing.has("Uptime: 0days"));
+    const Segment segment = SegmentBuilder().channel("MT01", 'M', 2, 512).build();
+    segment.attach();
+    q_0()->nchnnl = 0;
+    q_0()->uptime = 1700000000;
+    const Output output;
+    EXPECT_STREQ(output.xml.data(), "<smsqm></smsqm>");
+    EXPECT_STREQ(output.json.data(), "{\"smsqm\":[],\n\"uptime\":1700000000}");
+    EXPECT_FALSE(output.has("MT01"));
+    EXPECT_EQ(close_shm(), ESMS_OK);
+    EXPECT_STREQ(Output().json.data(), "{\"smsqm\":[ qm0 is null");
 }

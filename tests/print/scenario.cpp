@@ -1,44 +1,25 @@
 #include "tests/print/scenario.h"
 
-#include <iconv.h>
-
 #include <cstdlib>
 #include <ctime>
 #include <sstream>
-#include <stdexcept>
 
 #include "core/segment/ring.h"
 #include "tests/support/files.h"
 #include "tests/support/fixed_clock.h"
 #include "tests/support/program.h"
+#include "tools/frame/charset.h"
 
 namespace halvo::test {
 
-namespace {
-
-std::string converted(const char *to_code, const char *from_code, std::string text) {
-    const iconv_t converter = iconv_open(to_code, from_code);
-    if (converter == reinterpret_cast<iconv_t>(-1)) throw std::runtime_error("no EUC-KR in iconv");
-    std::string out(text.size() * 3 + 1, '\0');
-    char *from = text.data(), *to = out.data();
-    size_t left = text.size(), room = out.size();
-    if (iconv(converter, &from, &left, &to, &room) == static_cast<size_t>(-1))
-        ADD_FAILURE() << "no " << from_code << " at byte " << text.size() - left;
-    iconv_close(converter);
-    out.resize(out.size() - room);
-    return out;
-}
-
-} // namespace
-
-std::string utf8(const std::string &text) { return converted("UTF-8", "EUC-KR", text); }
+std::string utf8(const std::string &text) { return tools::to_utf8(text); }
 
 std::string expected(const std::string &file) {
     std::string text = content_of(HALVO_EXPECTED "/" + file);
     const std::string escape = "\xE2\x90\x9B"; // U+241B in UTF-8
     for (size_t at; (at = text.find(escape)) != std::string::npos;)
         text.replace(at, escape.size(), "\x1b");
-    return converted("EUC-KR", "UTF-8", text);
+    return tools::to_euc_kr(text).value();
 }
 
 std::vector<std::string> lines(const std::string &text) {
@@ -126,28 +107,22 @@ void Status::provide_baseline() {
     lastcheck = baseline_.data();
 }
 
-halvo_segment &Status::take_snapshot(int32_t at) {
+void Status::take_snapshot(int32_t at) {
     image_.resize(sizeof(halvo_segment) + q_0()->nchnnl * sizeof(halvo_channel));
     snapshot = image_.data();
     EXPECT_EQ(q_snapshot(snapshot, static_cast<int>(image_.size())), 0);
-    auto &header = *static_cast<halvo_segment *>(snapshot);
-    header.now = at;
-    return header;
-}
-
-halvo_channel &Status::image(int channel) {
-    char *first = image_.data() + sizeof(halvo_segment);
-    return reinterpret_cast<halvo_channel *>(first)[channel];
+    static_cast<halvo_segment *>(snapshot)->now = at;
 }
 
 void Status::take_snapshot_of_before() {
     take_snapshot(kNow - 125 * 60 - 30);
-    image(0).gcnt.count = 900;
-    image(0).gcnt.ecount = 1;
-    image(1).fgcnt.count = 7000;
-    image(1).gcnt.count = 7399;
-    image(2).tcnt[5].count = image(2).tcnt[5].ecount = 10;
-    image(2).tcnt[6].count = image(2).tcnt[6].ecount = 0;
+    auto *image = reinterpret_cast<halvo_channel *>(image_.data() + sizeof(halvo_segment));
+    image[0].gcnt.count = 900;
+    image[0].gcnt.ecount = 1;
+    image[1].fgcnt.count = 7000;
+    image[1].gcnt.count = 7399;
+    image[2].tcnt[5].count = image[2].tcnt[5].ecount = 10;
+    image[2].tcnt[6].count = image[2].tcnt[6].ecount = 0;
 }
 
 std::string Status::write_file(const std::string &name, const std::string &content) {

@@ -1,4 +1,8 @@
+// Tables, and what they are made of: cells, elapsed times, and the banner above them.
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <tuple>
 
 #include "core/segment/ring.h"
 #include "tests/print/scenario.h"
@@ -19,18 +23,31 @@ protected:
     }
 
     // The printed lines below the banner.
-    template <class F>
-    static std::vector<std::string> table(F print) {
+    static std::vector<std::string> table(auto print) {
         std::vector<std::string> all = lines(captured_stdout(print));
         all.erase(all.begin(), all.begin() + 3);
         return all;
     }
     // What a table prints of one channel; empty when it does not list it.
-    template <class F>
-    static std::string row(const std::string &name, F print) {
+    static std::string row(const std::string &name, auto print) {
         for (const std::string &line : table(print))
             if (line.find(name) < 24) return line;
         return {};
+    }
+};
+
+// The banner above the tables.
+class Banner : public Status {
+protected:
+    // What stands between the two rules, without line breaks.
+    static std::string title(char mode) {
+        const std::string rule(139, '=');
+        std::string all = captured_stdout([=] { q_printlogo2(mode); });
+        EXPECT_EQ(all.find(rule + "\n"), 0u);
+        EXPECT_EQ(all.rfind(rule + "\n"), all.size() - 140);
+        all = all.substr(140, all.size() - 280);
+        all.erase(std::remove(all.begin(), all.end(), '\n'), all.end());
+        return all;
     }
 };
 
@@ -77,8 +94,6 @@ TEST_F(Tables, idle_channels_are_left_out_and_the_header_with_the_last_of_them) 
 }
 
 TEST_F(Tables, rates) {
-    const auto classic = [] { return row("MT01", [] { q_statprint_classic('a'); }).substr(33, 5); };
-    const auto plain = [] { return row("MT01", [] { q_statprint('a'); }).substr(34, 4); };
     const struct {
         uint64_t from, to;
         uint32_t milliseconds;
@@ -89,20 +104,19 @@ TEST_F(Tables, rates) {
         {0, 1999, 0, "    0", "   0"},
         {100, 40, 1000, "    0", " -60"}, // counters start anew
     };
-    for (const auto &rate : cases) {
-        const auto measure = [&] {
+    for (const auto &rate : cases)
+        for (const auto &[print, column, printed] :
+             {std::tuple(&q_statprint_classic, 33u, rate.classic),
+              std::tuple(&q_statprint, 34u, rate.plain)}) {
             lastcheck[0].count = rate.from;
             mt->gcnt.count = rate.to;
             lastcheck[0].tstart =
                 static_cast<int32_t>(static_cast<uint32_t>(q_day_millis()) - rate.milliseconds);
-        };
-        measure();
-        EXPECT_EQ(classic(), rate.classic);
-        measure();
-        EXPECT_EQ(plain(), rate.plain);
-    }
+            const std::string line = row("MT01", [print = print] { print('a'); });
+            EXPECT_EQ(line.substr(column, std::strlen(printed)), printed);
+        }
     lastcheck = nullptr;
-    EXPECT_EQ(plain(), "   0");
+    EXPECT_EQ(row("MT01", [] { q_statprint('a'); }).substr(34, 4), "   0");
 }
 
 TEST_F(Tables, the_millisecond_clock_starts_at_0_and_wraps) {
@@ -130,7 +144,6 @@ TEST_F(Tables, an_empty_needle_matches_every_type) {
     const std::vector<std::string> table = this->table([] { q_tstatprint(""); });
     EXPECT_EQ(table[0].size(), 44u + 6 * 9);
     EXPECT_EQ(table[1].size(), 44u + 4095 * 9);
-    EXPECT_EQ(this->table([] { q_tstatprint(nullptr); })[0], table[0]);
 }
 
 TEST_F(Tables, clients_vanish_after_nine_seconds) {
@@ -143,4 +156,72 @@ TEST_F(Tables, clients_vanish_after_nine_seconds) {
     mt->gclients[1] = {73, {}, kNow - 10, {}};
     mt->gclients[2] = {74, {}, kNow - 1, {}};
     EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_clientsprint(), 0); }), expected("clients.txt"));
+}
+
+TEST(Cells, keep_their_width) {
+    set_clock(kNow);
+    const struct {
+        void (*print)();
+        const char *printed;
+    } cases[] = {
+        {[] { q_print_txt(6, "큐"); }, "    큐"}, // a syllable counts two
+        {[] { q_print_txt(-6, "ab"); }, "ab    "},
+        {[] { q_print_txt(1, "long"); }, "long"},
+        {[] { q_print_txt(2, nullptr); }, "  "},
+        {[] { q_print_txt_indent(-8, "ab", 3); }, "   ab   "},
+        {[] { q_print_txt_indent(8, "ab", 3); }, "      ab"},
+        {[] { q_print_txt_indent(-4, "ab", -1); }, "ab  "},
+        {[] { q_print_txt_indent(-4, "ab", 7); }, "       ab"},
+        {[] { q_print_num(4, 0); }, "    "},
+        {[] { q_print_num(4, -12); }, " -12"},
+        {[] { q_print_num(2, 9223372036854775807); }, "9223372036854775807"},
+        {[] { q_print_num2(4, 7, -5, 12); }, "   7/12  "},
+        {[] { q_print_num2(4, 0, 5, 12); }, "      /12"},
+        {[] { q_print_num2(4, 7, 5, 0); }, "   7     "},
+        {[] { q_print_elapsed(0); }, "        "},
+        {[] { q_print_elapsed(kNow - 61); }, "00:01:01"},
+        {[] { q_print_elapsed(kNow - 86399); }, "23:59:59"},
+        {[] { q_print_elapsed(kNow - 86400); }, "01-00:00"},
+        {[] { q_print_elapsed(kNow - 90000); }, "01-01:00"},
+        {[] { q_print_elapsed(kNow + 5); }, "00:00:-5"}, // a clock that was set back
+    };
+    for (const auto &[print, printed] : cases) EXPECT_EQ(captured_stdout(print), printed);
+    captured_stdout([] { q_print_txt(-6, "ab"); });
+    EXPECT_STREQ(cellformat, "%-6s");
+    char text[HALVO_ELAPSED_SIZE] = "x";
+    q_print_elapsed_str(text, 0);
+    EXPECT_STREQ(text, "");
+}
+
+// With a snapshot it stands in the tables that are kept in `expected`.
+TEST_F(Banner, without_a_snapshot) {
+    const std::string plain =
+        "☆    HALVO Queue Monitor Release1.02 Uptime: 3days 현재:2023.11.16 02:00:00 ";
+    EXPECT_EQ(title('f'), plain + "\x1b[0m");
+    halvo_print_option colours{HALVO_OPTION_SPECIAL, 0, 1, 36};
+    qoptTitle = &colours;
+    EXPECT_EQ(title('w'), "\x1b[1m\x1b[36m" + plain);
+    take_snapshot(0); // never taken
+    EXPECT_EQ(title('w'), "\x1b[1m\x1b[36m" + plain);
+    q_0()->uptime = 0; // of a fresh segment
+    EXPECT_NE(title('f').find("Uptime: 0days"), std::string::npos);
+    EXPECT_EQ(q_0()->uptime, kNow);
+}
+
+TEST_F(Banner, stars_of_a_real_host_change_places_and_colours) {
+    take_snapshot(kNow);
+    setenv("HALVO_HOST_TYPE", "REAL", 1);
+    const auto stars = [](char mode) {
+        const std::string line = title(mode);
+        return line.substr(0, line.find(mode == 'w' ? " " : "\x1b[0m"));
+    };
+    titleToggle = 30001; // starts over
+    EXPECT_EQ(stars('f'), "\x1b[30m★\x1b[31m☆");
+    EXPECT_EQ(titleToggle, 1);
+    EXPECT_EQ(stars('f'), "\x1b[31m☆\x1b[32m★");
+    titleToggle = 6;
+    EXPECT_EQ(stars('f'), "\x1b[36m★\x1b[30m☆");
+    EXPECT_EQ(stars('w'), "☆★");
+    setenv("HALVO_HOST_TYPE", "REALLY", 1);
+    EXPECT_EQ(title('w').substr(0, 6), "☆    ");
 }

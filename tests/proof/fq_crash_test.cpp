@@ -163,8 +163,7 @@ struct Case {
     }
 };
 
-template <class Damage>
-void for_each_case(bool reads, Damage damage) {
+void for_each_case(bool reads, auto damage) {
     const Queue queue;
     for (const State state : {kFresh, kInUse, kRolledBack, kFileEnds, kLogsEnd})
         for (const Operation &operation : kOperations)
@@ -220,8 +219,7 @@ void fail_call(const Case &c, int n, int error, bool lasting, int most_open, Fau
     c.prepare();
     Told told;
     const std::string printed = captured_stdout([&] { // whose own calls do not fail
-        const FaultyCalls fails(n, error, lasting);
-        told = run(c.queue, c.operation);
+        run_with_fault(n, error, lasting, [&] { told = run(c.queue, c.operation); });
     });
     // Kept: a position that was not saved is printed, and the result is 0.
     if (printed.find("fq_dequeue_commit.fq_set_pos error \n") != std::string::npos)
@@ -235,7 +233,7 @@ void fail_call(const Case &c, int n, int error, bool lasting, int most_open, Fau
 
 // Every call of an operation fails in every way.
 Faults each_call_failing(bool reads) {
-    constexpr int kErrors[] = {EIO, FaultyCalls::kShort, ENOSPC, EINTR, EMFILE};
+    constexpr int kErrors[] = {EIO, kShort, ENOSPC, EINTR, EMFILE};
     const int most_open = open_descriptors() + 1 + 2 * 3; // a queue, kept of both its sides
     Faults faults;
     for_each_case(reads, [&](const Case &c) {
@@ -245,7 +243,7 @@ Faults each_call_failing(bool reads) {
             const bool lasting = i % 2;
             if (!is_long_form() && lasting == (error == EIO)) continue;
             c.prepare();
-            const int calls = counted_calls([&] { run(c.queue, c.operation); });
+            const int calls = run_with_fault(0, 0, false, [&] { run(c.queue, c.operation); });
             ASSERT_GE(calls, 5);
             for (int n = 1; n <= calls && !testing::Test::HasFailure(); ++n) {
                 SCOPED_TRACE("call " + std::to_string(n) + ": " +

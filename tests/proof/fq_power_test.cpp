@@ -173,9 +173,10 @@ void judge(const Run &run, const Known &known, std::vector<std::string> got, Los
 }
 
 std::string told(const Known &known, const std::vector<std::string> &got) {
-    std::string text = "written " + std::to_string(known.written) + ", under way " +
-                       std::to_string(known.under_way) + ", read " + std::to_string(known.read) +
-                       ", being saved " + std::to_string(known.being_saved) + "; came out:";
+    std::string text;
+    for (const int items : {known.written, known.under_way, known.read, known.being_saved})
+        text += std::to_string(items) + " ";
+    text += "written, under way, read, being saved; came out:";
     for (const std::string &data : got) text += " " + data.substr(0, data.find(' '));
     return text + "\n";
 }

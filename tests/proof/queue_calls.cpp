@@ -9,12 +9,12 @@
 #include <cerrno>
 #include <cstdarg>
 #include <stdexcept>
+#include <utility>
 
 #include "core/base/posix.h"
 
 using halvo::Descriptor;
 using halvo::test::DiskCall;
-using halvo::test::FaultyCalls;
 using halvo::test::Recorder;
 
 namespace {
@@ -36,23 +36,22 @@ bool is_to_fail() {
     ++plan.seen;
     const bool now = plan.seen == plan.fail_at ||
                      (plan.lasting && plan.fail_at != 0 && plan.seen > plan.fail_at);
-    if (now && plan.error == FaultyCalls::kKill) raise(SIGKILL);
+    if (now && plan.error == halvo::test::kKill) raise(SIGKILL);
     return now;
 }
 
 // For calls that do all or nothing.
 bool fails() {
-    if (!is_to_fail() || plan.error == FaultyCalls::kShort) return false;
+    if (!is_to_fail() || plan.error == halvo::test::kShort) return false;
     errno = plan.error;
     return true;
 }
 
 // Reads or writes what a failure leaves of a length.
-template <class Transfer>
-ssize_t transfer(size_t length, Transfer some) {
+ssize_t transfer(size_t length, auto some) {
     if (!is_to_fail()) return some(length);
-    if (plan.error == FaultyCalls::kShort && length > 1) return some(length / 2);
-    errno = plan.error == FaultyCalls::kShort ? ENOSPC : plan.error;
+    if (plan.error == halvo::test::kShort && length > 1) return some(length / 2);
+    errno = plan.error == halvo::test::kShort ? ENOSPC : plan.error;
     return -1;
 }
 
@@ -158,9 +157,11 @@ int fsync(int fd) { return fdatasync(fd); }
 
 namespace halvo::test {
 
-FaultyCalls::FaultyCalls(int n, int error, bool lasting) { plan = {true, n, error, lasting}; }
-FaultyCalls::~FaultyCalls() { plan = {}; }
-int FaultyCalls::seen() const { return plan.seen; }
+int run_with_fault(int n, int error, bool lasting, const std::function<void()> &f) {
+    plan = {true, n, error, lasting};
+    f();
+    return std::exchange(plan, {}).seen;
+}
 
 void let_keys_collide(bool collide) { inodes_end_alike = collide; }
 

@@ -1,13 +1,6 @@
 // The system calls of the file queue in a test's hands: each is counted, may fail, kill the process
 // or be written down with what it does to the disk. A test program with these defines the calls
 // itself, so that the library's come here first. Nothing is ever really forced to the disk.
-//
-//     const int calls = counted_calls([&] { queue.put({"one", "two"}); });
-//     for (int n = 1; n <= calls; ++n) {
-//         const FaultyCalls fails(n, EIO);
-//         queue.put({"one", "two"});
-//     }
-//     for (int n = 1; dies_before_call(n, [&] { queue.put({"one", "two"}); }); ++n) ...
 #pragma once
 
 #include <csignal>
@@ -20,41 +13,25 @@
 
 namespace halvo::test {
 
-// The n-th call of the process from now on (counted from 1; 0: none) fails with an error number, and
+// Runs f and counts its calls. The n-th (counted from 1; 0: none) fails with an error number, and
 // `lasting` all that follow. Nothing is done then, but for a close, which closes. In place of the
 // number: kShort, reads and writes move half of their bytes, everything else succeeds; kKill, the
 // process dies before the call.
-class FaultyCalls {
-public:
-    static constexpr int kShort = 0, kKill = -1;
-    explicit FaultyCalls(int n, int error = kShort, bool lasting = false);
-    FaultyCalls(const FaultyCalls &) = delete;
-    FaultyCalls &operator=(const FaultyCalls &) = delete;
-    ~FaultyCalls();
-    int seen() const; // calls so far
-};
+constexpr int kShort = 0, kKill = -1;
+int run_with_fault(int n, int error, bool lasting, const std::function<void()> &f);
 
 // Lets all lock files of one device have the same key.
 void let_keys_collide(bool collide);
 
 // Runs f in a process that dies before its n-th call. False when f got through to its end.
-template <class F>
-bool dies_before_call(int n, F f) {
+bool dies_before_call(int n, auto f) {
     Peer peer([&] {
-        const FaultyCalls dies(n, FaultyCalls::kKill);
-        f();
+        run_with_fault(n, kKill, false, f);
         return 0;
     });
     const int status = peer.wait();
     EXPECT_TRUE(status == 0 || status == 128 + SIGKILL) << status;
     return status != 0;
-}
-
-template <class F>
-int counted_calls(F f) {
-    const FaultyCalls none(0);
-    f();
-    return none.seen();
 }
 
 // One call that changed files, or forced changes to the disk.

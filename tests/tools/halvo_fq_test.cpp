@@ -23,8 +23,6 @@ protected:
     std::string out(std::vector<std::string> words) { return run(std::move(words)).out; }
 };
 
-const std::string one = item_bytes('F', "one");
-
 bool has(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
@@ -48,8 +46,7 @@ TEST_F(FqTool, get_stops_where_it_cannot_go_on) {
     const auto get = [&](std::vector<std::string> words, const char *line) {
         words.insert(words.begin(), "get");
         const Outcome got = run(words);
-        EXPECT_EQ(got.status, 1);
-        EXPECT_TRUE(has(got.err, line)) << got.err;
+        expect_end(got, 1, line);
         return got.out;
     };
     run({"put"}, "one\ntwo\n");
@@ -106,9 +103,7 @@ TEST_F(FqTool, verify_names_each_damaged_item_and_changes_nothing) {
     EXPECT_EQ(out({"verify", "--json"}).find("{\"queue\":"), 0u);
     const Outcome got = run({"get"});
     EXPECT_EQ(got.out, "one\n") << "a reader stops there; verify has repaired nothing";
-    EXPECT_EQ(got.status, 1) << "and does not call the queue empty";
-    EXPECT_TRUE(has(got.err, ": damaged: file 000000000 offset 25: no item begins here\n"))
-        << got.err;
+    expect_end(got, 1, ": damaged: file 000000000 offset 25: no item begins here\n");
 }
 
 TEST_F(FqTool, verify_misses_what_has_been_cut_off_and_what_was_never_committed) {
@@ -146,9 +141,7 @@ TEST_F(FqTool, verify_misses_what_has_been_cut_off_and_what_was_never_committed)
 TEST_F(FqTool, follow_ends_cleanly_by_a_signal) {
     const std::string got = directory.path("got");
     const auto comes = [&](const char *text) {
-        for (int i = 0; i < 200; ++i, usleep(20000))
-            if (exists(got) && content_of(got) == text) return true;
-        return false;
+        return comes_true([&] { return exists(got) && content_of(got) == text; });
     };
     run({"put"}, "one\n");
     Peer follower([&] {
@@ -164,11 +157,8 @@ TEST_F(FqTool, follow_ends_cleanly_by_a_signal) {
 }
 
 TEST_F(FqTool, no_command_makes_a_queue_but_put) {
-    for (const char *command : {"get", "peek", "stat", "verify", "dump"}) {
-        const Outcome outcome = run({command});
-        EXPECT_EQ(outcome.status, 2) << command;
-        EXPECT_TRUE(has(outcome.err, ": no queue of that name")) << outcome.err;
-    }
+    for (const char *command : {"get", "peek", "stat", "verify", "dump"})
+        expect_end(run({command}), 2, ": no queue of that name");
     EXPECT_EQ(run_program({HALVO_FQ, "get"}).status, 2);
     EXPECT_EQ(run({"put", "/nonexistent/file"}).status, 2);
     EXPECT_EQ(run_program({"/bin/ls", directory.path()}).out, "");

@@ -92,7 +92,6 @@ TEST_F(CheckTest, every_damage_is_found_and_named) {
         {[&] { q_->qstart += 2, q_->qend += 2; }, "is no slot of the ring"},
         {[&] { q_->rbufs = UINT32_MAX - 3; }, "the read buffers at 4294967292 reach past"},
         {[&] { q_->wbufs += 1; }, "overlaps channel 0 MT01"},
-        {[&] { q_->wbufs = q_->rbufs; }, "overlaps channel 0 MT01"},
         {[&] { q_->wbufs -= 4; }, "overlaps channel 0 MT01: the read buffers"},
         {[&] { q_->rpos = q_->qend; }, "rpos"},
         {[&] { q_->wpos += 4; }, "wpos"},
@@ -152,14 +151,9 @@ TEST(CheckRunningTest, messages_on_their_way_are_no_fault) {
     Peer writer([&] { return stream('w'); }), reader([&] { return stream('r'); });
     ASSERT_TRUE(comes_true([&] {
         const ChannelInfo info = list(s.key_file())[0];
-        return info.writer != 0 && info.reader != 0;
+        return info.writer == writer.pid() && info.reading;
     }));
     for (int i = 0; i < 30; ++i) ASSERT_EQ(check(s.key_file()), Lines());
-    const ChannelInfo info = list(s.key_file())[0];
-    EXPECT_EQ(info.writer, writer.pid());
-    EXPECT_EQ(info.reader, reader.pid());
-    EXPECT_TRUE(info.writing);
-    EXPECT_TRUE(info.reading);
     reader.kill(SIGKILL);
     reader.wait();
     EXPECT_FALSE(list(s.key_file())[0].reading);

@@ -9,10 +9,6 @@ namespace {
 
 class ConfigTest : public testing::Test {
 protected:
-    SegmentPlan load(const std::string &content) const {
-        test::write_file(path_, content);
-        return load_config(path_);
-    }
     static std::string complaint_about(const std::string &path) {
         try {
             load_config(path);
@@ -21,20 +17,17 @@ protected:
         }
         return "no complaint";
     }
-    std::string complaint_about_content(const std::string &content) const {
-        test::write_file(path_, content);
-        return complaint_about(path_);
-    }
 
     const test::TestDirectory directory_;
     const std::string path_ = directory_.path("config.toml");
 };
 
 TEST_F(ConfigTest, takes_every_field_and_fills_in_what_is_left_out) {
-    const SegmentPlan plan = load("[types]\n4095 = 'last'\n1 = 'first'\n"
-                                  "[[channel]]\nname = 'MT01'\nslots = 4\nslot_size = 20\n"
-                                  "[[channel]]\nname = '12345678901234567890123'\ntype = 'F'\n"
-                                  "slots = 1\nslot_size = 2_048\nrate_limit = 10\n");
+    test::write_file(path_, "[types]\n4095 = 'last'\n1 = 'first'\n"
+                            "[[channel]]\nname = 'MT01'\nslots = 4\nslot_size = 20\n"
+                            "[[channel]]\nname = '12345678901234567890123'\ntype = 'F'\n"
+                            "slots = 1\nslot_size = 2_048\nrate_limit = 10\n");
+    const SegmentPlan plan = load_config(path_);
     EXPECT_EQ(plan.type_names, (std::map<int, std::string>{{1, "first"}, {4095, "last"}}));
     std::string channels;
     for (const ChannelPlan &c : plan.channels)
@@ -71,18 +64,18 @@ TEST_F(ConfigTest, every_fault_is_told_with_its_line_and_reason) {
         {with("MT01", ""), 2, "the name is empty"},
         {with("MT01", "123456789012345678901234"), 2, "24 bytes; at most 23"},
         {with("'MT01'", "\"a\\u0000b\""), 2, "control character"},
-        {with("= 4", "= '4'"), 3, "slots must be a whole number"},
         {with("= 4", "= 4.0"), 3, "slots must be a whole number"},
         {with("= 4", "= 0"), 3, "slots is 0; it must be from 1 to 4294967295"},
         {with("= 4", "= 4294967296"), 3, "slots is 4294967296"},
         {with("256", "16"), 4, "a slot of 16 bytes holds no message"},
-        {with("256", "-4"), 4, "slot_size is -4"},
         {channel + "type = 'MM'\n", 5, "type must be one letter"},
         {channel + "type = '1'\n", 5, "the type must be one letter"},
-        {channel + "rate_limit = -1\n", 5, "rate_limit is -1"},
         {channel + "rate_limit = 2147483648\n", 5, "rate_limit is 2147483648"},
         {channel + channel, 6, "another channel has the name MT01"},
         {with("= 4", "= 4294967295"), 1, "larger than 4 GiB"},
+        {with("256", "4294967292"), 1, "larger than 4 GiB"},
+        {with("= 4", "= 9000000") + "[[channel]]\nname = 'B'\nslots = 9000000\nslot_size = 256\n",
+         5, "larger than 4 GiB"},
         {channel + "[types]\n0 = 'none'\n", 6, "from 1 to 4095"},
         {channel + "[types]\n4096 = 'none'\n", 6, "from 1 to 4095"},
         {channel + "[types]\n01 = 'one'\n", 6, "\"01\" is not the number of a type"},
@@ -91,7 +84,8 @@ TEST_F(ConfigTest, every_fault_is_told_with_its_line_and_reason) {
         {"types = 1\n" + channel, 1, "[types]"},
     };
     for (const auto &[content, line, reason] : cases) {
-        const std::string complaint = complaint_about_content(content);
+        test::write_file(path_, content);
+        const std::string complaint = complaint_about(path_);
         const std::string place = path_ + ":" + std::to_string(line) + ": ";
         EXPECT_EQ(complaint.substr(0, place.size()), place) << complaint << "\n" << content;
         EXPECT_NE(complaint.find(reason), std::string::npos) << complaint << "\n" << content;
@@ -100,7 +94,8 @@ TEST_F(ConfigTest, every_fault_is_told_with_its_line_and_reason) {
     std::string content; // one channel more than there can be
     for (int i = 0; i < 270; ++i)
         content += "[[channel]]\nname = 'C" + std::to_string(i) + "'\nslots = 1\nslot_size = 20\n";
-    EXPECT_EQ(complaint_about_content(content),
+    test::write_file(path_, content);
+    EXPECT_EQ(complaint_about(path_),
               path_ + ":" + std::to_string(269 * 4 + 1) + ": there are more than 269 channels");
 }
 

@@ -40,25 +40,7 @@ TEST(Harness, a_killed_test_leaves_nothing_behind) {
     EXPECT_LT(value_of(locks), 0);
 }
 
-TEST(Harness, a_key_that_another_holds_is_passed_over) {
-    // A file system gives the inodes of removed files to the next ones, and with them their keys.
-    // The key of a high channel is in nobody's way when other tests run at the same time.
-    SegmentBuilder builder;
-    for (int i = 0; i < 200; ++i) builder.channel("C" + std::to_string(i), 'F', 1, 20);
-    builder.channel("C200", 'M', 1, 20);
-    const key_t taken = ftok((builder.build().key_file() + ".req").c_str(), 201);
-    const int set = semget(taken, 1, IPC_CREAT | IPC_EXCL | 0600);
-    ASSERT_GE(set, 0);
-    EXPECT_EQ(qm::check(builder.build().key_file()), std::vector<std::string>());
-    EXPECT_EQ(semctl(set, 0, IPC_RMID), 0) << "another's semaphores are not ours to remove";
-}
-
-TEST(Harness, a_peer_ends_with_its_result_its_signal_or_its_failure) {
-    EXPECT_EQ(Peer([] { return 7; }).wait(), 7);
-    Peer sleeper([] { return pause(); });
-    sleeper.kill(SIGTERM);
-    EXPECT_EQ(sleeper.wait(), 128 + SIGTERM);
-    EXPECT_EQ(sleeper.wait(), 128 + SIGTERM);
+TEST(Harness, a_peer_does_not_lose_a_failed_expectation) {
     const auto expects = [] {
         close(STDOUT_FILENO);
         EXPECT_EQ(1, 2);
