@@ -114,7 +114,7 @@ public class BlockingTest {
 
     /** The posts since the last look. */
     private int posts(int announcement) {
-        return TestNatives.takePosts(KEY + (announcement == RWAIT ? ".post" : ".req"), channel);
+        return takePosts(KEY + (announcement == RWAIT ? ".post" : ".req"), channel);
     }
 
     /** Calls that each post once for the other side, which seems to wait. */
@@ -201,10 +201,10 @@ public class BlockingTest {
         CountDownLatch full = new CountDownLatch(1);
         CountDownLatch done = new CountDownLatch(1);
         InThread others = InThread.call(() -> {
-            TestNatives.fillRegistry();
+            fillRegistry();
             full.countDown();
             done.await();
-            TestNatives.emptyRegistry();
+            emptyRegistry();
         });
         full.await();
         assertEquals(ESMS_MTXLOCK, readBuf(channel, buf, 0, 8, LONG, false, 0));

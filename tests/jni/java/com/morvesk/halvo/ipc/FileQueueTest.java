@@ -136,15 +136,6 @@ public class FileQueueTest {
         assertEquals(9, LiveStat.getLong(channel, LiveStat.IID_GETL_ECOUNT));
     }
 
-    @Test public void theWritersSideIsLockedUntilTheEnd() throws Exception {
-        long handle = begin(queue, "first");
-        InThread second = InThread.call(() -> put("second"));
-        second.stillWaits(150);
-        assertEquals(0, writeFileQueueBufCommit(NONE, handle));
-        assertEquals(0, second.result());
-        assertEquals("first second", take());
-    }
-
     // ---- The class
 
     private static void next(FileQueue.Reader reader, String... items) throws Exception {
