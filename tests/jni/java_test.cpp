@@ -139,15 +139,12 @@ TEST_P(Vm, ExamplesPassAFile) {
     std::string lines;
     for (int i = 0; i < 2000; ++i) lines += "line " + std::to_string(i) + " \xc7\xd1\xb1\xdb\n";
     write_file(one_.path("sent"), lines);
-    Peer sender([&] {
-        const Outcome sent =
-            run_vm(one_, {kLibrary}, {"SendLines", one_.key_file(), "MT01", one_.path("sent")});
-        EXPECT_EQ(sent.status, 0) << sent.out;
-        return 0;
-    });
+    const auto sender = start_program(
+        vm_words(one_, {kLibrary}, {"SendLines", one_.key_file(), "MT01", one_.path("sent")}),
+        one_.path("log"));
     const Outcome got = run_vm(one_, {kLibrary},
                                {"ReceiveLines", one_.key_file(), "MT01", one_.path("got"), "2000"});
     EXPECT_EQ(got.status, 0) << got.out;
-    EXPECT_EQ(sender.wait(), 0);
+    EXPECT_EQ(sender->wait(), 0) << content_of(one_.path("log"));
     EXPECT_EQ(content_of(one_.path("got")), lines);
 }

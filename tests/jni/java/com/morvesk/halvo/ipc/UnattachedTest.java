@@ -14,7 +14,7 @@ import org.junit.FixMethodOrder;
 import org.junit.Test;
 import org.junit.runners.MethodSorters;
 
-/** A VM that is attached to nothing. The test c_ leaves the library in a state of its own. */
+/** A VM that is attached to nothing. The test b_ leaves the library in a state of its own. */
 @FixMethodOrder(MethodSorters.NAME_ASCENDING)
 public class UnattachedTest {
     private static void nothingIsThere() throws Exception {
@@ -38,18 +38,14 @@ public class UnattachedTest {
     }
 
     @Test public void a_beforeTheAttachNativesAnswerAndDoNothing() throws Exception {
+        assertEquals(-1, initialize(null));
         assertEquals(0, initialized());
         nothingIsThere();
         refused(ESMS_INVAL, () -> Channel.openReader("test", "M00", Duration.ZERO));
-    }
-
-    @Test public void b_aNullKeyFileStartsNothing() {
-        assertEquals(-1, initialize(null));
-        assertEquals(0, initialized());
         raises(NullPointerException.class, () -> Channel.attach(null));
     }
 
-    @Test public void c_aFailedAttachIsNoAttachmentAndCannotBeRepeated() throws Exception {
+    @Test public void b_aFailedAttachIsNoAttachmentAndCannotBeRepeated() throws Exception {
         assertEquals(ESMS_SHMOP, initialize("/nonexistent/key"));
         assertEquals(1, initialized());
         assertEquals(ESMS_MTXLOCK, initialize(KEY));
