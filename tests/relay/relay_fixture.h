@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,9 +22,8 @@ namespace halvo::test {
 
 class Broker {
 public:
-    // lines: of the broker's configuration.
-    explicit Broker(const std::vector<std::string> &lines = {},
-                    const std::map<std::string, std::string> &environment = {});
+    // For the shell: lines of the broker's configuration, and variables for its script.
+    explicit Broker(std::string lines = "", std::string environment = "");
     ~Broker();
     Broker(const Broker &) = delete;
     Broker &operator=(const Broker &) = delete;
@@ -38,7 +36,7 @@ public:
 
 private:
     std::string command(const std::string &what, const std::string &more = {}) const;
-    std::string directory_, environment_, lines_;
+    std::string directory_, lines_, environment_;
     std::FILE *guard_; // removes the broker when this process has ended, however
     int port_ = 0;
 };
@@ -55,7 +53,8 @@ public:
     void route(const std::string &lines, const std::string &name = "r");
     void broker(const std::string &lines) { broker_ += lines + "\n"; }
     void relay(const std::string &lines) { relay_lines_ += lines + "\n"; }
-    void credentials(const std::string &user, const std::string &password, int mode = 0600) const;
+    void credentials(const std::string &user, const std::string &password,
+                     mode_t mode = 0600) const;
     void save() const; // the configuration; start() and tool() do it too
     void forget_routes() { routes_.clear(); }
 
