@@ -1,13 +1,35 @@
-// The parts of the relay that need no broker: windows, numbers, configuration.
+// The parts of the relay that need no broker: windows, numbers, configuration, a state file; and a
+// route out beside a broker that answers as it is told.
 #include <map>
 #include <random>
 #include <set>
 
+#include "halvo/fq.h"
 #include "tests/support/files.h"
 #include "tests/support/frx_fixture.h"
 #include "tools/relay/base/config.h"
-#include "tools/relay/route/ends.h"
 #include "tools/relay/route/numbering.h"
+#include "tools/relay/route/route.h"
+
+namespace halvo::relay {
+
+// In place of the engine's: answers one batch, and then the route is to stop.
+std::unique_ptr<Publisher> connect_publisher(const BrokerConfig &, unsigned) {
+    struct Scripted : Publisher {
+        void send(const std::string &, const Outgoing &) override {}
+        std::vector<Verdict> answers(int, const Stop &stop) override {
+            const_cast<Stop &>(stop) = true;
+            return {Verdict::confirmed, Verdict::returned, Verdict::open};
+        }
+        BrokerError why_open() const override { return {BrokerError::lost, "silence"}; }
+        void serve() override {}
+        bool blocked() const override { return false; }
+        std::string return_reason() const override { return "NO_ROUTE"; }
+    };
+    return std::make_unique<Scripted>();
+}
+
+} // namespace halvo::relay
 
 using namespace halvo::relay;
 using namespace halvo::test;
@@ -198,4 +220,38 @@ TEST(RelayConfig, faults_name_their_line) {
     EXPECT_EQ(config.broker.addresses, (std::vector<Address>{{"::1", 1}, {"b", 5671}}));
     EXPECT_EQ(config.routes[0].queues(), (std::vector<std::string>{"q.0", "q.1"}));
     EXPECT_EQ(config.routes[0].dead_letters, "s/r.dead");
+}
+
+TEST(RelayState, is_opened_beside_those_who_look_at_it) {
+    const TestDirectory directory;
+    const std::string path = directory.path("state");
+    StateFile(path, "id");
+    Peer looking([&] {
+        for (bool running;;)
+            read_figures(
+                path, "id", running, [](const Figures &, void *) {}, nullptr);
+        return 0;
+    });
+    for (int i = 0; i < 3000; ++i) {
+        ASSERT_NO_THROW(StateFile(path, "id"));
+        usleep(20);
+    }
+    looking.kill(SIGKILL);
+}
+
+TEST(RelayOut, what_was_answered_before_the_silence_is_not_sent_again) {
+    const TestDirectory directory;
+    const std::string queue = directory.path("mo");
+    for (const char *item : {"1", "2", "3"}) fq_enqueue_away(-1, -1, 1, queue.c_str(), item, 1);
+    RouteConfig route;
+    route.from = {Endpoint::file_queue, queue};
+    route.to = {Endpoint::queue, "q"};
+    route.wait_for_route = false;
+    route.dead_letters = directory.path("dead");
+    StateFile state(directory.path("state"), "test");
+    Stop stop{false};
+    RouteContext context{{}, route, state, stop, Backoff(1, 1)};
+    carry_out(context);
+    EXPECT_EQ(state.figures().messages, 2U);
+    EXPECT_EQ(open_file_source(queue, 0)->take(9, 0), 1U);
 }

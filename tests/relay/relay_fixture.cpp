@@ -184,14 +184,6 @@ Ledger NumberReader::result() {
     return ledger_;
 }
 
-void expect_perfect(const Ledger &ledger, int n) {
-    EXPECT_EQ(ledger.lost, 0);
-    EXPECT_EQ(ledger.doubled, 0);
-    EXPECT_EQ(ledger.reordered, 0);
-    EXPECT_EQ(ledger.torn, 0);
-    EXPECT_EQ(ledger.got, n);
-}
-
 std::string run_python(const Broker &broker, const std::string &program,
                        const std::vector<std::string> &words) {
     std::vector<std::string> all{"/usr/bin/python3", "-c",
@@ -252,6 +244,8 @@ std::string certificate(const std::string &name) { return shared().certificates.
 void RelayPair::SetUp() {
     if (!Broker::is_installed()) GTEST_SKIP() << "no broker here: dev/setup.sh relay installs it";
     queue_ = testing::UnitTest::GetInstance()->current_test_info()->name();
+    out_ = "from = \"channel:MT01\"\nto = \"amqp:" + queue_ + "\"\n";
+    in_ = "from = \"amqp:" + queue_ + "\"\nto = \"channel:MT01\"\n";
     make(512, 256);
 }
 
@@ -267,8 +261,8 @@ void RelayPair::make(uint32_t slots_there, uint32_t size_there) {
 }
 
 void RelayPair::route(const std::string &out, const std::string &in) {
-    here_->route("from = \"channel:MT01\"\nto = \"amqp:" + queue_ + "\"\n" + out);
-    there_->route("from = \"amqp:" + queue_ + "\"\nto = \"channel:MT01\"\n" + in);
+    here_->route(out_ + out);
+    there_->route(in_ + in);
 }
 
 void RelayPair::start() {

@@ -102,7 +102,11 @@ private:
 inline Ledger read_numbers(const Segment &segment, int n, int wanted) {
     return NumberReader(segment, n, wanted).result();
 }
-void expect_perfect(const Ledger &ledger, int n);
+inline void expect_perfect(const Ledger &l, int n) {
+    EXPECT_TRUE(l.got == n && l.lost + l.doubled + l.reordered + l.torn == 0)
+        << l.got << " of " << n << ", " << l.lost << " lost, " << l.doubled << " doubled, "
+        << l.reordered << " reordered, " << l.torn << " torn";
+}
 inline void expect_all(const Segment &segment, int n) {
     expect_perfect(read_numbers(segment, n, n), n);
 }
@@ -136,7 +140,7 @@ protected:
     std::string letters(const Machine &machine) const {
         return fq({"get", machine.path("r.dead")});
     }
-    std::string queue_;
+    std::string queue_, out_, in_; // and the usual routes
     std::unique_ptr<Machine> here_, there_;
 };
 

@@ -50,7 +50,7 @@ TEST_F(RelayRoutes, a_file_queue_to_a_file_queue_over_kills_and_an_item_that_is_
     comes_true([&] { return run_program(peek).out.size() >= all.size(); }, 100);
     usleep(300000); // for doubles
     EXPECT_EQ(fq({"get", there_->path("mo")}), all);
-    EXPECT_NE(letters(*here_).find("\n" + long_one), std::string::npos);
+    EXPECT_NE(letters(*here_).find("longer than max_bytes: 60\n" + long_one), std::string::npos);
     EXPECT_EQ(here_->end(), 0);
     EXPECT_NE(content_of(here_->path("prom")).find("state=\"stopped\"} 1"), std::string::npos);
 }
@@ -113,7 +113,7 @@ TEST_F(RelayRoutes, foreign_damaged_and_busy_state_files_are_refused) {
     start();
     EXPECT_TRUE(here_->logs("connected"));
     Machine third(url_of(shared_broker()), HALVO_BIN);
-    third.route("from = \"channel:MT01\"\nto = \"amqp:" + queue_ + "\"");
+    third.route(out_);
     const std::string state = content_of(here_->path("r.state"));
     for (const auto &[content, why] : std::vector<std::pair<std::string, std::string>>{
              {state, "the state file is foreign: it is of \"from channel:MT01 of "},

@@ -103,8 +103,6 @@ public class LiveStatTest {
         String document = getString(0, IID_GETS_SMSQM, 0);
         String first = getString(0, IID_GETS_QNAME, 0) + "\",\"id\":0,";
         assertTrue(document, document.startsWith("{\"smsqm\":[{ \"name\":\"" + first));
-        assertTrue(document, document.endsWith(",\n\"uptime\":0}"));
-        assertTrue(document, document.contains("\"id\":" + channel + ","));
         assertEquals(CHANNELS, document.split("\"name\":").length - 1);
     }
 

@@ -16,7 +16,7 @@ public class WaitsTest extends TwoEnds {
     }
 
     private InThread writing() throws Exception {
-        fill();
+        fill(number);
         InThread call = InThread.call(() -> out.write(1, X, LONG));
         await(number, WWAIT, 1);
         return call;
@@ -48,7 +48,7 @@ public class WaitsTest extends TwoEnds {
         endsAtOnce(() -> in.read(LONG)); // that waits for its turn
         holder.interrupt();
         holder.failure();
-        fill();
+        fill(number);
         Batch batch = out.batch();
         batch.write(1, X);
         endsAtOnce(() -> out.write(1, X, LONG), () -> batch.commit(LONG));
