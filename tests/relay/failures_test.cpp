@@ -10,10 +10,6 @@ namespace {
 
 class RelayFailures : public RelayPair {};
 
-void expect_told(const std::string &text, const std::string &told) {
-    EXPECT_NE(text.find(told), std::string::npos) << told << " is not in " << text;
-}
-
 } // namespace
 
 TEST_F(RelayFailures, a_message_longer_than_the_slot_is_rejected_to_the_dead_letter_queue) {
@@ -38,7 +34,7 @@ TEST_F(RelayFailures, without_such_a_queue_it_is_kept_in_a_file_queue_or_stops_t
     write(1, 1, 1000);
     write(2, 2);
     EXPECT_EQ(read_numbers(there_->segment(), 2, 1).got, 1);
-    expect_told(letters(*there_), "reason=a message of 1000 bytes, longer than 240\n00000001 ");
+    expect_letter(*there_, "reason=a message of 1000 bytes, longer than 240\n00000001 ");
 
     EXPECT_EQ(there_->end(), 0);
     there_->forget_routes();
@@ -66,7 +62,7 @@ TEST_F(RelayFailures, a_message_that_the_broker_never_takes_goes_to_the_dead_let
     const Ledger ledger = read_numbers(there_->segment(), 12, 11);
     EXPECT_EQ(ledger.got, 11);
     EXPECT_EQ(ledger.doubled + ledger.reordered, 0);
-    expect_told(letters(*here_), "larger than configured max size 20000\n00000003 ");
+    expect_letter(*here_, "larger than configured max size 20000\n00000003 ");
 }
 
 TEST_F(RelayFailures, a_message_without_a_queue_waits_or_goes_to_the_dead_letters) {
@@ -84,7 +80,7 @@ TEST_F(RelayFailures, a_message_without_a_queue_waits_or_goes_to_the_dead_letter
     here_->start();
     write(1, 3);
     EXPECT_TRUE(here_->reaches("dead_letters_total", 3));
-    expect_told(letters(*here_), "number=303 ");
+    expect_letter(*here_, "number=303 ");
 }
 
 TEST_F(RelayFailures, wrong_credentials_are_told_and_lose_nothing) {

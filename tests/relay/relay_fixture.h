@@ -136,9 +136,9 @@ protected:
         EXPECT_EQ(write_numbers(here_->segment(), from, to, length)->wait(), 0);
     }
     std::string fq(std::vector<std::string> words, const std::string &input = "") const;
-    // What lies in a machine's file queue of dead letters.
-    std::string letters(const Machine &machine) const {
-        return fq({"get", machine.path("r.dead")});
+    // A text in what lies in a machine's file queue of dead letters.
+    void expect_letter(const Machine &machine, const std::string &text) const {
+        expect_end(run_program({HALVO_BIN "/halvo-fq", "get", machine.path("r.dead")}), 0, text);
     }
     std::string queue_, out_, in_; // and the usual routes
     std::unique_ptr<Machine> here_, there_;

@@ -9,10 +9,7 @@ import java.util.HashMap;
 import java.util.Map;
 import org.junit.function.ThrowingRunnable;
 
-/**
- * The segment of a test run: fresh channels, fields of their headers; and what tests expect. And
- * what Java cannot do.
- */
+/** The segment of a test run: fresh channels, fields of their headers; and what tests expect. */
 final class TestSegment {
     // Offsets in a channel header, and what stands there.
     static final int QBSZ = 4, RPOS = 44, WPOS = 48, WTIME = 60, RTIME = 64, FWTIME = 68;

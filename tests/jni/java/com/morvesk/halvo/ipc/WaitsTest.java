@@ -113,9 +113,6 @@ public class WaitsTest extends TwoEnds {
         InThread reader = InThread.call(() -> {
             for (int i = 0; i < count; i++) {
                 assertEquals(i, wrap(untilDone(() -> in.read(LONG)).body()).getInt());
-                if (i % 64 == 0) {
-                    Thread.yield();
-                }
             }
         });
         Random random = new Random();
