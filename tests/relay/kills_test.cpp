@@ -4,13 +4,16 @@
 
 #include "tests/proof/form.h"
 #include "tests/relay/relay_fixture.h"
+#include "tests/support/files.h"
 
 using namespace halvo::test;
 
 namespace {
 
-const std::string kOther =
-    access(HALVO_OTHER_BIN "/halvo-relay", X_OK) == 0 ? HALVO_OTHER_BIN : HALVO_BIN;
+// The programs of the other word size, where they are built.
+const std::string kOtherWidth =
+    HALVO_SOURCE "/build/" + std::string(sizeof(void *) == 4 ? "x86_64" : "i386") + "/bin";
+const std::string kOther = exists(kOtherWidth + "/halvo-relay") ? kOtherWidth : HALVO_BIN;
 
 // Kills while the stream runs, at moments of no rhythm, and starts again.
 void kill_around(Broker &broker, Machine &here, Machine &there, int rounds, int of_broker) {

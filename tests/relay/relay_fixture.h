@@ -1,7 +1,7 @@
 // A broker of the test's own, and two machines: each a segment with a relay and a directory.
 //
 //     Broker broker;
-//     Machine here(url_of(broker), HALVO_BIN), there(url_of(broker), HALVO_OTHER_BIN);
+//     Machine here(url_of(broker), HALVO_BIN), there(url_of(broker), HALVO_BIN);
 //     here.route("from = \"channel:MT01\"\nto = \"amqp:mt01\"");
 //     here.declare(); here.start();
 //

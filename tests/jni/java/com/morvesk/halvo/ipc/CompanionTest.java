@@ -83,7 +83,7 @@ public class CompanionTest extends TwoEnds {
         commit.result();
         assertEquals(0, batch.size());
         receive("second", "one", "two");
-        Channel.Message message = in.read(Duration.ofDays(100000));
+        Channel.Message message = in.read(Duration.ofDays(1_000_000));
         assertEquals(0xfedc, message.type());
         assertEquals(out.longestMessage(), message.body().length);
         for (int i = 0; i < SLOTS; i++) {
