@@ -63,8 +63,6 @@ struct Stream {
         figure(what + "messages reordered", "0", ledger.reordered);
         figure(what + "repeats dropped", "-", there.figure("repeats_total"));
         expect_perfect(ledger, messages);
-        if (testing::Test::HasFailure())
-            std::fprintf(stderr, "%s\n----\n%s\n", here.log().c_str(), there.log().c_str());
         EXPECT_EQ(here.end() + there.end(), 0);
         return took;
     }

@@ -73,6 +73,10 @@ Machine::Machine(const std::string &urls, const std::string &binaries, uint32_t 
     credentials("guest", "guest");
 }
 
+Machine::~Machine() {
+    if (testing::Test::HasFailure()) std::fprintf(stderr, "----\n%s", log().c_str());
+}
+
 void Machine::credentials(const std::string &user, const std::string &password, mode_t mode) const {
     replace_file(path("credentials"), "user = " + user + "\npassword = " + password + "\n");
     // Refused until then, tried again.
@@ -247,11 +251,6 @@ void RelayPair::SetUp() {
     out_ = "from = \"channel:MT01\"\nto = \"amqp:" + queue_ + "\"\n";
     in_ = "from = \"amqp:" + queue_ + "\"\nto = \"channel:MT01\"\n";
     make(512, 256);
-}
-
-void RelayPair::TearDown() {
-    if (HasFailure() && here_)
-        std::fprintf(stderr, "%s----\n%s", here_->log().c_str(), there_->log().c_str());
 }
 
 void RelayPair::make(uint32_t slots_there, uint32_t size_there) {
