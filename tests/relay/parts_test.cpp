@@ -93,15 +93,15 @@ protected:
     // Runs in a process of its own, with the state of before; returns how it ended.
     template <class F>
     int life(F f) {
-        return Peer([&] {
-                   if (initialise(segment_) != ESMS_OK) return 1;
-                   StateFile state(segment_.path("state"), "test");
-                   const auto source = open_channel_source("MT01");
-                   Numbering numbering(route_, state, *source);
-                   f(*source, numbering);
-                   return 0;
-               })
-            .wait();
+        Peer process([&] {
+            if (initialise(segment_) != ESMS_OK) return 1;
+            StateFile state(segment_.path("state"), "test");
+            const auto source = open_channel_source("MT01");
+            Numbering numbering(route_, state, *source);
+            f(*source, numbering);
+            return 0;
+        });
+        return process.wait();
     }
     template <class F>
     void killed_after(F f) {
