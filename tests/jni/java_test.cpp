@@ -1,10 +1,9 @@
 // Runs the Java tests in real VMs, each over a segment of its own, and judges how the VMs end.
+#include <elf.h>
 #include <gtest/gtest.h>
 
 #include <regex>
-#include <sstream>
 
-#include "halvo/frx.h"
 #include "tests/jni/vm.h"
 #include "tests/support/files.h"
 
@@ -12,53 +11,18 @@ using namespace halvo::test;
 
 namespace {
 
-constexpr int kEchoes = 20000; // as many as WaitsTest sends
-
 Segment test_segment() {
+    constexpr int kM = 90, kF = 20;
     SegmentBuilder builder;
-    const auto add = [&](char type, int count) {
-        for (int i = 0; i < count; ++i) {
-            char name[16];
-            std::snprintf(name, sizeof name, "%c%02d", type, i);
-            builder.channel(name, type, 4, 64);
-        }
-    };
-    add('M', 90);
-    add('F', 20);
-    return builder.channel("toC", 'M', 4, 64).channel("fromC", 'M', 4, 64).build();
-}
-
-// Gives the messages of one channel back through another.
-int echo(const Segment &s, const Signal &ready) {
-    FrxChannel in, out;
-    if (frx_initialize(s.key_file().c_str()) != ESMS_OK) return 1;
-    if (frx_openChannel(&in, "echo", s.number("toC"), 'r', 1000) != ESMS_OK) return 2;
-    if (frx_openChannel(&out, "echo", s.number("fromC"), 'w', 1000) != ESMS_OK) return 3;
-    ready.send();
-    alignas(qmsg) char slot[64];
-    for (int i = 0; i < kEchoes; ++i) {
-        const int length = frx_read(&in, slot, 60000);
-        if (length < 1) return 4;
-        const char *body = slot + offsetof(qmsg, data);
-        if (frx_write(&out, 1, body, static_cast<uint32_t>(length), 60000) != ESMS_OK) return 5;
+    for (int i = 0; i < kM + kF; ++i) {
+        char name[16];
+        std::snprintf(name, sizeof name, "%c%02d", i < kM ? 'M' : 'F', i % kM);
+        builder.channel(name, name[0], 4, 64);
     }
-    return 0;
+    return builder.build();
 }
 
-// The VM ended by itself, every test ran, and none failed.
-void expect_ok(const Outcome &outcome) {
-    EXPECT_EQ(outcome.status, 0);
-    std::smatch result;
-    if (std::regex_search(outcome.out, result, std::regex("\nOK \\([0-9]+ tests?\\)\n")))
-        std::printf("%s", result.str().c_str() + 1);
-    else
-        ADD_FAILURE() << outcome.out;
-}
-
-void expect_text(const Outcome &outcome, const std::string &text) {
-    EXPECT_NE(outcome.out.find(text), std::string::npos) << outcome.out;
-}
-
+constexpr char kOk[] = "\nOK ("; // so many tests, of which none failed
 constexpr int kWidth = 8 * sizeof(void *);
 
 // The tests run in every VM of the library's width that is there.
@@ -92,7 +56,7 @@ INSTANTIATE_TEST_SUITE_P(jni, Vm,
 
 } // namespace
 
-TEST_P(Vm, Unattached) { expect_ok(junit(test_segment(), {}, {"UnattachedTest"})); }
+TEST_P(Vm, Unattached) { expect_end(junit(test_segment(), {}, {"UnattachedTest"}), 0, kOk); }
 
 // The first class attaches, late.
 TEST_P(Vm, Waits) {
@@ -102,16 +66,13 @@ TEST_P(Vm, Waits) {
         unfinished.attach();
         return static_cast<int>(q_0()->nchnnl = 0); // they are counted last
     }).wait();
-    const Signal ready;
-    Peer peer([&] { return echo(s, ready); });
-    ASSERT_TRUE(ready.wait());
-    expect_ok(junit(s,
-                    {"-Dhalvo.test.other=" + one_.key_file(),
-                     "-Dhalvo.test.unfinished=" + unfinished.key_file(),
-                     "-Djdk.virtualThreadScheduler.parallelism=1",
-                     "-Djdk.virtualThreadScheduler.maxPoolSize=1"},
-                    {"AttachTest", "WaitsTest"}));
-    EXPECT_EQ(peer.wait(), 0);
+    expect_end(junit(s,
+                     {"-Dhalvo.test.other=" + one_.key_file(),
+                      "-Dhalvo.test.unfinished=" + unfinished.key_file(),
+                      "-Djdk.virtualThreadScheduler.parallelism=1",
+                      "-Djdk.virtualThreadScheduler.maxPoolSize=1"},
+                     {"AttachTest", "WaitsTest"}),
+               0, kOk);
 }
 
 // The VM's own check of every call that a native makes. The remaining classes run under it alone.
@@ -119,20 +80,13 @@ TEST_P(Vm, CheckedCalls) {
     const Outcome outcome = junit(test_segment(), {"-Xcheck:jni"},
                                   {"LifecycleTest", "NativesTest", "LiveStatTest", "BlockingTest",
                                    "FileQueueTest", "CompanionTest"});
-    expect_ok(outcome);
+    expect_end(outcome, 0, kOk);
     // What the VM has to say of the calls; that the library handles SIGUSR2 it says once.
-    std::istringstream lines(outcome.out);
-    const std::regex warning("(WARNING|FATAL ERROR) in native method|Warning: (?!SIGUSR2 )");
-    for (std::string line; std::getline(lines, line);)
-        EXPECT_FALSE(std::regex_search(line, warning)) << line;
-}
-
-// The example of the documents, with the library found by the VM's own search.
-TEST_P(Vm, Hello) {
-    const Outcome outcome = hello({"-Djava.library.path=" HALVO_LIBRARY_DIRECTORY});
-    EXPECT_EQ(outcome.status, 0);
-    expect_text(outcome, "7: Hello, gateway\n");
-    expect_text(outcome, "SHM_INIT_FINISHED.\n"); // what the library prints, at the VM's end
+    std::smatch said;
+    EXPECT_FALSE(std::regex_search(
+        outcome.out, said,
+        std::regex("((WARNING|FATAL ERROR) in native method|Warning: (?!SIGUSR2 )).*")))
+        << said.str();
 }
 
 // A VM at another path than the one that the library was built with: its own libjsig.so serves.
@@ -143,30 +97,43 @@ TEST_P(Vm, OfAnotherPath) {
         library[at + place.size() - 1] = '_';
     write_file(one_.path("libhalvoipc.so"), library);
     const Outcome outcome = hello({"-Dhalvoipc.library=" + one_.path("libhalvoipc.so")});
-    EXPECT_EQ(outcome.status, 0);
-    expect_text(outcome, "7: Hello, gateway\n");
+    expect_end(outcome, 0, "7: Hello, gateway\n");
+    expect_end(outcome, 0, "SHM_INIT_FINISHED.\n"); // what the library prints, at the VM's end
 }
 
-TEST_P(Vm, ThatRefusesNativeCodeTellsHowToAllowIt) {
-    if (!restricts_native_access()) GTEST_SKIP() << "this VM restricts nothing";
-    const Outcome outcome = hello({"--illegal-native-access=deny", kLibrary});
-    EXPECT_NE(outcome.status, 0);
-    expect_text(outcome, "start java with --enable-native-access=ALL-UNNAMED");
+// What a library that cannot be loaded tells to do about it.
+TEST_P(Vm, WithoutALibraryTellsWhatToDo) {
+    std::string other = content_of(HALVO_LIBRARY);
+    other[EI_CLASS] = static_cast<char>(ELFCLASS32 + ELFCLASS64 - other[EI_CLASS]);
+    write_file(one_.path("libother.so"), other);
+    const std::string option = "-Dhalvoipc.library=", nowhere = "/nowhere/libhalvoipc.so";
+    std::vector<std::pair<Words, Words>> table{
+        {{option + nowhere}, {"named by the property halvoipc.library", nowhere}},
+        {{"-Djava.library.path=/nowhere"},
+         {"no halvoipc in java.library.path", option + "<full path of libhalvoipc.so>",
+          "-Djava.library.path=<its directory>"}},
+        {{option + one_.path("libother.so")},
+         {"The library has the other word size: this VM is of " + std::to_string(kWidth) +
+          " bits"}}};
+    if (restricts_native_access())
+        table.push_back({{"--illegal-native-access=deny", kLibrary},
+                         {"start java with --enable-native-access=ALL-UNNAMED"}});
+    for (const auto &[options, told] : table) {
+        const Outcome outcome = hello(options);
+        for (const std::string &text : told) expect_end(outcome, 1, text);
+    }
 }
 
 TEST_P(Vm, ExamplesPassAFile) {
     std::string lines;
     for (int i = 0; i < 2000; ++i) lines += "line " + std::to_string(i) + " \xc7\xd1\xb1\xdb\n";
     write_file(one_.path("sent"), lines);
-    Peer sender([&] {
-        const Outcome sent =
-            run_vm(one_, {kLibrary}, {"SendLines", one_.key_file(), "MT01", one_.path("sent")});
-        EXPECT_EQ(sent.status, 0) << sent.out;
-        return 0;
-    });
+    const auto sender = start_program(
+        vm_words(one_, {kLibrary}, {"SendLines", one_.key_file(), "MT01", one_.path("sent")}),
+        one_.path("log"));
     const Outcome got = run_vm(one_, {kLibrary},
                                {"ReceiveLines", one_.key_file(), "MT01", one_.path("got"), "2000"});
     EXPECT_EQ(got.status, 0) << got.out;
-    EXPECT_EQ(sender.wait(), 0);
+    EXPECT_EQ(sender->wait(), 0) << content_of(one_.path("log"));
     EXPECT_EQ(content_of(one_.path("got")), lines);
 }

@@ -32,8 +32,8 @@ inline std::string find_java(int version, int width) {
 // The library of a word size: this build tree's, or that of the tree beside it; empty if not there.
 inline std::string find_library(int width) {
     if (width == static_cast<int>(8 * sizeof(void *))) return HALVO_LIBRARY;
-    const std::string other = std::string(HALVO_BUILD_TREES) + (width == 32 ? "/i386" : "/x86_64") +
-                              "/lib/libhalvoipc.so";
+    const std::string other = std::string(HALVO_SOURCE "/build/") +
+                              (width == 32 ? "i386" : "x86_64") + "/lib/libhalvoipc.so";
     return exists(other) ? other : std::string();
 }
 
@@ -50,7 +50,8 @@ inline Words vm_words(const Segment &s, const Words &options, const Words &comma
                 HALVO_CLASS_PATH,
                 "-Dhalvo.test.natives=" HALVO_TEST_NATIVES,
                 "-Dhalvo.test.key=" + s.key_file(),
-                "-Dhalvo.test.dir=" + s.path("")};
+                "-Dhalvo.test.dir=" + s.path(""),
+                "-Dhalvo.test.include=" HALVO_SOURCE "/include/halvo"};
     words.insert(words.end(), options.begin(), options.end());
     words.insert(words.end(), command.begin(), command.end());
     return words;

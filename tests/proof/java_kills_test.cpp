@@ -2,8 +2,6 @@
 // between two C programs, and VMs of different widths and versions at the ends of one channel.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-
 #include <atomic>
 #include <memory>
 
@@ -21,28 +19,10 @@ constexpr int kPatience = 60000; // milliseconds
 
 void sleep_for(uint64_t milliseconds) { usleep(static_cast<useconds_t>(milliseconds * 1000)); }
 
-// Starts a program that appends what it prints to a file.
-std::unique_ptr<Peer> start_program(const Words &words, const std::string &log) {
-    return std::make_unique<Peer>([&] {
-        const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        return become(words, STDIN_FILENO, fd, fd);
-    });
-}
-
-std::string tail_of(const std::string &path) {
-    const std::string text = content_of(path);
-    return text.substr(text.size() > 3000 ? text.size() - 3000 : 0);
-}
-
 // Waits until moved() differs from what it was; false when it does not.
 template <class Moved>
 bool goes_on(Moved moved) {
-    const auto before = moved();
-    for (int i = 0; i < kPatience / 4; ++i) {
-        if (moved() != before) return true;
-        sleep_for(2);
-    }
-    return false;
+    return comes_true([&, before = moved()] { return moved() != before; }, kPatience / 1000);
 }
 
 // ---- The gateway
@@ -125,7 +105,7 @@ void exchange(const End &writer, const End &reader) {
     start(1);
     int killed = 0;
     for (; killed < kills && next_of(s.path("read")) < count; ++killed) {
-        ASSERT_TRUE(goes_on([&] { return next_of(s.path("read")); })) << tail_of(s.path("log"));
+        ASSERT_TRUE(goes_on([&] { return next_of(s.path("read")); })) << content_of(s.path("log"));
         sleep_for(random() % 40);
         const int victim = static_cast<int>(random() % 2);
         if (next_of(s.path(roles[victim])) >= count) break;
@@ -133,7 +113,7 @@ void exchange(const End &writer, const End &reader) {
         peers[victim]->wait();
         start(victim);
     }
-    for (const auto &peer : peers) EXPECT_EQ(peer->wait(), 0) << tail_of(s.path("log"));
+    for (const auto &peer : peers) EXPECT_EQ(peer->wait(), 0) << content_of(s.path("log"));
     EXPECT_EQ(next_of(s.path("read")), count);
     const std::string what = "Java " + writer.text() + " to Java " + reader.text() + ": ";
     figure(what + "VMs killed", "at least 1", killed);
@@ -160,16 +140,16 @@ TEST(JavaKills, a_gateway_loses_nothing) {
     for (int i = 0; i < kills; ++i) {
         start();
         if (i % 5 != 4) { // every fifth while it starts
-            ASSERT_TRUE(goes_on([&] { return tally.got.load(); })) << tail_of(s.path("log"));
+            ASSERT_TRUE(goes_on([&] { return tally.got.load(); })) << content_of(s.path("log"));
         }
         sleep_for(random() % 60);
         gateway->kill(SIGKILL);
-        EXPECT_EQ(gateway->wait(), 128 + SIGKILL) << tail_of(s.path("log"));
+        EXPECT_EQ(gateway->wait(), 128 + SIGKILL) << content_of(s.path("log"));
     }
     start();
     tally.enough = true;
     EXPECT_EQ(feeder.wait(), 0);
-    EXPECT_EQ(collector.wait(), 0) << tail_of(s.path("log"));
+    EXPECT_EQ(collector.wait(), 0) << content_of(s.path("log"));
     const int sent = tally.sent;
     figure("a Java gateway killed and started again, times", std::to_string(kills), kills);
     figure("messages through it that are missing", "0", sent - tally.got);

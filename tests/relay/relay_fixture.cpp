@@ -26,11 +26,9 @@ void replace_file(const std::string &path, const std::string &text) {
 
 bool Broker::is_installed() { return access("/usr/lib/rabbitmq/bin/rabbitmq-server", X_OK) == 0; }
 
-Broker::Broker(const std::vector<std::string> &lines,
-               const std::map<std::string, std::string> &environment)
-    : directory_(make_test_directory()) {
-    for (const auto &[name, value] : environment) environment_ += name + "='" + value + "' ";
-    for (const std::string &line : lines) lines_ += " '" + line + "'";
+Broker::Broker(std::string lines, std::string environment)
+    : directory_(make_test_directory()), lines_(std::move(lines)),
+      environment_(std::move(environment)) {
     const std::string remove =
         "cat >/dev/null; " + kScript + " remove " + directory_ + "/broker; rm -rf " + directory_;
     guard_ = popen(remove.c_str(), "we");
@@ -41,7 +39,7 @@ Broker::~Broker() { pclose(guard_); }
 
 std::string Broker::command(const std::string &what, const std::string &more) const {
     const std::string line =
-        environment_ + kScript + " " + what + " " + directory_ + "/broker" + more;
+        environment_ + " " + kScript + " " + what + " " + directory_ + "/broker " + more;
     std::FILE *out = popen(line.c_str(), "re");
     char text[256] = "";
     if (!std::fgets(text, sizeof text, out)) text[0] = '\0';
@@ -75,10 +73,14 @@ Machine::Machine(const std::string &urls, const std::string &binaries, uint32_t 
     credentials("guest", "guest");
 }
 
-void Machine::credentials(const std::string &user, const std::string &password, int mode) const {
+Machine::~Machine() {
+    if (testing::Test::HasFailure()) std::fprintf(stderr, "----\n%s", log().c_str());
+}
+
+void Machine::credentials(const std::string &user, const std::string &password, mode_t mode) const {
     replace_file(path("credentials"), "user = " + user + "\npassword = " + password + "\n");
     // Refused until then, tried again.
-    chmod(path("credentials").c_str(), static_cast<mode_t>(mode));
+    chmod(path("credentials").c_str(), mode);
 }
 
 void Machine::route(const std::string &lines, const std::string &name) {
@@ -102,18 +104,15 @@ Outcome Machine::tool(const std::string &command, const std::string &option) con
 
 void Machine::start() {
     save();
-    relay_ = std::make_unique<Peer>([this] {
-        const int out = open(path("log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        return become({binaries_ + "/halvo-relay", "run", path("relay.toml")}, 0, out, out);
-    });
+    relay_ = start_program({binaries_ + "/halvo-relay", "run", path("relay.toml")}, path("log"));
 }
 
 double Machine::processor_seconds() const {
-    const std::string stat = content_of("/proc/" + std::to_string(relay_->pid()) + "/stat");
-    long user = 0, system = 0;
-    std::sscanf(stat.c_str() + stat.rfind(')') + 2,
-                "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &user, &system);
-    return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    clockid_t clock = 0;
+    timespec used{};
+    clock_getcpuclockid(relay_->pid(), &clock);
+    clock_gettime(clock, &used);
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
 }
 
 std::string Machine::log() const { return exists(path("log")) ? content_of(path("log")) : ""; }
@@ -138,19 +137,14 @@ bool Machine::reaches(const std::string &name, int64_t least, const std::string 
 std::unique_ptr<Peer> write_numbers(const Segment &segment, int from, int to, uint32_t length) {
     return std::make_unique<Peer>([=, &segment] {
         FrxChannel end;
-        if (initialise(segment) != ESMS_OK ||
-            frx_openChannel(&end, "writer", 0, 'w', 1000) != ESMS_OK)
-            return 1;
-        q_recover(0, 'w');
+        if (!start_with(segment, end, 'w')) return 1;
         for (int i = from; i <= to; ++i) {
             char number[16];
             std::snprintf(number, sizeof number, "%08d ", i);
             std::string body(number);
             body.resize(length, static_cast<char>('a' + i % 26));
-            int result = ESMS_TIMEOUT;
-            while (result == ESMS_TIMEOUT)
-                result = ::frx_write(&end, i % 7 + 1, body.data(), length, 1000);
-            if (result != ESMS_OK) return 2;
+            if (::frx_write(&end, i % 7 + 1, body.data(), length, kQuiet * 1000) != ESMS_OK)
+                return 2;
         }
         return 0;
     });
@@ -160,20 +154,14 @@ namespace {
 
 int read_into(Ledger &ledger, const Segment &segment, int n, int wanted) {
     FrxChannel end;
-    if (initialise(segment) != ESMS_OK || frx_openChannel(&end, "reader", 0, 'r', 1000) != ESMS_OK)
-        return 1;
-    q_recover(0, 'r');
+    if (!start_with(segment, end, 'r')) return 1;
     Slot slot(q_chnnl2q(0));
     std::vector<char> seen(static_cast<size_t>(n) + 1);
-    int64_t last = 0, heard = milliseconds_now();
+    int last = 0;
     for (;;) {
-        const int length = frx_read(&end, slot.data(), 500);
-        if (length == ESMS_TIMEOUT) {
-            if (ledger.got >= wanted || milliseconds_now() - heard > kQuiet * 1000) break;
-            continue;
-        }
+        const int length = frx_read(&end, slot.data(), ledger.got < wanted ? kQuiet * 1000 : 500);
+        if (length == ESMS_TIMEOUT) break;
         if (length < 0) return 2;
-        heard = milliseconds_now();
         ++ledger.got;
         const std::string body = slot.body();
         const int i = std::atoi(body.c_str());
@@ -200,18 +188,10 @@ Ledger NumberReader::result() {
     return ledger_;
 }
 
-void expect_perfect(const Ledger &ledger, int n) {
-    EXPECT_EQ(ledger.lost, 0);
-    EXPECT_EQ(ledger.doubled, 0);
-    EXPECT_EQ(ledger.reordered, 0);
-    EXPECT_EQ(ledger.torn, 0);
-    EXPECT_EQ(ledger.got, n);
-}
-
 std::string run_python(const Broker &broker, const std::string &program,
                        const std::vector<std::string> &words) {
     std::vector<std::string> all{"/usr/bin/python3", "-c",
-                                 "import pika, sys, urllib.request\nwords = sys.argv[2:]\n"
+                                 "import pika, sys\nwords = sys.argv[2:]\n"
                                  "channel = pika.BlockingConnection(pika.ConnectionParameters("
                                  "'127.0.0.1', int(sys.argv[1]))).channel()\n"
                                  "channel.confirm_delivery()\n" +
@@ -219,6 +199,80 @@ std::string run_python(const Broker &broker, const std::string &program,
                                  std::to_string(broker.port())};
     all.insert(all.end(), words.begin(), words.end());
     const Outcome done = run_program(all);
+    EXPECT_EQ(done.status, 0) << done.err;
+    return done.out;
+}
+
+// ---- The broker that the tests of a program share, and a pair of relays over it
+
+namespace {
+
+// An authority, a server's certificate for "localhost", a client's, and another authority.
+const char *const kMakeCertificates = R"(cd "$0" && exec >/dev/null 2>&1
+certify() {
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 \
+        -subj "/CN=$2" -addext "subjectAltName=DNS:$2" -keyout "$1.key" -out "$1.pem" $3
+}
+signed="-CA ca.pem -CAkey ca.key"
+certify ca ca && certify other other && certify server localhost "$signed" &&
+    certify client client "$signed")";
+
+struct SharedBroker {
+    TestDirectory certificates;
+    int secure_port = free_port();
+    std::unique_ptr<Broker> broker;
+    SharedBroker() {
+        if (run_program({"/bin/sh", "-c", kMakeCertificates, certificates.path()}).status != 0)
+            throw std::runtime_error("no certificates: openssl");
+        broker = std::make_unique<Broker>(
+            "'max_message_size = " + std::to_string(kMostBytes) +
+            "' 'listeners.ssl.1 = 127.0.0.1:" + std::to_string(secure_port) +
+            "' 'ssl_options.cacertfile = " + certificates.path("ca.pem") +
+            "' 'ssl_options.certfile = " + certificates.path("server.pem") +
+            "' 'ssl_options.keyfile = " + certificates.path("server.key") +
+            "' 'ssl_options.verify = verify_peer' 'ssl_options.fail_if_no_peer_cert = true'");
+    }
+};
+
+SharedBroker &shared() {
+    static SharedBroker only;
+    return only;
+}
+
+} // namespace
+
+Broker &shared_broker() { return *shared().broker; }
+int tls_port() { return shared().secure_port; }
+std::string certificate(const std::string &name) { return shared().certificates.path(name); }
+
+void RelayPair::SetUp() {
+    if (!Broker::is_installed()) GTEST_SKIP() << "no broker here: dev/setup.sh relay installs it";
+    queue_ = testing::UnitTest::GetInstance()->current_test_info()->name();
+    out_ = "from = \"channel:MT01\"\nto = \"amqp:" + queue_ + "\"\n";
+    in_ = "from = \"amqp:" + queue_ + "\"\nto = \"channel:MT01\"\n";
+    make(512, 256);
+}
+
+void RelayPair::make(uint32_t slots_there, uint32_t size_there) {
+    const std::string url = url_of(shared_broker());
+    here_ = std::make_unique<Machine>(url, HALVO_BIN, 512, 32768);
+    there_ = std::make_unique<Machine>(url, HALVO_BIN, slots_there, size_there);
+}
+
+void RelayPair::route(const std::string &out, const std::string &in) {
+    here_->route(out_ + out);
+    there_->route(in_ + in);
+}
+
+void RelayPair::start() {
+    there_->declare();
+    here_->start();
+    there_->start();
+}
+
+std::string RelayPair::fq(std::vector<std::string> words, const std::string &input) const {
+    words.insert(words.begin(), HALVO_BIN "/halvo-fq");
+    const Outcome done = run_program(words, input);
     EXPECT_EQ(done.status, 0) << done.err;
     return done.out;
 }

@@ -1,7 +1,7 @@
 // A broker of the test's own, and two machines: each a segment with a relay and a directory.
 //
 //     Broker broker;
-//     Machine here(url_of(broker), HALVO_BIN), there(url_of(broker), HALVO_OTHER_BIN);
+//     Machine here(url_of(broker), HALVO_BIN), there(url_of(broker), HALVO_BIN);
 //     here.route("from = \"channel:MT01\"\nto = \"amqp:mt01\"");
 //     here.declare(); here.start();
 //
@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,9 +22,8 @@ namespace halvo::test {
 
 class Broker {
 public:
-    // lines: of the broker's configuration.
-    explicit Broker(const std::vector<std::string> &lines = {},
-                    const std::map<std::string, std::string> &environment = {});
+    // For the shell: lines of the broker's configuration, and variables for its script.
+    explicit Broker(std::string lines = "", std::string environment = "");
     ~Broker();
     Broker(const Broker &) = delete;
     Broker &operator=(const Broker &) = delete;
@@ -38,7 +36,7 @@ public:
 
 private:
     std::string command(const std::string &what, const std::string &more = {}) const;
-    std::string directory_, environment_, lines_;
+    std::string directory_, lines_, environment_;
     std::FILE *guard_; // removes the broker when this process has ended, however
     int port_ = 0;
 };
@@ -50,12 +48,13 @@ public:
     // binaries: the folder of halvo-relay, of either word size.
     Machine(const std::string &urls, const std::string &binaries, uint32_t slots = 512,
             uint32_t slot_size = 256);
-    ~Machine() { relay_.reset(); }
+    ~Machine(); // after a failure the log is printed
 
     void route(const std::string &lines, const std::string &name = "r");
     void broker(const std::string &lines) { broker_ += lines + "\n"; }
     void relay(const std::string &lines) { relay_lines_ += lines + "\n"; }
-    void credentials(const std::string &user, const std::string &password, int mode = 0600) const;
+    void credentials(const std::string &user, const std::string &password,
+                     mode_t mode = 0600) const;
     void save() const; // the configuration; start() and tool() do it too
     void forget_routes() { routes_.clear(); }
 
@@ -103,7 +102,11 @@ private:
 inline Ledger read_numbers(const Segment &segment, int n, int wanted) {
     return NumberReader(segment, n, wanted).result();
 }
-void expect_perfect(const Ledger &ledger, int n);
+inline void expect_perfect(const Ledger &l, int n) {
+    EXPECT_TRUE(l.got == n && l.lost + l.doubled + l.reordered + l.torn == 0)
+        << l.got << " of " << n << ", " << l.lost << " lost, " << l.doubled << " doubled, "
+        << l.reordered << " reordered, " << l.torn << " torn";
+}
 inline void expect_all(const Segment &segment, int n) {
     expect_perfect(read_numbers(segment, n, n), n);
 }
@@ -124,7 +127,6 @@ std::string certificate(const std::string &name); // path: ca.pem, client.pem, c
 class RelayPair : public testing::Test {
 protected:
     void SetUp() override;
-    void TearDown() override;
     void make(uint32_t slots_there, uint32_t size_there);
     // The usual routes, with more lines for each.
     void route(const std::string &out = "", const std::string &in = "");
@@ -133,11 +135,11 @@ protected:
         EXPECT_EQ(write_numbers(here_->segment(), from, to, length)->wait(), 0);
     }
     std::string fq(std::vector<std::string> words, const std::string &input = "") const;
-    // What lies in a machine's file queue of dead letters.
-    std::string letters(const Machine &machine) const {
-        return fq({"get", machine.path("r.dead")});
+    // A text in what lies in a machine's file queue of dead letters.
+    void expect_letter(const Machine &machine, const std::string &text) const {
+        expect_end(run_program({HALVO_BIN "/halvo-fq", "get", machine.path("r.dead")}), 0, text);
     }
-    std::string queue_;
+    std::string queue_, out_, in_; // and the usual routes
     std::unique_ptr<Machine> here_, there_;
 };
 

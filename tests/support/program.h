@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,15 @@ inline Outcome run_program(const std::vector<std::string> &argv, const std::stri
     Peer program([&] { return become(argv, in.fd(), out.fd(), err.fd()); });
     const int status = program.wait();
     return {status, out.content(), err.content()};
+}
+
+// Starts a program that appends what it prints to a file.
+inline std::unique_ptr<Peer> start_program(const std::vector<std::string> &argv,
+                                           const std::string &log) {
+    return std::make_unique<Peer>([&] {
+        const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        return become(argv, STDIN_FILENO, out, out);
+    });
 }
 
 // Expects an exit status, and a text in what was printed to either stream.

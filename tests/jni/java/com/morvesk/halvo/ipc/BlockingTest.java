@@ -71,28 +71,26 @@ public class BlockingTest {
         assertEquals(ESMS_TIMEOUT, reader.result());
     }
 
-    @Test public void transfersAndCommitsWakeTheOtherSide() throws Exception {
-        InThread reader = waiting(channel, RWAIT, () -> readWithin(LONG));
-        put(channel, "hello");
-        assertEquals(5, reader.result());
-        fill(channel);
-        InThread writer = waiting(channel, WWAIT, () -> writeWithin(LONG));
-        takes(channel, "x");
-        assertEquals(0, writer.result());
-        InThread counter = waiting(channel, WWAIT, () -> writeWait4N(channel, 2, LONG));
-        all(2, readMark(channel, 2, 0), readCommit(channel, 2, false));
-        assertEquals(2, counter.result());
-        takes(channel, "x", "x");
+    private void wakes(int announcement, Object result, Callable<?> wait, Callable<?> call)
+            throws Exception {
+        InThread waiting = waiting(channel, announcement, wait);
+        call.call();
+        assertEquals(result, waiting.result());
+    }
 
+    @Test public void transfersAndCommitsWakeTheOtherSide() throws Exception {
+        wakes(RWAIT, 5, () -> readWithin(LONG), () -> write(channel, "hello"));
+        fill(channel);
+        wakes(WWAIT, 0, () -> writeWithin(LONG), () -> read(channel));
+        wakes(WWAIT, 2, () -> writeWait4N(channel, 2, LONG),
+                () -> readMark(channel, 2, 0) + readCommit(channel, 2, false));
+        takes(channel, "x", "x");
         mark(-1);
-        InThread marker = waiting(channel, RWAIT, () -> readMark(channel, 0, LONG));
-        assertEquals(0, writeCommit(channel));
-        assertEquals(1, marker.result());
+        wakes(RWAIT, 1, () -> readMark(channel, 0, LONG), () -> writeCommit(channel));
         readCommit(channel, 0, false);
         writeMarkAt(channel, 1, X, 0, 1, 0);
-        reader = waiting(channel, RWAIT, () -> readBuf(channel, buf, 0, 8, LONG, false, 0));
-        assertEquals(0, writeCommitAll(channel));
-        assertEquals(1, reader.result());
+        wakes(RWAIT, 1, () -> readBuf(channel, buf, 0, 8, LONG, false, 0),
+                () -> writeCommitAll(channel));
     }
 
     /** Its room was made before the wait, of the size that the slots had then. */
@@ -114,7 +112,7 @@ public class BlockingTest {
 
     /** The posts since the last look. */
     private int posts(int announcement) {
-        return TestNatives.takePosts(KEY + (announcement == RWAIT ? ".post" : ".req"), channel);
+        return takePosts(KEY + (announcement == RWAIT ? ".post" : ".req"), channel);
     }
 
     /** Calls that each post once for the other side, which seems to wait. */
@@ -201,10 +199,10 @@ public class BlockingTest {
         CountDownLatch full = new CountDownLatch(1);
         CountDownLatch done = new CountDownLatch(1);
         InThread others = InThread.call(() -> {
-            TestNatives.fillRegistry();
+            fillRegistry();
             full.countDown();
             done.await();
-            TestNatives.emptyRegistry();
+            emptyRegistry();
         });
         full.await();
         assertEquals(ESMS_MTXLOCK, readBuf(channel, buf, 0, 8, LONG, false, 0));

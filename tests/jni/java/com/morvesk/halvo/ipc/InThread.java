@@ -10,7 +10,7 @@ import java.util.concurrent.TimeoutException;
 
 /** A call in a thread of its own, which begins at once. */
 final class InThread extends FutureTask<Object> {
-    private final Thread thread;
+    private Thread thread;
     volatile long pthread; // 0 until the thread runs
 
     /** A call without a value. */
@@ -18,19 +18,34 @@ final class InThread extends FutureTask<Object> {
         void run() throws Exception;
     }
 
+    private InThread(Callable<?> call) {
+        super(call::call);
+    }
+
+    private static Callable<?> valued(Work work) {
+        return () -> {
+            work.run();
+            return null;
+        };
+    }
+
     static InThread call(Callable<?> call) {
-        return new InThread(call, false);
+        InThread made = new InThread(call);
+        made.thread = new Thread(made);
+        made.thread.setDaemon(true);
+        made.thread.start();
+        return made;
     }
 
     static InThread call(Work work) {
-        return call(work, false);
+        return call(valued(work));
     }
 
-    static InThread call(Work work, boolean virtual) {
-        return new InThread(() -> {
-            work.run();
-            return "done";
-        }, virtual);
+    static InThread virtual(Work work) throws ReflectiveOperationException {
+        InThread made = new InThread(valued(work));
+        made.thread = (Thread) Thread.class.getMethod("startVirtualThread", Runnable.class)
+                .invoke(null, made);
+        return made;
     }
 
     /** Starts a call and waits until the header of its channel announces that it waits. */
@@ -40,27 +55,13 @@ final class InThread extends FutureTask<Object> {
         return waiting;
     }
 
-    private InThread(Callable<?> call, boolean virtual) {
-        super(call::call);
-        try {
-            thread = virtual ? (Thread) Thread.class.getMethod("startVirtualThread", Runnable.class)
-                    .invoke(null, this) : new Thread(this);
-        } catch (ReflectiveOperationException e) {
-            throw new AssertionError(e);
-        }
-        if (!virtual) {
-            thread.setDaemon(true);
-            thread.start();
-        }
-    }
-
     @Override
     public void run() {
-        pthread = TestNatives.thisThread();
+        pthread = TestSegment.thisThread();
         super.run();
     }
 
-    /** What it returned; "done" from a call without a value. */
+    /** What it returned; null from a call without a value. */
     Object result() throws Exception {
         return get(30, TimeUnit.SECONDS);
     }
@@ -79,6 +80,6 @@ final class InThread extends FutureTask<Object> {
 
     /** Sends it a signal that is not the library's. */
     void signal() {
-        TestNatives.interrupt(pthread);
+        TestSegment.interrupt(pthread);
     }
 }

@@ -3,7 +3,6 @@ package com.morvesk.halvo.ipc;
 import static org.junit.Assert.*;
 
 import java.io.RandomAccessFile;
-import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.MappedByteBuffer;
 import java.nio.channels.FileChannel;
@@ -16,7 +15,6 @@ import java.time.Duration;
 public final class KilledPeer {
     private static final Duration LONG = Duration.ofSeconds(60);
     private static final int AT_ONCE = 50;
-    private static final int LENGTH = 40;
 
     private KilledPeer() {}
 
@@ -35,11 +33,7 @@ public final class KilledPeer {
     }
 
     private static byte[] message(int number) {
-        byte[] body = new byte[LENGTH];
-        for (int i = 0; i < LENGTH; i += 4) {
-            ByteBuffer.wrap(body).putInt(i, number + i);
-        }
-        return body;
+        return String.format("%040d", number).getBytes();
     }
 
     private static void write(String channel, int count, MappedByteBuffer ledger) throws Exception {
@@ -72,7 +66,7 @@ public final class KilledPeer {
     }
 
     private static void take(byte[] body, MappedByteBuffer ledger) {
-        int number = ByteBuffer.wrap(body).getInt(0);
+        int number = Integer.parseInt(new String(body));
         int expected = ledger.getInt(0);
         assertTrue(number + " instead of " + expected, number <= expected);
         assertArrayEquals(message(number), body);

@@ -136,8 +136,13 @@ public class NativesTest {
         raises(ArrayIndexOutOfBoundsException.class,
                 () -> IPCFunctions.write(channel, 1, bytes("data"), 2, 3, -1),
                 () -> IPCFunctions.write(channel, 1, bytes("data"), -1, 2, -1),
+                () -> IPCFunctions.write(channel, 1, X, 0, 100_000_000, -1), // too long as well
                 () -> writeMarkAt(channel, 1, new byte[2], 1, 2, 0));
+        all(ESMS_INVAL, IPCFunctions.write(channel, 1, X, 0, -1, -1),
+                IPCFunctions.write(channel, 1, X, 0, 0, -1));
+        assertEquals(ESMS_EXEED, IPCFunctions.write(channel, 1, new byte[64], 0, LONGEST + 1, -1));
         takes(channel, "\0\0\0", "\0\0");
+        assertEquals(2, pcount(channel));
         assertEquals(1, writeRollbackAll(channel));
     }
 

@@ -22,12 +22,25 @@ final class TestSegment {
     // What stands for the segment's header in place of a channel, and an offset there.
     static final int SEGMENT = -1, NOW = 8;
 
-    static final int CHANNELS = 112, SLOTS = 4, SLOT_SIZE = 64, LONGEST = SLOT_SIZE - 16;
+    static final int CHANNELS = 110, SLOTS = 4, SLOT_SIZE = 64, LONGEST = SLOT_SIZE - 16;
     static final String KEY = System.getProperty("halvo.test.key");
 
     private static final Map<Character, Integer> USED = new HashMap<>();
 
+    static {
+        IPCFunctions.initialized(); // the library comes first
+        System.load(System.getProperty("halvo.test.natives"));
+    }
+
     private TestSegment() {}
+
+    static native long thisThread();
+    static native int interrupt(long thread);
+    static native String vmString(byte[] bytes);
+    static native int takePosts(String keyFile, int channel);
+    static native void fillRegistry();
+    static native void emptyRegistry();
+    private static native ByteBuffer memoryOf(int channel);
 
     static void attach() {
         if (IPCFunctions.initialized() == 0) {
@@ -108,26 +121,25 @@ final class TestSegment {
         return ByteBuffer.wrap(bytes).order(ByteOrder.LITTLE_ENDIAN);
     }
 
-    static byte[] bytesAt(int channel, int offset, int length) {
-        byte[] bytes = new byte[length];
-        TestNatives.peek(channel, offset, bytes);
-        return bytes;
+    /** The header of a channel and what follows it, as its processes have it. */
+    static ByteBuffer memory(int channel) {
+        return memoryOf(channel).order(ByteOrder.LITTLE_ENDIAN);
     }
 
     static int intAt(int channel, int offset) {
-        return wrap(bytesAt(channel, offset, 4)).getInt();
+        return memory(channel).getInt(offset);
     }
 
     static void putIntAt(int channel, int offset, int value) {
-        TestNatives.poke(channel, offset, wrap(new byte[4]).putInt(value).array());
+        memory(channel).putInt(offset, value);
     }
 
     static long longAt(int channel, int offset) {
-        return wrap(bytesAt(channel, offset, 8)).getLong();
+        return memory(channel).getLong(offset);
     }
 
     static void putLongAt(int channel, int offset, long value) {
-        TestNatives.poke(channel, offset, wrap(new byte[8]).putLong(value).array());
+        memory(channel).putLong(offset, value);
     }
 
     /** Waits until a word of a channel's header has a value. */

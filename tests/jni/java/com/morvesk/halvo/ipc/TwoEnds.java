@@ -44,14 +44,4 @@ public abstract class TwoEnds {
             assertArrayEquals(bytes(body), in.read(LONG).body());
         }
     }
-
-    void fill() throws Exception {
-        while (out.tryWrite(1, X)) {
-            continue;
-        }
-    }
-
-    static byte[] bodyOf(Object message) {
-        return ((Channel.Message) message).body();
-    }
 }

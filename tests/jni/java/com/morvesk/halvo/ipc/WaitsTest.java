@@ -3,7 +3,6 @@ package com.morvesk.halvo.ipc;
 import static com.morvesk.halvo.ipc.TestSegment.*;
 import static org.junit.Assert.*;
 
-import java.util.Arrays;
 import java.util.Random;
 import java.util.concurrent.Callable;
 import java.util.concurrent.TimeUnit;
@@ -17,7 +16,7 @@ public class WaitsTest extends TwoEnds {
     }
 
     private InThread writing() throws Exception {
-        fill();
+        fill(number);
         InThread call = InThread.call(() -> out.write(1, X, LONG));
         await(number, WWAIT, 1);
         return call;
@@ -49,33 +48,14 @@ public class WaitsTest extends TwoEnds {
         endsAtOnce(() -> in.read(LONG)); // that waits for its turn
         holder.interrupt();
         holder.failure();
-        fill();
+        fill(number);
         Batch batch = out.batch();
         batch.write(1, X);
         endsAtOnce(() -> out.write(1, X, LONG), () -> batch.commit(LONG));
         assertEquals("nothing was written", SLOTS, IPCFunctions.getCount(number));
     }
 
-    private static void waitsOnBesideSignals(InThread call) throws Exception {
-        for (int i = 0; i < 20; i++) {
-            call.signal();
-            Thread.sleep(2);
-        }
-        assertFalse(call.isDone());
-    }
-
-    @Test public void aSignalEndsNoWait() throws Exception {
-        InThread reader = reading();
-        waitsOnBesideSignals(reader);
-        send("x");
-        assertEquals(1, reader.result());
-        InThread writer = writing();
-        waitsOnBesideSignals(writer);
-        in.read(SHORT);
-        writer.result();
-    }
-
-    @Test public void timeIsKeptBesideSignals() throws Exception {
+    @Test public void aSignalEndsNoWaitAndMovesNoDeadline() throws Exception {
         long start = System.nanoTime();
         InThread reader = InThread.waiting(number, RWAIT, () -> in.poll(SHORT.multipliedBy(2)));
         while (!reader.isDone()) {
@@ -85,6 +65,14 @@ public class WaitsTest extends TwoEnds {
         }
         assertNull(reader.result());
         assertTrue(System.nanoTime() - start >= 190_000_000L);
+        InThread writer = writing();
+        for (int i = 0; i < 20; i++) {
+            writer.signal();
+            Thread.sleep(2);
+        }
+        assertFalse(writer.isDone());
+        in.read(SHORT);
+        writer.result();
     }
 
     @Test public void aCloseEndsTheWaitsOfOthers() throws Exception {
@@ -125,9 +113,6 @@ public class WaitsTest extends TwoEnds {
         InThread reader = InThread.call(() -> {
             for (int i = 0; i < count; i++) {
                 assertEquals(i, wrap(untilDone(() -> in.read(LONG)).body()).getInt());
-                if (i % 64 == 0) {
-                    Thread.yield();
-                }
             }
         });
         Random random = new Random();
@@ -143,48 +128,16 @@ public class WaitsTest extends TwoEnds {
     @Test public void virtualThreadsDoNotHoldTheirCarrier() throws Exception {
         Assume.assumeTrue("no virtual threads in this VM",
                 Double.parseDouble(System.getProperty("java.class.version")) >= 65); // of Java 21
-        InThread reader = InThread.call(() -> receive("x"), true);
-        InThread writer = InThread.call(() -> {
+        InThread reader = InThread.virtual(() -> receive("x"));
+        InThread writer = InThread.virtual(() -> {
             await(number, RWAIT, 1);
             send("x");
-        }, true);
+        });
         reader.result();
         writer.result();
-        InThread waiting = InThread.call(() -> receive("x"), true);
+        InThread waiting = InThread.virtual(() -> receive("x"));
         await(number, RWAIT, 1);
         waiting.interrupt();
         assertEquals(InterruptedException.class, waiting.failure().getClass());
-    }
-
-    // ---- To a process in C and back: whoever started this VM has forked it
-
-    private static byte[] message(int i) {
-        byte[] body = new byte[5 + i % (LONGEST - 4)];
-        wrap(body).putInt(i);
-        for (int at = 4; at < body.length; at++) {
-            body[at] = (byte) (i * 31 + at);
-        }
-        return body;
-    }
-
-    /** Through rings that are mostly full or mostly empty, so that both sides block. */
-    @Test public void tensOfThousandsGoThroughAProcessInC() throws Exception {
-        int count = 20000;
-        int there = TestSegment.open(named("toC"), true);
-        int back = TestSegment.open(named("fromC"), false);
-        InThread writer = InThread.call(() -> {
-            for (int i = 0; i < count; i++) {
-                byte[] body = message(i);
-                assertEquals(0, IPCFunctions.write(there, 1, body, 0, body.length, 30000));
-            }
-        });
-        byte[] body = new byte[SLOT_SIZE];
-        for (int i = 0; i < count; i++) {
-            int length = IPCFunctions.read(back, body, 0, body.length, 30000, false);
-            assertArrayEquals("message " + i, message(i), Arrays.copyOf(body, length));
-        }
-        writer.result();
-        assertEquals(count, IPCFunctions.gcount(there));
-        assertEquals(count, IPCFunctions.pcount(back));
     }
 }
