@@ -62,6 +62,24 @@ TEST_F(CreateTest, a_new_segment_has_every_field_that_processes_rely_on) {
     expect_sound(); // nothing overlaps
 }
 
+TEST_F(CreateTest, locks_stand_at_one_and_wake_ups_at_zero_under_the_agreed_keys) {
+    create(kTwoChannels, key_, false, {0640});
+    for (const int set : sets()) {
+        const bool locks = size_of_set(set) == 2;
+        EXPECT_EQ(size_of_set(set), locks ? 2U : 1U);
+        EXPECT_EQ(value_of(set), locks);
+        EXPECT_EQ(value_of(set, 1), locks ? 1 : -1);
+        semid_ds semaphores{};
+        ASSERT_EQ(semctl(set, 0, IPC_STAT, &semaphores), 0);
+        EXPECT_EQ(semaphores.sem_perm.mode & 0777U, 0640U);
+    }
+    shmid_ds segment{};
+    ASSERT_EQ(shmctl(segment_under(key_), IPC_STAT, &segment), 0);
+    EXPECT_EQ(segment.shm_perm.mode & 0777U, 0640U);
+    for (const char *suffix : {".post", ".req"})
+        EXPECT_LT(set_under(key_ + suffix, 2), 0) << "a channel of type F has none";
+}
+
 TEST_F(CreateTest, channels_256_apart_share_their_semaphores) {
     SegmentPlan plan;
     for (int i = 0; i < HALVO_CHANNELS_MAX; ++i)
