@@ -132,10 +132,9 @@ protected:
     ~End() { close(); }
 
 private:
-    /* The library remembers the address of a handle that has opened an end, and compares it with that
-     * of others: it is never given to another one. */
     void close() noexcept {
-        if (handle_) frx_closeChannel(handle_.release());
+        if (handle_) frx_closeChannel(handle_.get());
+        handle_.reset();
     }
     std::unique_ptr<FrxChannel> handle_;
 };
