@@ -59,7 +59,7 @@ private:
     void let_in() noexcept;
 
     const bool cancellable_;
-    int cancel_state_ = 0; // the thread's own, while it is put off
+    int cancel_state_ = 0;        // the thread's own, while it is put off
     bool blocks_monitor_ = false; // the thread does, outside
     sigset_t before_;             // its mask, but for that
     SleepFrame frame_;
