@@ -71,10 +71,6 @@ OpenEnd::~OpenEnd() { frx_closeChannel(&handle_); }
 
 halvo_channel *OpenEnd::header() const { return q_chnnl2q(handle_.channel); }
 
-uint32_t OpenEnd::slot_size() const {
-    return static_cast<uint32_t>(frx_sizeOfBlock(handle_.channel));
-}
-
 uint32_t OpenEnd::longest_message() const {
     return static_cast<uint32_t>(frx_sizeOfData(handle_.channel));
 }

@@ -43,7 +43,6 @@ public:
 
     FrxChannel *handle() { return &handle_; }
     halvo_channel *header() const;
-    uint32_t slot_size() const;       // bytes
     uint32_t longest_message() const; // bytes
 
 private:
