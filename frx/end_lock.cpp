@@ -10,8 +10,8 @@
 namespace halvo {
 
 int EndLock::take(pthread_mutex_t &mutex) noexcept {
-    constexpr useconds_t kPause =
-        20; // microseconds; whoever is inside is out again sooner, if it runs
+    // Whoever is inside is out again sooner, if it runs.
+    constexpr useconds_t kPause = 20; // microseconds
     if (const int error = pthread_mutex_lock(&mutex); error != 0) return error;
     if (!owner_.load(std::memory_order_relaxed)) return 0;
     owner_.store(nullptr, std::memory_order_relaxed);

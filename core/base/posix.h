@@ -123,6 +123,8 @@ public:
     SignalsOff &operator=(const SignalsOff &) = delete;
     ~SignalsOff() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
 
+    const sigset_t &before() const noexcept { return before_; } // the mask without it
+
 private:
     sigset_t before_;
 };

@@ -131,8 +131,9 @@ int halvo::read_marked_message(halvo_channel *q, void *image, uint32_t size, int
 }
 
 int q_peek_marked(halvo_channel *q, int index, const qmsg **slot) noexcept {
-    if (!slot) index = -1; // as bad
-    return with_marked(q, kAnySize, index, [=](uint32_t, const qmsg *marked) { *slot = marked; });
+    constexpr int kBad = -1;
+    return with_marked(q, kAnySize, slot ? index : kBad,
+                       [=](uint32_t, const qmsg *marked) { *slot = marked; });
 }
 
 int q_read_commit(halvo_channel *q, int n, int error) noexcept {

@@ -28,7 +28,8 @@ inline void step_back(int fd, char *record, LastRecord &last) noexcept {
         begin = std::max<int64_t>(end - kBlock, 0);
         const auto size = static_cast<ssize_t>(end - begin);
         if (pread(fd, block, static_cast<size_t>(size), begin) != size) return;
-        for (const char *at = block + size - kRecordSize; at >= block; at -= kRecordSize) {
+        for (ssize_t left = size; left > 0; left -= kRecordSize) {
+            const char *at = block + left - kRecordSize;
             last.blank = last.blank && is_blank(at);
             if (!position_in(at).valid()) continue;
             std::memcpy(record, at, kRecordSize);

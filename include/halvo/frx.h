@@ -143,7 +143,7 @@ HALVO_API int frx_writeBufRollback(FrxChannel *handle, int index) HALVO_NOEXCEPT
  * frx_release(). Returns the length of its body in bytes; ESMS_FAILED for an error of the ring. */
 HALVO_API int frx_peek(FrxChannel *handle, const qmsg **slot, int timeout);
 /* The same for marked message `index` (0 is the oldest): valid until frx_readCommit() or
- * frx_readRollback(). Returns the length of its body; ESMS_INVAL for a bad index. Does not wait. */
+ * frx_readRollback(). Returns its body's length in bytes; ESMS_INVAL for a bad index. No wait. */
 HALVO_API int frx_peekMarked(FrxChannel *handle, int index, const qmsg **slot) HALVO_NOEXCEPT;
 /* Releases the peeked message as consumed, with `error` added to the error count (0: none), and wakes
  * a waiting writer. ESMS_OK; ESMS_NOTARGET when there is no message at the read position. */

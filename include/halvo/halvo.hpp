@@ -179,18 +179,21 @@ public:
     Result<void> release(int errors = 0) noexcept {
         return detail::done(frx_release(handle(), errors));
     }
-    /* A batch that is lost to nobody: marks up to n messages (0: all that are there), waiting for the
-     * first; 0 when the time ran out. Each is looked at by marked() where it lies. commit() consumes
-     * the first n of them (0: all), rollback() hands all back; both answer how many. */
+    /* A batch that the death of this process loses nothing of. As frx_readMark(): marks up to n messages
+     * (0: all that are there), waiting for the first. How many; 0 when the time ran out. */
     Result<int> mark(int n, Limit limit) noexcept {
         return detail::number(frx_readMark(handle(), n, limit.milliseconds()));
     }
+    /* As frx_peekMarked(): marked message `index` (0 is the oldest) where it lies, until commit() or
+     * rollback(). */
     Result<Message> marked(int index) noexcept {
         const qmsg *slot = nullptr;
         const int length = frx_peekMarked(handle(), index, &slot);
         return message_in(slot, length);
     }
+    /* As frx_readCommit(): consumes the first n of them (0: all). How many. */
     Result<int> commit(int n = 0) noexcept { return detail::number(frx_readCommit(handle(), n)); }
+    /* As frx_readRollback(): hands them back, to be read again. How many. */
     Result<int> rollback() noexcept { return detail::number(frx_readRollback(handle())); }
     /* As frx_readMany(): the number of records that were filled. */
     Result<int> read(std::span<FrxMessage> messages, Limit limit) noexcept {

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <mutex>
 
+#include "core/base/posix.h"
 #include "tools/frame/clock.h"
 #include "tools/frame/program.h"
 #include "tools/mon/look/tracker.h"
@@ -160,25 +161,16 @@ Response answer(Figures &figures, const Request &request) {
 // Signals come while this thread waits and at no other time or place.
 class Signals {
 public:
-    Signals() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, &before_);
-    }
-    ~Signals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    Signals(const Signals &) = delete;
-    Signals &operator=(const Signals &) = delete;
-
     void wait(double seconds) const {
         if (seconds <= 0) seconds = 0;
         timespec time{};
         time.tv_sec = static_cast<time_t>(seconds);
         time.tv_nsec = static_cast<long>((seconds - static_cast<double>(time.tv_sec)) * 1e9);
-        ppoll(nullptr, 0, &time, &before_);
+        ppoll(nullptr, 0, &time, &off_.before());
     }
 
 private:
-    sigset_t before_;
+    const SignalsOff off_;
 };
 
 } // namespace
