@@ -70,11 +70,14 @@ std::optional<uint32_t> position_by_states(const halvo_channel *q, const Ring &r
     return &side == &kWriter ? end : start;
 }
 
+// A peer may come, work and be gone during one look.
 std::optional<uint32_t> settled_position(const halvo_channel *q, const Ring &ring, const Side &side,
                                          const Side &peer) {
     const auto look = [&] { return position_by_states(q, ring, side, peer); };
+    const int32_t last = load(q->*peer.pid);
+    const bool alone = !is_alive(last);
     std::optional<uint32_t> position = look();
-    if (!is_alive(load(q->*peer.pid))) return position;
+    if (alone && load(q->*peer.pid) == last) return position;
     const CancellationOff whole;
     int still = 1;
     for (int i = 0; i < kMostLooks && still < kStillLooks; ++i) {

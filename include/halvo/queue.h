@@ -117,8 +117,8 @@ enum halvo_recovered {
  * mode     'r' or 'w', as opened.
  * returns  0 when all was right, else the bits above; ESMS_NOINIT; ESMS_INVAL for an unknown
  *          channel; ESMS_FAILED for another mode; ESMS_ACCESS when this process does not hold the
- *          end. While the other end's process lives it looks for about 50 ms, half a second at
- *          most: the other side may be at work meanwhile. */
+ *          end. While the other end's process lives, or when one came meanwhile, it looks for
+ *          about 50 ms, half a second at most: the other side may be at work. */
 HALVO_API int q_recover(int channel, char mode) HALVO_NOEXCEPT;
 
 /* ---- Semaphores: the plain system calls -------------------------------------------------- */

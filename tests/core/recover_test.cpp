@@ -1,4 +1,7 @@
 // An end whose holder died between two stores is put right by the next holder.
+#include <atomic>
+#include <thread>
+
 #include "tests/support/frx_fixture.h"
 
 using namespace halvo::test;
@@ -77,4 +80,24 @@ TEST_F(Recover, waits_for_a_living_peer_to_finish) {
     EXPECT_EQ(q->wpos, q->rpos);
     EXPECT_EQ(write(q, "next"), ESMS_OK);
     EXPECT_EQ(read(q), "next");
+}
+
+using WideRecover = RingTest<4096, 'r'>; // looking at all slots takes a while
+
+TEST_F(WideRecover, sees_that_a_writer_has_come_and_gone_meanwhile) {
+    q->pidp = 0;
+    for (int round = 0; round < 40; ++round) {
+        std::atomic<bool> ready{false};
+        std::thread recovery([&] {
+            ready = true;
+            q_recover(0, 'r');
+        });
+        while (!ready) __builtin_ia32_pause();
+        for (int i = 0; i < round * 20; ++i) __builtin_ia32_pause();
+        halvo::store(q->pidp, static_cast<int32_t>(getpid()));
+        for (const char *text : {"a", "b", "c"}) write(q, text);
+        halvo::store(q->pidp, INT32_MAX - round); // no process has so large an id
+        recovery.join();
+        for (const char *text : {"a", "b", "c"}) ASSERT_EQ(read(q), text) << "round " << round;
+    }
 }
