@@ -105,7 +105,7 @@ int init_shm(const char *keyfile) noexcept {
         find_semaphores(keyfile);
         attached = segment_ever;
         expect_channels();
-        join_far_barriers();
+        join_barriers();
         start_signal_service();
         result = ESMS_OK;
     }

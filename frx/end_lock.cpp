@@ -28,7 +28,8 @@ int EndLock::give_back(pthread_mutex_t &mutex) noexcept {
     const void *me = __builtin_thread_pointer();
     times_ = last_ == me ? times_ + 1 : 1;
     last_ = me;
-    if (times_ >= needed_ && join_process_barriers()) owner_.store(me, std::memory_order_relaxed);
+    if (times_ >= needed_ && reached_by_process_barriers.load(std::memory_order_relaxed))
+        owner_.store(me, std::memory_order_relaxed);
 #endif
     return pthread_mutex_unlock(&mutex);
 }

@@ -8,12 +8,14 @@
 
 namespace halvo {
 
-std::atomic<bool> reached_by_far_barriers{false};
+std::atomic<bool> reached_by_far_barriers{false}, reached_by_process_barriers{false};
 
-void join_far_barriers() noexcept {
+void join_barriers() noexcept {
 #ifndef __SANITIZE_THREAD__
     reached_by_far_barriers =
         syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_GLOBAL_EXPEDITED, 0) == 0;
+    reached_by_process_barriers =
+        syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0) == 0;
 #endif
 }
 
@@ -22,12 +24,6 @@ void far_barrier() noexcept {
     full_fence();
     if (reached_by_far_barriers.load(std::memory_order_relaxed))
         syscall(SYS_membarrier, MEMBARRIER_CMD_GLOBAL_EXPEDITED, 0);
-}
-
-bool join_process_barriers() noexcept {
-    static const bool joined =
-        syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0) == 0;
-    return joined;
 }
 
 void process_barrier() noexcept {

@@ -13,9 +13,13 @@
 namespace halvo {
 
 extern std::atomic<bool> reached_by_far_barriers __attribute__((visibility("hidden")));
+// Whether process_barrier() is one of the kernel's, and fast.
+extern std::atomic<bool> reached_by_process_barriers __attribute__((visibility("hidden")));
 
-// Has this process's threads reached by the far barriers of others, if the kernel can. At the attach.
-void join_far_barriers() noexcept;
+// Has this process's threads reached by the far barriers of others and by its own, if the kernel can.
+// At the attach: beside other threads the kernel takes milliseconds for it, and on a busy machine
+// seconds.
+void join_barriers() noexcept;
 
 inline void full_fence() noexcept {
 #ifdef __SANITIZE_THREAD__ // which knows no fences
@@ -35,9 +39,7 @@ inline void near_barrier() noexcept {
 
 void far_barrier() noexcept;
 
-// The same within this process alone: every thread of it that runs passes a barrier. Whether the
-// kernel can is asked first, once in a process.
-bool join_process_barriers() noexcept;
+// The same within this process alone: every thread of it that runs passes a barrier.
 void process_barrier() noexcept;
 
 } // namespace halvo
