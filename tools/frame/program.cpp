@@ -145,13 +145,6 @@ void Progress::finish() {
     if (!quiet_) std::fprintf(stderr, "%s%s\n", terminal_ ? "\r\033[K" : "", line().c_str());
 }
 
-std::string at_least_zero(const std::string &word) {
-    const bool digits = word.find_first_not_of("0123456789") == std::string::npos;
-    return !word.empty() && word.size() <= 18 && digits
-               ? std::string()
-               : "\"" + word + "\" is no whole number from 0 on";
-}
-
 int run_tool(const char *program, const char *noun, bool quiet,
              const std::function<void(int, Progress &)> &work) {
     Progress progress(program, noun, quiet);

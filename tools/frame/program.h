@@ -77,10 +77,6 @@ private:
     uint64_t bytes_ = 0;
 };
 
-// For options that are whole numbers from 0 on: the fault of a word, or nothing. (The parser's own
-// check answers with all digits of the greatest number there is.)
-std::string at_least_zero(const std::string &word);
-
 // The frame of the programs: runs work(descriptor of the real standard output, progress), reports a
 // ToolError, and returns the exit status.
 int run_tool(const char *program, const char *noun, bool quiet,

@@ -5,12 +5,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "tools/frame/command_line.h"
 #include "tools/frame/program.h"
 
 using namespace halvo::tools;
@@ -95,39 +95,40 @@ int open_output(const std::string &path, int standard_output) {
     return descriptor;
 }
 
+constexpr char kWhat[] =
+    "Writes the messages of a channel to standard output or to a file, one a line,\n"
+    "until it is stopped (Ctrl-C), or as --count and --idle say.\n"
+    "\nExample: halvo-recv --key /run/gateway.key MT01 --idle 2000 --output got.txt";
+
+constexpr char kFooter[] =
+    "Exit status: 0 ended as asked or by a signal, 1 failure, 2 wrong usage or no such\n"
+    "channel. A message is released only when it has been written out.";
+
 } // namespace
 
 int main(int argc, char **argv) {
     Options options;
-    CLI::App app("Writes the messages of a channel to standard output or to a file, one a line,\n"
-                 "until it is stopped (Ctrl-C), or as --count and --idle say.\n"
-                 "\nExample: halvo-recv --key /run/gateway.key MT01 --idle 2000 --output got.txt");
-    app.set_version_flag("--version", "halvo-recv " HALVOIPC_VERSION);
-    app.add_option("channel", options.channel, "Name of the channel")->required();
-    app.add_option("-k,--key", options.key_file, "Key file of the segment")->required();
-    app.add_option("-o,--output", options.output, "File to write; - is standard output")
-        ->capture_default_str();
-    app.add_option("-c,--count", options.count, "End after this many messages; 0 is no end")
-        ->capture_default_str();
-    app.add_option("-i,--idle", options.idle, "End when nothing came for this many ms")
-        ->check(at_least_zero);
-    app.add_option("-b,--batch", options.batch, "Messages written out and released together")
-        ->check(CLI::Range(1, 1000000))
-        ->capture_default_str();
-    app.add_option("--timeout", options.timeout, "Longest wait for the channel's reader end, in ms")
-        ->check(at_least_zero)
-        ->capture_default_str();
-    app.add_option("--name", options.client, "Name to show as the reader")->capture_default_str();
-    app.add_flag("-n,--keep-newline", options.keep_newline,
+    const Program program(
+        {.name = "halvo-recv", .what = kWhat, .footer = kFooter, .named_as_called = true});
+    program.option("channel", options.channel, "Name of the channel").required();
+    program.option("-k,--key", options.key_file, "Key file of the segment").required();
+    program.option("-o,--output", options.output, "File to write; - is standard output")
+        .show_default();
+    program.option("-c,--count", options.count, "End after this many messages; 0 is no end")
+        .show_default();
+    program.option("-i,--idle", options.idle, "End when nothing came for this many ms")
+        .check(at_least_zero);
+    program.option("-b,--batch", options.batch, "Messages written out and released together")
+        .range(1, 1000000)
+        .show_default();
+    program.option("--timeout", options.timeout, "Longest wait for the channel's reader end, in ms")
+        .check(at_least_zero)
+        .show_default();
+    program.option("--name", options.client, "Name to show as the reader").show_default();
+    program.flag("-n,--keep-newline", options.keep_newline,
                  "Messages hold their line feeds: add none");
-    app.add_flag("-q,--quiet", options.quiet, "No progress and no summary");
-    app.footer("Exit status: 0 ended as asked or by a signal, 1 failure, 2 wrong usage or no such\n"
-               "channel. A message is released only when it has been written out.");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? kDone : kUsage;
-    }
+    program.flag("-q,--quiet", options.quiet, "No progress and no summary");
+    if (const auto ended = program.parse(argc, argv)) return *ended;
     return run_tool(
         "halvo-recv", "messages", options.quiet, [&](int standard_output, Progress &progress) {
             Receiver(options, open_output(options.output, standard_output), progress).run();

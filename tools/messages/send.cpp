@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -10,6 +9,7 @@
 #include <cstring>
 
 #include "halvo/queue.h"
+#include "tools/frame/command_line.h"
 #include "tools/frame/line_reader.h"
 #include "tools/frame/program.h"
 
@@ -124,38 +124,37 @@ void run(const Options &options, Progress &progress) {
                      static_cast<unsigned long long>(empty));
 }
 
+constexpr char kWhat[] =
+    "Sends every line of a file, or of standard input, as one message of a channel.\n"
+    "\nExample: halvo-send --key /run/gateway.key MT01 messages.txt";
+
+constexpr char kFooter[] =
+    "Exit status: 0 all sent, 1 a message could not be sent, 2 wrong usage or no such\n"
+    "channel, 128 + signal when stopped. What was counted as sent stays sent.";
+
 } // namespace
 
 int main(int argc, char **argv) {
     Options options;
-    CLI::App app("Sends every line of a file, or of standard input, as one message of a channel.\n"
-                 "\nExample: halvo-send --key /run/gateway.key MT01 messages.txt");
-    app.set_version_flag("--version", "halvo-send " HALVOIPC_VERSION);
-    app.add_option("channel", options.channel, "Name of the channel")->required();
-    app.add_option("file", options.input, "File to send; - is standard input")
-        ->capture_default_str();
-    app.add_option("-k,--key", options.key_file, "Key file of the segment")->required();
-    app.add_option("-t,--type", options.type, "Message type")
-        ->check(CLI::Range(0, 65535))
-        ->capture_default_str();
-    app.add_option("-b,--batch", options.batch,
-                   "Messages that become readable together; fewer while the ring lacks room")
-        ->check(CLI::Range(1, 1000000))
-        ->capture_default_str();
-    app.add_option("--timeout", options.timeout, "Longest wait for room or for the channel, in ms")
-        ->check(at_least_zero)
-        ->capture_default_str();
-    app.add_option("--name", options.client, "Name to show as the writer")->capture_default_str();
-    app.add_flag("-n,--keep-newline", options.keep_newline,
+    const Program program(
+        {.name = "halvo-send", .what = kWhat, .footer = kFooter, .named_as_called = true});
+    program.option("channel", options.channel, "Name of the channel").required();
+    program.option("file", options.input, "File to send; - is standard input").show_default();
+    program.option("-k,--key", options.key_file, "Key file of the segment").required();
+    program.option("-t,--type", options.type, "Message type").range(0, 65535).show_default();
+    program
+        .option("-b,--batch", options.batch,
+                "Messages that become readable together; fewer while the ring lacks room")
+        .range(1, 1000000)
+        .show_default();
+    program.option("--timeout", options.timeout, "Longest wait for room or for the channel, in ms")
+        .check(at_least_zero)
+        .show_default();
+    program.option("--name", options.client, "Name to show as the writer").show_default();
+    program.flag("-n,--keep-newline", options.keep_newline,
                  "Send lines with their line feed, and empty lines too");
-    app.add_flag("-q,--quiet", options.quiet, "No progress and no summary");
-    app.footer("Exit status: 0 all sent, 1 a message could not be sent, 2 wrong usage or no such\n"
-               "channel, 128 + signal when stopped. What was counted as sent stays sent.");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? kDone : kUsage;
-    }
+    program.flag("-q,--quiet", options.quiet, "No progress and no summary");
+    if (const auto ended = program.parse(argc, argv)) return *ended;
     return run_tool("halvo-send", "messages", options.quiet,
                     [&](int, Progress &progress) { run(options, progress); });
 }

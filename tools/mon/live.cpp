@@ -1,5 +1,4 @@
 // halvo-mon: the commands that look again and again: the live screen, the record, and what comes of it.
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -10,7 +9,9 @@
 
 namespace halvo::mon {
 
+using tools::Command;
 using tools::kUsage;
+using tools::Option;
 using tools::ToolError;
 using tools::write_out;
 
@@ -85,50 +86,44 @@ void replay(const Options &options, int output) {
     write_out(output, "standard output", out);
 }
 
-// "10", "10s", "5m", "1h".
-void add_every(CLI::App &command, double &seconds) {
-    static const std::map<std::string, double> units{
-        {"ms", 0.001}, {"s", 1}, {"m", 60}, {"h", 3600}};
-    command.add_option("--every", seconds, "Look again every so many seconds, or 500ms, 5m, 1h")
-        ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::CASE_INSENSITIVE, "TIME"))
-        ->check(CLI::Range(0.1, 86400.0).description(""))
-        ->type_name("TIME")
-        ->capture_default_str();
+void add_every(const Command &command, double &seconds) {
+    command.option("--every", seconds, "Look again every so many seconds, or 500ms, 5m, 1h")
+        .duration(0.1, 86400.0)
+        .show_default();
 }
 
 constexpr char kAt[] = "Time in the record: 02:30, 02:30:15 or \"2026-01-31 02:30\"";
 
 } // namespace
 
-void add_live(CLI::App &app, Options &options, Work &work) {
-    CLI::App *top =
-        app.add_subcommand("top", "The live screen of all channels: sort, filter, details");
-    add_every(*top, options.every);
-    CLI::Option *from = top->add_option("--from", options.from, "Show a record instead; no --key")
-                            ->type_name("FILE");
-    top->add_option("--at", options.at, kAt)->type_name("TIME")->needs(from);
-    top->callback([&] {
+void add_live(const tools::Program &program, Options &options, Work &work) {
+    const Command top =
+        program.command("top", "The live screen of all channels: sort, filter, details");
+    add_every(top, options.every);
+    const Option from =
+        top.option("--from", options.from, "Show a record instead; no --key").type_name("FILE");
+    top.option("--at", options.at, kAt).type_name("TIME").needs(from);
+    top.when_chosen([&] {
         options.needs_key = options.from.empty();
         work = [&](int output) { show_top(options, output); };
     });
 
-    CLI::App *record = app.add_subcommand("record", "Keep a bounded record of all figures");
-    record->add_option("FILE", options.from, "File of SQLite, made or added to")->required();
-    add_every(*record, options.every_recorded);
-    record
-        ->add_option("--most", options.megabytes, "Greatest size of the file; the oldest looks go")
-        ->check(CLI::Range(1, 100000))
-        ->type_name("MB")
-        ->capture_default_str();
-    record->callback([&] { work = [&](int) { keep_record(options); }; });
+    const Command record = program.command("record", "Keep a bounded record of all figures");
+    record.option("FILE", options.from, "File of SQLite, made or added to").required();
+    add_every(record, options.every_recorded);
+    record.option("--most", options.megabytes, "Greatest size of the file; the oldest looks go")
+        .range(1, 100000)
+        .type_name("MB")
+        .show_default();
+    record.when_chosen([&] { work = [&](int) { keep_record(options); }; });
 
-    CLI::App *again = app.add_subcommand("replay", "Tell from a record what wanted a look");
-    again->add_option("FILE", options.from, "The record")->required();
-    CLI::Option *at = again->add_option("--at", options.at, kAt)->type_name("TIME");
-    again->add_option("--channel", options.channel, "One channel's figures at each look")
-        ->type_name("NAME")
-        ->excludes(at);
-    again->callback([&] {
+    const Command again = program.command("replay", "Tell from a record what wanted a look");
+    again.option("FILE", options.from, "The record").required();
+    const Option at = again.option("--at", options.at, kAt).type_name("TIME");
+    again.option("--channel", options.channel, "One channel's figures at each look")
+        .type_name("NAME")
+        .excludes(at);
+    again.when_chosen([&] {
         options.needs_key = false;
         work = [&](int output) { replay(options, output); };
     });

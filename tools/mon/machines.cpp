@@ -1,6 +1,6 @@
 // halvo-mon: the commands whose readers are programs: metrics and checks.
-#include <CLI/CLI.hpp>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "tools/frame/files.h"
@@ -11,6 +11,7 @@
 
 namespace halvo::mon {
 
+using tools::Command;
 using tools::kFailed;
 using tools::ToolError;
 using tools::write_out;
@@ -53,24 +54,24 @@ void answer_check(Options &options, int output) {
     options.exit_status = static_cast<int>(answer.health);
 }
 
-void add_check(CLI::App &check, Options &options) {
+void add_check(const Command &check, Options &options) {
     const auto limit = [&](const char *name, int64_t &value, const char *what) {
-        check.add_option(name, value, what)->check(tools::at_least_zero)->type_name("N");
+        check.option(name, value, what).check(tools::at_least_zero).type_name("N");
     };
     Demands &demands = options.check.demands;
     limit("--warning", demands.backlog.warning, "Warn above so many waiting messages");
     limit("--critical", demands.backlog.critical, "Critical above so many");
     limit("--warning-age", demands.age.warning, "Warn when an end did nothing for more seconds");
     limit("--critical-age", demands.age.critical, "Critical for more seconds");
-    check.add_option("--end", options.end, "Ends whose age counts")
-        ->check(CLI::IsMember({"reader", "writer", "both"}))
-        ->capture_default_str();
-    check.add_option("--held", options.held, "Critical when no living process holds these ends")
-        ->check(CLI::IsMember({"reader", "writer", "both", "none"}))
-        ->capture_default_str();
-    check.add_option("--limits", options.limits, "TOML file of limits for each channel")
-        ->type_name("FILE");
-    check.add_option("--channel", options.check.channels, "Channels to look at; all without");
+    check.option("--end", options.end, "Ends whose age counts")
+        .one_of({"reader", "writer", "both"})
+        .show_default();
+    check.option("--held", options.held, "Critical when no living process holds these ends")
+        .one_of({"reader", "writer", "both", "none"})
+        .show_default();
+    check.option("--limits", options.limits, "TOML file of limits for each channel")
+        .type_name("FILE");
+    check.option("--channel", options.check.channels, "Channels to look at; all without");
 }
 
 } // namespace
@@ -79,15 +80,19 @@ void Options::once() const {
     if (watch > 0) throw ToolError(tools::kUsage, "--watch is for tables and the log");
 }
 
-void add_machines(CLI::App &app, Options &options, Work &work) {
-    CLI::App *prometheus = app.add_subcommand("prometheus", "Metrics for a textfile collector");
-    prometheus->add_option("-o,--output", options.output, "File to replace; - is standard output")
-        ->capture_default_str();
-    prometheus->callback([&] { work = [&](int output) { expose(options, output); }; });
+void add_machines(const tools::Program &program, Options &options, Work &work) {
+    const Command prometheus = program.command("prometheus", "Metrics for a textfile collector");
+    prometheus.option("-o,--output", options.output, "File to replace; - is standard output")
+        .show_default();
+    prometheus.when_chosen([&] { work = [&](int output) { expose(options, output); }; });
 
-    CLI::App *check = app.add_subcommand("check", "Answer as a Nagios plugin");
-    add_check(*check, options);
-    check->callback([&] {
+    const Command check = program.command("check", "Answer as a Nagios plugin");
+    add_check(check, options);
+    check.answer_wrong_usage([](const std::string &fault) {
+        std::puts(unknown(fault).line.c_str());
+        return static_cast<int>(Health::unknown);
+    });
+    check.when_chosen([&] {
         options.answers_as_plugin = true;
         work = [&](int output) { answer_check(options, output); };
     });

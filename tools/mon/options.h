@@ -5,13 +5,10 @@
 #include <string>
 
 #include "tools/frame/charset.h"
+#include "tools/frame/command_line.h"
 #include "tools/frame/output.h"
 #include "tools/mon/check.h"
 #include "tools/mon/look/monitor.h"
-
-namespace CLI {
-class App;
-}
 
 namespace halvo::mon {
 
@@ -43,10 +40,10 @@ struct Options {
 using Work = std::function<void(int)>; // takes the descriptor of the output
 
 // Each adds commands; a command that is chosen sets `work`.
-void add_views(CLI::App &app, Options &options, Work &work);    // tables and documents
-void add_machines(CLI::App &app, Options &options, Work &work); // prometheus and check
-void add_serve(CLI::App &app, Options &options, Work &work);
-void add_live(CLI::App &app, Options &options, Work &work); // top, record, replay
+void add_views(const tools::Program &program, Options &options, Work &work);    // tables, documents
+void add_machines(const tools::Program &program, Options &options, Work &work); // metrics, check
+void add_serve(const tools::Program &program, Options &options, Work &work);
+void add_live(const tools::Program &program, Options &options, Work &work); // top, record, replay
 
 // The view without a name.
 void show_first_table(const Options &options, int output);

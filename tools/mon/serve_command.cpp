@@ -1,6 +1,6 @@
 // halvo-mon: the command that serves the figures.
-#include <CLI/CLI.hpp>
 #include <cstdio>
+#include <memory>
 
 #include "tools/frame/program.h"
 #include "tools/mon/options.h"
@@ -8,6 +8,7 @@
 
 namespace halvo::mon {
 
+using tools::Command;
 using tools::kUsage;
 using tools::ToolError;
 
@@ -34,17 +35,17 @@ void serve_at(const std::string &key_file, const Given &given, int output) {
 
 } // namespace
 
-void add_serve(CLI::App &app, Options &options, Work &work) {
+void add_serve(const tools::Program &program, Options &options, Work &work) {
     const auto given = std::make_shared<Given>();
-    CLI::App *served = app.add_subcommand(
+    const Command served = program.command(
         "serve",
         "Serve a page for browsers, JSON, and metrics for Prometheus, until it is stopped");
-    served->add_option("--listen", given->listen, "Address and port; port 0 takes a free one")
-        ->type_name("ADDRESS:PORT")
-        ->capture_default_str();
-    served->add_flag("--allow-remote", given->allow_remote,
-                     "Permit an address that other machines can reach");
-    served->callback([&options, &work, given] {
+    served.option("--listen", given->listen, "Address and port; port 0 takes a free one")
+        .type_name("ADDRESS:PORT")
+        .show_default();
+    served.flag("--allow-remote", given->allow_remote,
+                "Permit an address that other machines can reach");
+    served.when_chosen([&options, &work, given] {
         work = [&options, given](int output) {
             options.once();
             serve_at(options.segment.key_file, *given, output);

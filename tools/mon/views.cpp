@@ -1,11 +1,11 @@
 // halvo-mon: the commands that show what the library's printers print: tables, the log, documents.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "tools/frame/text.h"
 #include "tools/mon/documents.h"
@@ -133,17 +133,17 @@ void show_first_table(const Options &options, int output) {
     show_table(options, kTables[0], output);
 }
 
-void add_views(CLI::App &app, Options &options, Work &work) {
+void add_views(const tools::Program &program, Options &options, Work &work) {
     for (const Table &table : kTables) {
-        CLI::App *command = app.add_subcommand(table.name, table.what);
+        const tools::Command command = program.command(table.name, table.what);
         if (table.print == print_types)
-            command->add_option(
-                "TEXT", options.needle,
-                "Text to look for; without it a row for each type that was counted");
-        command->callback([&] { work = [&](int output) { show_table(options, table, output); }; });
+            command.option("TEXT", options.needle,
+                           "Text to look for; without it a row for each type that was counted");
+        command.when_chosen(
+            [&] { work = [&](int output) { show_table(options, table, output); }; });
     }
     for (const Document &document : kDocuments)
-        app.add_subcommand(document.name, document.what)->callback([&] {
+        program.command(document.name, document.what).when_chosen([&] {
             work = [&](int output) { show_document(options, document, output); };
         });
 }

@@ -1,13 +1,13 @@
 // halvo-qm: makes, lists, checks and removes a segment, for development and tests.
 #include <grp.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 
 #include "tools/frame/charset.h"
+#include "tools/frame/command_line.h"
 #include "tools/frame/program.h"
 #include "tools/frame/text.h"
 #include "tools/qm/config.h"
@@ -16,7 +16,9 @@
 
 namespace {
 
+using halvo::tools::Command;
 using halvo::tools::for_locale;
+using halvo::tools::Program;
 using halvo::tools::text;
 
 enum ExitStatus { kDone = 0, kRefused = 1, kFailed = 2 };
@@ -142,56 +144,53 @@ std::string fault_of_mode(const std::string &mode) {
 
 using Run = std::function<int(const Arguments &)>;
 
-void add_commands(CLI::App &app, Arguments &arguments, Run &run) {
+void add_commands(const Program &program, Arguments &arguments, Run &run) {
     const auto command = [&](const char *name, const char *what,
                              int (*function)(const Arguments &)) {
-        CLI::App *sub = app.add_subcommand(name, what);
-        sub->add_option("-k,--key", arguments.key_file,
-                        "Key file; two more beside it are named FILE.post "
-                        "and FILE.req")
-            ->required()
-            ->type_name("FILE");
-        sub->callback([&run, function] { run = function; });
-        return sub;
+        Command added = program.command(name, what);
+        added
+            .option("-k,--key", arguments.key_file,
+                    "Key file; two more beside it are named FILE.post and FILE.req")
+            .required()
+            .type_name("FILE");
+        added.when_chosen([&run, function] { run = function; });
+        return added;
     };
-    CLI::App *create = command("create", "Make a segment from a configuration", run_create);
-    create->add_option("CONFIG", arguments.config, "TOML file with the channels")
-        ->required()
-        ->type_name("");
-    create->add_flag("--replace", arguments.replace, "Remove first what stands under the key");
-    create->add_option("--mode", arguments.mode, "Permissions of segment and semaphores, octal")
-        ->check(fault_of_mode)
-        ->capture_default_str();
+    const Command create = command("create", "Make a segment from a configuration", run_create);
+    create.option("CONFIG", arguments.config, "TOML file with the channels")
+        .required()
+        .type_name("");
+    create.flag("--replace", arguments.replace, "Remove first what stands under the key");
+    create.option("--mode", arguments.mode, "Permissions of segment and semaphores, octal")
+        .check(fault_of_mode)
+        .show_default();
     create
-        ->add_option("--group", arguments.group,
-                     "Group that the group's permissions are for; your own without")
-        ->type_name("NAME");
+        .option("--group", arguments.group,
+                "Group that the group's permissions are for; your own without")
+        .type_name("NAME");
     command("list", "Show the channels; * marks a process that holds its end now", run_list);
     command("check", "Look for faults in a segment", run_check)
-        ->add_flag("--repair", arguments.repair,
-                   "Correct first what dead processes left, at ends that nobody holds");
+        .flag("--repair", arguments.repair,
+              "Correct first what dead processes left, at ends that nobody holds");
     command("remove", "Remove segment, semaphores and empty key files", run_remove);
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    CLI::App app("Makes, lists, checks and removes a queue segment with its semaphores.",
-                 "halvo-qm");
     Arguments arguments;
     Run run;
-    app.set_version_flag("--version", "halvo-qm " HALVOIPC_VERSION);
-    app.footer(kFooter);
-    app.require_subcommand(1);
-    add_commands(app, arguments, run);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success &success) { // --help, --version
-        return app.exit(success);
-    } catch (const CLI::ParseError &error) {
-        complain(std::string(error.what()) + " (--help tells more)");
+    const Program program(
+        {.name = "halvo-qm",
+         .what = "Makes, lists, checks and removes a queue segment with its semaphores.",
+         .footer = kFooter,
+         .commands = halvo::tools::About::one_command});
+    program.answer_wrong_usage([](const std::string &fault) {
+        complain(fault + " (--help tells more)");
         return kFailed;
-    }
+    });
+    add_commands(program, arguments, run);
+    if (const auto ended = program.parse(argc, argv)) return *ended;
     try {
         return run(arguments);
     } catch (const std::exception &error) {

@@ -1,8 +1,7 @@
 // halvo-relay: carries messages between the channels and file queues of this machine and a broker.
-#include <CLI/CLI.hpp>
-
 #include <functional>
 
+#include "tools/frame/command_line.h"
 #include "tools/relay/relay.h"
 
 namespace {
@@ -24,31 +23,28 @@ halvo-relay(1) explains the configuration.)";
 } // namespace
 
 int main(int argc, char **argv) {
-    CLI::App app{"Carries the messages of channels and file queues into a broker and out again.",
-                 "halvo-relay"};
-    app.set_version_flag("--version", "halvo-relay " HALVOIPC_VERSION);
-    app.footer(kFooter);
-    app.require_subcommand(1);
+    using halvo::tools::Command;
+    const halvo::tools::Program program(
+        {.name = "halvo-relay",
+         .what = "Carries the messages of channels and file queues into a broker and out again.",
+         .footer = kFooter,
+         .commands = halvo::tools::About::one_command});
     std::string path;
     bool declare = false, as_metrics = false;
     std::function<int()> work;
     const auto add = [&](const char *name, const char *what, const std::function<int()> &does) {
-        CLI::App *command = app.add_subcommand(name, what);
-        command->add_option("CONFIG", path, "Configuration, a TOML file")->required();
-        command->callback([&work, does] { work = does; });
+        Command command = program.command(name, what);
+        command.option("CONFIG", path, "Configuration, a TOML file").required();
+        command.when_chosen([&work, does] { work = does; });
         return command;
     };
     add("run", "Runs all routes", [&] { return halvo::relay::run(path); });
     add("check", "Looks at broker, queues, channels and rights, and changes nothing", [&] {
         return halvo::relay::check(path, declare);
-    })->add_flag("--declare", declare, "Make the queues that the broker does not have");
+    }).flag("--declare", declare, "Make the queues that the broker does not have");
     add("status", "Shows the figures of all routes", [&] {
         return halvo::relay::show_status(path, as_metrics);
-    })->add_flag("--metrics", as_metrics, "As Prometheus text");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? 0 : 2;
-    }
+    }).flag("--metrics", as_metrics, "As Prometheus text");
+    if (const auto ended = program.parse(argc, argv)) return *ended;
     return work();
 }
