@@ -93,11 +93,8 @@ private:
 
 int main(int argc, char **argv) {
     Options options;
-    const Program program({.name = "halvo-fq",
-                           .what = kWhat,
-                           .footer = kFooter,
-                           .named_as_called = true,
-                           .commands = About::one_command});
+    const Program program(
+        {.name = "halvo-fq", .what = kWhat, .footer = kFooter, .commands = About::one_command});
     CommandLine line(program, options);
     if (const auto ended = program.parse(argc, argv)) return *ended;
     if (options.durable) fq_set_durability(FQ_DURABILITY_COMMIT);

@@ -117,8 +117,8 @@ public:
 
 // Commands take over what is set here, at the time they are added.
 Program::Program(const About &about)
-    : Command(std::make_shared<Parser>(Parser{std::make_shared<CLI::App>(
-          about.what, about.named_as_called ? std::string() : about.name)})) {
+    : Command(
+          std::make_shared<Parser>(Parser{std::make_shared<CLI::App>(about.what, about.name)})) {
     CLI::App &app = *parser_->app;
     app.set_version_flag("--version", about.name + " " HALVOIPC_VERSION);
     app.footer(about.footer);

@@ -76,10 +76,9 @@ public:
 struct About {
     enum Commands { no_command, one_command, one_or_no_command };
 
-    std::string name;               // --version tells it
+    std::string name;               // --help and --version tell it
     std::string what;               // the head of --help
     std::string footer{};           // its foot, in the help of each command too
-    bool named_as_called = false;   // --help shows not the name but the path that it was called by
     Commands commands = no_command; // how many the words are to have
     // The program's own options may stand behind a command too, and its help shows them.
     bool options_with_any_command = false;

@@ -108,8 +108,7 @@ constexpr char kFooter[] =
 
 int main(int argc, char **argv) {
     Options options;
-    const Program program(
-        {.name = "halvo-recv", .what = kWhat, .footer = kFooter, .named_as_called = true});
+    const Program program({.name = "halvo-recv", .what = kWhat, .footer = kFooter});
     program.option("channel", options.channel, "Name of the channel").required();
     program.option("-k,--key", options.key_file, "Key file of the segment").required();
     program.option("-o,--output", options.output, "File to write; - is standard output")

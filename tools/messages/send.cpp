@@ -136,8 +136,7 @@ constexpr char kFooter[] =
 
 int main(int argc, char **argv) {
     Options options;
-    const Program program(
-        {.name = "halvo-send", .what = kWhat, .footer = kFooter, .named_as_called = true});
+    const Program program({.name = "halvo-send", .what = kWhat, .footer = kFooter});
     program.option("channel", options.channel, "Name of the channel").required();
     program.option("file", options.input, "File to send; - is standard input").show_default();
     program.option("-k,--key", options.key_file, "Key file of the segment").required();
