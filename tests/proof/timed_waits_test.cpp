@@ -28,8 +28,8 @@ std::atomic<int> gRegistrations{0}; // for barriers, which the kernel may take s
 
 } // namespace
 
-#ifndef __SANITIZE_THREAD__ // which has its own
-// These two take the place of the system's, for the library too.
+// What takes the place of the system's, for the library too.
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__) // whose start it would break
 extern "C" HALVO_API long syscall(long number, ...) noexcept {
     using Call = long (*)(long, ...);
     static const auto call = reinterpret_cast<Call>(dlsym(RTLD_NEXT, "syscall"));
@@ -43,6 +43,8 @@ extern "C" HALVO_API long syscall(long number, ...) noexcept {
                                      words[0] == MEMBARRIER_CMD_REGISTER_GLOBAL_EXPEDITED);
     return call(number, words[0], words[1], words[2], words[3], words[4], words[5]);
 }
+#endif
+#ifndef __SANITIZE_THREAD__ // which has its own
 extern "C" HALVO_API int pthread_mutex_lock(pthread_mutex_t *mutex) {
     using Lock = int (*)(pthread_mutex_t *);
     static const auto lock = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
