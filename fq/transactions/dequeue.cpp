@@ -58,7 +58,8 @@ void delete_finished_file(const fqtrans *trans) {
 // Whether the writer has saved a position that is not before one: what stands before it, it has
 // forced.
 bool writer_is_past(const OpenSide *side, const fqtrans *trans, const Position &at) {
-    const Position writer = saved_position(side->directory(), tail_file(trans->path));
+    bool known = false;
+    const Position writer = saved_position(side->directory(), tail_file(trans->path), known);
     return writer.valid() && (comes_after(at.order, writer.order) ||
                               (writer.order == at.order && writer.offset >= at.offset));
 }
