@@ -61,15 +61,16 @@ inline ssize_t read_last_record(int fd, int64_t size, char *record, LastRecord &
 }
 
 // The position that a side's log tells, as another side looks at it; not valid when it tells none.
-inline Position saved_position(int directory, const FileName &log_name) noexcept {
+// `known`: false when the look itself failed, with errno.
+inline Position saved_position(int directory, const FileName &log_name, bool &known) noexcept {
     const Descriptor log = open_queue_file(directory, log_name, O_RDONLY);
+    known = log || errno == ENOENT;
     const int64_t size = log ? state_of(log.get()).size : 0;
+    if (size >= 0 && size < kRecordSize) return {-1, -1};
     LastRecord last;
     char record[kRecordSize] = {};
-    if (size < kRecordSize || read_last_record(log.get(), size, record, last) != kRecordSize ||
-        !last.found)
-        return {-1, -1};
-    return position_in(record);
+    known = size >= 0 && read_last_record(log.get(), size, record, last) == kRecordSize;
+    return known && last.found ? position_in(record) : Position{-1, -1};
 }
 
 } // namespace halvo::fq

@@ -32,6 +32,13 @@ int read_counted(const char *path, fqtrans *trans, void *buf, unsigned cap) {
     return result;
 }
 
+// Whether the reader's queue is still the one of its name. A transaction may last: the queue may have
+// been moved away, and another one begun under the same name, whose file nobody has read.
+bool is_still_named(OpenSide *side) {
+    side->names.ask(side->directory());
+    return side->lock.is_named(side->directory(), side->lock_name, side->names, false);
+}
+
 // Deletes the file in which the transaction began when it ended in another one.
 // Kept: only that one, however many files the transaction passed through.
 void delete_finished_file(const fqtrans *trans) {
@@ -39,9 +46,10 @@ void delete_finished_file(const fqtrans *trans) {
         return;
     const Position began = position_in(trans->startpos);
     if (!began.valid()) return;
-    const OpenSide *side = running_side(trans);
+    OpenSide *side = running_side(trans);
     const FileName name = data_file(trans->path, began.order);
-    if (unlinkat(side ? side->directory() : AT_FDCWD, name.text, 0) != 0)
+    if ((side && !is_still_named(side)) ||
+        unlinkat(side ? side->directory() : AT_FDCWD, name.text, 0) != 0)
         std::printf("fq_dequeue.unlink error %s\n", name.text);
     else if (side)
         sync_names(side->directory(), trans->path);
@@ -50,7 +58,8 @@ void delete_finished_file(const fqtrans *trans) {
 // Whether the writer has saved a position that is not before one: what stands before it, it has
 // forced.
 bool writer_is_past(const OpenSide *side, const fqtrans *trans, const Position &at) {
-    const Position writer = saved_position(side->directory(), tail_file(trans->path));
+    bool known = false;
+    const Position writer = saved_position(side->directory(), tail_file(trans->path), known);
     return writer.valid() && (comes_after(at.order, writer.order) ||
                               (writer.order == at.order && writer.offset >= at.offset));
 }

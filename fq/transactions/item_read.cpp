@@ -108,12 +108,22 @@ private:
         return kHeaderSize;
     }
 
-    // The data and the trailer, as pread.
-    ssize_t read_body(size_t size) {
-        const int64_t at = int64_t{at_.offset} + kHeaderSize;
-        if (!side_ || side_->ahead.held(at) < size) return pread(fd_, data(), size, at);
-        std::memcpy(data(), side_->ahead.at(at), size);
+    // The whole item, as pread.
+    ssize_t read_item(size_t size) {
+        if (!side_ || side_->ahead.held(at_.offset) < size)
+            return pread(fd_, buf_, size, at_.offset);
+        std::memcpy(buf_, side_->ahead.at(at_.offset), size);
         return static_cast<ssize_t>(size);
+    }
+
+    // What a writer that failed has left of an item is cut off by the next one, whose items may
+    // stand there since the header was looked at.
+    bool is_another(const void *header) const {
+        return std::memcmp(header, &header_, kHeaderSize) != 0;
+    }
+    bool is_another_now() const {
+        ItemHeader now;
+        return pread(fd_, &now, kHeaderSize, at_.offset) == kHeaderSize && is_another(&now);
     }
 
     // The queue's own seeks fail for what is no file one can go about in (a pipe, a device).
@@ -169,11 +179,13 @@ private:
     }
 
     Look read_data() {
-        const size_t wanted = size_t{header_.length} + kTrailerSize;
-        const ssize_t got = read_body(wanted);
+        const size_t wanted = size_t{header_.length} + FQ_ITEM_EXTRA;
+        const ssize_t got = read_item(wanted);
         if (got < 0) return failed("read");
         if (static_cast<size_t>(got) < wanted) return answer(incomplete());
-        if (!is_trailer(data() + header_.length)) return resynchronise();
+        if (is_another(buf_)) return again();
+        if (!is_trailer(data() + header_.length))
+            return is_another_now() ? again() : resynchronise();
         trans_->itemlen = static_cast<int>(header_.length);
         if (header_.state != kCommitted) return answer(0);
         const int64_t end = at_.offset + size_of_item(header_);

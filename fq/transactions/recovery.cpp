@@ -85,9 +85,11 @@ Found settle(int fd, const struct stat &file, Position &at, const char *path) {
 }
 
 // The data file is gone. A reader removes one only when it has gone on to a later one; then the
-// file had been ended by a writer that died before it saved its position.
-bool follow_reader(int directory, const char *path, Position &at) {
-    const Position reader = saved_position(directory, head_file(path));
+// file had been ended by a writer that died before it saved its position. `known`: whether one could
+// see where the reader is. A writer that has no right to see it still begins new files.
+bool follow_reader(int directory, const char *path, Position &at, bool &known) {
+    const Position reader = saved_position(directory, head_file(path), known);
+    known = known || (errno == EACCES && at.offset == 0);
     if (!reader.valid() || !comes_after(at.order, reader.order)) return false;
     at = {reader.order, 0};
     return true;
@@ -105,9 +107,12 @@ int halvo::fq::settle_writer(fqtrans *trans) noexcept {
         if (side && side->has_data(at.order) && side->data.size() == at.offset) break;
         if (!data.open_anew(at.order, O_RDWR)) {
             const bool missing = errno == ENOENT;
-            if (missing && follow_reader(data.directory(), trans->path, at)) continue;
-            if (missing) break;
-            std::printf("fq_write_item.open error %s\n", data_file(trans->path, at.order).text);
+            bool known = false;
+            if (missing && follow_reader(data.directory(), trans->path, at, known)) continue;
+            if (known) break;
+            std::printf(missing ? "fq_enqueue.recovery error %s\n"
+                                : "fq_write_item.open error %s\n",
+                        data_file(trans->path, at.order).text);
             return -1;
         }
         struct stat file {};

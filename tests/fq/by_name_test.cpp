@@ -157,6 +157,21 @@ TEST_P(ByName, a_commit_into_a_file_that_is_not_the_queues_any_more_fails) {
         }
 }
 
+TEST_P(ByName, a_reader_deletes_no_file_of_a_queue_begun_in_the_place_of_its_own) {
+    queue.store(0, one + kEndItem);
+    queue.store(1, two);
+    queue.store("head", record(0, 0));
+    rest();
+    fqtrans trans;
+    std::vector<std::string> items;
+    EXPECT_EQ(queue.read(trans, items), 0);
+    fs::rename(dir, moved);
+    fs::create_directory(dir);
+    EXPECT_EQ(queue.put_away("new"), 0);
+    EXPECT_EQ(fq_dequeue_commit(-1, &trans), 0);
+    EXPECT_EQ(queue.drain(), "new");
+}
+
 TEST_P(ByName, a_kept_descriptor_closed_by_the_host_is_opened_again) {
     for (const char *suffix : {"wrlk", "tail", kData, "rdlk", "head"}) {
         SCOPED_TRACE(suffix);

@@ -40,6 +40,18 @@ TEST(Settling, goes_on_where_nothing_is_lost) {
         }
 }
 
+TEST(Settling, puts_nothing_where_the_reader_has_been_when_its_log_cannot_be_opened) {
+    const Queue queue;
+    queue.store("tail", record(0, 25));
+    ASSERT_EQ(symlink("q.head", queue.file("head").c_str()), 0);
+    EXPECT_LT(queue.put_away("new"), 0);
+    EXPECT_LT(queue.put({"new"}), 0);
+    queue.remove("head");
+    queue.store("head", record(0, 0) + record(1, 0));
+    EXPECT_EQ(queue.put_away("again"), 0);
+    EXPECT_EQ(queue.drain(), "again");
+}
+
 TEST(LostLog, of_the_reader_that_names_a_deleted_file_goes_on_at_the_first_that_is_there) {
     const Queue queue;
     queue.store("head", record(3, 77));

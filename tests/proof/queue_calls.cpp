@@ -25,6 +25,7 @@ struct Plan {
     int error = 0;
     bool lasting = false;
     int seen = 0;
+    std::function<void()> meanwhile = {};
 } plan;
 
 bool inodes_end_alike = false;
@@ -33,7 +34,11 @@ Recorder *recorder = nullptr;
 // Counts a call. Whether it is one that fails.
 bool is_to_fail() {
     if (!plan.counting) return false;
-    ++plan.seen;
+    if (++plan.seen == plan.fail_at && plan.meanwhile) {
+        const Plan kept = std::exchange(plan, {});
+        kept.meanwhile();
+        plan = {true, 0, 0, false, kept.seen};
+    }
     const bool now = plan.seen == plan.fail_at ||
                      (plan.lasting && plan.fail_at != 0 && plan.seen > plan.fail_at);
     if (now && plan.error == halvo::test::kKill) raise(SIGKILL);
@@ -159,6 +164,12 @@ namespace halvo::test {
 
 int run_with_fault(int n, int error, bool lasting, const std::function<void()> &f) {
     plan = {true, n, error, lasting};
+    f();
+    return std::exchange(plan, {}).seen;
+}
+
+int run_with_meanwhile(int n, std::function<void()> meanwhile, const std::function<void()> &f) {
+    plan = {true, n, 0, false, 0, std::move(meanwhile)};
     f();
     return std::exchange(plan, {}).seen;
 }

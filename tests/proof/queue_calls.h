@@ -20,6 +20,10 @@ namespace halvo::test {
 constexpr int kShort = 0, kKill = -1;
 int run_with_fault(int n, int error, bool lasting, const std::function<void()> &f);
 
+// Runs f; right before its n-th call somebody else does meanwhile(), whose calls do not count. The
+// number of calls.
+int run_with_meanwhile(int n, std::function<void()> meanwhile, const std::function<void()> &f);
+
 // Lets all lock files of one device have the same key.
 void let_keys_collide(bool collide);
 
