@@ -57,7 +57,7 @@ final class FileQueueTransaction {
     /** Before the call that ends it. */
     void ending() {
         if (isOpen()) {
-            HOLDERS.remove(words[1]);
+            HOLDERS.remove(words[1], holder); // a failure may have given the lock to another thread
         }
     }
 
