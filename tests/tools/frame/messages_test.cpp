@@ -56,6 +56,15 @@ TEST_F(Messages, a_batch_larger_than_the_ring_goes_in_parts) {
     EXPECT_EQ(receiver.wait(), 0);
 }
 
+TEST_F(Messages, a_batch_goes_around_what_another_writer_parked) {
+    segment.attach();
+    halvo_channel *q = segment.channel("MT01");
+    ASSERT_EQ(q_write_buf(q, 1, "parked", 6, 2), ESMS_OK);
+    expect_end(send({"--batch", "3"}, "1\n2\n3\n4\n5\n"), 0, "5 messages");
+    ASSERT_EQ(q_write_buf_commit(q, 2), ESMS_OK);
+    EXPECT_EQ(recv({"--idle", "50"}).out, "1\n2\n3\n4\n5\nparked\n");
+}
+
 TEST_F(Messages, a_receiver_that_gets_no_end_leaves_the_output_of_the_one_that_has_it) {
     const std::string file = segment.path("got");
     EXPECT_EQ(send({}, "one\ntwo\n").status, 0);
