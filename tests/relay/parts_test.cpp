@@ -21,7 +21,7 @@ namespace halvo::relay {
 std::unique_ptr<Publisher> connect_publisher(const BrokerConfig &, unsigned) {
     struct Scripted : Publisher {
         void send(const std::string &, const Outgoing &) override {}
-        std::vector<Verdict> answers(int, const Stop &stop) override {
+        std::vector<Verdict> answers(int, int, const Stop &stop) override {
             const_cast<Stop &>(stop) = true;
             return {Verdict::confirmed, Verdict::returned, Verdict::open};
         }
