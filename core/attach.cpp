@@ -42,6 +42,26 @@ bool attach_segment(const char *keyfile, bool usable) {
     return false;
 }
 
+// The queue manager stores the number last, so that it may be 0 at first.
+void count_channels() {
+    first_channels =
+        static_cast<int>(std::min<uint32_t>(load(segment_ever->nchnnl), HALVO_CHANNELS_MAX));
+}
+
+// Attaches, and finds the semaphores that belong to it: between the two looks the segment may have been
+// removed, and what is found be that of the next one. Its ends would be held, and an old ring written.
+bool join_segment(const char *keyfile, bool usable) {
+    for (;;) {
+        if (!attach_segment(keyfile, usable)) return false;
+        segment_ever = static_cast<halvo_segment *>(shmblock);
+        count_channels();
+        find_semaphores(keyfile);
+        if (shmget(ftok(keyfile, kSegmentProject), 0, 0) == attached_id) return true;
+        segment_ever = nullptr;
+        shmdt(shmblock);
+    }
+}
+
 // Gives up looking at a segment.
 void drop_view() {
     if (view_id < 0) return;
@@ -50,12 +70,6 @@ void drop_view() {
     is_view = false;
     shmdt(std::exchange(segment_ever, nullptr));
     view_id = -1;
-}
-
-// The queue manager stores the number last, so that it may be 0 at first.
-void count_channels() {
-    first_channels =
-        static_cast<int>(std::min<uint32_t>(load(segment_ever->nchnnl), HALVO_CHANNELS_MAX));
 }
 
 // Looks at a segment that is large enough; errno tells why not.
@@ -99,10 +113,7 @@ int init_shm(const char *keyfile) noexcept {
         drop_view();
         // Kept: a failed attach returns with the service lock taken and shmblock at the failed
         // value, so that init_shm(NULL) answers ESMS_OK although nothing is attached.
-        if (!attach_segment(keyfile, usable)) return ESMS_SHMOP;
-        segment_ever = static_cast<halvo_segment *>(shmblock);
-        count_channels();
-        find_semaphores(keyfile);
+        if (!join_segment(keyfile, usable)) return ESMS_SHMOP;
         attached = segment_ever;
         expect_channels();
         join_barriers();

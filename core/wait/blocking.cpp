@@ -170,23 +170,40 @@ Woken sleep(Sleeper &sleeper, Announced &wait, int semid) {
     return woken;
 }
 
+// The caller's attempt, as long as an end that was this process's when the wait began still is.
+class Trial {
+public:
+    Trial(const Waiter &waiter, bool (*attempt)(void *), void *context)
+        : waiter_(waiter), attempt_(attempt), context_(context), own_(owns(waiter.side, waiter.q)) {
+    }
+    bool settles() const { return !lost() && attempt_(context_); }
+    bool lost() const { return own_ && !owns(waiter_.side, waiter_.q); }
+
+private:
+    const Waiter &waiter_;
+    bool (*const attempt_)(void *);
+    void *const context_;
+    const bool own_;
+};
+
 // What ended a registered wait.
 enum class End { settled, woken, by_signal, out_of_time };
 
 // Sleeps until the attempt settles it, or a signal, a post or the end of time ends the sleep.
 End sleep_registered(const Waiter &waiter, Sleeper &sleeper, Announced &wait, int64_t limit,
-                     bool (*attempt)(void *), void *context) {
+                     const Trial &trial) {
     int semid = waiter.side.semaphore(waiter.channel);
     for (;;) {
         const bool polls = semid == -1;
         if (!polls) far_barrier();
-        if (attempt(context)) return End::settled;
+        if (trial.settles()) return End::settled;
+        if (trial.lost()) return End::woken;
         const Woken woken = sleep(sleeper, wait, semid);
         if (woken == Woken::by_signal) return End::by_signal;
         if (polls && nanoseconds_now() >= limit) return End::out_of_time;
         if (woken == Woken::never_slept) semid = -1; // there is no semaphore any more
         if (woken == Woken::normally && !polls) {
-            if (sleeper.signalled()) return attempt(context) ? End::settled : End::by_signal;
+            if (sleeper.signalled()) return trial.settles() ? End::settled : End::by_signal;
             if (!wait.in_progress().sent_to_look()) return End::woken;
         }
         sleeper.hold();
@@ -199,7 +216,8 @@ End sleep_registered(const Waiter &waiter, Sleeper &sleeper, Announced &wait, in
 Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) {
     forget_signal();
     Sleeper sleeper{true};
-    if (slot_comes(waiter, sleeper) && attempt(context)) return Wait::settled;
+    const Trial trial(waiter, attempt, context);
+    if (slot_comes(waiter, sleeper) && trial.settles()) return Wait::settled;
     const int64_t limit = nanoseconds_now() + std::max(waiter.timeout, 0) * int64_t{1000000};
     // The other side is woken once: were it woken at every round, a full ring under a read-rate
     // limit would have both sides wake each other.
@@ -213,16 +231,21 @@ Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) {
             wait.abandon();
             return Wait::unregistered;
         }
-        const End end = sleep_registered(waiter, sleeper, wait, limit, attempt, context);
-        wait.withdraw();
+        const End end = sleep_registered(waiter, sleeper, wait, limit, trial);
+        const bool lost = end != End::settled && trial.lost();
+        lost ? wait.abandon() : wait.withdraw();
         if (wait.fired()) sleeper.take_sent_signals();
         if (end == End::settled) return Wait::settled;
+        if (lost) {
+            post(waiter.side.semaphore(waiter.channel));
+            return Wait::lost;
+        }
         // The monitor's signal stood for the one that the sleep had missed.
         if (wait.in_progress().signal_missed()) forget_signal();
         const Wait by_signal = end_by_signal();
         if (end == End::by_signal && by_signal == Wait::interrupted) return by_signal;
         // A message or a free slot that came at the last moment goes before the end of time.
-        if (attempt(context)) return Wait::settled;
+        if (trial.settles()) return Wait::settled;
         if (end == End::out_of_time || by_signal == Wait::timed_out) return Wait::timed_out;
     }
 }

@@ -13,6 +13,9 @@
 // sees its slot. A post can therefore not be missed. What a process that posts in another order
 // costs, and what a rate limit holds back, the monitor makes good (core/wait/waits.h).
 //
+// Another thread may close the end under a wait, and another process get it: then the wait ends without
+// another try. The post that ended its sleep, and the announcement, are that process's.
+//
 // A wait is one sleep, and the first signal ends it: core/wait/sleep.h. Without a semaphore the wait
 // looks once a millisecond. The sleep is the only point of the library at which a thread can be
 // cancelled: the wait is withdrawn, and the thread goes.
@@ -29,9 +32,11 @@ enum class Wait {
     timed_out,    // the monitor's signal came: ESMS_TIMEOUT
     interrupted,  // another signal came: ESMS_JAVAINTR
     unregistered, // no room in the registry, and the caller asked to be told; stays announced
+    lost,         // another process has got the end meanwhile: ESMS_ACCESS
 };
 
 inline int32_t code_of(Wait wait) noexcept {
+    if (wait == Wait::lost) return ESMS_ACCESS;
     return wait == Wait::timed_out ? ESMS_TIMEOUT : ESMS_JAVAINTR;
 }
 

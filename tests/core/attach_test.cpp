@@ -1,18 +1,45 @@
 #include <gtest/gtest.h>
 
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <thread>
+#include <utility>
 
 #include "halvo/queue.h"
 #include "tests/support/capture.h"
 #include "tests/support/ring.h"
+#include "tools/qm/segment.h"
 
 using namespace halvo::test;
+
+namespace {
+
+std::function<void()> before_semaphores; // what happens while an attach goes on to them
+
+} // namespace
+
+// In place of the system's.
+extern "C" __attribute__((visibility("default"))) int semget(key_t key, int count,
+                                                             int flags) noexcept {
+    if (const auto act = std::exchange(before_semaphores, nullptr)) act();
+    return static_cast<int>(syscall(SYS_semget, key, count, flags));
+}
+
+TEST(Attach, takes_semaphores_and_segment_of_one_creation) {
+    const Segment s = two_channels();
+    before_semaphores = [&] {
+        halvo::qm::create({{{"NEW", 'M', 4, 64, 0}}, {}}, s.key_file(), true);
+    };
+    s.attach();
+    EXPECT_EQ(q_name2chnnl("NEW"), 0) << "the segment whose ends it opens";
+    EXPECT_NE(q_open(0, 'w'), nullptr);
+}
 
 TEST(Attach, a_process_attaches_once_for_its_lifetime) {
     const Segment s = two_channels();

@@ -132,6 +132,30 @@ TEST_F(FrxWaiting, ends_when_the_other_side_has_done_its_half) {
     }
 }
 
+TEST_F(FrxWaiting, ends_when_another_process_has_got_the_end) {
+    for (FrxChannel *end : {&reader, &writer}) {
+        const bool reads = end == &reader;
+        if (!reads) fill(3); // the message for the other is still there
+        int result = 0;
+        char slot[64];
+        std::thread waiting(
+            [&] { result = reads ? frx_read(end, slot, 10000) : frx_write(end, "stray", 10000); });
+        EXPECT_TRUE(comes_true([&] { return (reads ? q->rwait : q->wwait) > 0; }));
+        EXPECT_EQ(frx_closeChannel(end), ESMS_OK);
+        Peer other([&] { return q_open(0, end->side) ? 0 : 1; });
+        EXPECT_EQ(other.wait(), 0);
+        if (reads)
+            EXPECT_EQ(frx_write(&writer, "for the other", 0), ESMS_OK);
+        else
+            EXPECT_EQ(read(0), "for the other");
+        waiting.join();
+        EXPECT_EQ(result, ESMS_ACCESS);
+        EXPECT_EQ(value_of(set_under(segment.key_file() + (reads ? ".post" : ".req"), 1)), 1)
+            << "the other may wait there";
+        ASSERT_EQ(frx_openChannel(end, "again", 0, end->side, 1000), ESMS_OK);
+    }
+}
+
 TEST_F(FrxWaiting, whoever_begins_to_wait_wakes_the_other_side) {
     q->wwait = 1;
     EXPECT_EQ(read(0), "[-1]");

@@ -112,6 +112,24 @@ TEST_F(RelayFailures, a_broker_that_stands_still_is_left_and_found_again) {
     expect_all(there_->segment(), 400);
 }
 
+TEST_F(RelayFailures, a_silent_broker_does_not_keep_a_relay_from_its_end) {
+    for (Machine *machine : {here_.get(), there_.get()})
+        machine->broker("heartbeat = 300\nconfirm_timeout = 300");
+    route();
+    start();
+    write(1, 50);
+    EXPECT_TRUE(there_->reaches("messages_total", 50));
+    shared_broker().signal(SIGSTOP);
+    write(51, 100);
+    EXPECT_TRUE(comes_true([&] { return here_->figure("in_flight") > 0; }));
+    const int64_t start = milliseconds_now();
+    EXPECT_EQ(here_->end(), 0);
+    EXPECT_LT(milliseconds_now() - start, 25000) << "a service manager kills it after 30 seconds";
+    shared_broker().signal(SIGCONT);
+    here_->start();
+    expect_all(there_->segment(), 100);
+}
+
 TEST_F(RelayFailures, a_full_channel_holds_the_messages_back_and_keeps_the_connection) {
     make(16, 256);
     there_->broker("heartbeat = 2"); // a shorter one is missed on a busy machine

@@ -1,8 +1,12 @@
 // The parts of the relay that need no broker: windows, numbers, configuration, a state file; and a
 // route out beside a broker that answers as it is told.
+#include <sys/time.h>
+
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
+#include <utility>
 
 #include "halvo/fq.h"
 #include "tests/support/files.h"
@@ -17,7 +21,7 @@ namespace halvo::relay {
 std::unique_ptr<Publisher> connect_publisher(const BrokerConfig &, unsigned) {
     struct Scripted : Publisher {
         void send(const std::string &, const Outgoing &) override {}
-        std::vector<Verdict> answers(int, const Stop &stop) override {
+        std::vector<Verdict> answers(int, int, const Stop &stop) override {
             const_cast<Stop &>(stop) = true;
             return {Verdict::confirmed, Verdict::returned, Verdict::open};
         }
@@ -30,6 +34,21 @@ std::unique_ptr<Publisher> connect_publisher(const BrokerConfig &, unsigned) {
 }
 
 } // namespace halvo::relay
+
+namespace {
+
+thread_local std::function<void()> before_opening; // an end: right before this thread asks for it
+
+} // namespace
+
+// In place of the system's, which the library asks for the limit of an opening.
+extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval *now, void *) noexcept {
+    if (const auto act = std::exchange(before_opening, nullptr)) act();
+    timespec time{};
+    const int result = clock_gettime(CLOCK_REALTIME, &time);
+    *now = {time.tv_sec, time.tv_nsec / 1000};
+    return result;
+}
 
 using namespace halvo::relay;
 using namespace halvo::test;
@@ -216,6 +235,30 @@ TEST(RelayFileNumbers, a_part_of_a_batch_is_not_taken_for_another_one_of_the_sam
     Numbering numbering(route, state, source);
     numbering.plan(source.take(3, 0));
     EXPECT_THROW(numbering.before_release(2), EndError) << "the third one was not sent";
+}
+
+TEST_F(RelayNumbers, another_writers_messages_are_not_taken_for_those_of_a_dead_relay) {
+    auto &left = shared_object<Arriving>();
+    Peer dead([&] {
+        initialise(segment_);
+        const auto sink = open_channel_sink("MT01", 1);
+        for (const uint32_t i : {0, 1}) sink->mark(i, {1, "not readable yet", 1, {}}, 0);
+        sink->describe(left.place);
+        left.count = 2;
+        return raise(SIGKILL);
+    });
+    EXPECT_EQ(dead.wait(), 128 + SIGKILL);
+    ASSERT_EQ(initialise(segment_), ESMS_OK);
+    before_opening = [&] {
+        Peer other([&] {
+            halvo_channel *q = segment_.open("MT01", 'w');
+            q_recover(0, 'w');
+            return write(q, "1") + write(q, "2");
+        });
+        EXPECT_EQ(other.wait(), 0);
+    };
+    const auto sink = open_channel_sink("MT01", 1);
+    EXPECT_EQ(sink->committed_since(left), std::nullopt);
 }
 
 TEST(RelayConfig, faults_name_their_line) {

@@ -29,11 +29,21 @@ struct Options {
 // Longest single wait, so that a signal which comes between two waits is noticed soon.
 constexpr int kWaitMilliseconds = 500;
 
+int open_output(const std::string &path, int standard_output) {
+    if (path == "-") return standard_output;
+    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (descriptor < 0) throw ToolError(kUsage, path + ": " + std::strerror(errno));
+    return descriptor;
+}
+
+// The file is emptied only by the one that has the channel's end: it may hold what another receiver,
+// who is still at it, has already released.
 class Receiver {
 public:
-    Receiver(const Options &options, int output, Progress &progress)
-        : options_(options), output_(output), progress_(progress),
-          end_(options.key_file, options.channel, 'r', options.client, options.timeout) {}
+    Receiver(const Options &options, int standard_output, Progress &progress)
+        : options_(options), progress_(progress),
+          end_(options.key_file, options.channel, 'r', options.client, options.timeout),
+          output_(open_output(options.output, standard_output)) {}
     ~Receiver() { frx_readRollback(end_.handle()); }
 
     void run() {
@@ -82,18 +92,11 @@ private:
     }
 
     const Options &options_;
-    int output_;
     Progress &progress_;
     OpenEnd end_;
+    int output_;
     std::string text_;
 };
-
-int open_output(const std::string &path, int standard_output) {
-    if (path == "-") return standard_output;
-    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (descriptor < 0) throw ToolError(kUsage, path + ": " + std::strerror(errno));
-    return descriptor;
-}
 
 constexpr char kWhat[] =
     "Writes the messages of a channel to standard output or to a file, one a line,\n"
@@ -128,8 +131,8 @@ int main(int argc, char **argv) {
                  "Messages hold their line feeds: add none");
     program.flag("-q,--quiet", options.quiet, "No progress and no summary");
     if (const auto ended = program.parse(argc, argv)) return *ended;
-    return run_tool(
-        "halvo-recv", "messages", options.quiet, [&](int standard_output, Progress &progress) {
-            Receiver(options, open_output(options.output, standard_output), progress).run();
-        });
+    return run_tool("halvo-recv", "messages", options.quiet,
+                    [&](int standard_output, Progress &progress) {
+                        Receiver(options, standard_output, progress).run();
+                    });
 }

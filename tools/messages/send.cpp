@@ -31,7 +31,8 @@ class Sender {
 public:
     Sender(const Options &options, Progress &progress)
         : options_(options), progress_(progress),
-          end_(options.key_file, options.channel, 'w', options.client, options.timeout) {}
+          end_(options.key_file, options.channel, 'w', options.client, options.timeout),
+          batch_(end_.header()->pbuffs != 0 ? 1 : options.batch) {}
     ~Sender() { q_write_rollback_all(end_.header()); }
 
     void send(const std::string &body) {
@@ -40,7 +41,7 @@ public:
             throw ToolError(kFailed, result_text(ESMS_EXEED) + ": " + std::to_string(length) +
                                          " bytes, the channel takes " +
                                          std::to_string(end_.longest_message()));
-        if (options_.batch == 1) {
+        if (batch_ == 1) {
             check(wait([&](int ms) {
                 return frx_write(end_.handle(), options_.type, body.data(), length, ms);
             }));
@@ -78,7 +79,7 @@ private:
 
     void count_mark(uint32_t length) {
         marked_bytes_ += length;
-        if (++marked_ == options_.batch) commit();
+        if (++marked_ == batch_) commit();
     }
 
     template <class Call>
@@ -102,6 +103,8 @@ private:
     const Options &options_;
     Progress &progress_;
     OpenEnd end_;
+    // Messages that an earlier writer has parked keep their slots, and a batch cannot pass over them.
+    const uint32_t batch_;
     uint32_t marked_ = 0;
     uint64_t marked_bytes_ = 0;
 };

@@ -11,6 +11,7 @@
 #include <set>
 
 #include "core/base/posix.h"
+#include "core/segment/keys.h"
 #include "core/segment/ring.h"
 #include "halvo/segment.h"
 #include "tools/frame/text.h"
@@ -30,6 +31,12 @@ void make_file(const std::string &path, Undo &undo) {
         throw Error(system_text("cannot make key file %s", path.c_str()));
     }
     undo.add([path] { unlink(path.c_str()); });
+}
+
+// Another one may have made its segment under a key file that both found missing.
+void remove_unused(const std::string &key_file) {
+    const key_t key = ftok(key_file.c_str(), kSegmentProject);
+    if (key != -1 && shmget(key, 0, 0) < 0) unlink(key_file.c_str());
 }
 
 // A segment is refused with what the operator needs to find out whose it is.
@@ -161,8 +168,10 @@ void create(const SegmentPlan &plan, const std::string &key_file, bool replace,
         throw Error(text("permissions %04o: they must be within 0666 and have 0600",
                          static_cast<unsigned>(mode)));
     const Keys keys(key_file);
+    const bool was_there = ::access(keys.file().c_str(), F_OK) == 0;
+    const KeyLock turn(keys, true);
     Undo undo;
-    make_file(keys.file(), undo);
+    if (!was_there) undo.add([&keys] { remove_unused(keys.file()); });
     make_file(keys.post_file(), undo);
     make_file(keys.request_file(), undo);
     if (replace) {

@@ -1,6 +1,14 @@
 #include "tools/qm/keys.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
 #include "core/segment/keys.h"
+#include "tools/frame/clock.h"
 #include "tools/frame/text.h"
 #include "tools/qm/segment.h"
 
@@ -18,6 +26,23 @@ key_t key_of(const std::string &path, int id) {
     return key;
 }
 
+// Whether a path still names an open file; another one may have been put in its place.
+bool is_file_of(const std::string &path, int descriptor) {
+    struct stat named {
+    }, open{};
+    return stat(path.c_str(), &named) == 0 && fstat(descriptor, &open) == 0 &&
+           named.st_dev == open.st_dev && named.st_ino == open.st_ino;
+}
+
+Descriptor open_key_file(const std::string &path, bool make) {
+    constexpr int kFlags = O_RDONLY | O_NONBLOCK;
+    Descriptor file = open_file(path.c_str(), kFlags);
+    if (file || !make || errno != ENOENT) return file;
+    file = open_file(path.c_str(), kFlags | O_CREAT, 0644);
+    if (!file) throw Error(system_text("cannot make key file %s", path.c_str()));
+    return file;
+}
+
 } // namespace
 
 Keys::Keys(const std::string &key_file)
@@ -29,6 +54,24 @@ Keys::Keys(const std::string &key_file)
     if (post_file_.size() >= kKeyPathSize)
         throw Error(text("the path of the key file has %zu bytes; at most %zu can be attached by",
                          file_.size(), kKeyPathSize - 1 - (post_file_.size() - file_.size())));
+}
+
+KeyLock::KeyLock(const Keys &keys, bool make) {
+    constexpr double kLongest = 10;     // seconds
+    constexpr useconds_t kPause = 5000; // microseconds
+    const std::string &path = keys.file();
+    for (const double end = monotonic() + kLongest;; usleep(kPause)) {
+        file_ = open_key_file(path, make);
+        if (!file_) return;
+        if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0) {
+            if (errno != EWOULDBLOCK) return; // a file system without such locks
+        } else if (is_file_of(path, file_.get())) {
+            return;
+        }
+        if (monotonic() > end)
+            throw Error(
+                text("key file %s: another program makes or removes its segment", path.c_str()));
+    }
 }
 
 key_t Keys::segment() const { return key_of(file_, kSegmentProject); }

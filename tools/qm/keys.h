@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "core/base/posix.h"
+
 namespace halvo::qm {
 
 // A key carries the low 8 bits of its number only: channels this far apart share their semaphores.
@@ -30,6 +32,17 @@ private:
     std::string file_;
     std::string post_file_;
     std::string request_file_;
+};
+
+// Has those who make and remove what stands under one key file take turns, by a lock of that file.
+class KeyLock {
+public:
+    // `make`: the key file, if there is none. Waits for some seconds; throws Error when another one
+    // is still at work then. A file that this user may not read is not locked.
+    KeyLock(const Keys &keys, bool make);
+
+private:
+    Descriptor file_;
 };
 
 } // namespace halvo::qm

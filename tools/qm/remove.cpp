@@ -28,6 +28,7 @@ bool remove_file(const std::string &path, std::string &failure) {
 
 bool remove(const std::string &key_file) {
     const Keys keys(key_file);
+    const KeyLock turn(keys, false);
     std::string failure;
     bool found = remove_objects(keys, failure);
     // Without their files the objects could not be found again.

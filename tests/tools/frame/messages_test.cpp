@@ -56,6 +56,27 @@ TEST_F(Messages, a_batch_larger_than_the_ring_goes_in_parts) {
     EXPECT_EQ(receiver.wait(), 0);
 }
 
+TEST_F(Messages, a_batch_goes_around_what_another_writer_parked) {
+    segment.attach();
+    halvo_channel *q = segment.channel("MT01");
+    ASSERT_EQ(q_write_buf(q, 1, "parked", 6, 2), ESMS_OK);
+    expect_end(send({"--batch", "3"}, "1\n2\n3\n4\n5\n"), 0, "5 messages");
+    ASSERT_EQ(q_write_buf_commit(q, 2), ESMS_OK);
+    EXPECT_EQ(recv({"--idle", "50"}).out, "1\n2\n3\n4\n5\nparked\n");
+}
+
+TEST_F(Messages, a_receiver_that_gets_no_end_leaves_the_output_of_the_one_that_has_it) {
+    const std::string file = segment.path("got");
+    EXPECT_EQ(send({}, "one\ntwo\n").status, 0);
+    Peer first([&] { return recv({"--count", "3", "-o", file}).status; });
+    const auto got = [&] { return run_program({"/bin/cat", file}).out; };
+    EXPECT_TRUE(comes_true([&] { return got() == "one\ntwo\n"; }));
+    expect_end(recv({"--timeout", "100", "-o", file}), 1, "could not be opened");
+    EXPECT_EQ(send({}, "three\n").status, 0);
+    EXPECT_EQ(first.wait(), 0);
+    EXPECT_EQ(got(), "one\ntwo\nthree\n");
+}
+
 TEST_F(Messages, what_cannot_be_sent_is_named_and_what_stood_before_is_sent) {
     const std::string text = "fits\nfits too\n" + std::string(49, 'x') + "\nnever reached\n";
     for (const char *batch : {"1", "10"}) {

@@ -2,6 +2,7 @@
 
 #include "tests/support/files.h"
 #include "tests/support/ipc.h"
+#include "tests/support/peer.h"
 #include "tools/fixture/segment_builder.h"
 
 using namespace halvo::test;
@@ -125,6 +126,19 @@ TEST_F(CreateTest, left_over_semaphores_are_refused_and_everything_made_so_far_i
 
     create(kTwoChannels, key_, true);
     EXPECT_NE(set_under(key_ + ".req", 1), left_over);
+}
+
+TEST_F(CreateTest, those_who_make_and_remove_at_once_take_turns) {
+    std::vector<ChannelPlan> channels;
+    for (int i = 0; i < 100; ++i) channels.push_back({"MT" + std::to_string(i), 'M', 2, 64, 0});
+    const SegmentPlan plan = plan_of(channels);
+    for (int i = 0; i < 20; ++i) {
+        const auto replace = [&] { return create(plan, key_, true), 0; };
+        Peer one(replace), other(replace), remover([&] { return remove(key_), 0; });
+        for (Peer *peer : {&one, &other, &remover}) ASSERT_EQ(peer->wait(), 0);
+        if (exists(key_)) expect_sound();
+        EXPECT_EQ(exists(key_), exists(key_ + ".post"));
+    }
 }
 
 TEST_F(CreateTest, a_failed_create_leaves_no_file_behind) {

@@ -49,8 +49,9 @@ public:
     virtual void send(const std::string &queue, const Outgoing &message) = 0;
     // Waits for the answers to all that was sent since the last call, in that order. Those that are
     // open at the end were not answered within the limit, or before the connection was lost. A
-    // blocked broker may take its time, until the relay is asked to stop.
-    virtual std::vector<Verdict> answers(int milliseconds, const Stop &stop) = 0;
+    // blocked broker may take its time, until the relay is asked to stop: from then on the wait
+    // lasts `drain` milliseconds at most.
+    virtual std::vector<Verdict> answers(int milliseconds, int drain, const Stop &stop) = 0;
     virtual BrokerError why_open() const = 0; // some were
     // Keeps an idle connection alive.
     virtual void serve() = 0;

@@ -22,7 +22,7 @@ public:
     }
 
     void send(const std::string &queue, const Outgoing &message) override;
-    std::vector<Verdict> answers(int milliseconds, const Stop &stop) override;
+    std::vector<Verdict> answers(int milliseconds, int drain, const Stop &stop) override;
     bool blocked() const override { return rabbit_.blocked(); }
     std::string return_reason() const override { return reason_; }
     BrokerError why_open() const override { return why_open_; }
@@ -71,11 +71,16 @@ void RabbitPublisher::send(const std::string &queue, const Outgoing &message) {
     if (verdicts_.size() % kSentUnseen == 0) take_frames(0);
 }
 
-std::vector<Verdict> RabbitPublisher::answers(int milliseconds, const Stop &stop) {
+std::vector<Verdict> RabbitPublisher::answers(int milliseconds, int drain, const Stop &stop) {
     int64_t end = milliseconds_now() + milliseconds;
+    bool stopping = false;
     while (open_ > 0) try {
             const int64_t now = milliseconds_now();
-            if (rabbit_.blocked() && !stop) end = now + milliseconds;
+            if (!stopping && stop) {
+                stopping = true;
+                end = std::min(end, now + drain);
+            }
+            if (rabbit_.blocked() && !stopping) end = now + milliseconds;
             if (now >= end) break;
             take_frames(static_cast<int>(std::min<int64_t>(end - now, 100)));
         } catch (const BrokerError &error) {

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "halvo/frx.h"
 #include "halvo/queue.h"
@@ -22,12 +23,14 @@ public:
         const int number = frx_channelByName(channel.c_str());
         if (number < 0) throw EndError("the segment has no channel " + channel);
         q_ = q_chnnl2q(number);
+        const Standing before = standing(side);
         last_pid_ = side == 'w' ? q_->pidp : q_->pidg;
         const int opened =
             frx_openChannel(&handle_, "halvo-relay", number, side, kOpenMilliseconds);
         if (opened != ESMS_OK)
             throw EndError("channel " + channel + ": its " + (side == 'w' ? "writer" : "reader") +
                            "'s end is held by process " + std::to_string(last_pid_));
+        if (standing(side) != before) last_pid_ = 0;
         q_recover(number, side);
         slots_ = q_->qcnt;
     }
@@ -38,6 +41,7 @@ public:
     FrxChannel *handle() { return &handle_; }
     const halvo_channel *q() const { return q_; }
     uint32_t slots() const { return slots_; }
+    // Of the process that had the end before; 0 when one came and went during the opening.
     int32_t last_pid() const { return last_pid_; }
 
     uint32_t slot_of(uint32_t position) const { return (position - q_->qstart) / q_->qbsz; }
@@ -58,6 +62,13 @@ public:
     }
 
 private:
+    // What a process moves that works at an end: position and count.
+    using Standing = std::pair<uint32_t, uint64_t>;
+    Standing standing(char side) const {
+        if (side == 'w') return {q_->wpos, q_->pcnt.count};
+        return {q_->rpos, q_->gcnt.count};
+    }
+
     FrxChannel handle_{};
     const halvo_channel *q_;
     int32_t last_pid_;

@@ -130,9 +130,8 @@ void Carrier::carry_batch(uint32_t count) {
     ++figures_.batches;
     try {
         send(count);
-        const int limit =
-            context_.stop ? kDrainMilliseconds : context_.broker.confirm_timeout * 1000;
-        const std::vector<Verdict> verdicts = publisher_->answers(limit, context_.stop);
+        const std::vector<Verdict> verdicts = publisher_->answers(
+            context_.broker.confirm_timeout * 1000, kDrainMilliseconds, context_.stop);
         const uint32_t done = deal_with(verdicts);
         release(done);
         if (done == count) {
