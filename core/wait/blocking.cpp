@@ -233,7 +233,10 @@ Wait wait_loop(const Waiter &waiter, bool (*attempt)(void *), void *context) {
         }
         const End end = sleep_registered(waiter, sleeper, wait, limit, trial);
         const bool lost = end != End::settled && trial.lost();
-        lost ? wait.abandon() : wait.withdraw();
+        if (lost)
+            wait.abandon();
+        else
+            wait.withdraw();
         if (wait.fired()) sleeper.take_sent_signals();
         if (end == End::settled) return Wait::settled;
         if (lost) {

@@ -19,8 +19,8 @@
  *             slot; ESMS_MTXLOCK and ESMS_MTXUNLOCK when the end's mutex fails. Blocking calls
  *             also answer ESMS_TIMEOUT, and ESMS_JAVAINTR when a signal other than SIGUSR2
  *             interrupted the wait.
- *             A wait that another thread's close leaves without its end goes on as
- *             long as nobody else opens it, and answers ESMS_ACCESS when another process has.
+ *             A wait that another thread's close leaves without its end goes on as long as
+ *             nobody else opens it, and answers ESMS_ACCESS when another process has.
  *   cancel    the reads and writes that wait are cancellation points while they sleep: a thread that
  *             is cancelled there withdraws its wait. timeoutLoop() is one in its pauses. In every
  *             other function here a cancellation is put off.

@@ -140,7 +140,7 @@ TEST_F(FrxWaiting, ends_when_another_process_has_got_the_end) {
         char slot[64];
         std::thread waiting(
             [&] { result = reads ? frx_read(end, slot, 10000) : frx_write(end, "stray", 10000); });
-        EXPECT_TRUE(comes_true([&] { return (reads ? q->rwait : q->wwait) > 0; }));
+        EXPECT_TRUE(comes_true([&] { return halvo::load(reads ? q->rwait : q->wwait) > 0; }));
         EXPECT_EQ(frx_closeChannel(end), ESMS_OK);
         Peer other([&] { return q_open(0, end->side) ? 0 : 1; });
         EXPECT_EQ(other.wait(), 0);
