@@ -132,7 +132,7 @@ Measured plain(const BrokerConfig &broker, const std::string &queue, uint32_t ba
                         const uint32_t these = std::min(batch, count - i);
                         for (uint32_t k = 0; k < these; ++k)
                             publisher->send(queue, {body, 1, {256, i + k + 1}});
-                        for (const relay::Verdict verdict : publisher->answers(20000, never))
+                        for (const relay::Verdict verdict : publisher->answers(20000, 20000, never))
                             if (verdict != relay::Verdict::confirmed) throw Failure("publish");
                     }
                 },
