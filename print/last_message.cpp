@@ -84,6 +84,7 @@ qmsg *qm_last_msg_of(halvo_channel *channel) noexcept {
 }
 
 int qm_print_last_msg2(char mode) noexcept {
+    const CancellationOff whole_call;
     const LastMessage last;
     if (!last.channel()) return -1;
     char name[HALVO_NAME_SIZE + 1] = {};

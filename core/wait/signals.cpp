@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/base/output.h"
 #include "halvo/queue.h"
 
 namespace {
@@ -69,7 +70,7 @@ void signal_handler(int number) noexcept {
 
 void signal_handler2(int number) noexcept {
     signal_handler(number);
-    std::printf("signal(%d) handled2 at #%d \n", number, static_cast<int>(pthread_self()));
+    halvo::print("signal(%d) handled2 at #%d \n", number, static_cast<int>(pthread_self()));
 }
 
 int getSignal() noexcept {

@@ -31,6 +31,7 @@
  *   output    standard output through stdio, flushed at the end; Korean texts and channel names as
  *             EUC-KR bytes; widths count bytes. Names are not escaped.
  *   results   0 unless stated. Without an attached segment every printer prints what needs none.
+ *   cancel    no function here is a cancellation point: a cancelled thread makes its call to the end.
  *   missing   a chosen number that is no channel prints "WARNNING! <number>th q is null" and ends
  *             the list of channels.
  */

@@ -97,6 +97,7 @@ void print_title(int32_t now, int days, bool colours) {
 using namespace halvo;
 
 void q_printlogo2(char mode) noexcept {
+    const CancellationOff whole_call;
     const int32_t now = clock_now();
     const bool colours = mode != 'w';
     if (titleToggle > kToggleLimit) titleToggle = 0;

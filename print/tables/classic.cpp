@@ -52,6 +52,7 @@ void print_row(const Facts &facts) {
 } // namespace
 
 int q_statprint_classic(char mode) noexcept {
+    const CancellationOff whole_call;
     const int32_t now = begin_print();
     q_printlogo();
     int rows = 0;

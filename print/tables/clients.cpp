@@ -38,6 +38,7 @@ void print_row(const Facts &facts, int32_t now) {
 } // namespace
 
 int q_clientsprint() noexcept {
+    const CancellationOff whole_call;
     const int32_t now = begin_print();
     q_printlogo();
     walk(Channels::all, [&](const Visit &visit) {

@@ -55,6 +55,7 @@ void print_row(const Facts &facts, int indent) {
 } // namespace
 
 int q_statprint2(char mode) noexcept {
+    const CancellationOff whole_call;
     if (!attached_segment()) {
         std::puts("qm is null .");
         std::fflush(stdout);

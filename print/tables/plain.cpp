@@ -76,6 +76,7 @@ void print_row(const Facts &facts, int indent) {
 } // namespace
 
 int q_statprint(char mode) noexcept {
+    const CancellationOff whole_call;
     const int32_t now = begin_print();
     q_printlogo();
     int rows = 0;
