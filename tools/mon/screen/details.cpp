@@ -5,7 +5,8 @@
 #include <ctime>
 #include <utility>
 
-#include "core/segment/segment.h"
+#include "core/base/process.h"
+#include "core/segment/ring.h"
 #include "tools/frame/charset.h"
 #include "tools/frame/text.h"
 #include "tools/mon/screen/top_rows.h"
@@ -168,8 +169,7 @@ std::vector<std::string> details_of(const ChannelSample &channel, int64_t now,
     const halvo_channel *q = view ? view->channel(static_cast<uint32_t>(channel.number)) : nullptr;
     if (!q) return lines;
     add_types(lines, types_of(*view, channel.number));
-    const uint64_t room = view->size() - load(view->header()->qoffs[channel.number]);
-    add_messages(lines, channel, q, static_cast<uint32_t>(std::min<uint64_t>(room, UINT32_MAX)));
+    add_messages(lines, channel, q, view->room_behind(q));
     add_clients(lines, q, now);
     return lines;
 }

@@ -4,24 +4,20 @@
 #include <cmath>
 #include <ctime>
 
+#include "tools/frame/clock.h"
 #include "tools/frame/output.h"
 #include "tools/frame/text.h"
 #include "tools/mon/screen/details.h"
 
 namespace halvo::mon {
 
+using tools::monotonic;
 using tools::text;
 
 namespace {
 
 constexpr int kHeadRows = 4, kFootRows = 1; // title, totals, choices, titles of columns; keys
 constexpr double kMegabyte = 1 << 20;
-
-double seconds_now() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
 
 std::string time_text(int64_t time, const char *format) {
     const auto seconds = static_cast<time_t>(time);
@@ -88,14 +84,14 @@ const std::vector<std::string> &help_lines() {
 
 void Top::run() {
     take();
-    double due = seconds_now() + seconds_;
+    double due = monotonic() + seconds_;
     for (;;) {
         draw();
-        const double left = std::max(due - seconds_now(), 0.0);
+        const double left = std::max(due - monotonic(), 0.0);
         const int key = terminal_.key(static_cast<int>(std::lround(std::min(left, 3600.0) * 1000)));
         if (key != kNoKey && !press(key)) return;
-        if (seconds_now() < due) continue;
-        due = seconds_now() + seconds_;
+        if (monotonic() < due) continue;
+        due = monotonic() + seconds_;
         if (paused_ && !source_.is_record()) continue;
         if (!paused_) source_.step(1);
         take();
