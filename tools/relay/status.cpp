@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tools/frame/program.h"
+#include "tools/frame/text.h"
 #include "tools/relay/metrics.h"
 #include "tools/relay/relay.h"
 #include "tools/relay/route/route.h"
@@ -40,21 +41,6 @@ Row row_of(const RouteConfig &route, const Figures &f, bool running) {
             text(f.dead_letters),
             text(f.losses),
             age_of(f.last)};
-}
-
-std::string table_text(const std::vector<Row> &rows) {
-    std::vector<size_t> widths(rows.front().size());
-    for (const Row &row : rows)
-        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
-    std::string text;
-    for (const Row &row : rows) {
-        for (size_t i = 0; i < row.size(); ++i) {
-            text += row[i];
-            if (i + 1 < row.size()) text.append(widths[i] - row[i].size() + 2, ' ');
-        }
-        text += "\n";
-    }
-    return text;
 }
 
 // Calls use(route, figures, running) for each route; figures are zeros without a state file.
@@ -95,7 +81,8 @@ int show_status(const std::string &config_path, bool as_metrics) {
             if (!running) copies.back()->phase = static_cast<uint32_t>(Phase::stopped);
             all.push_back({&route, copies.back().get()});
         });
-        tools::write_out(1, "standard output", as_metrics ? metrics_text(all) : table_text(rows));
+        tools::write_out(1, "standard output",
+                         as_metrics ? metrics_text(all) : tools::aligned(rows));
         return tools::kDone;
     } catch (const std::runtime_error &error) {
         std::fprintf(stderr, "halvo-relay: %s\n", error.what());

@@ -17,14 +17,7 @@ namespace {
 
 constexpr int kWidth = 132; // columns of the table of a time
 
-std::string date_text(int64_t time) {
-    const auto seconds = static_cast<time_t>(time);
-    tm local{};
-    localtime_r(&seconds, &local);
-    char out[32];
-    std::strftime(out, sizeof out, "%Y-%m-%d %H:%M:%S", &local);
-    return out;
-}
+std::string date_text(int64_t time) { return tools::local_time(time, "%Y-%m-%d %H:%M:%S"); }
 
 // In columns, of which a Korean syllable takes two, as it takes bytes in EUC-KR.
 std::string padded(const std::string &utf8, int width, bool right = false) {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 #include <utility>
 
 #include "core/base/process.h"
@@ -24,12 +23,7 @@ unsigned long long number(uint64_t value) { return value; }
 
 std::string time_text(int32_t stamp, int64_t now) {
     if (stamp == 0) return "never";
-    const time_t seconds = stamp;
-    tm local{};
-    localtime_r(&seconds, &local);
-    char out[32];
-    std::strftime(out, sizeof out, "%Y-%m-%d %H:%M:%S", &local);
-    return std::string(out) + ", " + short_age(now - stamp) + " ago";
+    return tools::local_time(stamp, "%Y-%m-%d %H:%M:%S") + ", " + short_age(now - stamp) + " ago";
 }
 
 // The name that the kernel has for a process.

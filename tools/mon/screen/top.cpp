@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <ctime>
 
 #include "tools/frame/clock.h"
 #include "tools/frame/output.h"
@@ -18,15 +17,6 @@ namespace {
 
 constexpr int kHeadRows = 4, kFootRows = 1; // title, totals, choices, titles of columns; keys
 constexpr double kMegabyte = 1 << 20;
-
-std::string time_text(int64_t time, const char *format) {
-    const auto seconds = static_cast<time_t>(time);
-    tm local{};
-    localtime_r(&seconds, &local);
-    char out[64];
-    std::strftime(out, sizeof out, format, &local);
-    return out;
-}
 
 Look look_of(Trouble trouble) {
     switch (trouble) {
@@ -255,7 +245,7 @@ void Top::draw_head() {
     const int width = terminal_.columns();
     std::string title =
         " halvo-mon top  " + source_.title() + "  " +
-        time_text(sample_.time, source_.is_record() ? "%Y-%m-%d %H:%M:%S" : "%H:%M:%S");
+        tools::local_time(sample_.time, source_.is_record() ? "%Y-%m-%d %H:%M:%S" : "%H:%M:%S");
     if (sample_.up)
         title += text("  segment %d, %.1f MiB", sample_.id,
                       static_cast<double>(sample_.bytes) / kMegabyte);
