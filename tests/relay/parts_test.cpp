@@ -329,9 +329,7 @@ TEST(RelayState, is_opened_beside_those_who_look_at_it) {
     const std::string path = directory.path("state");
     StateFile(path, "id");
     Peer looking([&] {
-        for (bool running;;)
-            read_figures(
-                path, "id", running, [](const Figures &, void *) {}, nullptr);
+        for (bool running;;) read_figures(path, "id", running);
         return 0;
     });
     for (int i = 0; i < 3000; ++i) {

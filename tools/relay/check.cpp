@@ -126,9 +126,7 @@ void Checker::check_state(const RouteConfig &route) {
     const std::string path = state_path(config_.state_directory, route);
     bool running = false;
     try {
-        if (read_figures(
-                path, identity_of(route, config_.key_file), running, [](const Figures &, void *) {},
-                nullptr))
+        if (read_figures(path, identity_of(route, config_.key_file), running))
             fine("state file " + path + (running ? ", in use by a relay" : ""));
     } catch (const StateError &error) {
         fault(error.what());
