@@ -12,7 +12,6 @@
 #include <functional>
 #include <map>
 #include <set>
-#include <sstream>
 
 #include "tools/frame/toml.h"
 #include "tools/relay/base/state.h"
@@ -44,23 +43,17 @@ private:
     using Readers = std::map<std::string, std::function<void(const toml::node &)>>;
 
     [[noreturn]] void fail(uint32_t line, const std::string &reason) const {
-        throw ConfigError(path_ + ":" + std::to_string(line) + ": " + reason);
+        throw ConfigError(tools::text_of(path_, {line, reason}));
     }
     [[noreturn]] void fail(const toml::node &node, const std::string &reason) const {
         fail(node.source().begin.line, reason);
     }
 
     toml::table parsed() const {
-        std::ifstream file(path_, std::ios::binary);
-        std::stringstream content;
-        if (!file || !(content << file.rdbuf()))
-            throw ConfigError(path_ + ": " + (errno ? std::strerror(errno) : "nothing in it"));
         try {
-            return toml::parse(content.str(), path_);
-        } catch (const toml::parse_error &error) {
-            fail(error.source().begin.line, std::string(error.description()));
-        } catch (const tools::NotToml &) {
-            throw ConfigError(path_ + ": it cannot be understood as TOML");
+            return tools::load_toml(path_);
+        } catch (const tools::TomlFault &fault) {
+            throw ConfigError(text_of(path_, fault));
         }
     }
 
