@@ -4,11 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <new>
 
-#include "core/base/posix.h"
 #include "tools/fq/commands.h"
 #include "tools/fq/files.h"
 #include "tools/fq/report.h"
@@ -148,12 +146,8 @@ private:
 
 void get(const Options &options, int standard_output, Progress &progress) {
     need_queue(options.queue);
-    Descriptor file;
-    if (options.output != "-") {
-        file = open_file(options.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC);
-        if (!file) throw ToolError(kUsage, options.output + ": " + std::strerror(errno));
-    }
-    Getter getter(options, file ? file.get() : standard_output, progress);
+    const NamedFile output(options.output, O_WRONLY | O_CREAT | O_TRUNC, standard_output);
+    Getter getter(options, output.descriptor(), progress);
     while (!stop_signal() && !getter.done()) {
         if (getter.get_some()) continue;
         if (const std::string fault = obstacle(options.queue); !fault.empty())

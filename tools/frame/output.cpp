@@ -43,6 +43,12 @@ void catch_stop_signals() {
 
 int stop_signal() { return stop; }
 
+NamedFile::NamedFile(const std::string &path, int flags, int standard) : standard_(standard) {
+    if (path == "-") return;
+    file_ = open_file(path.c_str(), flags);
+    if (!file_) throw ToolError(kUsage, path + ": " + std::strerror(errno));
+}
+
 void write_out(int descriptor, const std::string &name, const std::string &bytes) {
     int without_progress = 0;
     for (size_t done = 0; done < bytes.size();) {
