@@ -106,8 +106,7 @@ std::string table_of(const Sample &sample) {
         std::string line;
         for (const Placed &place : places) {
             const Column &column = columns()[static_cast<size_t>(place.column)];
-            const bool right = column.numeric && place.column != kStateColumn;
-            line += padded(cell(column), place.width, right) + " ";
+            line += padded(cell(column), place.width, column.right) + " ";
         }
         out += trimmed(line);
     };
