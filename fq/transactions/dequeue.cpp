@@ -21,8 +21,6 @@ using namespace halvo::fq;
 
 namespace {
 
-constexpr int kIncomplete = -100; // from fq_read_item; to the caller it is nothing to read
-
 // Reads one item and counts it. As fq_read_item, with a line for a failure.
 int read_counted(const char *path, fqtrans *trans, void *buf, unsigned cap) {
     const int result = fq_read_item(path, trans, buf, cap);

@@ -18,10 +18,6 @@ using namespace halvo::fq;
 
 namespace {
 
-bool usable_item(const char *path, const void *data, unsigned len) {
-    return usable_path(path) && data && len > 0 && len <= FQ_ITEM_MAX;
-}
-
 // Writes a transaction's first item with one of the item writers. The intended start of a queue
 // whose position is lost stays as it is.
 int write_first(int (*writer)(const char *, fqtrans *, const void *, unsigned), fqtrans *trans,

@@ -64,7 +64,7 @@ private:
                 fq_dequeue(kNoChannel, options_.queue.c_str(), buffer(), room_, &trans);
             if (result >= 0) return result;
             if (stop_signal()) return 0; // it ended the wait for another reader
-            if (result != kTooLarge) fail("dequeue", result);
+            if (result != fq::kTooLarge) fail("dequeue", result);
             fq::ItemHeader header;
             std::memcpy(&header, item_.data(), sizeof header);
             room_ = header.length;
@@ -132,7 +132,6 @@ private:
         return item_.data();
     }
 
-    static constexpr int kTooLarge = -2;
     const Options &options_;
     int output_;
     Progress &progress_;
