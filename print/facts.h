@@ -12,9 +12,8 @@ namespace halvo {
 class Baseline {
 public:
     static Baseline zeros() noexcept { return Baseline(nullptr); }
-    static Baseline of_snapshot() noexcept {
-        return Baseline(snapshot);
-    } // zeros when there is none
+    // Zeros when there is none.
+    static Baseline of_snapshot() noexcept { return Baseline(snapshot); }
     static Baseline of_mode(char mode) noexcept { return mode == 's' ? of_snapshot() : zeros(); }
     // The image of a channel, which must be one of the segment.
     const halvo_channel &operator[](int channel) const noexcept;

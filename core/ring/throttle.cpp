@@ -12,7 +12,7 @@ constexpr int kFlagSeconds = 2;    // how long `throttled` stays visible after a
 
 int64_t q_check_tps(halvo_channel *q) noexcept {
     const int32_t now = halvo::cached_time();
-    const auto count = static_cast<int64_t>(q->qtype == 'F' ? q->fgcnt.count : q->gcnt.count);
+    const int64_t count = halvo::rate_count(*q);
     if (halvo::age(now, q->tpsstart) > kPeriodSeconds) {
         q->tpsstart =
             static_cast<int32_t>(static_cast<uint32_t>(now) - 1); // the divisor is never 0

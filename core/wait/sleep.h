@@ -50,8 +50,7 @@ public:
     // The same, and those that another thread has sent before have been handled when it returns.
     void take_sent_signals() noexcept;
 
-    // While the thread sleeps or is about to: the words that show whether a handler has run since
-    // the last moment at which that would have kept it from sleeping. Otherwise null.
+    // For slept_past_a_signal(), by another thread too.
     const SleepFrame &frame() const noexcept { return frame_; }
 
 private:

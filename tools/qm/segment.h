@@ -63,10 +63,9 @@ struct Access {
 };
 
 // Makes the key files that are missing, the post and request semaphores of 'M' channels, the two
-// lock sets and, last and complete, the segment. On failure
-// throws Error and leaves nothing behind that it made. What stands under the keys is refused with
-// Standing, unless replace is set: then it is removed first (processes that are attached to it
-// keep their old segment until they detach).
+// lock sets and, last and complete, the segment. On failure throws Error and leaves nothing behind that
+// it made. What stands under the keys is refused with Standing, unless replace is set: then it is removed
+// first (processes that are attached to it keep their old segment until they detach).
 void create(const SegmentPlan &plan, const std::string &key_file, bool replace,
             const Access &access = {});
 

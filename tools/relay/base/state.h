@@ -65,9 +65,9 @@ const char *name_of(Phase phase);
 
 // What operators see of a route; counts go on from run to run.
 struct alignas(8) Figures {
-    std::atomic<uint64_t> messages;     // relayed
-    std::atomic<uint64_t> bytes;        // of their bodies
-    std::atomic<uint64_t> batches;      //
+    std::atomic<uint64_t> messages; // relayed
+    std::atomic<uint64_t> bytes;    // of their bodies
+    std::atomic<uint64_t> batches;
     std::atomic<uint64_t> repeats;      // in: known already, dropped; out: sent once more
     std::atomic<uint64_t> dead_letters; // put aside: a file queue, or the broker's queue
     std::atomic<uint64_t> returned;     // out: unroutable, each time it was tried
