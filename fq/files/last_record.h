@@ -18,6 +18,7 @@ struct LastRecord {
     int32_t left_order = -1; // the data file that the record before it names; -1: not known
     bool stepped = false;    // the last record cannot be read, and the one found is an earlier one
 };
+
 // From the last record, which cannot be read, back to one that can; by blocks, for a log may be long.
 inline void step_back(int fd, char *record, LastRecord &last) noexcept {
     const auto is_blank = [](const char *bytes) { return bytes[kRecordSize - 1] == '\0'; };

@@ -50,9 +50,9 @@ void complain(const std::string &message) {
     std::fprintf(stderr, "halvo-qm: %s\n", for_locale(message).c_str());
 }
 
-// A name, or a number for a group without one; -1 when none is asked for.
+// A name, or a number for a group without one.
 gid_t group_of(const std::string &word) {
-    if (word.empty()) return static_cast<gid_t>(-1);
+    if (word.empty()) return halvo::qm::kOwnGroup;
     if (const struct group *found = getgrnam(word.c_str())) return found->gr_gid;
     if (word.size() > 9 || word.find_first_not_of("0123456789") != std::string::npos)
         throw halvo::qm::Error("there is no group named " + word);

@@ -57,9 +57,10 @@ Fault first_fault(const SegmentPlan &plan);
 std::string fault_of(const SegmentPlan &plan);
 
 // Who may use what create() makes.
+constexpr auto kOwnGroup = static_cast<gid_t>(-1); // the process's
 struct Access {
-    mode_t mode = 0660;                   // permission bits, at least 0600
-    gid_t group = static_cast<gid_t>(-1); // -1: the process's own
+    mode_t mode = 0660; // permission bits, at least 0600
+    gid_t group = kOwnGroup;
 };
 
 // Makes the key files that are missing, the post and request semaphores of 'M' channels, the two

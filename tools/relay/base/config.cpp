@@ -247,6 +247,30 @@ std::string from_environment(const char *name) {
     return value ? value : "";
 }
 
+// Without blanks and quotes around it.
+std::string trimmed(const std::string &part) {
+    const size_t begin = part.find_first_not_of(" \t\""), end = part.find_last_not_of(" \t\r\"");
+    return begin == std::string::npos ? "" : part.substr(begin, end - begin + 1);
+}
+
+Credentials credentials_in(const std::string &path) {
+    struct stat info {};
+    std::ifstream file(path); // opened first: what is looked at is what is read, but for a swap
+    if (!file || stat(path.c_str(), &info) != 0)
+        throw ConfigError(path + ": " + std::strerror(errno));
+    if (info.st_mode & 077) throw ConfigError(path + ": others may read it; chmod 0600 it");
+    Credentials found;
+    for (std::string line; std::getline(file, line);) {
+        const size_t equals = line.find('=');
+        if (equals == std::string::npos) continue;
+        const std::string key = trimmed(line.substr(0, equals));
+        if (key == "user") found.user = trimmed(line.substr(equals + 1));
+        if (key == "password") found.password = trimmed(line.substr(equals + 1));
+    }
+    if (found.user.empty()) throw ConfigError(path + ": it has no line \"user = ...\"");
+    return found;
+}
+
 } // namespace
 
 std::string text_of(const Endpoint &endpoint) {
@@ -265,35 +289,12 @@ std::vector<std::string> RouteConfig::queues() const {
 Config load_config(const std::string &path) { return Loader(path).load(); }
 
 Credentials load_credentials(const BrokerConfig &broker) {
-    if (broker.credentials.empty()) {
-        Credentials found{from_environment("HALVO_RELAY_USER"),
-                          from_environment("HALVO_RELAY_PASSWORD")};
-        if (found.user.empty())
-            throw ConfigError(
-                "no credentials: [broker] names no file, and HALVO_RELAY_USER is not set");
-        return found;
-    }
-    const std::string &path = broker.credentials;
-    struct stat info {};
-    std::ifstream file(path); // opened first: what is looked at is what is read, but for a swap
-    if (!file || stat(path.c_str(), &info) != 0)
-        throw ConfigError(path + ": " + std::strerror(errno));
-    if (info.st_mode & 077) throw ConfigError(path + ": others may read it; chmod 0600 it");
-    Credentials found;
-    for (std::string line; std::getline(file, line);) {
-        const size_t equals = line.find('=');
-        if (equals == std::string::npos) continue;
-        const auto trimmed = [](const std::string &part) {
-            const size_t begin = part.find_first_not_of(" \t\""),
-                         end = part.find_last_not_of(" \t\r\"");
-            return begin == std::string::npos ? "" : part.substr(begin, end - begin + 1);
-        };
-        const std::string key = trimmed(line.substr(0, equals)),
-                          value = trimmed(line.substr(equals + 1));
-        if (key == "user") found.user = value;
-        if (key == "password") found.password = value;
-    }
-    if (found.user.empty()) throw ConfigError(path + ": it has no line \"user = ...\"");
+    if (!broker.credentials.empty()) return credentials_in(broker.credentials);
+    Credentials found{from_environment("HALVO_RELAY_USER"),
+                      from_environment("HALVO_RELAY_PASSWORD")};
+    if (found.user.empty())
+        throw ConfigError(
+            "no credentials: [broker] names no file, and HALVO_RELAY_USER is not set");
     return found;
 }
 
