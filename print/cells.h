@@ -1,4 +1,4 @@
-// smsqm_print: pieces of the terminal tables, each printing some of the facts of facts.h to standard
+// Status printers: pieces of the terminal tables, each printing some of the facts of facts.h to standard
 // output.
 #pragma once
 

@@ -1,4 +1,4 @@
-// smsqm_print: the text of the message that left the gateway last.
+// Status printers: the text of the message that left the gateway last.
 #include <algorithm>
 #include <cctype>
 #include <cstdio>

@@ -1,4 +1,4 @@
-// smsqm_print: one record of the whole segment for a log file.
+// Status printers: one record of the whole segment for a log file.
 #include <cstdio>
 #include <ctime>
 

@@ -1,4 +1,4 @@
-// smsqm_print: the options file, which chooses, orders, indents and colours channels.
+// Status printers: the options file, which chooses, orders, indents and colours channels.
 #include <fcntl.h>
 #include <unistd.h>
 

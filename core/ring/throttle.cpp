@@ -1,4 +1,4 @@
-// sms_shm: the read-rate limit of a channel.
+// Queue core: the read-rate limit of a channel.
 #include "core/ring/throttle.h"
 
 #include "core/ring/counters.h"

@@ -1,4 +1,4 @@
-// sms_shm: the names of the result codes, for people.
+// Queue core: the names of the result codes, for people.
 #include <cerrno>
 #include <cstdio>
 

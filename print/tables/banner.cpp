@@ -1,4 +1,4 @@
-// smsqm_print: the banner above every table.
+// Status printers: the banner above every table.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -1,4 +1,4 @@
-// smsqm_print: the fixed table of all channels.
+// Status printers: the fixed table of all channels.
 #include <cstdio>
 #include <ctime>
 

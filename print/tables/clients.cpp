@@ -1,4 +1,4 @@
-// smsqm_print: the processes at each channel.
+// Status printers: the processes at each channel.
 #include <cstdio>
 #include <iterator>
 

@@ -1,4 +1,4 @@
-// smsqm_print: the coloured table of the chosen channels, printed cell by cell.
+// Status printers: the coloured table of the chosen channels, printed cell by cell.
 #include <sys/resource.h>
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// smsqm_print: the table of the chosen channels.
+// Status printers: the table of the chosen channels.
 #include <cstdio>
 
 #include "print/cells.h"
