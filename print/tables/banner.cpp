@@ -99,7 +99,7 @@ using namespace halvo;
 void q_printlogo2(char mode) noexcept {
     const int32_t now = clock_now();
     const bool colours = mode != 'w';
-    if (titleToggle > kToggleLimit) titleToggle = 0;
+    if (titleToggle < 0 || titleToggle > kToggleLimit) titleToggle = 0;
     const int days = uptime_days(now);
     print_rule();
     if (snapshot_time() >= 1)
