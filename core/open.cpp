@@ -22,8 +22,11 @@ struct Opening {
     double limit = kNever; // seconds since the epoch
 };
 
-// Takes an end's lock. Returns 0, or -1 with errno.
+// Takes an end's lock. Returns 0, or -1 with errno. A signal ends a wait, and at a free end there is
+// none: it is taken whatever comes meanwhile.
 int lock_end(const Side &side, int channel, Opening &opening) {
+    const int tried = try_lock(side.lock_set(), channel);
+    if (tried == 0 || errno != EAGAIN) return tried;
     Sleeper &sleeper = opening.sleeper;
     WaitInProgress wait(sleeper, opening.limit, side, nullptr, channel);
     const Woken woken = sleeper.take(side.lock_set(), channel, SEM_UNDO, {});
