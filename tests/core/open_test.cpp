@@ -35,6 +35,10 @@ TEST(Open, records_the_owner_and_an_observer_records_nothing) {
     EXPECT_EQ(q->pidp, 0);
     EXPECT_EQ(q_close(0, 'r'), ESMS_OK);
     EXPECT_EQ(q->pidg, getpid()) << "the last holder stays visible";
+    if (_Fork() == 0) _exit(q_open(0, 'w')->pidp != getpid()); // a fork that runs no handlers
+    int status = -1;
+    wait(&status);
+    EXPECT_EQ(status, 0) << "a child is a process of its own";
 }
 
 TEST(Open, close_has_a_code_for_every_mistake) {
