@@ -548,7 +548,7 @@ public final class IPCFunctions {
      * @param offset where in the array it begins
      * @param length its length in bytes, 1 or more
      * @param error  true to count it as an error of its type too
-     * @return 0; a positive number from 2 to 6 when the queue cannot be locked; -1 when the item
+     * @return 0; a positive number from 1 to 6 when the queue cannot be locked; -1 when the item
      *     could not be written; -2 for a null path; {@link #ESMS_INVAL}
      */
     public static native int writeFileQueue(
