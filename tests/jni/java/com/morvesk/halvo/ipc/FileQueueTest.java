@@ -233,6 +233,9 @@ public class FileQueueTest {
             next(reader, "small", text(large, large.length), "after it", null);
             reader.commit();
         }
+        // The header of an item that says that it has 770 MB.
+        Files.write(Paths.get(queue + "2.000000000"), bytes("QITMF-----------0000data"));
+        next(new FileQueue(queue + 2).reader(), (String) null);
         Files.write(Paths.get(queue + ".head"), bytes("no position at all, not anywhere"));
         String damage = assertThrows(HalvoException.class, () -> files.reader().next()).codeName();
         assertTrue(damage, damage.startsWith("FQ_"));
