@@ -113,7 +113,10 @@ int init_shm(const char *keyfile) noexcept {
         drop_view();
         // Kept: a failed attach returns with the service lock taken and shmblock at the failed
         // value, so that init_shm(NULL) answers ESMS_OK although nothing is attached.
-        if (!join_segment(keyfile, usable)) return ESMS_SHMOP;
+        if (!join_segment(keyfile, usable)) {
+            keep_service();
+            return ESMS_SHMOP;
+        }
         attached = segment_ever;
         expect_channels();
         join_barriers();

@@ -22,20 +22,30 @@ struct Opening {
     double limit = kNever; // seconds since the epoch
 };
 
-// Takes an end's lock. Returns 0, or -1 with errno.
-int lock_end(const Side &side, int channel, Opening &opening) {
+// Waits for the lock of an end that another one has. 0 or the error number.
+int wait_for_lock(const Side &side, int channel, Opening &opening) {
     Sleeper &sleeper = opening.sleeper;
     WaitInProgress wait(sleeper, opening.limit, side, nullptr, channel);
     const Woken woken = sleeper.take(side.lock_set(), channel, SEM_UNDO, {});
     const int error = woken == Woken::by_signal ? EINTR : errno;
     if (wait.leave()) sleeper.take_sent_signals();
-    errno = error;
-    return woken == Woken::normally ? 0 : -1;
+    return woken == Woken::normally ? 0 : error;
+}
+
+// Takes an end's lock. A signal ends a wait, and at a free end there is none: it is taken whatever
+// comes meanwhile. 0 or the error number; then the signals are let in, for what is printed next may
+// take long.
+int lock_end(const Side &side, int channel, Opening &opening) {
+    opening.sleeper.hold();
+    int error = try_lock(side.lock_set(), channel) == 0 ? 0 : errno;
+    if (error == EAGAIN) error = wait_for_lock(side, channel, opening);
+    opening.sleeper.release();
+    return error;
 }
 
 halvo_channel *hold(const Side &side, int channel, const char *failure, Opening &opening) {
-    if (lock_end(side, channel, opening) < 0) {
-        std::printf(failure, channel, std::strerror(errno));
+    if (const int error = lock_end(side, channel, opening); error != 0) {
+        std::printf(failure, channel, std::strerror(error));
         return nullptr;
     }
     halvo_channel *q = header_of(channel); // the wait may have been long
@@ -76,13 +86,11 @@ halvo_channel *open_end(int channel, char mode, Opening &opening) {
 
 halvo_channel *q_open(int channel, char mode) noexcept {
     Opening opening;
-    opening.sleeper.hold();
     return open_end(channel, mode, opening);
 }
 
 halvo_channel *q_open_wait(int channel, char mode, int limit) noexcept {
     Opening opening;
-    opening.sleeper.hold();
     const double end = wall_clock() + limit / 1000.0; // as in core/wait/blocking.cpp
     if (reg_wait_thread(limit) >= 0) opening.limit = end;
     halvo_channel *q = open_end(channel, mode, opening);

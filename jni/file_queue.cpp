@@ -53,6 +53,17 @@ jint begin_failure(jint result, const fqtrans &record) {
     return result < 0 && record.path[0] != '\0' && !record.mtx ? kLockFailure + result : result;
 }
 
+// Whether all of an item is there that is longer than its reader's buffer. What a damaged header claims
+// would take all memory: without it, as for every incomplete item, there is nothing to read.
+bool is_whole(const char *queue, const fqtrans &record, const char *item) {
+    fq::ItemHeader header;
+    std::memcpy(&header, item, fq::kHeaderSize);
+    const fq::Position at = fq::position_in(record.curpos);
+    struct stat file {};
+    return stat(fq::data_file(queue, at.order).text, &file) == 0 &&
+           file.st_size >= at.offset + fq::size_of_item(header);
+}
+
 // Ends a transaction by end(record), unless a failure has ended it already; its record goes.
 template <class End>
 jint end_by(JNIEnv *env, jlongArray words, End end) {
@@ -108,8 +119,10 @@ COMPANION_NATIVE(jint, FileQueueCalls, take)
     const jint result = open ? fq_dequeue_next(channel, queue.get(), open, item.get(), capacity)
                              : fq_dequeue(channel, queue.get(), item.get(), capacity, record);
     if (result <= 0) {
-        if (open) return result == ESMS_EMPTY ? 0 : result;
-        return record->path[0] == '\0' && result == ESMS_EMPTY ? 0 : begin_failure(result, *record);
+        if (result == ESMS_EMPTY && (open || record->path[0] == '\0')) return 0;
+        const jint failure = open ? result : begin_failure(result, *record);
+        return failure == fq::kTooLarge && !is_whole(queue.get(), *record, item.get()) ? 0
+                                                                                       : failure;
     }
     const jint length = record->itemlen;
     copy_out(env, {buffer, 0, room}, item.get() + fq::kHeaderSize, static_cast<uint32_t>(length));

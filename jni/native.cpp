@@ -34,8 +34,10 @@ bool has_room(JNIEnv *env, const ArrayRange &range) noexcept {
     return int64_t{range.offset} + range.length <= env->GetArrayLength(range.array);
 }
 
+// A large one that is not in its array is zeros from the start: it may be of any length.
 BytesIn::BytesIn(JNIEnv *env, const ArrayRange &range) noexcept
-    : bytes_(range.length > 0 ? static_cast<size_t>(range.length) : 1) {
+    : bytes_(range.length > 0 ? static_cast<size_t>(range.length) : 1,
+             range.length > Block::kInside && !has_room(env, range)) {
     if (!range.array || range.length < 0) {
         fault_ = ESMS_INVAL;
         return;
@@ -43,11 +45,12 @@ BytesIn::BytesIn(JNIEnv *env, const ArrayRange &range) noexcept
     length_ = static_cast<uint32_t>(range.length);
     if (!bytes_.get()) {
         fault_ = ESMS_FAILED;
-        return;
+        if (has_room(env, range)) return; // outside the array nothing is copied, but raised
     }
     env->GetByteArrayRegion(range.array, range.offset, range.length,
                             reinterpret_cast<jbyte *>(bytes_.get()));
-    if (env->ExceptionCheck()) std::memset(bytes_.get(), 0, length_);
+    if (env->ExceptionCheck() && range.length <= Block::kInside)
+        std::memset(bytes_.get(), 0, length_);
 }
 
 jint copy_out(JNIEnv *env, const ArrayRange &range, const void *from, uint32_t size) noexcept {

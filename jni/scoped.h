@@ -25,18 +25,25 @@ Memory<T> zeroed(size_t size) noexcept {
     return Memory<T>(static_cast<T *>(std::calloc(size > 0 ? size : 1, 1)));
 }
 
-// Memory for a message: within itself when it is not large. Not cleared.
+// Memory for a message: within itself when it is not large. Not cleared, except a large one that is to
+// be zeros, which takes no more memory than is looked at.
 class Block {
 public:
-    explicit Block(size_t size) noexcept
-        : memory_(size <= sizeof inside_ ? nullptr : static_cast<char *>(std::malloc(size))),
+    static constexpr int kInside = 2048; // bytes
+
+    explicit Block(size_t size, bool zeros_if_large = false) noexcept
+        : memory_(size <= sizeof inside_ ? nullptr : allocate(size, zeros_if_large)),
           begin_(size <= sizeof inside_ ? inside_ : memory_.get()) {}
     Block(const Block &) = delete;
     Block &operator=(const Block &) = delete;
     char *get() const noexcept { return begin_; } // null: there is no memory
 
 private:
-    alignas(qmsg) char inside_[2048];
+    static char *allocate(size_t size, bool zeros) noexcept {
+        return static_cast<char *>(zeros ? std::calloc(size, 1) : std::malloc(size));
+    }
+
+    alignas(qmsg) char inside_[kInside];
     Memory<char> memory_;
     char *begin_;
 };

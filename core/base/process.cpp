@@ -1,26 +1,19 @@
+// This process's id, which a process remembers for itself alone.
 #include "core/base/process.h"
 
-#include <pthread.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace halvo {
 
-std::atomic<int32_t> known_process_id{0};
-
-namespace {
-
-pthread_once_t watched = PTHREAD_ONCE_INIT;
-bool watches_forks = false;
-
-void forget() { known_process_id = 0; }
-void watch_forks() { watches_forks = pthread_atfork(nullptr, nullptr, forget) == 0; }
-
-} // namespace
+OwnPage own_page;
 
 int32_t learn_process_id() noexcept {
-    pthread_once(&watched, watch_forks);
-    const auto id = static_cast<int32_t>(getpid());
-    if (watches_forks) known_process_id = id;
+    auto id = static_cast<int32_t>(getpid());
+    if (madvise(&own_page, sizeof own_page, MADV_WIPEONFORK) != 0) return id;
+    // A signal's handler may fork anywhere: the child comes back with its parent's id in hand.
+    for (int32_t stored = 0; stored != id; id = static_cast<int32_t>(getpid()))
+        own_page.process_id = stored = id;
     return id;
 }
 

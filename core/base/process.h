@@ -9,12 +9,17 @@
 
 namespace halvo {
 
-extern std::atomic<int32_t> known_process_id __attribute__((visibility("hidden"))); // 0: not known
+// A page that the kernel empties in the child of every fork, also of one that runs no handlers of the
+// C library: _Fork(), clone().
+struct alignas(4096) OwnPage {
+    std::atomic<int32_t> process_id{0}; // 0: not known
+};
+extern OwnPage own_page __attribute__((visibility("hidden")));
 int32_t learn_process_id() noexcept;
 
 // getpid(); a forked child asks anew.
 inline int32_t process_id() noexcept {
-    const int32_t id = known_process_id.load(std::memory_order_relaxed);
+    const int32_t id = own_page.process_id.load(std::memory_order_relaxed);
     return id != 0 ? id : learn_process_id();
 }
 

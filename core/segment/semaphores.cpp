@@ -72,6 +72,7 @@ int request_semaphore(int channel) noexcept { return id_of(semRqsts, channel); }
 int read_lock_set() noexcept { return semReadLock; }
 int write_lock_set() noexcept { return semWriteLock; }
 
+int try_lock(int semid, int n) noexcept { return add(semid, n, -1, SEM_UNDO | IPC_NOWAIT); }
 int post(int semid) noexcept { return semctl(semid, 0, SETVAL, 1); }
 
 } // namespace halvo

@@ -15,6 +15,9 @@ int request_semaphore(int channel) noexcept;
 int read_lock_set() noexcept;
 int write_lock_set() noexcept;
 
+// sem_mutex_lock() without the wait: -1 with EAGAIN when another one has it.
+int try_lock(int semid, int n) noexcept;
+
 // Sets the first semaphore of a set to 1. 0, or -1 with errno.
 int post(int semid) noexcept;
 

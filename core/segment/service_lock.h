@@ -3,8 +3,9 @@
 
 namespace halvo {
 
-// False when it was not to be had within a second, or its own thread holds it already.
+// Waits for it. False when it is kept for good, or its own thread holds it already.
 bool lock_service() noexcept;
 bool unlock_service() noexcept;
+void keep_service() noexcept; // for the one that holds it
 
 } // namespace halvo

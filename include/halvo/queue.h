@@ -38,8 +38,8 @@ HALVO_BEGIN_DECLS
  * returns  ESMS_OK; ESMS_ALREADY when attached before; ESMS_NOINIT for a null path when not
  *          attached; ESMS_SHMOP when there is no such segment; ESMS_MTXLOCK, ESMS_MTXUNLOCK.
  * Prints "SHM_INIT_FINISHED." unless the attach fails, which prints its own line. After a failed
- * attach the service lock stays taken: later calls in this process answer ESMS_MTXLOCK (at once
- * in the same thread, after about a second in others), and init_shm(NULL) answers ESMS_OK. */
+ * attach the service lock stays taken: later calls in this process answer ESMS_MTXLOCK, and
+ * init_shm(NULL) answers ESMS_OK. */
 HALVO_API int init_shm(const char *keyfile) HALVO_NOEXCEPT;
 
 /* Detaches. No function that takes a channel may run in another thread meanwhile; the monitor and

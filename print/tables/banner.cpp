@@ -100,7 +100,7 @@ void q_printlogo2(char mode) noexcept {
     const CancellationOff whole_call;
     const int32_t now = clock_now();
     const bool colours = mode != 'w';
-    if (titleToggle > kToggleLimit) titleToggle = 0;
+    if (titleToggle < 0 || titleToggle > kToggleLimit) titleToggle = 0;
     const int days = uptime_days(now);
     print_rule();
     if (snapshot_time() >= 1)

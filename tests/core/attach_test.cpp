@@ -13,6 +13,7 @@
 
 #include "halvo/queue.h"
 #include "tests/support/capture.h"
+#include "tests/support/peer.h"
 #include "tests/support/ring.h"
 #include "tools/qm/segment.h"
 
@@ -39,6 +40,16 @@ TEST(Attach, takes_semaphores_and_segment_of_one_creation) {
     s.attach();
     EXPECT_EQ(q_name2chnnl("NEW"), 0) << "the segment whose ends it opens";
     EXPECT_NE(q_open(0, 'w'), nullptr);
+}
+
+TEST(Attach, of_a_second_thread_waits_for_the_first_however_long_that_takes) {
+    const Segment s = two_channels();
+    const Signal attaches;
+    before_semaphores = [&] { attaches.send(), usleep(1500000); };
+    std::thread first([&] { EXPECT_EQ(init_shm(s.key_file().c_str()), ESMS_OK); });
+    ASSERT_TRUE(attaches.wait());
+    EXPECT_EQ(init_shm(s.key_file().c_str()), ESMS_ALREADY);
+    first.join();
 }
 
 TEST(Attach, a_process_attaches_once_for_its_lifetime) {

@@ -63,6 +63,10 @@ TEST_F(Counters, the_read_rate_is_an_average_over_at_most_twenty_seconds) {
     q_0()->now = 100000; // a clock that ran backwards
     q->gcnt.count = 1150;
     EXPECT_EQ(q_check_tps(q), 50);
+    q->tpsmx = 10;
+    write(q, "m");
+    EXPECT_EQ(read(q), "m") << "and may take hours to come back";
+    EXPECT_EQ(q->tpsstart, 99999) << "the limit counts from now on";
     halvo_channel *f = segment.channel("FQ01"); // counts what leaves the file queue
     f->gcnt.count = 999;
     q_check_tps(f);

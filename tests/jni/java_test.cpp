@@ -1,4 +1,5 @@
 // Runs the Java tests in real VMs, each over a segment of its own, and judges how the VMs end.
+#include <dlfcn.h>
 #include <elf.h>
 #include <gtest/gtest.h>
 
@@ -99,6 +100,14 @@ TEST_P(Vm, OfAnotherPath) {
     const Outcome outcome = hello({"-Dhalvoipc.library=" + one_.path("libhalvoipc.so")});
     expect_end(outcome, 0, "7: Hello, gateway\n");
     expect_end(outcome, 0, "SHM_INIT_FINISHED.\n"); // what the library prints, at the VM's end
+}
+
+// A VM unloads it with the class loader that loaded it.
+TEST_P(Vm, ThatUnloadsTheLibraryLeavesItsHandler) {
+    const std::string copy = one_.path("libhalvoipc.so");
+    write_file(copy, content_of(HALVO_LIBRARY));
+    ASSERT_EQ(dlclose(dlopen(copy.c_str(), RTLD_NOW)), 0);
+    EXPECT_NE(dlopen(copy.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
 }
 
 // What a library that cannot be loaded tells to do about it.

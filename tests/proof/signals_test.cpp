@@ -160,6 +160,7 @@ private:
         while (!writes_a_mark()) process_.step();
         while (writes_a_mark()) process_.step();
         begin_ = instruction();
+        while (!writes_a_mark()) process_.step(); // again right before the sleep
         while (!is_sleep()) process_.step();
         sleep_ = instruction();
         arrivals_to_the_next_wait();

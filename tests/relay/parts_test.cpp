@@ -109,6 +109,19 @@ protected:
         route_.from = {Endpoint::channel, "MT01"};
         route_.to = {Endpoint::queue, "q"};
     }
+    // A relay that lists a batch of two, does what is asked and is killed.
+    void die_in_batch(Arriving &left, void (*what)(Sink &)) {
+        Peer dead([&] {
+            initialise(segment_);
+            const auto sink = open_channel_sink("MT01", 1, left);
+            for (const uint32_t i : {0, 1}) sink->mark(i, {1, "not readable yet", 1, {}}, 0);
+            sink->describe(left.place);
+            left.count = 2;
+            what(*sink);
+            return raise(SIGKILL);
+        });
+        EXPECT_EQ(dead.wait(), 128 + SIGKILL);
+    }
     // Runs in a process of its own, with the state of before; returns how it ended.
     template <class F>
     int life(F f) {
@@ -254,15 +267,7 @@ TEST(RelayFileNumbers, a_part_of_a_batch_is_not_taken_for_another_one_of_the_sam
 
 TEST_F(RelayNumbers, another_writers_messages_are_not_taken_for_those_of_a_dead_relay) {
     auto &left = shared_object<Arriving>();
-    Peer dead([&] {
-        initialise(segment_);
-        const auto sink = open_channel_sink("MT01", 1);
-        for (const uint32_t i : {0, 1}) sink->mark(i, {1, "not readable yet", 1, {}}, 0);
-        sink->describe(left.place);
-        left.count = 2;
-        return raise(SIGKILL);
-    });
-    EXPECT_EQ(dead.wait(), 128 + SIGKILL);
+    die_in_batch(left, [](Sink &) {});
     ASSERT_EQ(initialise(segment_), ESMS_OK);
     before_opening = [&] {
         Peer other([&] {
@@ -272,8 +277,24 @@ TEST_F(RelayNumbers, another_writers_messages_are_not_taken_for_those_of_a_dead_
         });
         EXPECT_EQ(other.wait(), 0);
     };
-    const auto sink = open_channel_sink("MT01", 1);
+    const auto sink = open_channel_sink("MT01", 1, left);
     EXPECT_EQ(sink->committed_since(left), std::nullopt);
+}
+
+TEST_F(RelayNumbers, heirs_that_die_before_they_settle_leave_the_batch_known) {
+    auto &left = shared_object<Arriving>();
+    die_in_batch(left, [](Sink &sink) { sink.commit(); });
+    for (const bool opens : {true, true, false, true}) {
+        Peer heir([&] {
+            initialise(segment_);
+            if (!opens) before_opening = [] { raise(SIGKILL); };
+            const auto sink = open_channel_sink("MT01", 1, left);
+            return raise(SIGKILL);
+        });
+        EXPECT_EQ(heir.wait(), 128 + SIGKILL);
+    }
+    ASSERT_EQ(initialise(segment_), ESMS_OK);
+    EXPECT_EQ(open_channel_sink("MT01", 1, left)->committed_since(left), 2U);
 }
 
 TEST(RelayConfig, faults_name_their_line) {

@@ -115,6 +115,11 @@ double Machine::processor_seconds() const {
     return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
 }
 
+void Machine::descriptors(rlim_t most) const {
+    const rlimit limit{most, 1024};
+    prlimit(relay_->pid(), RLIMIT_NOFILE, &limit, nullptr);
+}
+
 std::string Machine::log() const { return exists(path("log")) ? content_of(path("log")) : ""; }
 
 bool Machine::logs(const std::string &text) const {

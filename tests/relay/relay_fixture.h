@@ -65,6 +65,7 @@ public:
     int end() const { return relay_->kill(SIGTERM), relay_->wait(); }
     void signal(int number) const { relay_->kill(number); }
     double processor_seconds() const;           // that the relay has used
+    void descriptors(rlim_t most) const;        // that it can have
     int wait() const { return relay_->wait(); } // the exit status
     std::string log() const;                    // since the first start
     bool logs(const std::string &text) const;   // waits for it

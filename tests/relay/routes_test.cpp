@@ -153,8 +153,14 @@ TEST_F(RelayRoutes, signals_metrics_and_the_service_manager) {
     EXPECT_TRUE(told("READY=1\nRELOADING=1\nREADY=1\n"));
     EXPECT_TRUE(here_->reaches("messages_total", 7, "back"));
     const double used = here_->processor_seconds();
+    here_->descriptors(3); // all taken
+    const auto collector =
+        start_program({"/usr/bin/curl", "-sS", "http://" + address}, here_->path("got"));
     usleep(1000000);
-    EXPECT_LT(here_->processor_seconds() - used, 0.3) << "routes without messages sleep";
+    EXPECT_LT(here_->processor_seconds() - used, 0.3)
+        << "routes without messages sleep, and who has no descriptor for a collector";
+    here_->descriptors(1024);
+    EXPECT_EQ(collector->wait(), 0);
     const std::string log = here_->log();
     EXPECT_EQ(std::count(log.begin(), log.end(), '{'), std::count(log.begin(), log.end(), '\n'));
     here_->relay("nonsense = 1");

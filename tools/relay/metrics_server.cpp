@@ -18,6 +18,7 @@ namespace halvo::relay {
 namespace {
 
 constexpr int kRequestMilliseconds = 1000;
+constexpr int kPauseMilliseconds = 100;
 constexpr size_t kRequestBytes = 8192;
 
 struct Listening {
@@ -79,7 +80,10 @@ void MetricsServer::run() {
         if (poll(both, 2, -1) < 0 && errno != EINTR) return;
         if (both[1].revents) return;
         const Descriptor client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (client) answer(client.get());
+        if (client)
+            answer(client.get());
+        else // no descriptors, say: the client stays in line
+            poll(&both[1], 1, kPauseMilliseconds);
     }
 }
 

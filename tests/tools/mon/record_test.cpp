@@ -51,6 +51,19 @@ protected:
 
 } // namespace
 
+TEST_F(Records, are_right_also_where_two_recorders_write_one) {
+    Recorder one(file, 1 << 30), other(file, 1 << 30);
+    Sample back = sample_at(0);
+    back.time += 2;
+    one.add(sample_at(0));
+    other.add(sample_at(1));
+    one.add(back);
+    other.add(back);
+    RecordSource both(file);
+    EXPECT_EQ(both.size(), 3);
+    EXPECT_EQ(both.take().channels[0].put, 0U);
+}
+
 TEST_F(Records, say_so_when_the_clock_went_back) {
     keep(3);
     Recorder recorder(file, 1 << 30);

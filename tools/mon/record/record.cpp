@@ -129,8 +129,7 @@ std::string insert_figures() {
 Recorder::Recorder(const std::string &path, int64_t most)
     : database_(path, true),
       samples_(with_tables(database_), "INSERT INTO samples VALUES(?,?,?,?,?,?,?,?,?)"),
-      figures_(database_, insert_figures().c_str()), most_(most),
-      last_time_(database_.number("SELECT max(time) FROM samples")) {}
+      figures_(database_, insert_figures().c_str()), most_(most) {}
 
 void Recorder::add_channel(const ChannelSample &channel, int64_t time) {
     figures_ << time;
@@ -139,32 +138,46 @@ void Recorder::add_channel(const ChannelSample &channel, int64_t time) {
 }
 
 void Recorder::add(const Sample &sample) {
-    if (sample.time == last_time_) return; // two looks within a second
-    if (sample.time < last_time_)          // the clock went back, or was wrong before
-        throw tools::ToolError(
-            tools::kFailed, database_.path() + ": the record ends after the time of now; nothing "
-                                               "is kept until the clock has passed its end");
-    const bool whole = since_whole_ < 0 || since_whole_ + 1 >= kWholeEvery ||
-                       sample.id != before_.id || sample.up != before_.up ||
-                       sample.channels.size() != before_.channels.size();
     database_.run("BEGIN IMMEDIATE");
     try {
-        samples_ << sample.time << sample.taken << int64_t{sample.up} << sample.fault
-                 << int64_t{sample.id} << static_cast<int64_t>(sample.bytes)
-                 << int64_t{sample.started} << int64_t{sample.clock} << int64_t{whole};
-        samples_.run();
-        for (size_t i = 0; i < sample.channels.size(); ++i)
-            if (whole || !same(sample.channels[i], before_.channels[i]))
-                add_channel(sample.channels[i], sample.time);
-        make_room();
+        follow_others();
+        if (sample.time < last_time_) // the clock went back, or was wrong before
+            throw tools::ToolError(
+                tools::kFailed, database_.path() + ": the record ends after the time of now; "
+                                                   "nothing is kept until the clock has passed its "
+                                                   "end");
+        if (sample.time > last_time_) insert(sample); // not for two looks within a second
         database_.run("COMMIT");
     } catch (const tools::ToolError &) { // a full disk: the looks before stay
         sqlite3_exec(database_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
         since_whole_ = -1;
         throw;
     }
-    since_whole_ = whole ? 0 : since_whole_ + 1;
     last_time_ = sample.time;
+}
+
+// Another recorder may add to the same file: what it added is no look that ours go on from.
+void Recorder::follow_others() {
+    const int64_t version = database_.number("PRAGMA data_version");
+    if (version == version_) return;
+    version_ = version;
+    last_time_ = database_.number("SELECT max(time) FROM samples");
+    since_whole_ = -1;
+}
+
+void Recorder::insert(const Sample &sample) {
+    const bool whole = since_whole_ < 0 || since_whole_ + 1 >= kWholeEvery ||
+                       sample.id != before_.id || sample.up != before_.up ||
+                       sample.channels.size() != before_.channels.size();
+    samples_ << sample.time << sample.taken << int64_t{sample.up} << sample.fault
+             << int64_t{sample.id} << static_cast<int64_t>(sample.bytes) << int64_t{sample.started}
+             << int64_t{sample.clock} << int64_t{whole};
+    samples_.run();
+    for (size_t i = 0; i < sample.channels.size(); ++i)
+        if (whole || !same(sample.channels[i], before_.channels[i]))
+            add_channel(sample.channels[i], sample.time);
+    make_room();
+    since_whole_ = whole ? 0 : since_whole_ + 1;
     before_ = sample;
 }
 

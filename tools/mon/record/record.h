@@ -23,12 +23,15 @@ public:
     void add(const Sample &sample); // throws ToolError for one before the record's end
 
 private:
+    void follow_others();
+    void insert(const Sample &sample);
     void add_channel(const ChannelSample &channel, int64_t time);
     void make_room();
 
     Database database_;
     Statement samples_, figures_;
     int64_t most_;
+    int64_t version_ = -1; // of the file, which changes when another process writes to it
     int64_t last_time_ = 0;
     int since_whole_ = -1; // samples; -1: none of this run yet
     Sample before_;

@@ -56,7 +56,7 @@ struct Identity {
 struct alignas(8) Arriving {
     Place place;
     std::atomic<uint32_t> count; // 0: nothing is being committed
-    uint32_t reserved;
+    std::atomic<int32_t> heir;   // process id of a successor, who opens the end and settles this
     Identity list[kMostBatch];
 };
 

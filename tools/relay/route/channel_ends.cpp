@@ -17,16 +17,25 @@ namespace {
 
 constexpr int kOpenMilliseconds = 1000;
 
+// Enters this process as the heir of what was left at an end whose last holder is known. An heir
+// that died with the end open wrote nothing there: what it inherited counts as its own.
+void inherit(Arriving &arriving, int32_t last_holder) {
+    if (last_holder != 0 && last_holder == arriving.heir) arriving.place.pid = last_holder;
+    arriving.heir.store(getpid(), std::memory_order_release);
+}
+
 // An open and recovered end. Distances are those of the ring as it was then, whatever its header says
 // by now.
 class End {
 public:
-    End(const std::string &channel, char side) : channel_(channel) {
+    // arriving: of the route whose heir at this end the process becomes.
+    End(const std::string &channel, char side, Arriving *arriving = nullptr) : channel_(channel) {
         const int number = frx_channelByName(channel.c_str());
         if (number < 0) throw EndError("the segment has no channel " + channel);
         q_ = q_chnnl2q(number);
         const Standing before = standing(side);
         last_pid_ = side == 'w' ? q_->pidp : q_->pidg;
+        if (arriving) inherit(*arriving, last_pid_);
         const int opened =
             frx_openChannel(&handle_, "halvo-relay", number, side, kOpenMilliseconds);
         if (opened != ESMS_OK)
@@ -140,8 +149,8 @@ std::optional<uint32_t> ChannelSource::consumed_since(const Sending &sending) {
 
 class ChannelSink : public Sink {
 public:
-    ChannelSink(const std::string &channel, int default_type)
-        : end_(channel, 'w'), default_type_(default_type) {}
+    ChannelSink(const std::string &channel, int default_type, Arriving &arriving)
+        : end_(channel, 'w', &arriving), default_type_(default_type) {}
 
     ~ChannelSink() override { ChannelSink::drop(); }
     uint32_t longest() const override {
@@ -192,8 +201,9 @@ std::unique_ptr<Source> open_channel_source(const std::string &channel) {
     return std::make_unique<ChannelSource>(channel);
 }
 
-std::unique_ptr<Sink> open_channel_sink(const std::string &channel, int default_type) {
-    return std::make_unique<ChannelSink>(channel, default_type);
+std::unique_ptr<Sink> open_channel_sink(const std::string &channel, int default_type,
+                                        Arriving &arriving) {
+    return std::make_unique<ChannelSink>(channel, default_type, arriving);
 }
 
 } // namespace halvo::relay

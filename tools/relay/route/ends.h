@@ -57,10 +57,12 @@ public:
 
 // default_type: of messages that have none. Throw EndError.
 std::unique_ptr<Source> open_source(const Endpoint &endpoint, int default_type);
-std::unique_ptr<Sink> open_sink(const Endpoint &endpoint, int default_type);
+// arriving: what a dead predecessor may have left; a channel's sink enters itself as the heir.
+std::unique_ptr<Sink> open_sink(const Endpoint &endpoint, int default_type, Arriving &arriving);
 
 std::unique_ptr<Source> open_channel_source(const std::string &channel);
-std::unique_ptr<Sink> open_channel_sink(const std::string &channel, int default_type);
+std::unique_ptr<Sink> open_channel_sink(const std::string &channel, int default_type,
+                                        Arriving &arriving);
 std::unique_ptr<Source> open_file_source(const std::string &path, int default_type);
 std::unique_ptr<Sink> open_file_sink(const std::string &path);
 

@@ -235,8 +235,9 @@ std::unique_ptr<Source> open_source(const Endpoint &endpoint, int default_type) 
     return open_file_source(endpoint.name, default_type);
 }
 
-std::unique_ptr<Sink> open_sink(const Endpoint &endpoint, int default_type) {
-    if (endpoint.kind == Endpoint::channel) return open_channel_sink(endpoint.name, default_type);
+std::unique_ptr<Sink> open_sink(const Endpoint &endpoint, int default_type, Arriving &arriving) {
+    if (endpoint.kind == Endpoint::channel)
+        return open_channel_sink(endpoint.name, default_type, arriving);
     return open_file_sink(endpoint.name);
 }
 

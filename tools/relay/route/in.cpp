@@ -23,8 +23,8 @@ class Carrier {
 public:
     explicit Carrier(RouteContext &context)
         : context_(context), route_(context.route), figures_(context.figures()),
-          sink_(open_sink(route_.to, route_.type)), windows_(context.state.windows()),
-          pace_(route_.rate_limit) {
+          sink_(open_sink(route_.to, route_.type, context.state.arriving())),
+          windows_(context.state.windows()), pace_(route_.rate_limit) {
         settle();
     }
     void run();

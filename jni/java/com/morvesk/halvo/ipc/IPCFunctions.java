@@ -8,7 +8,8 @@ package com.morvesk.halvo.ipc;
  * <li><b>Results</b> are 0 or a positive count, length or time for success and one of the negative
  *     {@code ESMS_} codes for failure. Common to all methods that take a channel:
  *     {@link #ESMS_INVAL} for an unknown channel number. Methods that change or consume a channel
- *     answer {@link #ESMS_ACCESS} when this process does not hold that end of it.
+ *     answer {@link #ESMS_ACCESS} when this process does not hold that end of it, and those with
+ *     an array {@link #ESMS_FAILED} when there is no memory for its message.
  * <li><b>channel</b> is a number from 0 on, as {@link #channelByName} returns it.
  * <li><b>timeout</b> is in milliseconds. A wait ends at the first pass of the timeout monitor
  *     ({@link #monitorTimeout}) after its time has passed, so up to about 100 ms later, and never
@@ -548,7 +549,7 @@ public final class IPCFunctions {
      * @param offset where in the array it begins
      * @param length its length in bytes, 1 or more
      * @param error  true to count it as an error of its type too
-     * @return 0; a positive number from 2 to 6 when the queue cannot be locked; -1 when the item
+     * @return 0; a positive number from 1 to 6 when the queue cannot be locked; -1 when the item
      *     could not be written; -2 for a null path; {@link #ESMS_INVAL}
      */
     public static native int writeFileQueue(

@@ -11,6 +11,8 @@ import java.io.IOException;
  * are Korean and arrive as the library has them, in EUC-KR bytes that the VM takes for UTF-8. So do
  * names that C programs have stored in EUC-KR: for their raw bytes take the header by
  * {@link #getBytes} and decode the name with {@code new String(bytes, offset, length, "EUC-KR")}.
+ * Most of these bytes also cost the text a character at its end: with such a name of a channel, the
+ * status document is cut short.
  *
  * <p>Nothing here waits, and any process that has attached may call it. The segment is read without
  * a lock: a 64-bit count may be caught half written.

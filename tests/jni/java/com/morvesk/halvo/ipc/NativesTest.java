@@ -4,6 +4,8 @@ import static com.morvesk.halvo.ipc.IPCFunctions.*;
 import static com.morvesk.halvo.ipc.TestSegment.*;
 import static org.junit.Assert.*;
 
+import java.nio.file.Files;
+import java.nio.file.Paths;
 import java.util.Arrays;
 import org.junit.Test;
 
@@ -136,8 +138,10 @@ public class NativesTest {
         raises(ArrayIndexOutOfBoundsException.class,
                 () -> IPCFunctions.write(channel, 1, bytes("data"), 2, 3, -1),
                 () -> IPCFunctions.write(channel, 1, bytes("data"), -1, 2, -1),
-                () -> IPCFunctions.write(channel, 1, X, 0, 100_000_000, -1), // too long as well
+                () -> IPCFunctions.write(channel, 1, X, 0, Integer.MAX_VALUE, -1), // too long
                 () -> writeMarkAt(channel, 1, new byte[2], 1, 2, 0));
+        String status = new String(Files.readAllBytes(Paths.get("/proc/self/status")));
+        assertFalse("memory for it", status.matches("(?s).*VmHWM:\\s+\\d{7}.*")); // a GB
         all(ESMS_INVAL, IPCFunctions.write(channel, 1, X, 0, -1, -1),
                 IPCFunctions.write(channel, 1, X, 0, 0, -1));
         assertEquals(ESMS_EXEED, IPCFunctions.write(channel, 1, new byte[64], 0, LONGEST + 1, -1));
