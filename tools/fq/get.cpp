@@ -148,6 +148,7 @@ private:
 
 void get(const Options &options, int standard_output, Progress &progress) {
     need_queue(options.queue);
+    need_side(options.queue, 'r');
     Descriptor file;
     if (options.output != "-") {
         file = open_file(options.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC);

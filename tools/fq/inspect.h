@@ -49,6 +49,8 @@ SavedPosition saved_position(const std::string &path, char mode);
 
 // Throws ToolError, as for wrong usage, when there is nothing on disk of a queue of that name.
 void need_queue(const std::string &path);
+// The same when this user cannot take a side's lock, or there is no place for it.
+void need_side(const std::string &path, char mode);
 
 // A data file, read in pieces: of large items no more than header and trailer. Nothing for a file
 // that its reader has deleted meanwhile. All throw ToolError when it cannot be read.

@@ -9,6 +9,7 @@
 #include "core/base/posix.h"
 #include "halvo/fq.h"
 #include "tools/fq/commands.h"
+#include "tools/fq/inspect.h"
 
 namespace halvo::tools {
 
@@ -70,6 +71,7 @@ void put(const Options &options, int, Progress &progress) {
         file = open_file(options.file.c_str(), O_RDONLY);
         if (!file) throw ToolError(kUsage, options.file + ": " + std::strerror(errno));
     }
+    need_side(options.queue, 'w');
     LineReader lines(file ? file.get() : STDIN_FILENO);
     Putter putter(options, progress);
     const uint64_t empty = for_each_line(
