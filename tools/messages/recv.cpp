@@ -117,6 +117,7 @@ int main(int argc, char **argv) {
     program.option("-o,--output", options.output, "File to write; - is standard output")
         .show_default();
     program.option("-c,--count", options.count, "End after this many messages; 0 is no end")
+        .check(at_least_zero)
         .show_default();
     program.option("-i,--idle", options.idle, "End when nothing came for this many ms")
         .check(at_least_zero);
