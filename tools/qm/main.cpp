@@ -29,7 +29,7 @@ constexpr char kFooter[] = R"(Exit status:
   2  wrong usage or configuration, or the system refused
 
 Examples:
-  halvo-qm create tools/qm/example.toml --key /tmp/halvo.key
+  halvo-qm create gateway.toml --key /tmp/halvo.key
   halvo-qm list --key /tmp/halvo.key
   halvo-qm check --key /tmp/halvo.key && echo sound
   halvo-qm check --repair --key /tmp/halvo.key
