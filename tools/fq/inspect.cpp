@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 
 #include "fq/files/last_record.h"
 #include "tools/frame/program.h"
+#include "tools/frame/text.h"
 
 namespace halvo::tools {
 
@@ -123,6 +125,14 @@ void need_side(const std::string &path, char mode) {
     if (errno != ENOENT) fail(lock.text);
     const std::string directory = directory_of(path);
     if (access(directory.c_str(), W_OK | X_OK) != 0) fail(directory);
+}
+
+std::string room_text(const std::string &path) {
+    constexpr uint64_t kEnough = 1 << 20;
+    struct statvfs disk {};
+    if (statvfs(directory_of(path).c_str(), &disk) != 0) return {};
+    const uint64_t room = uint64_t{disk.f_bavail} * disk.f_frsize;
+    return room < kEnough ? text("; its disk has %ju bytes left", uintmax_t{room}) : std::string();
 }
 
 // ---- Data files --------------------------------------------------------------------------------
