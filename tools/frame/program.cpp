@@ -85,6 +85,8 @@ OpenEnd::OpenEnd(const std::string &key_file, const std::string &channel, char s
         throw ToolError(kUsage, channel + ": no channel of that name in " + key_file +
                                     "; halvo-qm list shows those there are");
     const int opened = frx_openChannel(&handle_, typed(client).c_str(), number, side, timeout);
+    if (opened != ESMS_OK && stop_signal()) // it ended the wait
+        throw ToolError(128 + stop_signal(), "stopped by a signal");
     if (opened != ESMS_OK)
         throw ToolError(kFailed, channel + ": the " + (side == 'w' ? "writer" : "reader") +
                                      "'s end could not be opened, " + result_text(opened) +

@@ -105,7 +105,8 @@ constexpr char kWhat[] =
 
 constexpr char kFooter[] =
     "Exit status: 0 ended as asked or by a signal, 1 failure, 2 wrong usage or no such\n"
-    "channel. A message is released only when it has been written out.";
+    "channel, 128 + signal when that came before it had the channel's end. A message is\n"
+    "released only when it has been written out.";
 
 } // namespace
 

@@ -74,6 +74,9 @@ TEST_F(Messages, a_receiver_that_gets_no_end_leaves_the_output_of_the_one_that_h
     const Outcome second = recv({"--timeout", "100", "-o", file});
     expect_end(second, 1, "last holder is process ");
     EXPECT_EQ(second.err.find("INIT"), std::string::npos) << "what every start says is no news";
+    expect_end(run_program({"/usr/bin/timeout", "--preserve-status", "0.3", kRecv, "-k",
+                            segment.key_file(), "MT01"}),
+               128 + SIGTERM, "halvo-recv: stopped by a signal");
     EXPECT_EQ(send({}, "three\n").status, 0);
     EXPECT_EQ(first.wait(), 0);
     EXPECT_EQ(got(), "one\ntwo\nthree\n");
