@@ -89,7 +89,7 @@ TEST_F(Operators, may_look_at_what_they_may_not_write) {
 }
 
 TEST_F(Operators, see_and_type_korean_names) {
-    const std::string korea = utf8("한국"), names = file("options", korea + " 1\nMTO1\n");
+    const std::string korea = utf8("한국"), names = file("options", korea + " 1\n!MSG 1\n!TITEL\n");
     const std::string config =
         file("toml", "channel = [{name = '" + korea +
                          "', slots = 4, slot_size = 64}]\n[types]\n1 = '" + utf8("제출") + "'");
@@ -108,7 +108,7 @@ TEST_F(Operators, see_and_type_korean_names) {
     says({kMonitor, "types", "--sample", "0"}, utf8("제출"));
     says({kMonitor, "check", "--channel", korea, "--warning", "1"}, korea + " backlog'=1;1");
     EXPECT_EQ(says({kMonitor, "--options", names, "--sample", "0"}, "\n" + korea),
-              "halvo-mon: " + names + ":2: no channel named MTO1\n");
+              "halvo-mon: " + names + ":3: no channel named !TITEL\n");
     says({kRecv, korea, "--count", "1"}, "one\n");
     says({kManager, "check"}, "");
     // What EUC-KR cannot express is refused, with its line.
