@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 namespace halvo::tools {
@@ -49,6 +50,11 @@ void catch_stop_signals() {
 }
 
 int stop_signal() { return stop; }
+
+bool obeys_escapes(int descriptor) {
+    const char *const type = std::getenv("TERM");
+    return isatty(descriptor) != 0 && !(type && std::strcmp(type, "dumb") == 0);
+}
 
 void write_out(int descriptor, const std::string &path, const std::string &bytes) {
     const std::string name = path == "-" ? "standard output" : path;

@@ -30,6 +30,9 @@ void hold_standard_descriptors();
 void catch_stop_signals();
 int stop_signal(); // 0, or the number of the signal that asked to stop
 
+// Whether it is a terminal, and one that knows more than text: not one that TERM calls dumb.
+bool obeys_escapes(int descriptor);
+
 // Writes everything; throws ToolError, with status 128 + signal when it is to stop and the output takes
 // no more. `name` is what the descriptor is called in the error, - for standard output.
 void write_out(int descriptor, const std::string &name, const std::string &bytes);

@@ -1,5 +1,6 @@
 #include "tools/frame/program.h"
 
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -147,7 +148,7 @@ uint64_t for_each_line(LineReader &lines, const std::string &name, bool keep_new
 }
 
 Progress::Progress(const char *program, const char *noun, bool quiet)
-    : program_(program), noun_(noun), quiet_(quiet), terminal_(isatty(STDERR_FILENO) != 0),
+    : program_(program), noun_(noun), quiet_(quiet), terminal_(obeys_escapes(STDERR_FILENO)),
       began_(now()), shown_(began_) {}
 
 double Progress::seconds() const { return now() - began_; }
@@ -166,7 +167,9 @@ void Progress::add(uint64_t messages, uint64_t bytes) {
     bytes_ += bytes;
     if (quiet_ || !terminal_ || now() - shown_ < 0.2) return;
     shown_ = now();
-    std::fprintf(stderr, "\r%s\033[K", line().c_str());
+    winsize size{}; // a line that wraps could not be overwritten
+    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    std::fprintf(stderr, "\r%s\033[K", line().substr(0, known ? size.ws_col - 1u : 79u).c_str());
 }
 
 void Progress::finish() {
