@@ -45,7 +45,7 @@ public:
         const fq::Position began = fq::position_in(trans.startpos),
                            ended = fq::position_in(trans.nextpos);
         const int result = fq_dequeue_commit(kNoChannel, &trans);
-        if (result < 0) fail("commit", result);
+        if (result < 0) fail("commit", result, options_.queue);
         progress_.add(items_, taken_);
         bytes_ += taken_;
         must_have_moved(began);
@@ -66,7 +66,7 @@ private:
                 fq_dequeue(kNoChannel, options_.queue.c_str(), buffer(), room_, &trans);
             if (result >= 0) return result;
             if (stop_signal()) return 0; // it ended the wait for another reader
-            if (result != kTooLarge) fail("dequeue", result);
+            if (result != kTooLarge) fail("dequeue", result, options_.queue);
             fq::ItemHeader header;
             std::memcpy(&header, item_.data(), sizeof header);
             room_ = header.length;
@@ -120,8 +120,8 @@ private:
             return;
         throw ToolError(kFailed, options_.queue + ".head: the position could not be saved; the " +
                                      std::to_string(items_) +
-                                     " items written out last will come "
-                                     "again");
+                                     " items written out last will come again" +
+                                     room_text(options_.queue));
     }
 
     char *buffer() {
@@ -148,6 +148,7 @@ private:
 
 void get(const Options &options, int standard_output, Progress &progress) {
     need_queue(options.queue);
+    need_side(options.queue, 'r');
     Descriptor file;
     if (options.output != "-") {
         file = open_file(options.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC);
