@@ -37,11 +37,11 @@ template <class Operation>
 Locked under_lock(FrxChannel *handle, Operation operation) noexcept {
     if (!in_table(handle->channel)) return {ESMS_MTXLOCK, 0};
     const OpenEnd end = open_end(handle->channel, handle->side);
-    const bool own = end.lock.enter();
+    EndLock::Place *const own = end.lock.enter();
     if (!own && end.lock.take(end.mutex) != 0) return {ESMS_MTXLOCK, 0};
     const int32_t result = operation();
     if (own)
-        end.lock.leave();
+        own->leave();
     else if (end.lock.give_back(end.mutex) != 0)
         return {ESMS_MTXUNLOCK, 0};
     return {ESMS_OK, result};

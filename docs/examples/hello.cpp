@@ -11,10 +11,11 @@ int main(int argc, char **argv) {
     if (argc != 2 || !halvo::attach(argv[1])) return 1;
     auto out = halvo::Writer::open("MT01", "hello", 1s);
     auto in = halvo::Reader::open("MT01", "hello", 1s);
-    if (!out || !in) return 1;
+    if (!out || !in) return printr("hello cannot open MT01:", out ? in.error() : out.error()), 1;
 
     const std::string_view text = "hello, world";
-    if (!out->write(1, std::as_bytes(std::span(text)), 1s)) return 1;
+    const auto written = out->write(1, std::as_bytes(std::span(text)), 1s);
+    if (!written) return printr("hello failed:", written.error()), 1;
     std::array<std::byte, 256> room;
     const auto message = in->read(room, 1s);
     if (!message) return printr("hello failed:", message.error()), 1;

@@ -7,11 +7,12 @@ int main(int argc, char **argv) {
     FrxChannel out, in; /* the library remembers their addresses */
     if (argc != 2 || frx_initialize(argv[1]) != ESMS_OK) return 1;
     int channel = frx_channelByName("MT01");
-    if (frx_openChannel(&out, "in_place", channel, 'w', 1000) != ESMS_OK) return 1;
-    if (frx_openChannel(&in, "in_place", channel, 'r', 1000) != ESMS_OK) return 1;
+    int result = frx_openChannel(&out, "in_place", channel, 'w', 1000);
+    if (result == ESMS_OK) result = frx_openChannel(&in, "in_place", channel, 'r', 1000);
+    if (result != ESMS_OK) return printr("in_place cannot open MT01:", result), 1;
 
     qmsg *room = NULL;
-    int result = frx_reserve(&out, 12, &room, 1000);
+    result = frx_reserve(&out, 12, &room, 1000);
     if (result == ESMS_OK) {
         memcpy((char *)room + offsetof(qmsg, data), "hello, world", 12);
         result = frx_publish(&out, 1, 12);
@@ -21,5 +22,5 @@ int main(int argc, char **argv) {
     if (length < 0) printr("in_place failed:", length);
     if (length > 0) printf("%.*s\n", length, (const char *)slot + offsetof(qmsg, data));
     if (length > 0) frx_release(&in, 0);
-    return frx_closeChannel(&in) | frx_closeChannel(&out);
+    return frx_closeChannel(&in) | frx_closeChannel(&out) | (length <= 0);
 }

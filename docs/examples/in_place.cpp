@@ -10,7 +10,7 @@ int main(int argc, char **argv) {
     if (argc != 2 || !halvo::attach(argv[1])) return 1;
     auto out = halvo::Writer::open("MT01", "in_place", 1s);
     auto in = halvo::Reader::open("MT01", "in_place", 1s);
-    if (!out || !in) return 1;
+    if (!out || !in) return printr("in_place cannot open MT01:", out ? in.error() : out.error()), 1;
 
     const std::string_view text = "hello, world";
     auto room = out->reserve(text.size(), 1s);

@@ -24,6 +24,8 @@
  *   cancel    the reads and writes that wait are cancellation points while they sleep: a thread that
  *             is cancelled there withdraws its wait. timeoutLoop() is one in its pauses. In every
  *             other function here a cancellation is put off.
+ *   signals   a handler that runs in a call returns: the call's records lie on the thread's stack, and a
+ *             longjmp() past it would leave the monitor with what stands there later.
  *   fork      a child has opened nothing and has no monitor: its parent's handles are not valid there
  *             (ESMS_ACCESS). To open ends of its own it calls frx_initialize(), which answers
  *             ESMS_ALREADY, and starts a monitor.

@@ -6,7 +6,8 @@
  *     out->write(1, bytes, 1s);
  *
  * An end is opened by open() and given back by its destructor. Nothing here throws, but std::bad_alloc
- * when an end is opened. A call answers a Result: its value, or the ESMS_* code of result.h (below 0)
+ * when an end is opened; reads and writes that wait are unwound when their thread is cancelled, as frx.h
+ * tells. A call answers a Result: its value, or the ESMS_* code of result.h (below 0)
  * as frx.h tells it for the function of the same name. Time limits are whole milliseconds, rounded up
  * and at most INT_MAX; Limit::none() does not wait for room. A thread uses an end at a time, unless it is
  * said otherwise in frx.h. With GCC 12 a source that includes this cannot be compiled to another set of
@@ -163,7 +164,7 @@ public:
     };
     /* Takes the next message into the caller's room; its body lies in there. ESMS_EXEED when it is
      * longer, and then it stays. */
-    Result<Message> read(Room room, Limit limit) noexcept {
+    Result<Message> read(Room room, Limit limit) {
         int type = 0;
         const int length = frx_readBody(handle(), &type, room.data(),
                                         detail::length_of(room.size()), limit.milliseconds());
@@ -171,7 +172,7 @@ public:
         return Message{type, Bytes(room.data(), static_cast<size_t>(length))};
     }
     /* The next message where it lies, until release() or the next read(). */
-    Result<Message> peek(Limit limit) noexcept {
+    Result<Message> peek(Limit limit) {
         const qmsg *slot = nullptr;
         const int length = frx_peek(handle(), &slot, limit.milliseconds());
         return message_in(slot, length);
@@ -181,7 +182,7 @@ public:
     }
     /* A batch that the death of this process loses nothing of. As frx_readMark(): marks up to n messages
      * (0: all that are there), waiting for the first. How many; 0 when the time ran out. */
-    Result<int> mark(int n, Limit limit) noexcept {
+    Result<int> mark(int n, Limit limit) {
         return detail::number(frx_readMark(handle(), n, limit.milliseconds()));
     }
     /* As frx_peekMarked(): marked message `index` (0 is the oldest) where it lies, until commit() or
@@ -196,7 +197,7 @@ public:
     /* As frx_readRollback(): hands them back, to be read again. How many. */
     Result<int> rollback() noexcept { return detail::number(frx_readRollback(handle())); }
     /* As frx_readMany(): the number of records that were filled. */
-    Result<int> read(std::span<FrxMessage> messages, Limit limit) noexcept {
+    Result<int> read(std::span<FrxMessage> messages, Limit limit) {
         return detail::number(frx_readMany(
             handle(), messages.data(), detail::count_of(messages.size()), limit.milliseconds()));
     }
@@ -220,12 +221,12 @@ public:
         return Writer(std::move(handle));
     }
 
-    Result<void> write(int type, Bytes body, Limit limit) noexcept {
+    Result<void> write(int type, Bytes body, Limit limit) {
         return detail::done(frx_write(handle(), type, body.data(), detail::length_of(body.size()),
                                       limit.milliseconds()));
     }
     /* Room for a body of so many bytes where the message will lie, until publish(). */
-    Result<Room> reserve(size_t length, Limit limit) noexcept {
+    Result<Room> reserve(size_t length, Limit limit) {
         qmsg *slot = nullptr;
         const int code =
             frx_reserve(handle(), detail::length_of(length), &slot, limit.milliseconds());
@@ -236,7 +237,7 @@ public:
         return detail::done(frx_publish(handle(), type, detail::length_of(length)));
     }
     /* As frx_writeMany(): the number of messages that were written. */
-    Result<int> write(std::span<const FrxMessage> messages, Limit limit) noexcept {
+    Result<int> write(std::span<const FrxMessage> messages, Limit limit) {
         return detail::number(frx_writeMany(
             handle(), messages.data(), detail::count_of(messages.size()), limit.milliseconds()));
     }

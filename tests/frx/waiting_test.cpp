@@ -5,6 +5,7 @@
 #include <functional>
 #include <thread>
 
+#include "tests/proof/single_step.h"
 #include "tests/support/cancelled.h"
 #include "tests/support/frx_fixture.h"
 #include "tests/support/ipc.h"
@@ -257,25 +258,6 @@ TEST_F(FrxWaiting, threads_of_one_end_share_it) {
     EXPECT_EQ(received, 1000);
 }
 
-// The lock of an end that one thread has had alone for long enough is given back without the mutex.
-TEST_F(FrxWaiting, a_thread_that_had_the_end_alone_lets_others_in) {
-    std::atomic<bool> stop{false};
-    std::thread alone([&] {
-        while (!stop) ASSERT_GE(frx_write(&writer, "m", -1), ESMS_FULL);
-    });
-    for (int round = 0; round < 200; ++round) {
-        for (int i = 0; i < 20; ++i) ASSERT_EQ(read(), "m");
-        ASSERT_EQ(frx_lock(&writer), ESMS_OK);
-        const int64_t written = frx_pcount(0);
-        while (q_getcount(q) > 0) ASSERT_EQ(read(), "m"); // room for whoever is not kept out
-        usleep(100);
-        EXPECT_EQ(frx_pcount(0), written) << "written under another thread's lock";
-        ASSERT_EQ(frx_unlock(&writer), ESMS_OK);
-    }
-    stop = true;
-    alone.join();
-}
-
 TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
     const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
     FrxChannel reader{};
@@ -305,7 +287,47 @@ TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
     busy.join();
 }
 
-#ifndef __SANITIZE_THREAD__ // whose _exit() waits for standard output
+#ifndef __SANITIZE_THREAD__ // which knows no such lock, and whose _exit() waits for standard output
+// A thread that has had an end alone stops on its way in, and the end becomes another one's.
+TEST(FrxSessions, an_end_that_one_thread_had_alone_becomes_another_ones) {
+    static struct Other { volatile bool may_come, is_in; } &other = shared_object<Other>();
+    static FrxChannel end;
+    Stage &stage = shared_object<Stage>();
+    const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    const auto take_end = [](int times) {
+        while (times-- > 0) frx_writeRollback(&end);
+    };
+    const auto prepare = [&] {
+        start_with(segment, end, 'w');
+        signal(SIGSEGV, [](int) { // the other one has the lock, and keeps it
+            other.is_in = true;
+            for (;;) pause();
+        });
+        std::thread([=] {
+            while (!other.may_come) usleep(100);
+            take_end(100);
+            const auto *nothing = reinterpret_cast<char *>(1); // NOLINT(performance-no-int-to-ptr)
+            ::frx_write(&end, 1, nothing, 1, -1);
+        }).detach();
+        take_end(40);
+    };
+    const auto other_gets_in_behind = [&](int instructions) {
+        other = {};
+        SingleStep process(stage, prepare, [] { return frx_writeRollback(&end); });
+        while (instructions-- > 0) process.step();
+        other.may_come = true;
+        const bool got_in = comes_true([] { return other.is_in; }, 1);
+        ptrace(PTRACE_CONT, process.pid(), nullptr, nullptr);
+        usleep(5000);
+        EXPECT_FALSE(got_in && process.has_returned()) << "both had the lock";
+        return got_in;
+    };
+    constexpr int kStride = 16; // shorter than the time that the first one has the lock
+    int n = kStride;
+    while (other_gets_in_behind(n)) n += kStride;
+    for (n -= kStride; other_gets_in_behind(n); ++n) continue;
+}
+
 TEST(FrxSessions, a_stalled_standard_output_holds_no_time_limit) {
     const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
     for (const bool somebody_prints : {false, true}) {

@@ -69,6 +69,7 @@ Status::Status()
     xcn->pcnt.count = xcn->gcnt.count = 7400;
     xcn->tcnt[0].ratio = 2;
     xcn->throttled = 1;
+    xcn->throttletime = kNow;
     xcn->fwtime = kNow - 10;
     xcn->frtime = kNow - 11;
     xcn->lastin = kNow - 90000;

@@ -161,6 +161,8 @@ TEST_F(FqTool, no_command_makes_a_queue_but_put) {
         expect_end(run({command}), 2, ": no queue of that name");
     EXPECT_EQ(run_program({HALVO_FQ, "get"}).status, 2);
     EXPECT_EQ(run({"put", "/nonexistent/file"}).status, 2);
+    expect_end(run_program({HALVO_FQ, "put", "/nonexistent/mo"}), 2, "/nonexistent: No such file");
+    expect_end(run_program({HALVO_FQ, "put", ""}), 2, "the path of the queue is empty");
     EXPECT_EQ(run_program({"/bin/ls", directory.path()}).out, "");
 }
 

@@ -17,8 +17,8 @@ struct Options {
     bool follow = false, keep_newline = false, json = false, quiet = false, durable = false;
 };
 
-// The result of a library call that failed, as an error; that of the signal that ended it.
-[[noreturn]] void fail(const std::string &what, int result);
+// The result of a library call on a queue that failed, as an error; that of the signal that ended it.
+[[noreturn]] void fail(const std::string &what, int result, const std::string &queue);
 
 void put(const Options &options, int standard_output, Progress &progress);
 void get(const Options &options, int standard_output, Progress &progress);

@@ -43,7 +43,7 @@ public:
         const fq::Position began = fq::position_in(trans.startpos),
                            ended = fq::position_in(trans.nextpos);
         const int result = fq_dequeue_commit(kNoChannel, &trans);
-        if (result < 0) fail("commit", result);
+        if (result < 0) fail("commit", result, options_.queue);
         progress_.add(items_, taken_);
         bytes_ += taken_;
         must_have_moved(began);
@@ -64,7 +64,7 @@ private:
                 fq_dequeue(kNoChannel, options_.queue.c_str(), buffer(), room_, &trans);
             if (result >= 0) return result;
             if (stop_signal()) return 0; // it ended the wait for another reader
-            if (result != fq::kTooLarge) fail("dequeue", result);
+            if (result != fq::kTooLarge) fail("dequeue", result, options_.queue);
             fq::ItemHeader header;
             std::memcpy(&header, item_.data(), sizeof header);
             room_ = header.length;
@@ -118,8 +118,8 @@ private:
             return;
         throw ToolError(kFailed, options_.queue + ".head: the position could not be saved; the " +
                                      std::to_string(items_) +
-                                     " items written out last will come "
-                                     "again");
+                                     " items written out last will come again" +
+                                     room_text(options_.queue));
     }
 
     char *buffer() {
@@ -145,6 +145,7 @@ private:
 
 void get(const Options &options, int standard_output, Progress &progress) {
     need_queue(options.queue);
+    need_side(options.queue, 'r');
     const NamedFile output(options.output, O_WRONLY | O_CREAT | O_TRUNC, standard_output);
     Getter getter(options, output.descriptor(), progress);
     while (!stop_signal() && !getter.done()) {

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -9,6 +11,7 @@
 
 #include "fq/files/last_record.h"
 #include "tools/frame/program.h"
+#include "tools/frame/text.h"
 
 namespace halvo::tools {
 
@@ -58,6 +61,12 @@ int64_t next_magic(DataReader &file, int64_t offset) {
     return file.size();
 }
 
+std::string directory_of(const std::string &path) {
+    char name[FQ_NAME_SIZE];
+    fq_dirof(path.c_str(), name);
+    return name[0] == '\0' ? "/" : name;
+}
+
 bool is_data_file(const std::string &name, const std::string &prefix) {
     if (name.compare(0, prefix.size(), prefix) != 0) return false;
     const std::string digits = name.substr(prefix.size());
@@ -67,17 +76,16 @@ bool is_data_file(const std::string &name, const std::string &prefix) {
 } // namespace
 
 std::vector<DataFile> data_files(const std::string &path) {
-    char directory_name[FQ_NAME_SIZE], base[FQ_NAME_SIZE];
-    fq_dirof(path.c_str(), directory_name);
+    char base[FQ_NAME_SIZE];
     fq_nameof(path.c_str(), base);
-    if (directory_name[0] == '\0') std::strcpy(directory_name, "/");
-    Directory directory(directory_name);
+    const std::string directory_name = directory_of(path);
+    Directory directory(directory_name.c_str());
     if (!directory) fail(directory_name);
     std::vector<DataFile> files;
     while (const char *name = directory.next()) {
         if (!is_data_file(name, std::string(base) + ".")) continue;
         struct stat found {};
-        const std::string full = std::string(directory_name) + "/" + name;
+        const std::string full = directory_name + "/" + name;
         if (stat(full.c_str(), &found) == 0 && S_ISREG(found.st_mode))
             files.push_back({fq_forderof(name), int64_t{found.st_size}});
     }
@@ -108,6 +116,23 @@ void need_queue(const std::string &path) {
     if (data_files(path).empty() && !saved_position(path, 'w').found &&
         !saved_position(path, 'r').found)
         throw ToolError(kUsage, path + ": no queue of that name");
+}
+
+void need_side(const std::string &path, char mode) {
+    if (path.empty()) throw ToolError(kUsage, "the path of the queue is empty");
+    const FileName lock = lock_file(path.c_str(), mode);
+    if (access(lock.text, W_OK) == 0) return;
+    if (errno != ENOENT) fail(lock.text);
+    const std::string directory = directory_of(path);
+    if (access(directory.c_str(), W_OK | X_OK) != 0) fail(directory);
+}
+
+std::string room_text(const std::string &path) {
+    constexpr uint64_t kEnough = 1 << 20;
+    struct statvfs disk {};
+    if (statvfs(directory_of(path).c_str(), &disk) != 0) return {};
+    const uint64_t room = uint64_t{disk.f_bavail} * disk.f_frsize;
+    return room < kEnough ? text("; its disk has %ju bytes left", uintmax_t{room}) : std::string();
 }
 
 // ---- Data files --------------------------------------------------------------------------------

@@ -49,6 +49,11 @@ SavedPosition saved_position(const std::string &path, char mode);
 
 // Throws ToolError, as for wrong usage, when there is nothing on disk of a queue of that name.
 void need_queue(const std::string &path);
+// The same when this user cannot take a side's lock, or there is no place for it.
+void need_side(const std::string &path, char mode);
+
+// For a failure: how much room the queue's disk has, where that may be the cause; else empty.
+std::string room_text(const std::string &path);
 
 // A data file, read in pieces: of large items no more than header and trailer. Nothing for a file
 // that its reader has deleted meanwhile. All throw ToolError when it cannot be read.

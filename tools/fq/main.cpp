@@ -41,8 +41,10 @@ public:
         lines(get_them);
         durable(get_them);
         most(get_them);
-        get_them.option("--max-bytes", options.most_bytes,
-                        "End when so many bytes of data have come; 0 is no end");
+        get_them
+            .option("--max-bytes", options.most_bytes,
+                    "End when so many bytes of data have come; 0 is no end")
+            .check(at_least_zero);
         get_them.flag("-f,--follow", options.follow, "Wait for more until stopped (Ctrl-C)");
         get_them.option("-o,--output", options.output, "File to write; - is standard output")
             .show_default();
@@ -70,6 +72,7 @@ private:
     }
     void most(const Command &sub) {
         sub.option("-m,--max", options_.most, "End after this many items; 0 is no end")
+            .check(at_least_zero)
             .show_default();
     }
     void durable(const Command &sub) {

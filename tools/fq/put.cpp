@@ -6,6 +6,7 @@
 
 #include "halvo/fq.h"
 #include "tools/fq/commands.h"
+#include "tools/fq/inspect.h"
 
 namespace halvo::tools {
 
@@ -24,7 +25,7 @@ public:
         if (options_.batch == 1) {
             const int result =
                 fq_enqueue_away(kNoChannel, -1, 1, options_.queue.c_str(), item.data(), length);
-            if (result != 0) fail("enqueue", result);
+            if (result != 0) fail("enqueue", result, options_.queue);
             progress_.add(1, length);
             return;
         }
@@ -32,7 +33,7 @@ public:
             open_ ? fq_enqueue_next(kNoChannel, item.data(), length, &trans_)
                   : fq_enqueue(kNoChannel, options_.queue.c_str(), item.data(), length, &trans_);
         open_ = result > 0; // a failure has ended the transaction
-        if (!open_) fail("enqueue", result);
+        if (!open_) fail("enqueue", result, options_.queue);
         bytes_ += length;
         if (++items_ == options_.batch) commit();
     }
@@ -41,7 +42,7 @@ public:
         if (!open_) return;
         open_ = false;
         const int result = fq_enqueue_commit(kNoChannel, &trans_);
-        if (result < 0) fail("commit", result);
+        if (result < 0) fail("commit", result, options_.queue);
         progress_.add(items_, bytes_);
         items_ = bytes_ = 0;
     }
@@ -56,13 +57,14 @@ private:
 
 } // namespace
 
-void fail(const std::string &what, int result) {
+void fail(const std::string &what, int result, const std::string &queue) {
     if (stop_signal()) throw ToolError(128 + stop_signal(), "stopped by a signal");
-    throw ToolError(kFailed, what + " failed with " + std::to_string(result));
+    throw ToolError(kFailed, what + " failed with " + std::to_string(result) + room_text(queue));
 }
 
 void put(const Options &options, int, Progress &progress) {
     const NamedFile file(options.file, O_RDONLY, STDIN_FILENO);
+    need_side(options.queue, 'w');
     LineReader lines(file.descriptor());
     Putter putter(options, progress);
     const uint64_t empty = for_each_line(

@@ -1,7 +1,10 @@
 #include "tools/frame/command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <iostream>
 
 #include "tools/frame/output.h"
 
@@ -139,24 +142,28 @@ Command Program::command(const std::string &name, const std::string &what) const
 
 std::optional<int> Program::parse(int argc, char **argv) const {
     CLI::App &app = *parser_->app;
-    const auto told = [&](const CLI::ParseError &fault) {
+    const auto told = [&](const std::string &fault) {
         for (const auto &command : parser_->commands)
             if (command->answer && app.got_subcommand(command->app.get()))
-                return command->answer(fault.what());
-        if (parser_->answer) return parser_->answer(fault.what());
-        app.exit(fault);
+                return command->answer(fault);
+        std::cerr << app.get_name() << ": " << fault << " (--help tells more)\n";
         return int{kUsage};
     };
+    hold_standard_descriptors();
     try {
         app.parse(argc, argv);
         return std::nullopt;
     } catch (const CLI::Success &help_or_version) {
         app.exit(help_or_version);
-        return kDone;
+        if (std::cout.flush()) return kDone;
+        std::cerr << app.get_name() << ": standard output: " << std::strerror(errno) << "\n";
+        return kFailed;
     } catch (const CLI::ParseError &fault) {
-        return told(fault);
+        // The parser asks for what is missing before it tells of a word that it does not know.
+        const std::string unknown = CLI::detail::join(app.remaining(true), " ");
+        return told(unknown.empty() ? fault.what() : "not expected here: " + unknown);
     } catch (const WrongUsage &fault) {
-        return told({fault.what(), CLI::ExitCodes::InvalidError});
+        return told(fault.what());
     }
 }
 

@@ -55,8 +55,8 @@ public:
     // Called when all words are read and all values stored: of the command that was chosen, then of
     // the program. May throw WrongUsage. The last one that was set counts.
     void when_chosen(const std::function<void()> &then) const;
-    // How wrong usage is told, in place of a line on standard error; answer(fault) returns the exit
-    // status. That of the command that was chosen goes before that of the program.
+    // How wrong usage of a program's command is told, in place of a line on standard error;
+    // answer(fault) returns the exit status.
     void answer_wrong_usage(const std::function<int(const std::string &)> &answer) const;
 
 private:
@@ -90,8 +90,8 @@ public:
     Command command(const std::string &name, const std::string &what) const;
 
     // Nothing when the words were read and the program is to go on. Else the exit status to end with:
-    // kDone when help or version were asked for, which have been printed; kUsage, or what
-    // answer_wrong_usage says, when the words were wrong, which has been told.
+    // kDone when help or version were asked for, which have been printed (kFailed when they could not
+    // be); kUsage, or what answer_wrong_usage says, when the words were wrong, which has been told.
     std::optional<int> parse(int argc, char **argv) const;
 };
 

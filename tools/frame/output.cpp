@@ -1,11 +1,13 @@
 #include "tools/frame/output.h"
 
+#include <fcntl.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 namespace halvo::tools {
@@ -35,6 +37,12 @@ void handle(int number, void (*handler)(int)) {
 
 } // namespace
 
+void hold_standard_descriptors() {
+    for (const int number : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(number, F_GETFD) < 0) // the lowest free number is this one
+            open("/dev/null", number == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+}
+
 void catch_stop_signals() {
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) handle(number, remember_stop);
     handle(SIGALRM, interrupt);
@@ -49,7 +57,13 @@ NamedFile::NamedFile(const std::string &path, int flags, int standard) : standar
     if (!file_) throw ToolError(kUsage, path + ": " + std::strerror(errno));
 }
 
-void write_out(int descriptor, const std::string &name, const std::string &bytes) {
+bool obeys_escapes(int descriptor) {
+    const char *const type = std::getenv("TERM");
+    return isatty(descriptor) != 0 && !(type && std::strcmp(type, "dumb") == 0);
+}
+
+void write_out(int descriptor, const std::string &path, const std::string &bytes) {
+    const std::string name = path == "-" ? "standard output" : path;
     int without_progress = 0;
     for (size_t done = 0; done < bytes.size();) {
         const ssize_t wrote = write(descriptor, bytes.data() + done, bytes.size() - done);

@@ -21,6 +21,10 @@ private:
     int status_;
 };
 
+// Takes the numbers of standard descriptors that the program was started without, so that no file gets
+// them: what is written to it, or read from it, fails as on a closed one. Call it before any open.
+void hold_standard_descriptors();
+
 // From now on SIGINT, SIGTERM and SIGHUP ask to stop, but for those that the program was started to
 // ignore (nohup does that). Waits, reads and writes return when one comes, also when it came just
 // before them: from then on a timer interrupts them again and again. SIGPIPE becomes an error of
@@ -40,8 +44,11 @@ private:
     int standard_;
 };
 
+// Whether it is a terminal, and one that knows more than text: not one that TERM calls dumb.
+bool obeys_escapes(int descriptor);
+
 // Writes everything; throws ToolError, with status 128 + signal when it is to stop and the output takes
-// no more. `name` is what the descriptor is called in the error.
+// no more. `name` is what the descriptor is called in the error, - for standard output.
 void write_out(int descriptor, const std::string &name, const std::string &bytes);
 
 } // namespace halvo::tools

@@ -1,5 +1,6 @@
 #include "tools/frame/program.h"
 
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -33,13 +34,35 @@ LibraryMessages::LibraryMessages()
         throw ToolError(kFailed, std::string("standard output: ") + std::strerror(errno));
 }
 
+namespace {
+
+// What the library says in every process, also when all goes well.
+bool is_greeting(const std::string &line) {
+    return line.rfind("/*", 0) == 0 || line == "SHM_INIT_FINISHED.\n" ||
+           line == "C Timeout Monitoring Service Started.\n";
+}
+
+} // namespace
+
 void LibraryMessages::show() const {
     std::fflush(stdout);
-    char block[4096];
-    off_t at = 0;
-    for (ssize_t got; (got = pread(messages_, block, sizeof block, at)) > 0; at += got)
-        std::fwrite(block, 1, static_cast<size_t>(got), stderr);
+    lseek(messages_, 0, SEEK_SET);
+    LineReader lines(messages_);
+    for (std::string line; lines.next(line) == LineReader::Read::line;)
+        if (!is_greeting(line)) std::fwrite(line.data(), 1, line.size(), stderr);
 }
+
+namespace {
+
+// Who holds an end, or held it last. Empty when nobody ever did.
+std::string holder_text(const halvo_channel &q, char side) {
+    const int pid = side == 'w' ? q.pidp : q.pidg;
+    if (pid == 0) return {};
+    return text("; its last holder is process %d, ", pid) +
+           for_locale(printable(side == 'w' ? q.pname : q.gname, HALVO_NAME_SIZE));
+}
+
+} // namespace
 
 OpenEnd::OpenEnd(const std::string &key_file, const std::string &channel, char side,
                  const std::string &client, int timeout) {
@@ -49,11 +72,16 @@ OpenEnd::OpenEnd(const std::string &key_file, const std::string &channel, char s
     if (attached != ESMS_OK) throw ToolError(kUsage, key_file + ": " + result_text(attached));
     int number = frx_channelByName(channel.c_str());
     if (number < 0) number = frx_channelByName(to_euc_kr(channel).value_or(channel).c_str());
-    if (number < 0) throw ToolError(kUsage, channel + ": no channel of that name in " + key_file);
+    if (number < 0)
+        throw ToolError(kUsage, channel + ": no channel of that name in " + key_file +
+                                    "; halvo-qm list shows those there are");
     const int opened = frx_openChannel(&handle_, typed(client).c_str(), number, side, timeout);
+    if (opened != ESMS_OK && stop_signal()) // it ended the wait
+        throw ToolError(128 + stop_signal(), "stopped by a signal");
     if (opened != ESMS_OK)
         throw ToolError(kFailed, channel + ": the " + (side == 'w' ? "writer" : "reader") +
-                                     "'s end could not be opened, " + result_text(opened));
+                                     "'s end could not be opened, " + result_text(opened) +
+                                     holder_text(*q_chnnl2q(number), side));
     q_recover(number, side); // the last holder may have been killed
 }
 
@@ -79,7 +107,8 @@ uint64_t each_line(LineReader &lines, const std::string &name, bool keep_newline
         } while (read == LineReader::Read::interrupted);
         if (read == LineReader::Read::end) return empty;
         if (read == LineReader::Read::failed)
-            throw ToolError(kFailed, name + ": " + std::strerror(errno));
+            throw ToolError(kFailed,
+                            (name == "-" ? "standard input" : name) + ": " + std::strerror(errno));
         if (!keep_newline && line.back() == '\n') line.pop_back();
         if (line.empty()) {
             ++empty;
@@ -109,7 +138,7 @@ uint64_t for_each_line(LineReader &lines, const std::string &name, bool keep_new
 }
 
 Progress::Progress(const char *program, const char *noun, bool quiet)
-    : program_(program), noun_(noun), quiet_(quiet), terminal_(isatty(STDERR_FILENO) != 0),
+    : program_(program), noun_(noun), quiet_(quiet), terminal_(obeys_escapes(STDERR_FILENO)),
       began_(monotonic()), shown_(began_) {}
 
 double Progress::seconds() const { return monotonic() - began_; }
@@ -129,7 +158,9 @@ void Progress::add(uint64_t messages, uint64_t bytes) {
     bytes_ += bytes;
     if (quiet_ || !terminal_ || monotonic() - shown_ < 0.2) return;
     shown_ = monotonic();
-    std::fprintf(stderr, "\r%s\033[K", line().c_str());
+    winsize size{}; // a line that wraps could not be overwritten
+    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    std::fprintf(stderr, "\r%s\033[K", line().substr(0, known ? size.ws_col - 1u : 79u).c_str());
 }
 
 void Progress::finish() {

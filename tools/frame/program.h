@@ -24,7 +24,8 @@ public:
     LibraryMessages &operator=(const LibraryMessages &) = delete;
 
     int standard_output() const { return standard_output_; } // the real one
-    void show() const;                                       // on standard error, for a failure
+    // On standard error, for a failure; without the lines that every start has.
+    void show() const;
 
 private:
     int standard_output_;

@@ -94,7 +94,8 @@ constexpr char kWhat[] =
 
 constexpr char kFooter[] =
     "Exit status: 0 ended as asked or by a signal, 1 failure, 2 wrong usage or no such\n"
-    "channel. A message is released only when it has been written out.";
+    "channel, 128 + signal when that came before it had the channel's end. A message is\n"
+    "released only when it has been written out.";
 
 } // namespace
 
@@ -106,6 +107,7 @@ int main(int argc, char **argv) {
     program.option("-o,--output", options.output, "File to write; - is standard output")
         .show_default();
     program.option("-c,--count", options.count, "End after this many messages; 0 is no end")
+        .check(at_least_zero)
         .show_default();
     program.option("-i,--idle", options.idle, "End when nothing came for this many ms")
         .check(at_least_zero);

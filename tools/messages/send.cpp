@@ -94,6 +94,9 @@ private:
     void check(int result) {
         if (result == ESMS_JAVAINTR && stop_signal())
             throw ToolError(128 + stop_signal(), "stopped by a signal");
+        if (result == ESMS_TIMEOUT)
+            throw ToolError(kFailed, result_text(result) + ": the channel stayed full" +
+                                         "; halvo-qm list shows whether anybody reads it");
         if (result < 0) throw ToolError(kFailed, result_text(result));
     }
 

@@ -117,7 +117,7 @@ void show_document(const Options &options, const Document &document, int output)
 bool Options::wants_colours(int descriptor) const {
     if (colour != "auto") return colour == "always";
     const char *none = std::getenv("NO_COLOR");
-    return isatty(descriptor) && !(none && *none);
+    return tools::obeys_escapes(descriptor) && !(none && *none);
 }
 
 void show_first_table(const Options &options, int output) {

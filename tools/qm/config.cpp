@@ -118,9 +118,6 @@ private:
     void read_channel(const toml::table &table) {
         const size_t number = plan_.channels.size();
         lines_[item_of_channel(number)] = line_of(table.source());
-        for (const char *required : {"name", "slots", "slot_size"})
-            if (!table.contains(required))
-                fail(line_of(table.source()), text("the channel has no \"%s\"", required));
         ChannelPlan &channel = plan_.channels.emplace_back();
         for (const auto &[key, node] : table) {
             lines_[item_of_channel(number, key.str().data())] = line_of(node.source());
@@ -137,6 +134,9 @@ private:
             else
                 unknown(key);
         }
+        for (const char *required : {"name", "slots", "slot_size"})
+            if (!table.contains(required))
+                fail(line_of(table.source()), text("the channel has no \"%s\"", required));
     }
 
     char letter(const toml::node &node) const {

@@ -29,13 +29,13 @@ constexpr char kFooter[] = R"(Exit status:
   2  wrong usage or configuration, or the system refused
 
 Examples:
-  halvo-qm create tools/qm/example.toml --key /tmp/halvo.key
+  halvo-qm create gateway.toml --key /tmp/halvo.key
   halvo-qm list --key /tmp/halvo.key
   halvo-qm check --key /tmp/halvo.key && echo sound
   halvo-qm check --repair --key /tmp/halvo.key
   halvo-qm remove --key /tmp/halvo.key
 
-tools/qm/example.toml explains the configuration.)";
+halvo-toml(5) explains the configuration.)";
 
 struct Arguments {
     std::string config;
@@ -172,10 +172,6 @@ int main(int argc, char **argv) {
          .what = "Makes, lists, checks and removes a queue segment with its semaphores.",
          .footer = kFooter,
          .commands = halvo::tools::About::one_command});
-    program.answer_wrong_usage([](const std::string &fault) {
-        complain(fault + " (--help tells more)");
-        return kFailed;
-    });
     add_commands(program, arguments, run);
     if (const auto ended = program.parse(argc, argv)) return *ended;
     try {

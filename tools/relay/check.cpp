@@ -186,6 +186,9 @@ int check(const std::string &config_path, bool declare) {
     } catch (const BrokerError &error) {
         std::fprintf(stderr, "halvo-relay: %s\n", error.what());
         return tools::kFailed;
+    } catch (const tools::ToolError &error) {
+        std::fprintf(stderr, "halvo-relay: %s\n", error.what());
+        return error.status();
     }
 }
 

@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "halvo/frx.h"
+#include "tools/frame/attachment.h"
 #include "tools/frame/files.h"
 #include "tools/frame/program.h"
 #include "tools/relay/base/log.h"
@@ -190,10 +191,10 @@ void serve(Relay &relay) {
 } // namespace
 
 void attach(const std::string &key_file) {
+    if (const std::string fault = tools::attach_fault(key_file, true); !fault.empty())
+        throw ConfigError(fault);
     const int attached = frx_initialize(key_file.c_str());
-    if (attached != ESMS_OK)
-        throw ConfigError(key_file + ": no segment to attach to, " + tools::result_text(attached) +
-                          "; halvo-qm create makes one");
+    if (attached != ESMS_OK) throw ConfigError(key_file + ": " + tools::result_text(attached));
 }
 
 int run(const std::string &config_path) {

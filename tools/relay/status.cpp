@@ -38,6 +38,7 @@ Row row_of(const RouteConfig &route, const Figures &f, bool running) {
             running && f.lag >= 0 ? text(f.lag) : "-",
             text(f.repeats),
             text(f.dead_letters),
+            text(f.missing),
             text(f.losses),
             age_of(f.last)};
 }
@@ -48,7 +49,8 @@ int show_status(const std::string &config_path, bool as_metrics) {
     try {
         const Config config = load_config(config_path);
         std::vector<Row> rows{{"ROUTE", "FROM", "TO", "STATE", "MESSAGES", "RATE", "IN-FLIGHT",
-                               "LAG", "REPEATS", "DEAD-LETTERS", "LOSSES", "LAST"}};
+                               "LAG", "REPEATS", "DEAD-LETTERS", "MISSING", "CONNECTION-LOST",
+                               "LAST"}};
         std::vector<std::unique_ptr<Figures>> figures;
         std::vector<RouteFigures> all;
         for (const RouteConfig &route : config.routes) {
@@ -64,6 +66,9 @@ int show_status(const std::string &config_path, bool as_metrics) {
         tools::write_out(1, "standard output",
                          as_metrics ? metrics_text(all) : tools::aligned(rows));
         return tools::kDone;
+    } catch (const tools::ToolError &error) {
+        std::fprintf(stderr, "halvo-relay: %s\n", error.what());
+        return error.status();
     } catch (const std::runtime_error &error) {
         std::fprintf(stderr, "halvo-relay: %s\n", error.what());
         return tools::kUsage;

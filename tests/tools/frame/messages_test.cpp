@@ -71,7 +71,12 @@ TEST_F(Messages, a_receiver_that_gets_no_end_leaves_the_output_of_the_one_that_h
     Peer first([&] { return recv({"--count", "3", "-o", file}).status; });
     const auto got = [&] { return run_program({"/bin/cat", file}).out; };
     EXPECT_TRUE(comes_true([&] { return got() == "one\ntwo\n"; }));
-    expect_end(recv({"--timeout", "100", "-o", file}), 1, "could not be opened");
+    const Outcome second = recv({"--timeout", "100", "-o", file});
+    expect_end(second, 1, "last holder is process ");
+    EXPECT_EQ(second.err.find("INIT"), std::string::npos) << "what every start says is no news";
+    expect_end(run_program({"/usr/bin/timeout", "--preserve-status", "0.3", kRecv, "-k",
+                            segment.key_file(), "MT01"}),
+               128 + SIGTERM, "halvo-recv: stopped by a signal");
     EXPECT_EQ(send({}, "three\n").status, 0);
     EXPECT_EQ(first.wait(), 0);
     EXPECT_EQ(got(), "one\ntwo\nthree\n");
@@ -91,7 +96,14 @@ TEST_F(Messages, what_cannot_be_sent_is_named_and_what_stood_before_is_sent) {
 TEST_F(Messages, what_could_not_be_written_out_is_received_again) {
     EXPECT_EQ(send({}, "one\ntwo\n").status, 0);
     expect_end(recv({"--count", "2", "-o", "/dev/full"}), 1, "/dev/full: No space left");
-    EXPECT_EQ(recv({"--count", "2"}).out, "one\ntwo\n");
+    const auto closed = [&](const std::string &descriptors) {
+        return run_program(
+            {"/bin/sh", "-c",
+             "exec " + kRecv + " --key " + segment.key_file() + " MT01 --count 2 " + descriptors});
+    };
+    expect_end(closed(">&-"), 1, "standard output: Bad file descriptor");
+    expect_end(closed(">/dev/full"), 1, "standard output: No space left");
+    EXPECT_EQ(closed("2>&-").out, "one\ntwo\n") << "no summary among the messages";
 }
 
 TEST_F(Messages, a_signal_ends_both_cleanly) {
@@ -122,6 +134,8 @@ TEST_F(Messages, a_signal_ends_both_cleanly) {
 TEST_F(Messages, wrong_words_and_missing_things_end_with_2) {
     expect_end(run_program({kSend, "MT01"}), 2);
     expect_end(send({"--type", "70000"}, ""), 2);
+    expect_end(recv({"--count", "-1"}), 2, "halvo-recv: --count: \"-1\" is no whole number");
+    expect_end(run_program({kSend, "--tpye", "7"}), 2, "not expected here: --tpye");
     expect_end(send({"/nonexistent/file"}, ""), 2);
     expect_end(run_program({kRecv, "--key", segment.key_file(), "XX99"}), 2,
                "XX99: no channel of that name");

@@ -14,7 +14,8 @@ using namespace halvo::test;
 namespace {
 
 const std::string kMonitor = HALVO_BIN "/halvo-mon", kManager = HALVO_BIN "/halvo-qm",
-                  kSend = HALVO_BIN "/halvo-send", kRecv = HALVO_BIN "/halvo-recv";
+                  kSend = HALVO_BIN "/halvo-send", kRecv = HALVO_BIN "/halvo-recv",
+                  kRelay = HALVO_BIN "/halvo-relay";
 const std::vector<std::vector<std::string>> kPrograms = {
     {kMonitor},        {kMonitor, "check"}, {kSend, "MT01"},
     {kRecv, "MT01"},   {kManager, "check"}, {kManager, "check", "--repair"},
@@ -27,7 +28,7 @@ protected:
         chmod(segment.path("").c_str(), 0755);
     }
     Outcome run(std::vector<std::string> words, bool as_other_user = false) const {
-        words.insert(words.end(), {"-k", segment.key_file()});
+        if (words[0] != kRelay) words.insert(words.end(), {"-k", segment.key_file()});
         if (as_other_user)
             words.insert(words.begin(),
                          {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
@@ -44,8 +45,18 @@ protected:
 } // namespace
 
 TEST_F(Operators, are_told_the_true_cause_of_a_failed_attach) {
+    auto programs = kPrograms;
+    if (access(kRelay.c_str(), X_OK) == 0) { // it is built where its library is there
+        const std::string config =
+            file("relay", "[relay]\nkey = '" + segment.key_file() +
+                              "'\nstate = '/'\n[broker]\nurl = 'amqp://h'\n[[route]]\n"
+                              "name = 'r'\nfrom = 'channel:MT01'\nto = 'amqp:q'\n");
+        programs.push_back({kRelay, "check", config});
+        expect_end(run_program({"/bin/sh", "-c", kRelay + " check " + config + " >/dev/full"}), 1,
+                   "No space left");
+    }
     const auto all_say = [&](const std::string &cause, bool as_other_user = false) {
-        for (const auto &program : kPrograms) {
+        for (const auto &program : programs) {
             const Outcome outcome = run(program, as_other_user);
             const std::string said = outcome.out + outcome.err;
             EXPECT_NE(outcome.status, 0) << program[0];
@@ -78,7 +89,7 @@ TEST_F(Operators, may_look_at_what_they_may_not_write) {
 }
 
 TEST_F(Operators, see_and_type_korean_names) {
-    const std::string korea = utf8("한국"), names = file("options", korea + " 1\nMTO1\n");
+    const std::string korea = utf8("한국"), names = file("options", korea + " 1\n!MSG 1\n!TITEL\n");
     const std::string config =
         file("toml", "channel = [{name = '" + korea +
                          "', slots = 4, slot_size = 64}]\n[types]\n1 = '" + utf8("제출") + "'");
@@ -97,7 +108,7 @@ TEST_F(Operators, see_and_type_korean_names) {
     says({kMonitor, "types", "--sample", "0"}, utf8("제출"));
     says({kMonitor, "check", "--channel", korea, "--warning", "1"}, korea + " backlog'=1;1");
     EXPECT_EQ(says({kMonitor, "--options", names, "--sample", "0"}, "\n" + korea),
-              "halvo-mon: " + names + ":2: no channel named MTO1\n");
+              "halvo-mon: " + names + ":3: no channel named !TITEL\n");
     says({kRecv, korea, "--count", "1"}, "one\n");
     says({kManager, "check"}, "");
     // What EUC-KR cannot express is refused, with its line.

@@ -69,6 +69,9 @@ TEST_F(MonitorProgram, tells_what_is_wrong) {
     const std::string nowhere = segment.path("no/such/place");
     expect_end(run_program({kMonitor}), 2, "--key");
     expect_end(run_program({kMonitor, "--key", nowhere}), 2, "no such key file");
+    const std::string dumb = "TERM=dumb " + kMonitor + " top --key " + segment.key_file();
+    expect_end(run_program({"/usr/bin/script", "-qec", dumb, "/dev/null"}), 2,
+               "cannot show a screen");
     const std::vector<std::pair<std::vector<std::string>, int>> wrong = {
         {{"xml", "--watch", "1"}, 2},
         {{"sideways"}, 2},

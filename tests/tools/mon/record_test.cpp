@@ -178,5 +178,5 @@ TEST_F(Records, are_kept_of_a_segment_that_goes) {
     EXPECT_TRUE(tells("no such key file"));
     recorder.kill(SIGTERM);
     EXPECT_EQ(recorder.wait(), 0);
-    expect_end(run_program({monitor, "replay", segment.path("nothing")}), 2);
+    expect_end(run_program({monitor, "replay", segment.path("nothing")}), 2, "No such file");
 }

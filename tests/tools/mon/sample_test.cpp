@@ -147,6 +147,8 @@ TEST_F(Samples, rates_are_of_real_intervals_and_troubles_have_their_reasons) {
     };
     mt->gcnt.count = mt->pcnt.count;
     mt->throttled = 1;
+    EXPECT_STREQ(trouble(151), "ok") << "the last refusal is long ago";
+    mt->throttletime = static_cast<int32_t>(time(nullptr));
     EXPECT_STREQ(trouble(151), "throttled");
     mt->wwait = 1;
     EXPECT_STREQ(trouble(152), "throttled"); // nobody waits for room that is there

@@ -54,6 +54,7 @@ TEST_F(ConfigTest, every_fault_is_told_with_its_line_and_reason) {
         {"[[channel]\n", 1, "Error while parsing"},
         {channel + "slots = 5\n", 5, "slots"},
         {channel + "size = 5\n", 5, "unknown key \"size\""},
+        {with("slots =", "slot ="), 3, "unknown key \"slot\""},
         {"chanel = 1\n" + channel, 1, "unknown key \"chanel\""},
         {channel + "\"two\\nlines\" = 1\n", 5, "unknown key \"two?lines\""},
         {"[channel]\nname = 'MT01'\n", 1, "[[channel]]"},

@@ -29,7 +29,7 @@ TEST(HalvoQm, takes_a_segment_through_its_life_and_tells_faults_in_one_line) {
         {{"remove", "--key", key}, 0, ""},
         {{"remove", "--key", key}, 1, key},
         {{}, 2, ""},
-        {{"destroy"}, 2, "subcommand"},
+        {{"destroy"}, 2, "not expected here: destroy"},
         {{"check"}, 2, "--key"},
         {{"create", "c", "--key", "k", "--mode", "0888"}, 2, ""},
         {{"check", "--key", "/nonexistent/key"}, 2, ""},

@@ -25,8 +25,10 @@ namespace {
 // The first word of a line; empty for a comment and for a special line.
 std::string channel_of(const std::string &line) {
     const size_t begin = line.find_first_not_of(' ');
-    if (begin == std::string::npos || line[begin] == '#' || line[begin] == '!') return {};
-    return line.substr(begin, line.find_first_of(" \r", begin) - begin);
+    if (begin == std::string::npos || line[begin] == '#') return {};
+    const std::string word = line.substr(begin, line.find_first_of(" \r", begin) - begin);
+    const bool special = word == "!TITLE" || word == "!HEADER" || word == "!MSG";
+    return special ? std::string() : word;
 }
 
 // The file with all its names as they stand in the segment.

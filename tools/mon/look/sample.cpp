@@ -9,6 +9,7 @@
 
 #include "core/base/process.h"
 #include "core/segment/ring.h"
+#include "core/segment/rules.h"
 #include "tools/frame/attachment.h"
 #include "tools/frame/charset.h"
 #include "tools/frame/clock.h"
@@ -33,6 +34,8 @@ constexpr Words kWords[kTroubles] = {
     {"dead end", "a process that is gone holds an end"},
     {"damaged", "the header cannot be followed"},
 };
+
+constexpr int32_t kThrottledSeconds = 10; // a reader that waits tries more often
 
 // The values of a lock set, one for each channel, and who changed one last.
 class Locks {
@@ -70,6 +73,7 @@ private:
 
 struct Look {
     const qm::SegmentView &view;
+    int32_t now; // seconds since the epoch
     Locks readers, writers;
     Processes processes;
 };
@@ -102,7 +106,7 @@ std::string damage_of(const qm::SegmentView &view, const halvo_channel *q, const
     return lies_within(ring, view.room_behind(q)) ? "" : "its ring does not lie in the segment";
 }
 
-void read_ring(ChannelSample &out, const halvo_channel &q, const Ring &ring) {
+void read_ring(ChannelSample &out, const halvo_channel &q, const Ring &ring, int32_t now) {
     out.slots = load(q.qcnt);
     out.slot_bytes = ring.size;
     // The reader's count first: messages that pass meanwhile must not make a depth below 0.
@@ -116,7 +120,8 @@ void read_ring(ChannelSample &out, const halvo_channel &q, const Ring &ring) {
     out.waiting_writers = load(q.wwait);
     out.waiting_readers = load(q.rwait);
     out.rate_limit = load(q.tpsmx);
-    out.throttled = load(q.throttled) != 0;
+    // Only a later read takes the flag back, and it may never come: a refusal is of now while it is new.
+    out.throttled = load(q.throttled) != 0 && age(now, load(q.throttletime)) < kThrottledSeconds;
     out.last_in = load(q.lastin);
     out.last_out = load(q.lastout);
     out.last_error = load(q.errtime);
@@ -134,7 +139,7 @@ ChannelSample sample_of(Look &look, int number) {
         out.type = q->qtype;
     }
     if (!q || !out.damage.empty()) return out;
-    read_ring(out, *q, ring);
+    read_ring(out, *q, ring, look.now);
     out.writer =
         ring_end(look.writers, number, q->pname, load(q->pidp), load(q->wtime), look.processes);
     out.reader =
@@ -201,7 +206,8 @@ Sample Sampler::take() {
     sample.bytes = view_->size();
     sample.started = load(view_->header()->uptime);
     sample.clock = load(view_->header()->now);
-    Look look{*view_, Locks(read_locks_), Locks(write_locks_), {}};
+    Look look{
+        *view_, static_cast<int32_t>(sample.time), Locks(read_locks_), Locks(write_locks_), {}};
     const auto channels = static_cast<int>(view_->channels());
     sample.channels.reserve(static_cast<size_t>(channels));
     for (int i = 0; i < channels; ++i) sample.channels.push_back(sample_of(look, i));

@@ -1,5 +1,8 @@
 #include "tools/mon/record/database.h"
 
+#include <cerrno>
+#include <cstring>
+
 #include "tools/frame/output.h"
 
 namespace halvo::mon {
@@ -13,7 +16,8 @@ constexpr int kPatience = 5000; // ms, while another process writes
 Database::Database(const std::string &path, bool writable) : path_(path) {
     const int flags = writable ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE : SQLITE_OPEN_READONLY;
     if (sqlite3_open_v2(path.c_str(), &handle_, flags, nullptr) != SQLITE_OK) {
-        const std::string why = handle_ ? sqlite3_errmsg(handle_) : "no memory";
+        const int reason = handle_ ? sqlite3_system_errno(handle_) : ENOMEM; // 0: not the system's
+        const std::string why = reason != 0 ? std::strerror(reason) : sqlite3_errmsg(handle_);
         sqlite3_close(handle_);
         throw tools::ToolError(tools::kUsage, path + ": " + why);
     }

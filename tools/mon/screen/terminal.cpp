@@ -127,10 +127,13 @@ Terminal::Terminal(int output, bool utf8, bool colours) : utf8_(utf8) {
     files_[0] = out;
     files_[1] = in;
     const char *type = std::getenv("TERM");
+    const std::string terminal = std::string("the terminal type ") + (type ? type : "(none)");
     screen_ = out && in ? newterm(nullptr, out, in) : nullptr;
-    if (!screen_)
-        throw ToolError(kUsage, std::string("the terminal type ") + (type ? type : "(none)") +
-                                    " is not known; TERM names it");
+    if (!screen_) throw ToolError(kUsage, terminal + " is not known; TERM names it");
+    if (!tigetstr("cup")) {
+        endwin();
+        throw ToolError(kUsage, terminal + " cannot show a screen; the tables do without");
+    }
     colours_ = define_colours(colours);
     cbreak();
     noecho();

@@ -44,9 +44,9 @@ const std::vector<std::string> &help_lines() {
     static const std::vector<std::string> lines = [] {
         std::vector<std::string> all{
             "Keys",
-            "  Up Down PgUp PgDn Home End  choose a channel      Enter  its details, and back",
+            "  Up Down PgUp PgDn Home End  choose a channel      Enter  its details, back",
             "  Left Right  sort by the column beside             r      reverse",
-            "  /  filter by name: type, then Enter; Esc clears   t      the next type of channel",
+            "  /  filter by name: type, then Enter; Esc clears   t      the next type",
             "  !  only channels in trouble                       Space  pause",
             "  [ ] { }  in a record: one or 60 samples back, on  q      leave",
             "",
@@ -57,9 +57,9 @@ const std::vector<std::string> &help_lines() {
         all.insert(
             all.end(),
             {"", "WRITER and READER: * a living process holds the end, ! a dead one does,",
-             "  ? not known; without a sign: the last one. WAIT: writers and readers that wait.",
-             "OLDEST: how long the next message has waited at the least. PUT, GOT: since the",
-             "  last one. Rates are of the last two seconds or of the pause between two looks."});
+             "  ? not known; without a sign: the last one. WAIT: writers and readers that wait",
+             "OLDEST: how long the next message has waited at the least. PUT, GOT: since",
+             "  the last one. Rates: of two seconds, or of the time between two looks."});
         return all;
     }();
     return lines;
@@ -186,7 +186,7 @@ void Top::draw_foot() {
     if (typing_) keys = " type a part of a name; Enter keeps it, Esc clears it";
     if (page_ != Page::list) keys = " q back  Up/Down PgUp/PgDn scroll  Space pause";
     if (source_.is_record() && page_ == Page::list && !typing_)
-        keys = " q quit Enter details  [ ] one sample  { } 60 samples  Space play  / filter ? help";
+        keys = " q quit Enter details [ ] one sample { } 60 samples Space play / filter ? help";
     terminal_.put(terminal_.rows() - 1, 0, terminal_.columns(), keys, Look::reverse);
 }
 

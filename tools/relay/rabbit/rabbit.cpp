@@ -86,8 +86,11 @@ void Rabbit::open_socket(const BrokerConfig &broker, const Address &address) {
         amqp_ssl_socket_set_ssl_versions(socket, AMQP_TLSv1_2, AMQP_TLSvLATEST);
     }
     const LibraryTime limit(kOpenMillis), answer(kAnswerMillis);
-    expect(amqp_socket_open_noblock(socket, address.host.c_str(), address.port, limit.get()),
-           "connect");
+    const int opened =
+        amqp_socket_open_noblock(socket, address.host.c_str(), address.port, limit.get());
+    if (opened == AMQP_STATUS_SOCKET_ERROR)
+        expect(opened, "connect: nobody listens there, or there is no way to it");
+    expect(opened, "connect");
     amqp_set_handshake_timeout(state_, limit.get());
     amqp_set_rpc_timeout(state_, answer.get());
     // A send to a machine that has gone would wait for minutes, whatever the heartbeat.
