@@ -144,7 +144,8 @@ int halvo::fq::load_position(OpenSide &side, char *record, bool &made_first) noe
 bool halvo::fq::read_guessed_position(OpenSide &side, char *record) noexcept {
     constexpr ssize_t pair = ssize_t{2} * kRecordSize;
     char bytes[pair + 1]; // one more: the log must end there
-    if (side.log_guess < pair) return false;
+    // The last whole record of a log that ends within one does not stand at its end.
+    if (side.log_guess < pair || side.log_guess % kRecordSize != 0) return false;
     if (pread(side.log.get(), bytes, sizeof bytes, side.log_guess - pair) != pair) return false;
     std::memcpy(record, bytes + kRecordSize, kRecordSize);
     if (!position_in(record).valid()) return false;
