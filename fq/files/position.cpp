@@ -192,14 +192,17 @@ Saved halvo::fq::save_position(fqtrans *trans, void (*tell_uncut)(const fqtrans 
     if (!full) {
         const int appended = append_record(fd, trans->nextpos, size);
         if (side) side->log_guess = appended < 0 ? -1 : size - size % kRecordSize + kRecordSize;
-        if (appended >= 0) return {appended, false};
-        return {begin_again(trans, reader) > 0 ? kRecordSize : -1, false};
+        if (appended >= 0) return {appended, false, false};
+        const bool begun = begin_again(trans, reader) > 0;
+        return {begun ? kRecordSize : -1, false, begun};
     }
     const int begun = begin_again(trans, reader);
-    if (begun != 0) return {begun, true};
+    if (begun != 0) return {begun, true, begun > 0};
     tell_uncut(trans);
-    return {append_record(fd, trans->nextpos, size), true};
+    return {append_record(fd, trans->nextpos, size), true, false};
 }
+
+void halvo::fq::keep_last_record(fqtrans *trans) noexcept { begin_again(trans, false); }
 
 int fq_get_pos(const char *path, int fd, char *record, char mode) noexcept {
     const CancellationOff whole_call;

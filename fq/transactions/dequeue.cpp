@@ -39,20 +39,21 @@ bool is_still_named(OpenSide *side) {
     return side->lock.is_named(side->directory(), side->lock_name, side->names, false);
 }
 
-// Deletes the file in which the transaction began when it ended in another one.
+// Deletes the file in which the transaction began when it ended in another one. Whether it did.
 // Kept: only that one, however many files the transaction passed through.
-void delete_finished_file(const fqtrans *trans) {
+bool delete_finished_file(const fqtrans *trans) {
     if (std::memcmp(trans->startpos + kOrderAt, trans->nextpos + kOrderAt, kNumberWidth) == 0)
-        return;
+        return false;
     const Position began = position_in(trans->startpos);
-    if (!began.valid()) return;
+    if (!began.valid()) return false;
     OpenSide *side = running_side(trans);
     const FileName name = data_file(trans->path, began.order);
     if ((side && !is_still_named(side)) ||
-        unlinkat(side ? side->directory() : AT_FDCWD, name.text, 0) != 0)
+        unlinkat(side ? side->directory() : AT_FDCWD, name.text, 0) != 0) {
         std::printf("fq_dequeue.unlink error %s\n", name.text);
-    else if (side)
-        sync_names(side->directory(), trans->path);
+        return false;
+    }
+    return !side || sync_names(side->directory(), trans->path);
 }
 
 // Whether the writer has saved a position that is not before one: what stands before it, it has
@@ -133,7 +134,7 @@ int fq_dequeue_commit(int chnnl, fqtrans *trans) noexcept {
         fq_unlock(trans);
         return -1;
     }
-    delete_finished_file(trans);
+    if (delete_finished_file(trans) && saved.begun_again) keep_last_record(trans);
     ChannelStats(chnnl).committed_reads(trans->count, trans->errcnt);
     const int result = fq_unlock(trans);
     if (result < 0) std::puts("fq_dequeue_commit.fq_unlock error ");
