@@ -137,7 +137,7 @@ int halvo::fq::load_position(OpenSide &side, char *record, bool &made_first) noe
              last, made_first);
     side.log_size = made_first ? -1 : side.log.size();
     side.log_guess = side.log_size;
-    side.left_order = last.left_order;
+    side.left = last.left;
     return result;
 }
 
@@ -149,7 +149,7 @@ bool halvo::fq::read_guessed_position(OpenSide &side, char *record) noexcept {
     if (pread(side.log.get(), bytes, sizeof bytes, side.log_guess - pair) != pair) return false;
     std::memcpy(record, bytes + kRecordSize, kRecordSize);
     if (!position_in(record).valid()) return false;
-    side.left_order = position_in(bytes).order;
+    side.left = position_in(bytes);
     side.log_size = side.log_guess;
     return true;
 }

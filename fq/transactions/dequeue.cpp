@@ -14,6 +14,7 @@
 #include "fq/files/lock.h"
 #include "fq/files/open_files.h"
 #include "fq/files/position.h"
+#include "fq/files/readable_items.h"
 #include "fq/transactions/channel_stats.h"
 
 using namespace halvo;
@@ -73,16 +74,25 @@ bool force_what_was_read(const fqtrans *trans) {
            sync_file(side->data.get());
 }
 
+// Whether a reader has read a data file from a place to its end. One that is stuck at damage is sent on
+// by hand: what it has not read may still be wanted.
+bool leads_to_the_end(const OpenSide *side, const FileName &name, Position at) {
+    const Descriptor file = open_queue_file(side->directory(), name, O_RDONLY);
+    const int64_t size = file ? state_of(file.get()).size : -1;
+    return pass_readable_items(file.get(), size, at.offset) == Behind::end;
+}
+
 // Removes the file that a reader has left and, because it died, not deleted: the one that the log
 // names before the file where the reader is now. Nothing that may still be wanted: both sides must
 // be behind it.
 void delete_left_file(const fqtrans *trans) {
     const OpenSide *side = running_side(trans);
     const Position at = position_in(trans->startpos);
-    if (!side || !comes_after(side->left_order, at.order)) return;
-    const FileName name = data_file(trans->path, side->left_order);
+    if (!side || !side->left.valid() || !comes_after(side->left.order, at.order)) return;
+    const FileName name = data_file(trans->path, side->left.order);
     if (!state_of(side->directory(), name.text).found) return;
-    if (writer_is_past(side, trans, {next_order_of_commit(side->left_order), 0}))
+    if (writer_is_past(side, trans, {next_order_of_commit(side->left.order), 0}) &&
+        leads_to_the_end(side, name, side->left))
         unlinkat(side->directory(), name.text, 0);
 }
 
