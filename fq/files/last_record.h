@@ -12,11 +12,11 @@ namespace halvo::fq {
 
 // Where in a log the position was found.
 struct LastRecord {
-    bool found = false;      // a record that can be read
-    bool blank = false;      // no record has reached the disk to its end, which is a line feed
-    int64_t at = 0;          // offset of the last whole record
-    int32_t left_order = -1; // the data file that the record before it names; -1: not known
-    bool stepped = false;    // the last record cannot be read, and the one found is an earlier one
+    bool found = false;   // a record that can be read
+    bool blank = false;   // no record has reached the disk to its end, which is a line feed
+    int64_t at = 0;       // offset of the last whole record
+    Position left;        // what the record before it says; not valid: not known
+    bool stepped = false; // the last record cannot be read, and the one found is an earlier one
 };
 
 // From the last record, which cannot be read, back to one that can; by blocks, for a log may be long.
@@ -36,7 +36,7 @@ inline void step_back(int fd, char *record, LastRecord &last) noexcept {
             std::memcpy(record, at, kRecordSize);
             last.found = last.stepped = true;
             last.blank = false;
-            last.left_order = -1;
+            last.left = {};
             return;
         }
     }
@@ -55,7 +55,7 @@ inline ssize_t read_last_record(int fd, int64_t size, char *record, LastRecord &
         return got < 0 ? got : std::max<ssize_t>(got - static_cast<ssize_t>(before), 0);
     std::memcpy(record, pair + before, kRecordSize);
     last.found = position_in(record).valid();
-    if (before > 0) last.left_order = position_in(pair).order;
+    if (before > 0) last.left = position_in(pair);
     if (last.found) return kRecordSize;
     step_back(fd, record, last);
     return kRecordSize;

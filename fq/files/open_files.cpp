@@ -173,7 +173,11 @@ bool OpenSide::open_data(int32_t order, int flags) noexcept {
     const FileName name = data_file(path, order);
     data_seen = false;
     if (!data.open(directory(), name, flags)) {
-        if (data_order == order) data.close(); // it has another name now, or none
+        const int error = errno;
+        // What has another name now, or none, would still take up the disk.
+        if (data_order == order || !data.is_named(directory(), data_name, names, false))
+            data.close();
+        errno = error;
         return false;
     }
     std::strcpy(data_name.text, name.text);

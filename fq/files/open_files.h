@@ -89,7 +89,7 @@ struct OpenSide {
     OpenKey *entry = nullptr; // of the lock file
     int64_t log_size = -1;    // bytes in the log since it was locked; -1: unknown
     int64_t log_guess = -1;   // what the log will hold after the last commit, if nobody else writes
-    int32_t left_order = -1;  // the log's record before its last names this data file
+    Position left;            // what the log's record before its last says
     int32_t data_order = -1;  // of `data`
     bool data_seen = false;   // the transaction has asked whether `data` has its name
     Batch batch;              // a writer's

@@ -137,18 +137,19 @@ int halvo::fq::load_position(OpenSide &side, char *record, bool &made_first) noe
              last, made_first);
     side.log_size = made_first ? -1 : side.log.size();
     side.log_guess = side.log_size;
-    side.left_order = last.left_order;
+    side.left = last.left;
     return result;
 }
 
 bool halvo::fq::read_guessed_position(OpenSide &side, char *record) noexcept {
     constexpr ssize_t pair = ssize_t{2} * kRecordSize;
     char bytes[pair + 1]; // one more: the log must end there
-    if (side.log_guess < pair) return false;
+    // The last whole record of a log that ends within one does not stand at its end.
+    if (side.log_guess < pair || side.log_guess % kRecordSize != 0) return false;
     if (pread(side.log.get(), bytes, sizeof bytes, side.log_guess - pair) != pair) return false;
     std::memcpy(record, bytes + kRecordSize, kRecordSize);
     if (!position_in(record).valid()) return false;
-    side.left_order = position_in(bytes).order;
+    side.left = position_in(bytes);
     side.log_size = side.log_guess;
     return true;
 }
@@ -191,14 +192,17 @@ Saved halvo::fq::save_position(fqtrans *trans, void (*tell_uncut)(const fqtrans 
     if (!full) {
         const int appended = append_record(fd, trans->nextpos, size);
         if (side) side->log_guess = appended < 0 ? -1 : size - size % kRecordSize + kRecordSize;
-        if (appended >= 0) return {appended, false};
-        return {begin_again(trans, reader) > 0 ? kRecordSize : -1, false};
+        if (appended >= 0) return {appended, false, false};
+        const bool begun = begin_again(trans, reader) > 0;
+        return {begun ? kRecordSize : -1, false, begun};
     }
     const int begun = begin_again(trans, reader);
-    if (begun != 0) return {begun, true};
+    if (begun != 0) return {begun, true, begun > 0};
     tell_uncut(trans);
-    return {append_record(fd, trans->nextpos, size), true};
+    return {append_record(fd, trans->nextpos, size), true, false};
 }
+
+void halvo::fq::keep_last_record(fqtrans *trans) noexcept { begin_again(trans, false); }
 
 int fq_get_pos(const char *path, int fd, char *record, char mode) noexcept {
     const CancellationOff whole_call;

@@ -27,8 +27,9 @@ bool move_position(const char *path, char *record, int64_t order, int64_t offset
 bool move_offset(const char *path, char *record, int64_t order, int64_t offset) noexcept;
 
 struct Saved {
-    int result;    // 31, or -1
-    bool log_full; // whether the log had passed its limit
+    int result;       // 31, or -1
+    bool log_full;    // whether the log had passed its limit
+    bool begun_again; // that, or it could not grow, and holds no older positions any more
 };
 
 // Saves nextpos as the new position: as fq_set_pos, but a log that is full or cannot grow is begun
@@ -36,5 +37,9 @@ struct Saved {
 // valid position at every moment. `tell_uncut` is called when a full log cannot be cut; the record
 // is then appended.
 Saved save_position(fqtrans *trans, void (*tell_uncut)(const fqtrans *)) noexcept;
+
+// Cuts a log that was begun again to the position just saved: the data file that the reader has left
+// is deleted, and nobody needs to be told of it any more. When that fails, both records stay.
+void keep_last_record(fqtrans *trans) noexcept;
 
 } // namespace halvo::fq

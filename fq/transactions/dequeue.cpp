@@ -14,6 +14,7 @@
 #include "fq/files/lock.h"
 #include "fq/files/open_files.h"
 #include "fq/files/position.h"
+#include "fq/files/readable_items.h"
 #include "fq/transactions/channel_stats.h"
 
 using namespace halvo;
@@ -37,20 +38,21 @@ bool is_still_named(OpenSide *side) {
     return side->lock.is_named(side->directory(), side->lock_name, side->names, false);
 }
 
-// Deletes the file in which the transaction began when it ended in another one.
+// Deletes the file in which the transaction began when it ended in another one. Whether it did.
 // Kept: only that one, however many files the transaction passed through.
-void delete_finished_file(const fqtrans *trans) {
+bool delete_finished_file(const fqtrans *trans) {
     if (std::memcmp(trans->startpos + kOrderAt, trans->nextpos + kOrderAt, kNumberWidth) == 0)
-        return;
+        return false;
     const Position began = position_in(trans->startpos);
-    if (!began.valid()) return;
+    if (!began.valid()) return false;
     OpenSide *side = running_side(trans);
     const FileName name = data_file(trans->path, began.order);
     if ((side && !is_still_named(side)) ||
-        unlinkat(side ? side->directory() : AT_FDCWD, name.text, 0) != 0)
+        unlinkat(side ? side->directory() : AT_FDCWD, name.text, 0) != 0) {
         std::printf("fq_dequeue.unlink error %s\n", name.text);
-    else if (side)
-        sync_names(side->directory(), trans->path);
+        return false;
+    }
+    return !side || sync_names(side->directory(), trans->path);
 }
 
 // Whether the writer has saved a position that is not before one: what stands before it, it has
@@ -70,16 +72,25 @@ bool force_what_was_read(const fqtrans *trans) {
            sync_file(side->data.get());
 }
 
+// Whether a reader has read a data file from a place to its end. One that is stuck at damage is sent on
+// by hand: what it has not read may still be wanted.
+bool leads_to_the_end(const OpenSide *side, const FileName &name, Position at) {
+    const Descriptor file = open_queue_file(side->directory(), name, O_RDONLY);
+    const int64_t size = file ? state_of(file.get()).size : -1;
+    return pass_readable_items(file.get(), size, at.offset) == Behind::end;
+}
+
 // Removes the file that a reader has left and, because it died, not deleted: the one that the log
 // names before the file where the reader is now. Nothing that may still be wanted: both sides must
 // be behind it.
 void delete_left_file(const fqtrans *trans) {
     const OpenSide *side = running_side(trans);
     const Position at = position_in(trans->startpos);
-    if (!side || !comes_after(side->left_order, at.order)) return;
-    const FileName name = data_file(trans->path, side->left_order);
+    if (!side || !side->left.valid() || !comes_after(side->left.order, at.order)) return;
+    const FileName name = data_file(trans->path, side->left.order);
     if (!state_of(side->directory(), name.text).found) return;
-    if (writer_is_past(side, trans, {next_order_of_commit(side->left_order), 0}))
+    if (writer_is_past(side, trans, {next_order_of_commit(side->left.order), 0}) &&
+        leads_to_the_end(side, name, side->left))
         unlinkat(side->directory(), name.text, 0);
 }
 
@@ -131,7 +142,7 @@ int fq_dequeue_commit(int chnnl, fqtrans *trans) noexcept {
         fq_unlock(trans);
         return -1;
     }
-    delete_finished_file(trans);
+    if (delete_finished_file(trans) && saved.begun_again) keep_last_record(trans);
     ChannelStats(chnnl).committed_reads(trans->count, trans->errcnt);
     const int result = fq_unlock(trans);
     if (result < 0) std::puts("fq_dequeue_commit.fq_unlock error ");

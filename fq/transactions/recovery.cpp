@@ -22,6 +22,7 @@
 #include "fq/files/durable.h"
 #include "fq/files/open_files.h"
 #include "fq/files/position.h"
+#include "fq/files/readable_items.h"
 #include "fq/transactions/item_write.h"
 
 using namespace halvo;
@@ -31,38 +32,22 @@ namespace {
 
 enum class Found { settled, next_file, failed };
 
-// Reads what the file holds for certain. Without it nothing may be cut off.
-bool read_whole(int fd, void *data, size_t size, int64_t at) {
-    return pread(fd, data, size, at) == static_cast<ssize_t>(size);
-}
-
 Found cut(int fd, int64_t at) {
     return ftruncate(fd, at) == 0 && sync_file(fd) ? Found::settled : Found::failed;
 }
 
+// What is not known is not cut off.
 Found settle_in_file(int fd, int64_t size, Position &at) {
-    while (at.offset + int64_t{kHeaderSize} <= size) {
-        ItemHeader header;
-        char trailer[kTrailerSize];
-        if (!read_whole(fd, &header, kHeaderSize, at.offset)) return Found::failed;
-        const int64_t end = at.offset + size_of_item(header);
-        switch (kind_of(header)) {
-        case ItemKind::strange:
-            return Found::settled;
-        case ItemKind::end:
-            return sync_file(fd) ? Found::next_file : Found::failed;
-        case ItemKind::written:
-            return cut(fd, at.offset);
-        case ItemKind::readable:
-            if (end > size) return cut(fd, at.offset);
-            if (!read_whole(fd, trailer, kTrailerSize, end - kTrailerSize)) return Found::failed;
-            if (!is_trailer(trailer)) return cut(fd, at.offset);
-            if (!fits_field(end)) return Found::settled;
-            at.offset = static_cast<int32_t>(end);
-        }
+    switch (pass_readable_items(fd, size, at.offset)) {
+    case Behind::unfinished:
+        return cut(fd, at.offset);
+    case Behind::end:
+        return sync_file(fd) ? Found::next_file : Found::failed;
+    case Behind::unknown:
+        return Found::failed;
+    default:
+        return Found::settled;
     }
-    // The beginning of an item.
-    return at.offset < size ? cut(fd, at.offset) : Found::settled;
 }
 
 // The file ends before the position that was saved: a loss of power took what had been written. Its

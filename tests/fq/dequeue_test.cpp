@@ -79,8 +79,9 @@ TEST_F(Reading, an_item_larger_than_the_buffer_stays) {
 // Kept: the commit deletes the file in which the transaction began, and no other.
 TEST_F(Reading, a_finished_file_is_deleted_by_the_commit) {
     for (const int last : {8, 9}) {
+        const int full = last == 9 ? 161290 * 31 : 0; // bytes in front of the log's last record
         queue.clear();
-        queue.store("head", record(7, 0));
+        queue.store("head", record(7, 0), full);
         queue.store("tail", record(7, 5000000));
         queue.store(7, one + kEndItem);
         queue.store(8, one + item_bytes('F', "")); // any item without data ends a file
@@ -92,7 +93,7 @@ TEST_F(Reading, a_finished_file_is_deleted_by_the_commit) {
         EXPECT_EQ(fq_dequeue_commit(-1, &trans), 0);
         EXPECT_FALSE(queue.has(7));
         EXPECT_TRUE(queue.has(8));
-        EXPECT_EQ(queue.bytes("head"), record(7, 0) + record(last, 25));
+        EXPECT_EQ(queue.bytes("head"), (full ? "" : record(7, 0)) + record(last, 25));
     }
 }
 
@@ -192,6 +193,12 @@ TEST_F(Reading, a_damaged_position_is_said_and_nothing_is_read) {
     EXPECT_EQ(begin().first, -1);
     EXPECT_EQ(trans.lockfd, -1);
     EXPECT_EQ(queue.bytes("head"), "000000000 -00000001      first\n");
+    // A byte too many, which somebody has put in: each look at the log finds the same.
+    queue.store("head", record(0, 0) + "\n" + record(0, 25));
+    for (int look = 0; look < 2; ++look) {
+        EXPECT_GT(begin().first, 0);
+        fq_dequeue_rollback(-1, &trans);
+    }
 }
 
 TEST_F(Reading, what_is_no_file_one_can_seek_in_or_open_is_an_error) {

@@ -72,6 +72,14 @@ TEST_F(OpenFiles, many_queues_do_not_use_up_the_descriptors) {
     EXPECT_EQ(queue.take(), "older");
 }
 
+TEST_F(OpenFiles, a_deleted_data_file_is_not_kept_by_an_idle_reader) {
+    queue.store(0, queue.bytes(0) + kEndItem);
+    EXPECT_EQ(queue.drain_at_once(), "older");
+    const int before = open_descriptors();
+    EXPECT_EQ(queue.take(), "[0]");
+    EXPECT_EQ(open_descriptors(), before - 1) << "it would still take up the disk";
+}
+
 // A lockf lock goes with any close of its file: also of one kept under another name.
 TEST_F(OpenFiles, closing_a_kept_file_does_not_take_the_lock_from_a_transaction) {
     ASSERT_EQ(QueueAt(queue.directory() + "/./q").put_away("x"), 0);

@@ -91,6 +91,10 @@ TEST(DeadReader, leaves_a_consumed_file_that_the_next_removes) {
     EXPECT_EQ(queue.take(), "two");
     EXPECT_FALSE(queue.has(3));
     prepare();
+    queue.patch(3, 0, "?"); // where a reader is stuck, and is sent on by hand
+    EXPECT_EQ(queue.take(), "two");
+    EXPECT_TRUE(queue.has(3)) << "nobody has read it";
+    prepare();
     queue.store("tail", record(3, 0)); // the writer has been sent back there
     queue.take();
     EXPECT_TRUE(queue.has(3));
