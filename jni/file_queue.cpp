@@ -34,8 +34,8 @@ public:
     void begin(Memory<fqtrans> record) const noexcept {
         struct stat lock_file {};
         fstat(record->lockfd, &lock_file);
-        // The record is Java's now.
-        const jlong words[] = {handle_of(record.release()), number_of(lock_file)};
+        const jlong words[] = {handle_of(record.get()), number_of(lock_file)};
+        static_cast<void>(record.release()); // it is Java's now
         env_->SetLongArrayRegion(words_, 0, 2, words);
     }
     void end() const noexcept {

@@ -10,7 +10,7 @@ namespace halvo {
 inline Memory<fqtrans> new_transaction() noexcept { return zeroed<fqtrans>(sizeof(fqtrans)); }
 
 // A handle is the record's address, widened without a sign.
-inline jlong handle_of(const fqtrans *trans) noexcept {
+inline jlong handle_of(fqtrans *trans) noexcept {
     return static_cast<jlong>(reinterpret_cast<uintptr_t>(trans));
 }
 
