@@ -28,7 +28,7 @@ int mark(qmsg *slot, int type, const void *data, uint32_t length) {
     if (fault != ESMS_EXEED) return fault;
     print("q_write to %.24s %%qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", q->qname, static_cast<int>(size),
           static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
-    print("DATA %.*s\n", static_cast<int>(std::min(readable, 100u)),
+    print("DATA %.*s\n", static_cast<int>(std::min({length, readable, 100u})),
           static_cast<const char *>(data));
     return fault;
 }
