@@ -63,11 +63,8 @@ int q_write_buf_commit(halvo_channel *q, int index) noexcept {
     if (!parked) return ESMS_INVAL;
     if (load_state(parked) != HALVO_SLOT_READABLE) return ESMS_INVAL;
     count_parked(q, -1); // the ring slot owed to this message is its own now
-    const int result = write_message(q, end, parked->type, body(parked), load(parked->len),
-                                     end.size() - static_cast<uint32_t>(offsetof(qmsg, data)));
-    if (result == ESMS_OK) {
-        publish_state(parked, HALVO_SLOT_FREE);
-    } else {
+    const int result = write_parked(q, end, parked);
+    if (result != ESMS_OK) {
         count_parked(q, 1);
         print("WARNING!!!!!!!! buff control broken! r= %d, pbuffs=%d\n", result, load(q->pbuffs));
     }

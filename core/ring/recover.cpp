@@ -5,6 +5,7 @@
 // one run, which begins where the reader is and ends where the writer is.
 #include <unistd.h>
 
+#include <cstring>
 #include <optional>
 
 #include "core/base/posix.h"
@@ -101,15 +102,41 @@ bool free_marks(halvo_channel *q, const Ring &ring, int32_t marked, int32_t befo
     return any;
 }
 
+// A message in a write buffer of a ring, or null.
+qmsg *parked_message(halvo_channel *q, const Ring &ring, int i) {
+    qmsg *buffer = buffer_slot(q, load(q->wbufs), i, ring.size, ring.size);
+    return buffer && load_state(buffer) == HALVO_SLOT_READABLE ? buffer : nullptr;
+}
+
+int32_t count_held(halvo_channel *q, const Ring &ring) {
+    int32_t held = 0;
+    for (int i = 0; i < HALVO_BUFFERS; ++i) held += parked_message(q, ring, i) != nullptr;
+    return held;
+}
+
+bool is_same_message(const Ring &ring, const qmsg *a, const qmsg *b) {
+    return a->len == b->len && a->type == b->type &&
+           std::memcmp(body(a), body(b), body_length(ring.size, a)) == 0;
+}
+
+// A writer that died while it moved a parked message into the ring may have left it in its buffer
+// too. Then pbuffs does not count it any more, and the position stayed on its slot. The reader may
+// have taken it already; what it was stands there still.
+bool drop_moved(halvo_channel *q, const Ring &ring, uint32_t left_at) {
+    if (load(q->pbuffs) != count_held(q, ring) - 1) return false;
+    for (int i = 0; i < HALVO_BUFFERS; ++i) {
+        qmsg *parked = parked_message(q, ring, i);
+        if (!parked || !is_same_message(ring, parked, slot_at(q, left_at))) continue;
+        publish_state(parked, HALVO_SLOT_FREE);
+        return true;
+    }
+    return false;
+}
+
 // A writer that died while it parked, committed or dropped a message may have left pbuffs beside
 // the number of messages that are parked. Buffers outside the segment park nothing.
-bool correct_parked(halvo_channel *q) {
-    const uint32_t area = load(q->wbufs);
-    int32_t held = 0;
-    for (int i = 0; i < HALVO_BUFFERS; ++i) {
-        const qmsg *buffer = buffer_slot(q, area, i);
-        held += buffer && load_state(buffer) == HALVO_SLOT_READABLE;
-    }
+bool correct_parked(halvo_channel *q, const Ring &ring) {
+    const int32_t held = count_held(q, ring);
     if (load(q->pbuffs) == held) return false;
     store(q->pbuffs, held);
     return true;
@@ -131,13 +158,18 @@ int q_recover(int channel, char mode) noexcept {
     int done = 0;
     const std::optional<uint32_t> position =
         settled_position(q, ring, side, writer ? kReader : kWriter);
-    if (position && *position != load(q->*side.position)) {
+    const uint32_t left_at = load(q->*side.position);
+    if (position && *position != left_at) {
+        // Before the position moves: a recovery that is killed has not lost the trace.
+        if (writer && is_slot(ring, left_at) && next_offset(ring, left_at) == *position &&
+            drop_moved(q, ring, left_at))
+            done |= HALVO_RECOVERED_PARKED;
         store(q->*side.position, *position);
         done |= HALVO_RECOVERED_POSITION;
     }
     if (writer ? free_marks(q, ring, HALVO_SLOT_PENDING, HALVO_SLOT_FREE)
                : free_marks(q, ring, HALVO_SLOT_MARKED, HALVO_SLOT_READABLE))
         done |= HALVO_RECOVERED_MARKS;
-    if (writer && correct_parked(q)) done |= HALVO_RECOVERED_PARKED;
+    if (writer && correct_parked(q, ring)) done |= HALVO_RECOVERED_PARKED;
     return done;
 }

@@ -28,14 +28,16 @@ int mark(qmsg *slot, int type, const void *data, uint32_t length) {
     if (fault != ESMS_EXEED) return fault;
     print("q_write to %.24s %%qbsz=%d,sizeof(qmsg)=%d,msize=%d\n", q->qname, static_cast<int>(size),
           static_cast<int>(sizeof(qmsg)), static_cast<int>(length));
-    print("DATA %.*s\n", static_cast<int>(std::min(readable, 100u)),
+    print("DATA %.*s\n", static_cast<int>(std::min({length, readable, 100u})),
           static_cast<const char *>(data));
     return fault;
 }
 
+// Of `data` only `readable` bytes are there: what a damaged length claims beyond them is refused, and
+// not looked at.
 template <class End>
 [[gnu::always_inline]] inline int put(halvo_channel *q, const End &end, int type, const void *data,
-                                      uint32_t length, uint32_t readable) {
+                                      uint32_t length, uint32_t readable, qmsg *parked = nullptr) {
     end.touch();
     const int fault = length_fault(end, data, length);
     if (fault != ESMS_OK) [[unlikely]]
@@ -46,7 +48,7 @@ template <class End>
     qmsg *slot = end.slot(offset);
     end.prepare(offset, length);
     fill(slot, type, data, length);
-    publish(q, end, offset);
+    publish(q, end, offset, parked);
     return ESMS_OK;
 }
 
@@ -100,8 +102,13 @@ int park(halvo_channel *q, const WriterEnd &end, qmsg *buffer, int type, const v
 }
 
 int write_message(halvo_channel *q, const WriterEnd &end, int type, const void *data,
-                  uint32_t length, uint32_t readable) noexcept {
-    return put(q, end, type, data, length, readable);
+                  uint32_t length) noexcept {
+    return put(q, end, type, data, length, length);
+}
+
+int write_parked(halvo_channel *q, const WriterEnd &end, qmsg *parked) noexcept {
+    const uint32_t readable = end.size() - static_cast<uint32_t>(offsetof(qmsg, data));
+    return put(q, end, parked->type, body(parked), load(parked->len), readable, parked);
 }
 
 } // namespace halvo
@@ -109,7 +116,7 @@ int write_message(halvo_channel *q, const WriterEnd &end, int type, const void *
 int q_write(halvo_channel *q, int type, const void *data, uint32_t length) noexcept {
     const QuickWriterEnd end(q);
     if (!end.holds()) [[unlikely]]
-        return write_message(q, WriterEnd(q), type, data, length, length);
+        return write_message(q, WriterEnd(q), type, data, length);
     return put(q, end, type, data, length, length);
 }
 

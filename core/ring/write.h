@@ -40,22 +40,28 @@ template <class End>
     return state == HALVO_SLOT_FREE ? ESMS_OK : occupied(state);
 }
 
-// Makes the slot at the write position readable: counters, then the state, then the position.
+// Makes the slot at the write position readable: counters, then the state, then the position. The
+// write buffer that its message comes from, if any, is emptied before the position moves: where a
+// writer died in between, its position stayed behind and tells the next one.
 template <class End>
-[[gnu::always_inline]] inline void publish(halvo_channel *q, const End &end, uint32_t offset) {
+[[gnu::always_inline]] inline void publish(halvo_channel *q, const End &end, uint32_t offset,
+                                           qmsg *parked = nullptr) {
     qmsg *slot = end.slot(offset);
     count_put(q, slot->type, false);
     publish_state(slot, HALVO_SLOT_READABLE);
+    if (parked) publish_state(parked, HALVO_SLOT_FREE);
     end.step(offset);
 }
 
 // Prints the line that goes with ESMS_EXEED, and returns the fault.
 int report_length(uint32_t slot_size, int fault, uint32_t length) noexcept;
 
-// q_write for `data` of which only `readable` bytes are there: what a damaged length claims beyond
-// them is refused, and not looked at.
+// q_write for an end whose words are as the header says now.
 int write_message(halvo_channel *q, const WriterEnd &end, int type, const void *data,
-                  uint32_t length, uint32_t readable) noexcept;
+                  uint32_t length) noexcept;
+
+// q_write for the message in a write buffer, which is empty afterwards if that succeeds.
+int write_parked(halvo_channel *q, const WriterEnd &end, qmsg *parked) noexcept;
 
 // Adds to the number of parked messages.
 void count_parked(halvo_channel *q, int32_t amount) noexcept;

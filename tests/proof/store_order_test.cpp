@@ -25,7 +25,7 @@ constexpr struct {
     {'w', "q_write_commit", "pcnt pcnt_total pcnt_type lastin < state < wpos"},
     {'w', "q_write_commit_all", "state < second_state"},
     {'w', "q_write_buf", "buffer_body < buffer_state < pbuffs"},
-    {'w', "q_write_buf_commit", "body < state < wpos < buffer_state"},
+    {'w', "q_write_buf_commit", "body < state < buffer_state < wpos"},
     {'r', "q_read", "gcnt lastout copy < state < rpos"},
     {'r', "q_read_commit", "state < second_state"},
     {'r', "q_read_buf", "buffer_body < buffer_state < state < rpos"},

@@ -38,13 +38,10 @@ protected:
     }
 
     void recover_at_the_same_time(const SmallRing::Image &image) {
-        recover('w');
-        const uint32_t wpos = ring.q->wpos;
-        ring.restore(image);
         recover('r');
         const uint32_t rpos = ring.q->rpos;
         ring.restore(image);
-        ring.q->wpos = wpos;
+        recover('w');
         ring.q->rpos = rpos;
         if ((recover('w') | recover('r')) & HALVO_RECOVERED_POSITION) ++findings.disagreed;
     }

@@ -24,7 +24,7 @@ struct Correction {
 constexpr Correction kCorrections[] = {
     {HALVO_RECOVERED_POSITION, "moved the position to where the slots say it is"},
     {HALVO_RECOVERED_MARKS, "took back marked messages"},
-    {HALVO_RECOVERED_PARKED, "corrected the number of parked messages"},
+    {HALVO_RECOVERED_PARKED, "put the parked messages right"},
 };
 
 bool is_dead(int32_t pid) { return pid > 0 && !is_alive(pid); }
