@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "bench/disturbance.h"
 #include "bench/groups/groups.h"
@@ -46,19 +48,52 @@ Exit status 0 when every measurement worked, also when goals are short; 1 when o
   --tsv FILE    also writes the rows as tab-separated values
 )";
 
-enum { kQuick = 1, kRounds, kOnly, kSeconds, kSlots, kBacklog, kDir, kTsv, kSize, kHelpAsked };
+// What the command line says.
+struct Given {
+    Settings settings;
+    std::string values;        // the file of --tsv
+    std::optional<int> rounds; // what is not given depends on --quick
+    double seconds = 0;
+    int64_t backlog = 0;
+    bool help = false;
+};
 
-constexpr option kOptions[] = {{"quick", no_argument, nullptr, kQuick},
-                               {"rounds", required_argument, nullptr, kRounds},
-                               {"only", required_argument, nullptr, kOnly},
-                               {"seconds", required_argument, nullptr, kSeconds},
-                               {"slots", required_argument, nullptr, kSlots},
-                               {"backlog", required_argument, nullptr, kBacklog},
-                               {"dir", required_argument, nullptr, kDir},
-                               {"tsv", required_argument, nullptr, kTsv},
-                               {"size", required_argument, nullptr, kSize},
-                               {"help", no_argument, nullptr, kHelpAsked},
-                               {}};
+struct Word {
+    const char *name;
+    int has_argument;
+    void (*take)(Given &, const char *);
+};
+constexpr Word kWords[] = {
+    {"quick", no_argument, [](Given &to, const char *) { to.settings.quick = true; }},
+    {"rounds", required_argument, [](Given &to, const char *n) { to.rounds = std::atoi(n); }},
+    {"only", required_argument, [](Given &to, const char *groups) { to.settings.only = groups; }},
+    {"size", required_argument, [](Given &to, const char *size) { to.settings.size = size; }},
+    {"seconds", required_argument, [](Given &to, const char *s) { to.seconds = std::atof(s); }},
+    {"slots", required_argument,
+     [](Given &to, const char *n) { to.settings.slots = static_cast<uint32_t>(std::atoi(n)); }},
+    {"backlog", required_argument, [](Given &to, const char *n) { to.backlog = std::atoll(n); }},
+    {"dir", required_argument, [](Given &, const char *path) { setenv("TMPDIR", path, 1); }},
+    {"tsv", required_argument, [](Given &to, const char *file) { to.values = file; }},
+    {"help", no_argument, [](Given &to, const char *) { to.help = true; }},
+};
+
+// False for words that mean nothing.
+bool parse(int argc, char **argv, Given &given) {
+    std::vector<option> options;
+    for (const Word &word : kWords)
+        options.push_back(
+            {word.name, word.has_argument, nullptr, static_cast<int>(options.size()) + 1});
+    options.push_back({});
+    for (int found; (found = getopt_long(argc, argv, "", options.data(), nullptr)) != -1;) {
+        if (found == '?') return false;
+        kWords[found - 1].take(given, optarg);
+    }
+    Settings &settings = given.settings;
+    settings.rounds = given.rounds.value_or(settings.quick ? 3 : 5);
+    settings.seconds = given.seconds > 0 ? given.seconds : settings.quick ? 0.04 : 0.2;
+    settings.backlog = given.backlog > 0 ? given.backlog : settings.quick ? 100000 : 10000000;
+    return settings.rounds >= 1 && settings.slots >= 2 && optind == argc;
+}
 
 bool chosen(const Settings &settings, const std::string &group) {
     return settings.only.empty() ||
@@ -99,58 +134,15 @@ int measure(const Settings &settings, const std::string &values) {
 } // namespace
 
 int main(int argc, char **argv) {
-    Settings settings;
-    std::string values;
-    const char *rounds = nullptr;
-    double seconds = 0;
-    int64_t backlog = 0;
-    for (int found; (found = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
-        switch (found) {
-        case kQuick:
-            settings.quick = true;
-            break;
-        case kRounds:
-            rounds = optarg;
-            break;
-        case kOnly:
-            settings.only = optarg;
-            break;
-        case kSeconds:
-            seconds = std::atof(optarg);
-            break;
-        case kSize:
-            settings.size = optarg;
-            break;
-        case kSlots:
-            settings.slots = static_cast<uint32_t>(std::atoi(optarg));
-            break;
-        case kBacklog:
-            backlog = std::atoll(optarg);
-            break;
-        case kDir:
-            setenv("TMPDIR", optarg, 1);
-            break;
-        case kTsv:
-            values = optarg;
-            break;
-        case kHelpAsked:
-            std::fputs(kHelp, stdout);
-            return EXIT_SUCCESS;
-        default:
-            std::fputs(kHelp, stderr);
-            return 2;
-        }
-    }
-    settings.rounds = rounds ? std::atoi(rounds) : settings.quick ? 3 : 5;
-    settings.seconds = seconds > 0 ? seconds : settings.quick ? 0.04 : 0.2;
-    settings.backlog = backlog > 0 ? backlog : settings.quick ? 100000 : 10000000;
-    if (settings.rounds < 1 || settings.slots < 2 || optind != argc) {
-        std::fputs(kHelp, stderr);
-        return 2;
+    Given given;
+    const bool good = parse(argc, argv, given);
+    if (given.help || !good) {
+        std::fputs(kHelp, given.help ? stdout : stderr);
+        return given.help ? EXIT_SUCCESS : 2;
     }
     hold_signals();
     try {
-        return measure(settings, values);
+        return measure(given.settings, given.values);
     } catch (const std::exception &error) {
         std::fprintf(stderr, "halvo-bench: %s\n", error.what());
         return EXIT_FAILURE;

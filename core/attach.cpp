@@ -1,4 +1,4 @@
-// sms_shm: attaching to the segment and to its semaphores, and detaching.
+// Queue core: attaching to the segment and to its semaphores, and detaching.
 #include <sys/ipc.h>
 #include <sys/shm.h>
 

@@ -8,7 +8,7 @@ for preset in "$@"; do
     [ -e "build/$preset/cmake_install.cmake" ] ||
         { echo "install: build/$preset is not built: make build first" >&2; exit 1; }
 done
-components="runtime development java tools"
+components="runtime development java tools relay"
 for preset in "$@"; do
     for component in $components; do
         cmake --install "build/$preset" --strip --prefix "$prefix" --component "$component"

@@ -1,4 +1,4 @@
-// sms_shmC: the channel ends that this process has open through the guarded interface.
+// Guarded interface: the channel ends that this process has open through it.
 #pragma once
 
 #include <pthread.h>

@@ -1,4 +1,4 @@
-// sms_shmC: what every operation on an open end goes through: the handle, the owner, the lock.
+// Guarded interface: what every operation on an open end goes through: the handle, the owner, the lock.
 #pragma once
 
 #include "core/ring/end.h"
@@ -13,7 +13,7 @@ struct CheckedEnd {
     halvo_channel *q;
 };
 
-// arguments_ok: whether the call's pointers are there. `side` is the side that the operation
+// arguments_ok: whether the call's arguments can be used. `side` is the side that the operation
 // belongs to; the lock is that of the handle's own side.
 inline CheckedEnd check_end(const Side &side, const FrxChannel *handle,
                             bool arguments_ok = true) noexcept {

@@ -1,5 +1,4 @@
-// sms_shmC: the seven calls that wait. The lock is held around each core call and never during a
-// wait, so that other threads of the end go on meanwhile.
+// Guarded interface: the seven calls that wait and copy.
 #include <cstring>
 
 #include "core/ring/end.h"

@@ -1,5 +1,5 @@
-// sms_shmC: what the calls that wait have in common. The lock is held around each core call and never
-// during a wait, so that other threads of the end go on meanwhile.
+// Guarded interface: what the calls that wait have in common. The lock is held around each core call and
+// never during a wait, so that other threads of the end go on meanwhile.
 #pragma once
 
 #include "core/wait/blocking.h"
@@ -26,13 +26,14 @@ int32_t when_read(FrxChannel *handle, bool arguments_ok, int timeout, Operation 
     return done(end.q);
 }
 
-// A write: the operation's result, after waiting for room. `message` goes before the
-// code's name when the ring refuses.
+// What came of a write.
 struct Written {
     Wait wait = Wait::settled;
     Locked last;
 };
 
+// A write that waits for room: the operation is tried until there is some, once with a timeout below 0.
+// `message` goes before the code's name when the ring refuses.
 template <class Operation>
 Written write_one(FrxChannel *handle, halvo_channel *q, int timeout, const char *message,
                   Operation operation) {

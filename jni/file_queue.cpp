@@ -6,14 +6,14 @@
 
 #include "fq/files/format.h"
 #include "jni/companion.h"
+#include "jni/transaction.h"
 
 using namespace halvo;
 
 namespace {
 
-constexpr jint kLockFailure =
-    -20;                      // plus what fq_lock answered: other failures have the same numbers
-constexpr jint kTooLong = -2; // from a read
+// Plus what fq_lock answered: other failures have the same numbers.
+constexpr jint kLockFailure = -20;
 
 // Which lock file it is. The library's key of it may be another one's too, which a thread may hold
 // beside it.
@@ -29,14 +29,12 @@ public:
     fqtrans *record() const noexcept {
         jlong handle = 0;
         env_->GetLongArrayRegion(words_, 0, 1, &handle);
-        const auto address = static_cast<uintptr_t>(handle);
-        return reinterpret_cast<fqtrans *>(address); // NOLINT(performance-no-int-to-ptr)
+        return transaction_of(handle);
     }
     void begin(Memory<fqtrans> record) const noexcept {
         struct stat lock_file {};
         fstat(record->lockfd, &lock_file);
-        const jlong words[] = {static_cast<jlong>(reinterpret_cast<uintptr_t>(record.get())),
-                               number_of(lock_file)};
+        const jlong words[] = {handle_of(record.get()), number_of(lock_file)};
         static_cast<void>(record.release()); // it is Java's now
         env_->SetLongArrayRegion(words_, 0, 2, words);
     }
@@ -88,7 +86,7 @@ COMPANION_NATIVE(jint, FileQueueCalls, add)
     if (fqtrans *record = transaction.record())
         return fq_enqueue_next(channel, bytes.data(), bytes.length(), record);
     const StringChars queue(env, path);
-    Memory<fqtrans> record = zeroed<fqtrans>(sizeof(fqtrans));
+    Memory<fqtrans> record = new_transaction();
     if (!queue || !record) return ESMS_FAILED;
     const jint result =
         fq_enqueue(channel, queue.get(), bytes.data(), bytes.length(), record.get());
@@ -114,7 +112,7 @@ COMPANION_NATIVE(jint, FileQueueCalls, take)
     const Block item(static_cast<size_t>(room) + FQ_ITEM_EXTRA + 1);
     if (!queue || !item.get()) return ESMS_FAILED;
     fqtrans *open = transaction.record();
-    Memory<fqtrans> made = open ? nullptr : zeroed<fqtrans>(sizeof(fqtrans));
+    Memory<fqtrans> made = open ? nullptr : new_transaction();
     fqtrans *record = open ? open : made.get();
     if (!record) return ESMS_FAILED;
     const auto capacity = static_cast<unsigned>(room);
@@ -123,7 +121,8 @@ COMPANION_NATIVE(jint, FileQueueCalls, take)
     if (result <= 0) {
         if (result == ESMS_EMPTY && (open || record->path[0] == '\0')) return 0;
         const jint failure = open ? result : begin_failure(result, *record);
-        return failure == kTooLong && !is_whole(queue.get(), *record, item.get()) ? 0 : failure;
+        return failure == fq::kTooLarge && !is_whole(queue.get(), *record, item.get()) ? 0
+                                                                                       : failure;
     }
     const jint length = record->itemlen;
     copy_out(env, {buffer, 0, room}, item.get() + fq::kHeaderSize, static_cast<uint32_t>(length));

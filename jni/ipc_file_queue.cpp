@@ -4,32 +4,19 @@
 #include "halvo/fq.h"
 
 #include "fq/files/format.h"
-#include "jni/native.h"
+#include "jni/transaction.h"
 
 using namespace halvo;
 
 namespace {
 
 constexpr jint kNoTransaction = -1; // readers' result for the handle 0; the writers' is ESMS_INVAL
-constexpr size_t kItemExtra = FQ_ITEM_EXTRA + 1;
-
-// A handle is the record's address, widened without a sign.
-jlong handle_of(const fqtrans *trans) {
-    return static_cast<jlong>(reinterpret_cast<uintptr_t>(trans));
-}
-
-// The record of a handle; null for 0 and for a number that is no address here.
-fqtrans *transaction_of(jlong handle) {
-    const auto address = static_cast<uintptr_t>(handle);
-    if (handle <= 0 || static_cast<jlong>(address) != handle) return nullptr;
-    return reinterpret_cast<fqtrans *>(address); // NOLINT(performance-no-int-to-ptr)
-}
 
 void forget(fqtrans *trans) { Memory<fqtrans>(trans).reset(); }
 
 // Room for an item of range.length bytes of data as it lies on disk.
 Memory<char> item_buffer(const ArrayRange &range) {
-    return zeroed<char>(static_cast<size_t>(range.length) + kItemExtra);
+    return zeroed<char>(static_cast<size_t>(range.length) + FQ_ITEM_EXTRA + 1);
 }
 
 unsigned capacity(const ArrayRange &range) { return static_cast<unsigned>(range.length); }
@@ -82,7 +69,7 @@ IPC_NATIVE(jlong, writeFileQueueBuf)
  jint length, jboolean /*error*/) noexcept {
     const StringChars queue(env, path);
     if (!queue) return kNoPath;
-    Memory<fqtrans> trans = zeroed<fqtrans>(sizeof(fqtrans));
+    Memory<fqtrans> trans = new_transaction();
     if (!trans) return ESMS_FAILED;
     const BytesIn bytes(env, {data, offset, length});
     if (bytes.fault() != ESMS_OK) return bytes.fault();
@@ -121,7 +108,7 @@ IPC_NATIVE(jlong, readFileQueue)
     if (!queue) return kNoPath;
     const ArrayRange range{buffer, offset, length};
     if (!can_receive(env, range)) return 0;
-    Memory<fqtrans> trans = zeroed<fqtrans>(sizeof(fqtrans));
+    Memory<fqtrans> trans = new_transaction();
     const Memory<char> item = item_buffer(range);
     if (!trans || !item) return 0;
     if (fq_dequeue(channel, queue.get(), item.get(), capacity(range), trans.get()) <= 0) return 0;

@@ -12,6 +12,7 @@ namespace {
 
 template <class... Values>
 void print_built(Values... values) noexcept {
+    const CancellationOff whole;
     std::printf(cellformat, values...); // the format was built into cellformat just before
 }
 
@@ -114,6 +115,7 @@ int q_print_elapsed_str(char *dst, int32_t stamp) noexcept {
 }
 
 void q_print_elapsed(int32_t stamp) noexcept {
+    const CancellationOff whole_call;
     char text[HALVO_ELAPSED_SIZE];
     q_print_elapsed_str(text, stamp);
     if (stamp == 0)
@@ -123,6 +125,7 @@ void q_print_elapsed(int32_t stamp) noexcept {
 }
 
 void q_print_rwrw_bufs(const halvo_channel *channel) noexcept {
+    const CancellationOff whole_call;
     if (!channel) return;
     const RingLetters ring = ring_letters(channel);
     std::printf("%c%c %s", ring.writing, ring.reading,

@@ -1,4 +1,4 @@
-// smsqm_print: pieces of the terminal tables, each printing some of the facts of facts.h to standard
+// Status printers: pieces of the terminal tables, each printing some of the facts of facts.h to standard
 // output.
 #pragma once
 
@@ -14,10 +14,10 @@ void print_attributes(const halvo_print_option *option) noexcept;
 void print_activity(const Facts &facts) noexcept;
 
 // Name, number and type in the fixed table and in rows without an indent of their own. A name that
-// begins with `flush` stands one place further left than the others.
+// begins with `flush_left` stands one place further left than the others; where that is null, one that
+// begins with `indented` stands further right.
 struct NameCell {
-    const char *flush_left; // the prefix, or null when `indented` is the special one
-    const char *indented;
+    const char *flush_left, *indented;
     int width;
 };
 void print_name(const Facts &facts, const NameCell &cell) noexcept;

@@ -1,11 +1,10 @@
-// smsqm_print: the XML and the JSON document, from one table of fields.
+// Status printers: the XML and the JSON document, from one table of fields.
 #include "print/documents.h"
 
 #include <pthread.h>
 
 #include <cstdio>
 
-#include "core/base/posix.h"
 #include "print/facts.h"
 
 namespace halvo {
@@ -149,6 +148,7 @@ void json_document(Text &out) noexcept {
 using namespace halvo;
 
 int q_statprint_xml(char mode, char *out) noexcept {
+    const CancellationOff whole_call;
     if (!out) return 0;
     Text document;
     xml_document(document, mode);
@@ -158,6 +158,7 @@ int q_statprint_xml(char mode, char *out) noexcept {
 
 // Kept: the mode is not asked; the document always lists every channel.
 int q_statprint_json(char, char *out) noexcept {
+    const CancellationOff whole_call;
     if (!out) return 0;
     Text document;
     json_document(document);

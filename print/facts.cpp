@@ -26,12 +26,12 @@ int64_t whole_rate(int64_t messages, uint32_t milliseconds) {
 int64_t measure(const Visit &visit, Rate rate) {
     if (!lastcheck || rate == Rate::none) return 0;
     halvo_counter &last = lastcheck[visit.channel];
-    const int64_t count = rate_count(*visit.q);
+    const uint64_t count = rate_count(*visit.q);
     const int32_t millis = q_day_millis();
-    const int64_t messages = difference(static_cast<uint64_t>(count), last.count);
+    const int64_t messages = difference(count, last.count);
     const auto milliseconds = static_cast<uint32_t>(age(millis, last.tstart));
     last.tstart = millis;
-    last.count = static_cast<uint64_t>(count);
+    last.count = count;
     return rate == Rate::exact ? exact_rate(messages, milliseconds)
                                : whole_rate(messages, milliseconds);
 }

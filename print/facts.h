@@ -1,4 +1,4 @@
-// smsqm_print: everything that is shown of one channel, computed once by the rules of figures.h and
+// Status printers: everything that is shown of one channel, computed once by the rules of figures.h and
 // rendered by all printers, the tables through cells.h.
 // No lock is taken and nothing is allocated; each visit moves the channel's rate baseline.
 #pragma once
@@ -12,9 +12,8 @@ namespace halvo {
 class Baseline {
 public:
     static Baseline zeros() noexcept { return Baseline(nullptr); }
-    static Baseline of_snapshot() noexcept {
-        return Baseline(snapshot);
-    } // zeros when there is none
+    // Zeros when there is none.
+    static Baseline of_snapshot() noexcept { return Baseline(snapshot); }
     static Baseline of_mode(char mode) noexcept { return mode == 's' ? of_snapshot() : zeros(); }
     // The image of a channel, which must be one of the segment.
     const halvo_channel &operator[](int channel) const noexcept;

@@ -1,6 +1,6 @@
-// smsqm_print: the rules by which single figures of a channel are read (facts.h collects them for a
-// row, cells.h prints them). Nothing but the header of the
-// channel goes in, so that programs beside the library can share them.
+// Status printers: the rules by which single figures of a channel are read (facts.h collects them for a
+// row, cells.h prints them). Nothing but the header of the channel goes in, so that programs beside the
+// library can share them.
 #pragma once
 
 #include "core/segment/ring.h"
@@ -29,18 +29,14 @@ inline bool is_active(const halvo_channel &q, const End &end, int32_t now) noexc
     return age(now, load(q.*end.stamp)) <= end.active_seconds;
 }
 
-// Kept: two questions on the type. Rates use the file count for 'F' alone, "done" and the process ids
-// use the ring for 'M' alone; a third type is measured on the ring and reports the file queue.
-constexpr bool rate_is_of_file(char type) noexcept { return type == 'F'; }
+// Kept: two questions on the type. Rates (core/segment/rules.h) use the file count for 'F' alone,
+// "done" and the process ids use the ring for 'M' alone; a third type is measured on the ring and
+// reports the file queue.
 constexpr bool shows_ring(char type) noexcept { return type == 'M'; }
-inline bool rate_is_of_file(const halvo_channel &q) noexcept { return rate_is_of_file(q.qtype); }
 inline bool shows_ring(const halvo_channel &q) noexcept { return shows_ring(q.qtype); }
 
 inline int64_t difference(uint64_t count, uint64_t less) noexcept {
     return static_cast<int64_t>(count - less);
-}
-inline int64_t rate_count(const halvo_channel &q) noexcept {
-    return static_cast<int64_t>(rate_is_of_file(q) ? q.fgcnt.count : q.gcnt.count);
 }
 inline int64_t ring_backlog(const halvo_channel &q) noexcept { return backlog(q.pcnt, q.gcnt); }
 inline int64_t file_backlog(const halvo_channel &q) noexcept { return backlog(q.fpcnt, q.fgcnt); }

@@ -1,4 +1,4 @@
-// smsqm_print: the text of the message that left the gateway last.
+// Status printers: the text of the message that left the gateway last.
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -84,6 +84,7 @@ qmsg *qm_last_msg_of(halvo_channel *channel) noexcept {
 }
 
 int qm_print_last_msg2(char mode) noexcept {
+    const CancellationOff whole_call;
     const LastMessage last;
     if (!last.channel()) return -1;
     char name[HALVO_NAME_SIZE + 1] = {};

@@ -1,4 +1,4 @@
-// smsqm_print: one record of the whole segment for a log file.
+// Status printers: one record of the whole segment for a log file.
 #include <cstdio>
 #include <ctime>
 
@@ -42,6 +42,7 @@ void print_group(const Facts &facts) {
 } // namespace
 
 int q_statlog(char mode) noexcept {
+    const CancellationOff whole_call;
     const int32_t now = begin_print();
     const Baseline baseline = Baseline::of_snapshot();
     print_date(now);

@@ -1,4 +1,4 @@
-// smsqm_print: the options file, which chooses, orders, indents and colours channels.
+// Status printers: the options file, which chooses, orders, indents and colours channels.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/base/posix.h"
 #include "halvo/queue.h"
 #include "print/state.h"
 
@@ -16,6 +15,8 @@ halvo_print_option *qprtopts;
 halvo_print_option *qoptTitle;
 halvo_print_option *qoptHeader;
 halvo_print_option *qoptMsg;
+
+using namespace halvo;
 
 namespace {
 
@@ -97,6 +98,7 @@ bool add_line(char *text, int &records) {
 } // namespace
 
 int readline(int fd, char *buf, int max) noexcept {
+    const CancellationOff whole_call;
     if (!buf || max < 1) return 0;
     int stored = 0;
     while (stored < max - 1) {
@@ -113,8 +115,9 @@ int readline(int fd, char *buf, int max) noexcept {
 }
 
 int q_load_print_options(const char *path) noexcept {
+    const CancellationOff whole_call;
     if (!path) return -1;
-    halvo::Descriptor file = halvo::open_file(path, O_RDONLY);
+    Descriptor file = open_file(path, O_RDONLY);
     if (!file) return file.get();
     char line[kLineSize];
     int length = readline(file.get(), line, kLineSize);

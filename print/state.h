@@ -1,6 +1,8 @@
-// smsqm_print: what every print starts with, and the scratch buffers.
+// Status printers: what every print starts with, and the scratch buffers. An exported printer puts a
+// cancellation of its thread off (CancellationOff), as everything of stdio is a point for one.
 #pragma once
 
+#include "core/base/posix.h"
 #include "core/segment/rules.h"
 #include "halvo/status.h"
 

@@ -20,7 +20,7 @@ struct BareSlot {
 };
 
 // kInPlace: the writer touches the first bytes of a body in its slot, and the reader looks at those
-// alone, as the contenders of in_place_links.h do; else bodies are copied.
+// alone, as the contenders of in_place.h do; else bodies are copied.
 template <bool kInPlace>
 struct BareRingLink {
     BareRingLink(const Shape &given, int lanes)

@@ -1,5 +1,5 @@
 // The contenders that carry messages from process to process: one file each, so that the heavy
-// headers of one are compiled once. What is timed is in link_runs.h.
+// headers of one are compiled once. What is timed is in runs.h.
 #pragma once
 
 #include "bench/processes.h"

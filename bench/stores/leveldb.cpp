@@ -1,5 +1,4 @@
-// LevelDB as a queue: items by number. The reader knows the next number, so
-// that it never searches.
+// LevelDB as a queue: items by number. The reader knows the next number, so that it never searches.
 #include <leveldb/c.h>
 
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// sms_shm: copying message bodies and slots.
+// Queue core: copying message bodies and slots.
 #pragma once
 
 #include <cstdint>

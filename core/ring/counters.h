@@ -1,4 +1,4 @@
-// sms_shm: the cached clock and the message counters, for the operations that use them with every
+// Queue core: the cached clock and the message counters, for the operations that use them with every
 // message.
 #pragma once
 

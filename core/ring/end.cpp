@@ -1,4 +1,4 @@
-// sms_shm: the tables of what this process expects of the channels.
+// Queue core: the tables of what this process expects of the channels.
 #include "core/ring/end.h"
 
 namespace halvo {

@@ -1,4 +1,4 @@
-// sms_shm: an end of a channel as its operations see it.
+// Queue core: an end of a channel as its operations see it.
 //
 // What the channel's header says counts, at each operation. But its words lie in two cache lines to
 // which the reader stores at each message and the writer too, so that a load from them takes longer
@@ -54,11 +54,17 @@ inline ExpectedWords &place_of(const halvo_channel *q, ExpectedTable &table) noe
     return table[i];
 }
 
-// The same value, but the compiler does not know that: where it has compared an expected word with
-// the actual one it would go on with the actual one, and wait for it.
-inline uint32_t unrelated(uint32_t word) noexcept {
-    __asm__("" : "+r"(word));
-    return word;
+// What a word of a header is, found out as the head of this file tells. The compiler must not know that
+// the value is the expected one: where it has compared the two it would go on with the actual one, and
+// wait for it.
+inline uint32_t confirmed(uint32_t expected, const halvo_u32 &word) noexcept {
+    uint32_t value = expected;
+    __asm__("" : "+r"(value));
+    if (const uint32_t actual = load(word); actual != expected) {
+        value = actual;
+        __asm__ volatile("" : "+r"(value)); // a branch, not a move that waits for `actual`
+    }
+    return value;
 }
 
 // An end whose ring is as its header says now.
@@ -123,12 +129,7 @@ public:
 
     uint32_t offset() const noexcept {
         const uint32_t expected = expected_.position.load(std::memory_order_relaxed);
-        uint32_t position = unrelated(expected);
-        if (const uint32_t actual = load(q_->*words.position); actual != expected) {
-            position = actual;
-            __asm__ volatile("" : "+r"(position)); // a branch, not a move that waits for `actual`
-        }
-        return position_in(expected_.ring, position);
+        return position_in(expected_.ring, confirmed(expected, q_->*words.position));
     }
     qmsg *slot(uint32_t offset) const noexcept { return slot_at(q_, offset); }
     uint32_t next(uint32_t offset) const noexcept { return next_offset(expected_.ring, offset); }
@@ -158,13 +159,7 @@ using QuickReaderEnd = QuickEnd<kReaderWords>;
 
 // Size of a channel's slots, expected as by its reader.
 inline uint32_t slot_size(const halvo_channel *q) noexcept {
-    const uint32_t expected = place_of(q, expected_of_readers).ring.size;
-    uint32_t size = unrelated(expected);
-    if (const uint32_t actual = load(q->qbsz); actual != expected) {
-        size = actual;
-        __asm__ volatile("" : "+r"(size));
-    }
-    return size;
+    return confirmed(place_of(q, expected_of_readers).ring.size, q->qbsz);
 }
 
 // In place of a size: whatever the slots have. No room is that large without being enough.

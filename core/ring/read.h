@@ -1,4 +1,4 @@
-// sms_shm: what the read buffers and the bindings share with the ring's reader.
+// Queue core: what the read buffers and the bindings share with the ring's reader.
 #pragma once
 
 #include "core/ring/end.h"

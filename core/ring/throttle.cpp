@@ -1,4 +1,4 @@
-// sms_shm: the read-rate limit of a channel.
+// Queue core: the read-rate limit of a channel.
 #include "core/ring/throttle.h"
 
 #include "core/ring/counters.h"
@@ -8,13 +8,9 @@ namespace {
 constexpr int kPeriodSeconds = 20; // the rate is an average over at most this
 constexpr int kFlagSeconds = 2;    // how long `throttled` stays visible after a refusal
 
-uint64_t messages_read(const halvo_channel *q) {
-    return q->qtype == 'F' ? q->fgcnt.count : q->gcnt.count;
-}
-
 void begin_period(halvo_channel *q, int32_t now) {
     q->tpsstart = static_cast<int32_t>(static_cast<uint32_t>(now) - 1); // the divisor is never 0
-    q->tpsbase = messages_read(q);
+    q->tpsbase = halvo::rate_count(*q);
 }
 
 } // namespace
@@ -24,7 +20,7 @@ int64_t q_check_tps(halvo_channel *q) noexcept {
     if (halvo::age(now, q->tpsstart) > kPeriodSeconds) begin_period(q, now);
     const int32_t seconds = halvo::age(now, q->tpsstart);
     // A clock that ran backwards into the period's first second leaves no period: divide by 1.
-    const auto messages = static_cast<int64_t>(messages_read(q) - q->tpsbase);
+    const auto messages = static_cast<int64_t>(halvo::rate_count(*q) - q->tpsbase);
     return messages / (seconds > 0 ? seconds : 1);
 }
 

@@ -1,4 +1,4 @@
-// sms_shm: what the write buffers share with the ring's writer.
+// Queue core: what the write buffers share with the ring's writer.
 #pragma once
 
 #include "core/ring/end.h"

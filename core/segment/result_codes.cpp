@@ -1,4 +1,5 @@
-// sms_shm: the names of the result codes, for people.
+// Queue core: the names of the result codes, for people.
+#include <cerrno>
 #include <cstdio>
 
 #include "core/base/posix.h"
@@ -11,21 +12,23 @@ struct NamedCode {
     const char *line;
 };
 
-// The errno values are those that the System V calls report, by their numbers on Linux.
+// The codes, and the errno values that the System V calls report.
+// clang-format off
 constexpr NamedCode kNamedCodes[] = {
 #define HALVO_NAMED_CODE(name, value, meaning) {name, " " #name},
     HALVO_RESULT_CODES(HALVO_NAMED_CODE)
 #undef HALVO_NAMED_CODE
-        {1, " EPERM"},
-    {4, " EINTR"},
-    {7, " E2BIG"},
-    {11, " EAGAIN"},
-    {13, " EACCES"},
-    {14, " EFAULT"},
-    {22, " EINVAL"},
-    {42, " ENOMSG"},
-    {43, " EIDRM"},
+    {EPERM, " EPERM"},
+    {EINTR, " EINTR"},
+    {E2BIG, " E2BIG"},
+    {EAGAIN, " EAGAIN"},
+    {EACCES, " EACCES"},
+    {EFAULT, " EFAULT"},
+    {EINVAL, " EINVAL"},
+    {ENOMSG, " ENOMSG"},
+    {EIDRM, " EIDRM"},
 };
+// clang-format on
 static_assert(sizeof kNamedCodes / sizeof kNamedCodes[0] == 18 + 9);
 
 int print_code(const char *prefix, int code) {

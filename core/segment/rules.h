@@ -19,4 +19,11 @@ inline int64_t backlog(const halvo_counter &put, const halvo_counter &got) noexc
     return static_cast<int64_t>(put.count - got.count);
 }
 
+// Whether the file queue's messages are those whose rate is told and limited; the ring's if not.
+constexpr bool rate_is_of_file(char type) noexcept { return type == 'F'; }
+// Those taken so far.
+inline uint64_t rate_count(const halvo_channel &q) noexcept {
+    return rate_is_of_file(q.qtype) ? q.fgcnt.count : q.gcnt.count;
+}
+
 } // namespace halvo

@@ -1,4 +1,4 @@
-// sms_shm: the attached segment, and the small lookups that programs use.
+// Queue core: the attached segment, and the small lookups that programs use.
 #include "core/segment/segment.h"
 
 #include <cstring>

@@ -1,4 +1,4 @@
-// sms_shm: the attached segment: where it lies in this process, how large it is, and the checked
+// Queue core: the attached segment: where it lies in this process, how large it is, and the checked
 // lookups in it.
 #pragma once
 
@@ -14,8 +14,8 @@ namespace halvo {
 // The attached segment, or null before the attach, after a failed one and after close_shm(). Unlike
 // q_0() it never points at memory that is gone.
 extern halvo_segment *attached HALVO_HIDDEN;
-extern halvo_segment *segment_ever
-    HALVO_HIDDEN;                        // set by a successful attach; stays after close_shm
+// Set by a successful attach; stays after close_shm().
+extern halvo_segment *segment_ever HALVO_HIDDEN;
 extern size_t segment_size HALVO_HIDDEN; // bytes, at least those of the segment header
 extern int attached_id HALVO_HIDDEN;     // the kernel's id of what was attached last; -1 before
 extern int first_channels HALVO_HIDDEN;  // channels at the time of the attach, at most 269

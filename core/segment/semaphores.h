@@ -1,4 +1,4 @@
-// sms_shm: the semaphores of the attached segment: their ids, and waking those who sleep on them.
+// Queue core: the semaphores of the attached segment: their ids, and waking those who sleep on them.
 #pragma once
 
 namespace halvo {

@@ -1,4 +1,4 @@
-// sms_shm: an image of all headers and counters, without the messages, in memory or in a file.
+// Queue core: an image of all headers and counters, without the messages, in memory or in a file.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

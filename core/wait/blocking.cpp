@@ -1,4 +1,4 @@
-// sms_shm: the blocking loop.
+// Queue core: the blocking loop.
 #include "core/wait/blocking.h"
 
 #include <pthread.h>

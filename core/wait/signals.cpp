@@ -1,4 +1,4 @@
-// sms_sig: the signal that ends overdue waits. The handler is installed without restart, so that
+// Signal service: the signal that ends overdue waits. The handler is installed without restart, so that
 // an interrupted semaphore wait returns; it leaves the signal's number with its thread.
 //
 // The number lies in the thread's own storage, which is there from its start: to set a value by the
@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/base/output.h"
 #include "halvo/queue.h"
 
 namespace {
@@ -69,7 +70,7 @@ void signal_handler(int number) noexcept {
 
 void signal_handler2(int number) noexcept {
     signal_handler(number);
-    std::printf("signal(%d) handled2 at #%d \n", number, static_cast<int>(pthread_self()));
+    halvo::print("signal(%d) handled2 at #%d \n", number, static_cast<int>(pthread_self()));
 }
 
 int getSignal() noexcept {

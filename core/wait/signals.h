@@ -1,4 +1,4 @@
-// sms_sig: what the library itself asks of the signal service.
+// Signal service: what the library itself asks of it.
 #pragma once
 
 namespace halvo {

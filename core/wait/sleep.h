@@ -1,4 +1,5 @@
-// sms_sig: one sleep of a thread, which the first signal ends that comes after the wait has begun.
+// Signal service: one sleep of a thread, which the first signal ends that comes after the wait has
+// begun.
 //
 //     look_and_hold()  a few looks at the slot; then signals are kept from the thread
 //     ...              the wait is announced, and the slot looked at a last time
@@ -50,8 +51,7 @@ public:
     // The same, and those that another thread has sent before have been handled when it returns.
     void take_sent_signals() noexcept;
 
-    // While the thread sleeps or is about to: the words that show whether a handler has run since
-    // the last moment at which that would have kept it from sleeping. Otherwise null.
+    // For slept_past_a_signal(), by another thread too.
     const SleepFrame &frame() const noexcept { return frame_; }
 
 private:

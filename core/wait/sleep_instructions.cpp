@@ -96,28 +96,31 @@ static_assert(offsetof(SleepFrame, operation) == 0); // the frame's address serv
 #define FRAME_REGISTER SleepFrame *at = &frame
 #endif
 
+// clang-format off
+
 int look_and_hold(SleepFrame &frame) noexcept {
     FIND_FRAME_ELSEWHERE;
     long result = 0;
     FRAME_REGISTER;
     __asm__ volatile(
-        ALIGN_STACK PLANT_MARKS                                               //
-        "mov " IN("looks") ", %%ecx\n"                                        //
-                           "mov " IN("state") ", " POINTER "\n"               //
-                                              "mov " IN("wanted") ", %%edx\n" //
-                                                                  "mov $1, %%eax\n"
-                                                                  "1: sub $1, %%ecx\n"
-                                                                  "js 2f\n"
-                                                                  "cmp %%edx, (" POINTER ")\n"
-                                                                  "je 3f\n"
-                                                                  "pause\n"
-                                                                  "jmp 1b\n"
-                                                                  "2: xor %%eax, %%eax\n"
-                                                                  "cmpl $0, " IN(
-                                                                      "held") "\n"
-                                                                              "jne 3f\n" //
-        KEEP_AWAY(INTO_OUTSIDE)                                                          //
-        "3:" TELL_SIGNALLED RESTORE_STACK
+        ALIGN_STACK
+        PLANT_MARKS
+        "mov " IN("looks") ", %%ecx\n"
+        "mov " IN("state") ", " POINTER "\n"
+        "mov " IN("wanted") ", %%edx\n"
+        "mov $1, %%eax\n"
+        "1: sub $1, %%ecx\n"
+        "js 2f\n"
+        "cmp %%edx, (" POINTER ")\n"
+        "je 3f\n"
+        "pause\n"
+        "jmp 1b\n"
+        "2: xor %%eax, %%eax\n"
+        "cmpl $0, " IN("held") "\n"
+        "jne 3f\n"
+        KEEP_AWAY(INTO_OUTSIDE)
+        "3:" TELL_SIGNALLED
+        RESTORE_STACK
         : "=&a"(result)
         : FRAME_IN
         : CLOBBERS);
@@ -128,34 +131,37 @@ int let_in_and_sleep(SleepFrame &frame) {
     FIND_FRAME_ELSEWHERE;
     long result = 0;
     FRAME_REGISTER;
-    __asm__ volatile(ALIGN_STACK PLANT_MARKS //
-                     "lea " UNUSED "-32-4*%c[words](" STACK "), " RESULT "\n"
-                     "mov " RESULT ", " IN("marks") "\n"                        //
-                                                    "movl $0, " IN("held") "\n" //
-                     SET_MASK("%[setmask]", "outside", NOWHERE)                 //
-                     GO_IF_CHANGED("1f")                                        //
-                     TAKE                                                       //
-                     "jmp 2f\n"
-                     "1: mov %[interrupted], " RESULT "\n"
-                     "2: xor %%edx, %%edx\n"
-                     "mov " THIRD
-                     ", " IN("marks") "\n"
-                                      "test " RESULT ", " RESULT "\n"
-                                      "jnz 3f\n"
-                                      "mov " IN("state") ", " POINTER "\n"
-                                                         "test " POINTER ", " POINTER "\n"
-                                                         "jz 3f\n"
-                                                         "mov " IN("wanted") ", %%edx\n"
-                                                                             "cmp %%edx, (" POINTER
-                                                                             ")\n"
-                                                                             "je 3f\n" //
-                     KEEP_AWAY(NOWHERE)                                                //
-                     "3:" TELL_SIGNALLED RESTORE_STACK
-                     : "=&a"(result)
-                     : FRAME_IN
-                     : CLOBBERS);
+    __asm__ volatile(
+        ALIGN_STACK
+        PLANT_MARKS
+        "lea " UNUSED "-32-4*%c[words](" STACK "), " RESULT "\n"
+        "mov " RESULT ", " IN("marks") "\n"
+        "movl $0, " IN("held") "\n"
+        SET_MASK("%[setmask]", "outside", NOWHERE)
+        GO_IF_CHANGED("1f")
+        TAKE
+        "jmp 2f\n"
+        "1: mov %[interrupted], " RESULT "\n"
+        "2: xor %%edx, %%edx\n"
+        "mov " THIRD ", " IN("marks") "\n"
+        "test " RESULT ", " RESULT "\n"
+        "jnz 3f\n"
+        "mov " IN("state") ", " POINTER "\n"
+        "test " POINTER ", " POINTER "\n"
+        "jz 3f\n"
+        "mov " IN("wanted") ", %%edx\n"
+        "cmp %%edx, (" POINTER ")\n"
+        "je 3f\n"
+        KEEP_AWAY(NOWHERE)
+        "3:" TELL_SIGNALLED
+        RESTORE_STACK
+        : "=&a"(result)
+        : FRAME_IN
+        : CLOBBERS);
     return static_cast<int>(result);
 }
+
+// clang-format on
 
 // Owns nothing that would have to be given back: the unwinder may come from between two calls.
 int let_in_and_sleep_cancellable(SleepFrame &frame) {

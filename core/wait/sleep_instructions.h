@@ -1,4 +1,4 @@
-// sms_sig: the instructions between which no signal may be lost.
+// Signal service: the instructions between which no signal may be lost.
 //
 // A wait looks at its slot and then sleeps. A signal whose handler runs between the two would leave
 // the sleep unended, and no system call takes a semaphore and a signal mask together. So the
@@ -11,7 +11,6 @@
 // A handler on a stack of its own (sigaltstack) leaves no marks; see core/wait/sleep.cpp.
 #pragma once
 
-#include "halvo/abi.h"
 #include <sys/sem.h>
 
 #include <csignal>
@@ -28,9 +27,9 @@ constexpr int kMarkWords = 8;
 struct SleepFrame {
     sembuf operation{};
     int32_t semid = -1;
-    const sigset_t *everything =
-        nullptr;                 // the signals that are kept away, 8 bytes of each set count
-    sigset_t *outside = nullptr; // the thread's mask but for that
+    // 8 bytes of each set count: the signals that are kept away, the thread's mask but for that.
+    const sigset_t *everything = nullptr;
+    sigset_t *outside = nullptr;
     const halvo_i32 *state = nullptr;
     int32_t wanted = 0;
     int32_t looks = 0;

@@ -1,4 +1,4 @@
-// sms_sig: the registry of waiting threads.
+// Signal service: the registry of waiting threads.
 #pragma once
 
 namespace halvo {

@@ -1,4 +1,4 @@
-// sms_fq: what the files of a queue look like, and the numbers and limits in them.
+// File queue: what the files of a queue look like, and the numbers and limits in them.
 //
 //   data file      item | item | ... | item with state E          no header, no padding
 //
@@ -33,6 +33,11 @@ inline constexpr int kNumberWidth = 9;
 inline constexpr int64_t kNumberMax = 999999999;
 // A data file that has been cut off within an item is reported after this many seconds.
 inline constexpr int32_t kIncompleteSeconds = 1;
+
+// What fq_read_item answers beside ESMS_INVAL, 0 and -1.
+inline constexpr int kTooLarge = -2;
+inline constexpr int kIncomplete = -100; // to the callers of fq_dequeue it is nothing to read
+inline constexpr int kReadExtra = 25;    // added to the length of the data that was read
 
 inline constexpr char kWritten = 'W';
 inline constexpr char kCommitted = 'F';
@@ -197,6 +202,11 @@ inline FileName position_file(const char *path, char mode) {
 
 inline bool usable_path(const char *path) {
     return path && strnlen(path, FQ_PATH_MAX + 1) <= FQ_PATH_MAX;
+}
+
+// Whether a writer may be asked for such an item.
+inline bool usable_item(const char *path, const void *data, unsigned length) {
+    return usable_path(path) && data && length > 0 && length <= FQ_ITEM_MAX;
 }
 
 } // namespace halvo::fq

@@ -1,4 +1,4 @@
-// sms_fq: the record of a position log that counts. Whoever asks for a position asks here.
+// File queue: the record of a position log that counts. Whoever asks for a position asks here.
 #pragma once
 
 #include <unistd.h>
@@ -18,6 +18,7 @@ struct LastRecord {
     Position left;        // what the record before it says; not valid: not known
     bool stepped = false; // the last record cannot be read, and the one found is an earlier one
 };
+
 // From the last record, which cannot be read, back to one that can; by blocks, for a log may be long.
 inline void step_back(int fd, char *record, LastRecord &last) noexcept {
     const auto is_blank = [](const char *bytes) { return bytes[kRecordSize - 1] == '\0'; };

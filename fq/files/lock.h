@@ -1,4 +1,4 @@
-// sms_fq: taking one side of a queue.
+// File queue: taking one side of a queue.
 #pragma once
 
 #include "halvo/fq.h"

@@ -1,11 +1,12 @@
-// sms_fq: from a queue path to directory, base name and the data files that are there.
+// File queue: from a queue path to directory, base name and the data files that are there.
+#include "fq/files/names.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 
 #include "core/base/posix.h"
-#include "fq/files/names.h"
 
 using namespace halvo;
 using namespace halvo::fq;
@@ -89,13 +90,13 @@ int halvo::fq::find_first_order(int directory, const char *path, bool &searched)
 }
 
 int halvo::fq::find_last_order(int directory, const char *path) noexcept {
-    bool searched;
+    bool searched = false;
     return find_order(directory, path, 0, searched,
                       [](int order, int highest) { return order > highest; });
 }
 
 int halvo::fq::find_next_order(int directory, const char *path, int32_t order) noexcept {
-    bool searched;
+    bool searched = false;
     return find_order(directory, path, -1, searched, [order](int32_t found, int32_t nearest) {
         return comes_after(order, found) && (nearest == -1 || comes_after(found, nearest));
     });
@@ -103,7 +104,7 @@ int halvo::fq::find_next_order(int directory, const char *path, int32_t order) n
 
 int fq_find_forder_first(const char *path) noexcept {
     const CancellationOff whole_call;
-    bool searched;
+    bool searched = false;
     return find_first_order(AT_FDCWD, path, searched);
 }
 

@@ -1,4 +1,4 @@
-// sms_fq: the read transactions.
+// File queue: the read transactions.
 //
 //   fq_dequeue --> fq_dequeue_next ... --> fq_dequeue_commit | fq_dequeue_rollback
 //   side locked, items read                position saved    | the same items are read again
@@ -21,8 +21,6 @@ using namespace halvo;
 using namespace halvo::fq;
 
 namespace {
-
-constexpr int kIncomplete = -100; // from fq_read_item; to the caller it is nothing to read
 
 // Reads one item and counts it. As fq_read_item, with a line for a failure.
 int read_counted(const char *path, fqtrans *trans, void *buf, unsigned cap) {

@@ -1,4 +1,4 @@
-// sms_fq: the write transactions.
+// File queue: the write transactions.
 //
 //   fq_enqueue --> fq_enqueue_next ... --> fq_enqueue_commit | fq_enqueue_rollback
 //   side locked, items written as 'W'      items 'F', position saved | nothing
@@ -17,10 +17,6 @@ using namespace halvo;
 using namespace halvo::fq;
 
 namespace {
-
-bool usable_item(const char *path, const void *data, unsigned len) {
-    return usable_path(path) && data && len > 0 && len <= FQ_ITEM_MAX;
-}
 
 // Writes a transaction's first item with one of the item writers. The intended start of a queue
 // whose position is lost stays as it is.

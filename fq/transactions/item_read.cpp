@@ -1,4 +1,4 @@
-// sms_fq: reading the item at a position, and going on where a file ends or an item is damaged.
+// File queue: reading the item at a position, and going on where a file ends or an item is damaged.
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -16,9 +16,6 @@ using namespace halvo;
 using namespace halvo::fq;
 
 namespace {
-
-constexpr int kTooLarge = -2;
-constexpr int kIncomplete = -100;
 
 // One look at the position: an answer for the caller, or `again` at a position that has moved.
 struct Look {
@@ -49,20 +46,20 @@ private:
             return answer(-1);
         if (!open_data()) return not_opened();
         const ssize_t got = read_header();
-        if (got != kHeaderSize) {
-            if (got < 0 && errno == EBADF && side_) { // closed behind our back
-                side_->data.close();
-                return again();
-            }
-            const bool unreadable = got < 0 && errno != ESPIPE && errno != EISDIR;
-            if (unreadable) return failed("read");
-            const int fault = seek_fault();
-            if (fault < 0) return answer(fault);
-            if (!skips_file_without_end(got)) return answer(0);
-            return next_file();
-        }
+        if (got != kHeaderSize) return no_header(got);
         std::memcpy(buf_, &header_, kHeaderSize);
         return header_found();
+    }
+
+    Look no_header(ssize_t got) {
+        if (got < 0 && errno == EBADF && side_) { // closed behind our back
+            side_->data.close();
+            return again();
+        }
+        const bool unreadable = got < 0 && errno != ESPIPE && errno != EISDIR;
+        if (unreadable) return failed("read");
+        if (!can_seek()) return answer(-1);
+        return skips_file_without_end(got) ? next_file() : answer(0);
     }
 
     bool open_data() {
@@ -127,11 +124,11 @@ private:
     }
 
     // The queue's own seeks fail for what is no file one can go about in (a pipe, a device).
-    int seek_fault() const {
+    bool can_seek() const {
         const off_t landed = lseek(fd_, at_.offset, SEEK_SET);
-        if (landed == at_.offset) return 0;
+        if (landed == at_.offset) return true;
         std::puts(landed < 0 ? "fq_read_item.lseek error " : "fq_read_item.lseek(2) error ");
-        return -1;
+        return false;
     }
 
     bool writer_has_gone_on() const {
@@ -143,7 +140,8 @@ private:
     // next file. Only a file past its limit is left that way; what stood in it is complete now.
     bool skips_file_without_end(ssize_t got) {
         if (got < 0 || at_.offset <= kFileLimit || !writer_has_gone_on()) return false;
-        return state_of(fd_).found && state_of(fd_).size < at_.offset + int64_t{kHeaderSize};
+        const FileState file = state_of(fd_);
+        return file.found && file.size < at_.offset + int64_t{kHeaderSize};
     }
 
     // What was read of this file must be on the disk before a position behind it is.
@@ -179,7 +177,7 @@ private:
     }
 
     Look read_data() {
-        const size_t wanted = size_t{header_.length} + FQ_ITEM_EXTRA;
+        const auto wanted = static_cast<size_t>(size_of_item(header_));
         const ssize_t got = read_item(wanted);
         if (got < 0) return failed("read");
         if (static_cast<size_t>(got) < wanted) return answer(incomplete());
@@ -188,11 +186,11 @@ private:
             return is_another_now() ? again() : resynchronise();
         trans_->itemlen = static_cast<int>(header_.length);
         if (header_.state != kCommitted) return answer(0);
-        const int64_t end = at_.offset + size_of_item(header_);
+        const int64_t end = at_.offset + static_cast<int64_t>(wanted);
         std::memcpy(trans_->nextpos, trans_->curpos, kRecordSize);
         if (!move_offset(path_, trans_->nextpos, at_.order, end)) return answer(-1);
-        if (side_) side_->ahead.take(size_t{header_.length} + FQ_ITEM_EXTRA);
-        return answer(static_cast<int>(header_.length + kTrailerSize + 23));
+        if (side_) side_->ahead.take(wanted);
+        return answer(static_cast<int>(header_.length + kReadExtra));
     }
 
     int incomplete() const {

@@ -1,5 +1,7 @@
-// sms_fq: writing items and making them readable. Three writers share one base and differ in the
+// File queue: writing items and making them readable. Three writers share one base and differ in the
 // item's state, in the place and in when they end a file.
+#include "fq/transactions/item_write.h"
+
 #include <fcntl.h>
 
 #include <cerrno>
@@ -12,7 +14,6 @@
 #include "fq/files/durable.h"
 #include "fq/files/open_files.h"
 #include "fq/files/position.h"
-#include "fq/transactions/item_write.h"
 
 using namespace halvo;
 using namespace halvo::fq;
@@ -110,10 +111,6 @@ void write_item(const char *path, fqtrans *trans, const void *data, unsigned len
     item.result = static_cast<int>(size);
 }
 
-bool is_usable(const char *path, const fqtrans *trans, const void *data, unsigned len) {
-    return usable_path(path) && trans && data && len > 0 && len <= FQ_ITEM_MAX;
-}
-
 // An ended file is not kept: its reader will delete it, and it would still take up the disk.
 void forget_ended_file(OpenSide *side) {
     if (side) side->data.close();
@@ -201,7 +198,7 @@ ssize_t halvo::fq::write_end_item(int fd, int64_t at) noexcept {
 
 int fq_write_item(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
     const CancellationOff whole_call;
-    if (!is_usable(path, trans, data, len)) return ESMS_INVAL;
+    if (!usable_item(path, data, len) || !trans) return ESMS_INVAL;
     Written item{DataFile(trans, path)};
     write_item(path, trans, data, len, kWritten, 0, item);
     if (item.result < 0) return item.result;
@@ -212,7 +209,7 @@ int fq_write_item(const char *path, fqtrans *trans, const void *data, unsigned l
 
 int fq_write_item_once(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
     const CancellationOff whole_call;
-    if (!is_usable(path, trans, data, len)) return ESMS_INVAL;
+    if (!usable_item(path, data, len) || !trans) return ESMS_INVAL;
     Written item{DataFile(trans, path)};
     const int64_t from = position_in(trans->curpos).offset;
     const bool in_two_steps =
@@ -232,7 +229,7 @@ int fq_write_item_once(const char *path, fqtrans *trans, const void *data, unsig
 // Kept: an appended item is not counted.
 int fq_append_item(const char *path, fqtrans *trans, const void *data, unsigned len) noexcept {
     const CancellationOff whole_call;
-    if (!is_usable(path, trans, data, len)) return ESMS_INVAL;
+    if (!usable_item(path, data, len) || !trans) return ESMS_INVAL;
     Written item{DataFile(path)}; // a descriptor of its own
     write_item(path, trans, data, len, kCommitted, O_APPEND, item);
     if (item.result < 0) return item.result;

@@ -1,4 +1,4 @@
-// sms_fq: the end item, for whoever ends a data file.
+// File queue: the end item, for whoever ends a data file.
 #pragma once
 
 #include <sys/types.h>

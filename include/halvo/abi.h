@@ -1,8 +1,8 @@
 /* Halvo IPC: what every public header needs: linkage, visibility, shared integer types.
  *
  * All exported functions have C linkage and never throw (a cancelled thread unwinds those of frx.h
- * that wait). "Attached" in these headers means
- * that init_shm() (or frx_initialize(), or the Java initialize) has succeeded in this process.
+ * that wait). "Attached" in these headers means that init_shm() (or frx_initialize(), or the Java
+ * initialize) has succeeded in this process.
  */
 #ifndef HALVO_ABI_H
 #define HALVO_ABI_H

@@ -67,9 +67,8 @@ enum {
 };
 
 enum {
-    FQ_DURABILITY_NONE = 0, /* nothing is forced to the disk */
-    FQ_DURABILITY_COMMIT =
-        1 /* a transaction that was answered with success survives a power loss */
+    FQ_DURABILITY_NONE = 0,  /* nothing is forced to the disk */
+    FQ_DURABILITY_COMMIT = 1 /* what was answered with success survives a power loss */
 };
 
 /* A transaction: one side of a queue, locked. Between the calls the position records hold a NUL

@@ -31,6 +31,7 @@
  *   output    standard output through stdio, flushed at the end; Korean texts and channel names as
  *             EUC-KR bytes; widths count bytes. Names are not escaped.
  *   results   0 unless stated. Without an attached segment every printer prints what needs none.
+ *   cancel    no function here is a cancellation point: a cancelled thread makes its call to the end.
  *   missing   a chosen number that is no channel prints "WARNNING! <number>th q is null" and ends
  *             the list of channels.
  */
@@ -75,13 +76,12 @@ HALVO_API extern char qm_out_prefixes[HALVO_OUT_PREFIXES][3];
 
 /* ---- State that the library keeps -------------------------------------------------------- */
 
-HALVO_API extern char cellbuf[1024];   /* scratch: the cell or fragment that was printed last */
-HALVO_API extern char cellformat[256]; /* scratch: the format that was built last */
-HALVO_API extern int32_t prt_itvl;     /* q_day_millis() at the start of the latest print */
-HALVO_API extern int32_t
-    start_tvsec;                    /* origin of q_day_millis(), seconds; 0 before the first call */
-HALVO_API extern int titleToggle;   /* number of banners; moves the star marks */
-HALVO_API extern int forecolors[7]; /* foreground colours 30 .. 36 of the star marks */
+HALVO_API extern char cellbuf[1024];    /* scratch: the cell or fragment that was printed last */
+HALVO_API extern char cellformat[256];  /* scratch: the format that was built last */
+HALVO_API extern int32_t prt_itvl;      /* q_day_millis() at the start of the latest print */
+HALVO_API extern int32_t start_tvsec;   /* origin of q_day_millis(), seconds; 0: no call yet */
+HALVO_API extern int titleToggle;       /* number of banners; moves the star marks */
+HALVO_API extern int forecolors[7];     /* foreground colours 30 .. 36 of the star marks */
 HALVO_API extern halvo_channel *q_last; /* what qm_last_out_q() chose last */
 /* HALVO_PRINT_OPTIONS records in the order of the options file, ended by an unused one; null before
  * the first file. */

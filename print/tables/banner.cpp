@@ -1,4 +1,4 @@
-// smsqm_print: the banner above every table.
+// Status printers: the banner above every table.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -97,6 +97,7 @@ void print_title(int32_t now, int days, bool colours) {
 using namespace halvo;
 
 void q_printlogo2(char mode) noexcept {
+    const CancellationOff whole_call;
     const int32_t now = clock_now();
     const bool colours = mode != 'w';
     if (titleToggle < 0 || titleToggle > kToggleLimit) titleToggle = 0;

@@ -1,4 +1,4 @@
-// smsqm_print: the fixed table of all channels.
+// Status printers: the fixed table of all channels.
 #include <cstdio>
 #include <ctime>
 
@@ -52,6 +52,7 @@ void print_row(const Facts &facts) {
 } // namespace
 
 int q_statprint_classic(char mode) noexcept {
+    const CancellationOff whole_call;
     const int32_t now = begin_print();
     q_printlogo();
     int rows = 0;

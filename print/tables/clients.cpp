@@ -1,4 +1,4 @@
-// smsqm_print: the processes at each channel.
+// Status printers: the processes at each channel.
 #include <cstdio>
 #include <iterator>
 
@@ -38,6 +38,7 @@ void print_row(const Facts &facts, int32_t now) {
 } // namespace
 
 int q_clientsprint() noexcept {
+    const CancellationOff whole_call;
     const int32_t now = begin_print();
     q_printlogo();
     walk(Channels::all, [&](const Visit &visit) {

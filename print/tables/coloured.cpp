@@ -1,4 +1,4 @@
-// smsqm_print: the coloured table of the chosen channels, printed cell by cell.
+// Status printers: the coloured table of the chosen channels, printed cell by cell.
 #include <sys/resource.h>
 
 #include <cstdio>
@@ -55,6 +55,7 @@ void print_row(const Facts &facts, int indent) {
 } // namespace
 
 int q_statprint2(char mode) noexcept {
+    const CancellationOff whole_call;
     if (!attached_segment()) {
         std::puts("qm is null .");
         std::fflush(stdout);

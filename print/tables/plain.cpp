@@ -1,4 +1,4 @@
-// smsqm_print: the table of the chosen channels.
+// Status printers: the table of the chosen channels.
 #include <cstdio>
 
 #include "print/cells.h"
@@ -76,6 +76,7 @@ void print_row(const Facts &facts, int indent) {
 } // namespace
 
 int q_statprint(char mode) noexcept {
+    const CancellationOff whole_call;
     const int32_t now = begin_print();
     q_printlogo();
     int rows = 0;

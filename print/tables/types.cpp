@@ -1,4 +1,4 @@
-// smsqm_print: rates and per-type counts of all channels.
+// Status printers: rates and per-type counts of all channels.
 #include <bitset>
 #include <cstdio>
 #include <cstring>
@@ -65,6 +65,7 @@ void print_row(const Facts &facts, const Types &types) {
 } // namespace
 
 int q_tstatprint(const char *needle) noexcept {
+    const CancellationOff whole_call;
     const int32_t now = begin_print();
     q_printlogo();
     const halvo_segment *segment = attached_segment();

@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "tests/fq/queue_fixture.h"
+#include "tests/support/cancelled.h"
 
 using namespace halvo;
 using namespace halvo::test;
@@ -75,26 +76,20 @@ TEST_F(Locks, another_process_waits_and_a_killed_one_lets_go) {
     EXPECT_TRUE(one_waits_until([&] { holder.process.kill(SIGKILL); }));
 }
 
-#ifndef __SANITIZE_ADDRESS__ // which takes the frames that a cancellation leaves for living ones
+#ifndef __SANITIZE_ADDRESS__ // see tests/support/cancelled.h
 // The first of its calls waits for another process.
 TEST_F(Locks, a_thread_that_is_cancelled_makes_its_calls_to_their_ends) {
     Holder holder(*this);
-    const auto calls = [](void *argument) -> void * {
-        const Queue &of = *static_cast<Queue *>(argument);
-        of.put_away("one");
-        of.put({"two", "three"});
-        of.take();
-        pthread_testcancel();
-        return nullptr;
+    const auto calls = [this] {
+        queue.put_away("one");
+        queue.put({"two", "three"});
+        queue.take();
     };
-    pthread_t thread{};
-    ASSERT_EQ(pthread_create(&thread, nullptr, calls, &queue), 0);
-    usleep(50000);
-    pthread_cancel(thread);
-    holder.let_go.send();
-    void *result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    expect_cancelled(calls, [&](pthread_t thread) {
+        usleep(50000);
+        pthread_cancel(thread);
+        holder.let_go.send();
+    });
     EXPECT_EQ(holder.process.wait(), 0);
     EXPECT_EQ(queue.drain(), "two three");
 }

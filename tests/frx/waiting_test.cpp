@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "tests/proof/single_step.h"
+#include "tests/support/cancelled.h"
 #include "tests/support/frx_fixture.h"
 #include "tests/support/ipc.h"
 
@@ -14,22 +15,6 @@ using namespace halvo::test;
 namespace {
 
 using FrxWaiting = FrxTest;
-
-[[maybe_unused]] void *make_call(void *call) {
-    (*static_cast<std::function<void()> *>(call))();
-    for (;;) pause();
-}
-
-// Makes a call in a thread that ends by its cancellation, in the call or behind it.
-[[maybe_unused]] void expect_cancelled(std::function<void()> call,
-                                       const std::function<void(pthread_t)> &meanwhile) {
-    pthread_t thread{};
-    ASSERT_EQ(pthread_create(&thread, nullptr, make_call, &call), 0);
-    meanwhile(thread);
-    void *result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
-}
 
 // Replaces standard output by a pipe that takes no byte more.
 [[maybe_unused]] void stall_output() {
@@ -185,7 +170,7 @@ TEST_F(FrxWaiting, a_mark_and_a_parked_message_wake_nobody) {
     EXPECT_EQ(value_of(set_under(segment.key_file() + ".req", 1)), 1);
 }
 
-#ifndef __SANITIZE_ADDRESS__ // which takes the frames that a cancellation leaves for living ones
+#ifndef __SANITIZE_ADDRESS__ // see tests/support/cancelled.h
 TEST_F(FrxWaiting, a_cancelled_thread_withdraws_its_wait) {
     FrxChannel file_end{};
     ASSERT_EQ(frx_openChannel(&file_end, "f", 1, 'r', 1000), ESMS_OK);
@@ -217,7 +202,7 @@ TEST_F(FrxWaiting, a_cancelled_thread_ends_behind_a_call_that_does_not_wait_for_
         [] { q_save_snapshot("", 1, "/dev/null"); },
         [] { timeoutLoop(nullptr); }, // has pauses in which it goes
         init_sig};
-    for (const std::function<void()> &call : calls) expect_cancelled(call, pthread_cancel);
+    for (const std::function<void()> &call : calls) expect_cancelled(call);
     fill(1);
     EXPECT_EQ(read(), "0");
 }

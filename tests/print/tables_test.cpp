@@ -6,6 +6,7 @@
 
 #include "core/segment/ring.h"
 #include "tests/print/scenario.h"
+#include "tests/support/cancelled.h"
 #include "tests/support/fixed_clock.h"
 
 using namespace halvo::test;
@@ -192,6 +193,31 @@ TEST(Cells, keep_their_width) {
     q_print_elapsed_str(text, 0);
     EXPECT_STREQ(text, "");
 }
+
+#ifndef __SANITIZE_ADDRESS__ // see tests/support/cancelled.h
+TEST_F(Tables, are_printed_to_their_end_by_a_thread_that_is_cancelled) {
+    const std::function<void()> prints[] = {
+        [] { q_printlogo(); },
+        [] { q_statprint_classic('a'); },
+        [] { q_statprint('a'); },
+        [] { q_statprint2('a'); },
+        [] { q_tstatprint(""); },
+        [] { q_clientsprint(); },
+        [] { q_statlog('a'); },
+        [] { q_load_print_options("/proc/version"); },
+        [] { qm_print_last_msg(); },
+        [] { q_print_txt(1, "a"); },
+        [] { q_print_txt_indent(1, "a", 0); },
+        [] { q_print_num2(1, 1, 1, 1); },
+        [] { q_print_elapsed(1); },
+        [this] { q_print_rwrw_bufs(mt); },
+    };
+    captured_stdout([&] {
+        setvbuf(stdout, nullptr, _IONBF, 0); // so that each text is written at once
+        for (const std::function<void()> &print : prints) expect_cancelled(print);
+    });
+}
+#endif
 
 // With a snapshot it stands in the tables that are kept in `expected`.
 TEST_F(Banner, without_a_snapshot) {

@@ -206,6 +206,21 @@ TEST_F(RelayNumbers, another_reader_makes_repeats_at_worst) {
     EXPECT_EQ(number_of_first(), 3U) << "the numbers follow the slots";
 }
 
+TEST_F(RelayNumbers, beside_a_damaged_header_are_none) {
+    ASSERT_EQ(initialise(segment_), ESMS_OK);
+    halvo_channel *q = segment_.channel("MT01");
+    q->qcnt = 0;
+    const auto source = open_channel_source("MT01");
+    q->qbsz = 0;
+    std::memset(q->qname, 'x', sizeof(halvo_channel::qname) + 1); // no end
+    Sending sending{};
+    source->describe(sending.place);
+    sending.place.slot = 9;
+    EXPECT_EQ(source->consumed_since(sending), std::nullopt);
+    q->qend = 0;
+    EXPECT_THROW(source->take(1, 0), EndError);
+}
+
 namespace {
 
 // A file queue from which another program takes an item whenever a batch is given back.
@@ -335,9 +350,7 @@ TEST(RelayState, is_opened_beside_those_who_look_at_it) {
     const std::string path = directory.path("state");
     StateFile(path, "id");
     Peer looking([&] {
-        for (bool running;;)
-            read_figures(
-                path, "id", running, [](const Figures &, void *) {}, nullptr);
+        for (bool running;;) read_figures(path, "id", running);
         return 0;
     });
     for (int i = 0; i < 3000; ++i) {

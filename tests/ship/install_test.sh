@@ -24,6 +24,9 @@ step() { step=$*; echo "== $*"; }
 step "components"
 DESTDIR=$work/rest cmake --install "$build" --component Unspecified >"$work/log"
 [ ! -e "$work/rest" ] || { find "$work/rest"; exit 1; }
+for component in $(sed -n 's/.* COMPONENT \([a-z]*\).*/\1/p' "$source/cmake/install.cmake" | sort -u); do
+    grep -qw "components=.*$component" "$source/dev/install.sh" || { echo "make install has no $component"; exit 1; }
+done
 
 # A tree may be moved after it was installed, as DESTDIR and packages do.
 step "install"

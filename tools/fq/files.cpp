@@ -62,26 +62,8 @@ void remove_consumed(const std::string &path, int32_t began, int32_t ended) {
             unlink(fq::data_file(path.c_str(), file.order).text);
 }
 
-namespace {
-
-std::string json_string(const std::string &bytes, unsigned char most) {
-    std::string json = "\"";
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\')
-            json += std::string("\\") + c;
-        else if (byte < 0x20 || byte > most)
-            json += text("\\u%04x", static_cast<unsigned>(byte));
-        else
-            json += c;
-    }
-    return json + "\"";
-}
-
-} // namespace
-
-std::string quoted(const std::string &text) { return json_string(text, 0xff); }
-std::string quoted_bytes(const std::string &bytes) { return json_string(bytes, 0x7e); }
+std::string quoted(const std::string &text) { return '"' + json_escaped(text, false) + '"'; }
+std::string quoted_bytes(const std::string &bytes) { return '"' + json_escaped(bytes, true) + '"'; }
 
 std::string printable(const std::string &bytes) {
     std::string shown = bytes;

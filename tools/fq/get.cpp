@@ -4,11 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <new>
 
-#include "core/base/posix.h"
 #include "tools/fq/commands.h"
 #include "tools/fq/files.h"
 #include "tools/fq/report.h"
@@ -66,7 +64,7 @@ private:
                 fq_dequeue(kNoChannel, options_.queue.c_str(), buffer(), room_, &trans);
             if (result >= 0) return result;
             if (stop_signal()) return 0; // it ended the wait for another reader
-            if (result != kTooLarge) fail("dequeue", result, options_.queue);
+            if (result != fq::kTooLarge) fail("dequeue", result, options_.queue);
             fq::ItemHeader header;
             std::memcpy(&header, item_.data(), sizeof header);
             room_ = header.length;
@@ -134,7 +132,6 @@ private:
         return item_.data();
     }
 
-    static constexpr int kTooLarge = -2;
     const Options &options_;
     int output_;
     Progress &progress_;
@@ -149,12 +146,8 @@ private:
 void get(const Options &options, int standard_output, Progress &progress) {
     need_queue(options.queue);
     need_side(options.queue, 'r');
-    Descriptor file;
-    if (options.output != "-") {
-        file = open_file(options.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC);
-        if (!file) throw ToolError(kUsage, options.output + ": " + std::strerror(errno));
-    }
-    Getter getter(options, file ? file.get() : standard_output, progress);
+    const NamedFile output(options.output, O_WRONLY | O_CREAT | O_TRUNC, standard_output);
+    Getter getter(options, output.descriptor(), progress);
     while (!stop_signal() && !getter.done()) {
         if (getter.get_some()) continue;
         if (const std::string fault = obstacle(options.queue); !fault.empty())

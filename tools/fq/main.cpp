@@ -52,7 +52,7 @@ public:
             command("peek", "Show the items that wait, and leave them there", peek);
         lines(peek_at);
         most(peek_at);
-        report("stat", "Tell positions, backlog, files and uncommitted tail", stat);
+        report("stat", "Tell positions, backlog, files and uncommitted tail", halvo::tools::stat);
         report("verify", "Look for damaged items in all files", verify);
         report("dump", "Show everything in all data files, whatever its state", dump);
     }

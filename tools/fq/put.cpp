@@ -2,11 +2,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 
-#include "core/base/posix.h"
 #include "halvo/fq.h"
 #include "tools/fq/commands.h"
 #include "tools/fq/inspect.h"
@@ -66,13 +63,9 @@ void fail(const std::string &what, int result, const std::string &queue) {
 }
 
 void put(const Options &options, int, Progress &progress) {
-    Descriptor file;
-    if (options.file != "-") {
-        file = open_file(options.file.c_str(), O_RDONLY);
-        if (!file) throw ToolError(kUsage, options.file + ": " + std::strerror(errno));
-    }
+    const NamedFile file(options.file, O_RDONLY, STDIN_FILENO);
     need_side(options.queue, 'w');
-    LineReader lines(file ? file.get() : STDIN_FILENO);
+    LineReader lines(file.descriptor());
     Putter putter(options, progress);
     const uint64_t empty = for_each_line(
         lines, options.file, options.keep_newline,

@@ -51,6 +51,12 @@ void catch_stop_signals() {
 
 int stop_signal() { return stop; }
 
+NamedFile::NamedFile(const std::string &path, int flags, int standard) : standard_(standard) {
+    if (path == "-") return;
+    file_ = open_file(path.c_str(), flags);
+    if (!file_) throw ToolError(kUsage, path + ": " + std::strerror(errno));
+}
+
 bool obeys_escapes(int descriptor) {
     const char *const type = std::getenv("TERM");
     return isatty(descriptor) != 0 && !(type && std::strcmp(type, "dumb") == 0);

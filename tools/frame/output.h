@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "core/base/posix.h"
+
 namespace halvo::tools {
 
 // Exit statuses of the programs.
@@ -29,6 +31,18 @@ void hold_standard_descriptors();
 // write.
 void catch_stop_signals();
 int stop_signal(); // 0, or the number of the signal that asked to stop
+
+// A file that the operator named, open as long as this lives; for "-" the standard stream in its place.
+class NamedFile {
+public:
+    // `flags` as of open(). Throws ToolError, as for wrong usage, when it cannot be opened.
+    NamedFile(const std::string &path, int flags, int standard);
+    int descriptor() const { return file_ ? file_.get() : standard_; }
+
+private:
+    Descriptor file_;
+    int standard_;
+};
 
 // Whether it is a terminal, and one that knows more than text: not one that TERM calls dumb.
 bool obeys_escapes(int descriptor);

@@ -7,24 +7,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "halvo/queue.h"
 #include "tools/frame/attachment.h"
 #include "tools/frame/charset.h"
+#include "tools/frame/clock.h"
 #include "tools/frame/text.h"
 
 namespace halvo::tools {
-
-namespace {
-
-double now() {
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-} // namespace
 
 std::string result_text(int code) {
     switch (code) {
@@ -149,9 +139,9 @@ uint64_t for_each_line(LineReader &lines, const std::string &name, bool keep_new
 
 Progress::Progress(const char *program, const char *noun, bool quiet)
     : program_(program), noun_(noun), quiet_(quiet), terminal_(obeys_escapes(STDERR_FILENO)),
-      began_(now()), shown_(began_) {}
+      began_(monotonic()), shown_(began_) {}
 
-double Progress::seconds() const { return now() - began_; }
+double Progress::seconds() const { return monotonic() - began_; }
 
 std::string Progress::line() const {
     const double took = seconds();
@@ -162,11 +152,12 @@ std::string Progress::line() const {
 }
 
 void Progress::add(uint64_t messages, uint64_t bytes) {
-    if (messages_ == 0) began_ = now(); // what counts is the transfer, not the wait for its start
+    if (messages_ == 0)
+        began_ = monotonic(); // what counts is the transfer, not the wait for its start
     messages_ += messages;
     bytes_ += bytes;
-    if (quiet_ || !terminal_ || now() - shown_ < 0.2) return;
-    shown_ = now();
+    if (quiet_ || !terminal_ || monotonic() - shown_ < 0.2) return;
+    shown_ = monotonic();
     winsize size{}; // a line that wraps could not be overwritten
     const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
     std::fprintf(stderr, "\r%s\033[K", line().substr(0, known ? size.ws_col - 1u : 79u).c_str());

@@ -1,6 +1,13 @@
 // The TOML parser, made safe for files of any content: include this, not the parser's own header.
 #pragma once
 
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "tools/frame/files.h"
+
 namespace halvo::tools {
 struct NotToml {}; // what the parser throws instead of taking a character for granted
 constexpr void take_for_granted(bool condition) {
@@ -21,3 +28,31 @@ constexpr void take_for_granted(bool condition) {
 #undef TOML_UNREACHABLE
 #define TOML_UNREACHABLE __builtin_unreachable()
 #include <toml++/toml.h>
+
+namespace halvo::tools {
+
+// What is wrong with a file, and in which line; 0: with the file as a whole.
+struct TomlFault {
+    uint32_t line;
+    std::string reason;
+};
+
+// The table of a file. Throws TomlFault.
+inline toml::table load_toml(const std::string &path) {
+    const auto content = read_file(path);
+    if (!content) throw TomlFault{0, std::strerror(errno)};
+    try {
+        return toml::parse(*content, path);
+    } catch (const toml::parse_error &error) {
+        throw TomlFault{error.source().begin.line, std::string(error.description())};
+    } catch (const NotToml &) {
+        throw TomlFault{0, "it cannot be understood as TOML"};
+    }
+}
+
+// "FILE:LINE: reason", or without a line.
+inline std::string text_of(const std::string &path, const TomlFault &fault) {
+    return path + (fault.line > 0 ? ":" + std::to_string(fault.line) : "") + ": " + fault.reason;
+}
+
+} // namespace halvo::tools

@@ -3,12 +3,8 @@
 // Messages are marked, written out and only then released, so that none is lost when this program
 // dies: the next reader gets what was not released again.
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 
 #include "tools/frame/command_line.h"
 #include "tools/frame/program.h"
@@ -29,13 +25,6 @@ struct Options {
 // Longest single wait, so that a signal which comes between two waits is noticed soon.
 constexpr int kWaitMilliseconds = 500;
 
-int open_output(const std::string &path, int standard_output) {
-    if (path == "-") return standard_output;
-    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (descriptor < 0) throw ToolError(kUsage, path + ": " + std::strerror(errno));
-    return descriptor;
-}
-
 // The file is emptied only by the one that has the channel's end: it may hold what another receiver,
 // who is still at it, has already released.
 class Receiver {
@@ -43,7 +32,7 @@ public:
     Receiver(const Options &options, int standard_output, Progress &progress)
         : options_(options), progress_(progress),
           end_(options.key_file, options.channel, 'r', options.client, options.timeout),
-          output_(open_output(options.output, standard_output)) {}
+          output_(options.output, O_WRONLY | O_CREAT | O_TRUNC, standard_output) {}
     ~Receiver() { frx_readRollback(end_.handle()); }
 
     void run() {
@@ -83,7 +72,7 @@ private:
             if (!options_.keep_newline) text_ += '\n';
             bytes += static_cast<uint64_t>(length);
         }
-        write_out(output_, options_.output, text_);
+        write_out(output_.descriptor(), options_.output, text_);
         const int released = frx_readCommit(end_.handle(), marked);
         if (released != marked)
             throw ToolError(kFailed, options_.channel + ": released " + std::to_string(released) +
@@ -94,7 +83,7 @@ private:
     const Options &options_;
     Progress &progress_;
     OpenEnd end_;
-    int output_;
+    const NamedFile output_;
     std::string text_;
 };
 

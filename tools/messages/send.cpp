@@ -3,10 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
-#include <cstring>
 
 #include "halvo/queue.h"
 #include "tools/frame/command_line.h"
@@ -112,15 +109,9 @@ private:
     uint64_t marked_bytes_ = 0;
 };
 
-int open_input(const std::string &path) {
-    if (path == "-") return STDIN_FILENO;
-    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) throw ToolError(kUsage, path + ": " + std::strerror(errno));
-    return descriptor;
-}
-
 void run(const Options &options, Progress &progress) {
-    LineReader lines(open_input(options.input));
+    const NamedFile input(options.input, O_RDONLY, STDIN_FILENO);
+    LineReader lines(input.descriptor());
     Sender sender(options, progress);
     const uint64_t empty = for_each_line(
         lines, options.input, options.keep_newline,

@@ -14,6 +14,9 @@ constexpr size_t kMostProblems = 5; // told one by one
 constexpr size_t kMostFigures = 3000; // bytes
 constexpr size_t kMostText = 1000;
 
+// What is not known is worse than a warning and no reason to hide what is critical.
+constexpr Health kWorstFirst[] = {Health::critical, Health::unknown, Health::warning};
+
 // Fit for one line of a plugin's answer: the bar and the quote have a meaning there.
 std::string plain(std::string name) {
     for (char &c : name)
@@ -72,7 +75,7 @@ public:
         if (problems_.empty())
             text += std::to_string(channels_) + " channels, backlog " + std::to_string(backlog_);
         size_t told = 0;
-        for (const Health wanted : {Health::critical, Health::unknown, Health::warning})
+        for (const Health wanted : kWorstFirst)
             for (const Problem &problem : problems_)
                 if (problem.health == wanted && told < kMostProblems)
                     text += (told++ > 0 ? "; " : "") + problem.text;
@@ -132,9 +135,8 @@ private:
                one("problems", static_cast<int64_t>(problems_.size()), "");
     }
 
-    // What is not known is worse than a warning and no reason to hide what is critical.
     Health worst() const {
-        for (const Health health : {Health::critical, Health::unknown, Health::warning})
+        for (const Health health : kWorstFirst)
             for (const Problem &problem : problems_)
                 if (problem.health == health) return health;
         return Health::ok;

@@ -33,19 +33,7 @@ std::string xml_text(const std::string &text) {
     return out;
 }
 
-std::string json_text(const std::string &text) {
-    std::string out;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\')
-            out += std::string("\\") + c;
-        else if (byte < 0x20 || byte == 0x7f)
-            out += tools::text("\\u%04x", static_cast<unsigned>(byte));
-        else
-            out += c;
-    }
-    return out;
-}
+std::string json_text(const std::string &text) { return tools::json_escaped(text, false); }
 
 // How a channel's record begins: name, number and type, with these texts before, between, behind.
 struct Form {

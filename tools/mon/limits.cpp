@@ -1,12 +1,7 @@
 // halvo-mon: the file of check's limits.
-#include "tools/frame/files.h"
 #include "tools/frame/output.h"
-#include "tools/frame/text.h"
 #include "tools/frame/toml.h"
 #include "tools/mon/check.h"
-
-#include <cerrno>
-#include <cstring>
 
 namespace halvo::mon {
 
@@ -34,19 +29,14 @@ public:
 
 private:
     [[noreturn]] void fail(const toml::source_region &at, const std::string &reason) const {
-        throw ToolError(kUsage, tools::text("%s:%u: %s", path_.c_str(),
-                                            static_cast<unsigned>(at.begin.line), reason.c_str()));
+        throw ToolError(kUsage, tools::text_of(path_, {at.begin.line, reason}));
     }
 
     toml::table parsed() const {
-        const auto content = tools::read_file(path_);
-        if (!content) throw ToolError(kUsage, path_ + ": " + std::strerror(errno));
         try {
-            return toml::parse(*content, path_);
-        } catch (const toml::parse_error &error) {
-            fail(error.source(), std::string(error.description()));
-        } catch (const tools::NotToml &) {
-            throw ToolError(kUsage, path_ + ": it cannot be understood as TOML");
+            return tools::load_toml(path_);
+        } catch (const tools::TomlFault &fault) {
+            throw ToolError(kUsage, text_of(path_, fault));
         }
     }
 

@@ -19,6 +19,11 @@ namespace {
 
 constexpr int64_t kMegabyte = 1 << 20;
 
+void go_to_time(RecordSource &record, const std::string &words) {
+    const int64_t latest = record.time_of(record.size() - 1);
+    record.go_to(record.position_of(time_of_words(words, latest)));
+}
+
 void show_top(const Options &options, int output) {
     options.once();
     const auto show = [&](Source &source) {
@@ -27,9 +32,7 @@ void show_top(const Options &options, int output) {
     };
     if (!options.from.empty()) {
         RecordSource record(options.from);
-        if (!options.at.empty())
-            record.go_to(
-                record.position_of(time_of_words(options.at, record.time_of(record.size() - 1))));
+        if (!options.at.empty()) go_to_time(record, options.at);
         return show(record);
     }
     LiveSource source(options.segment.key_file);
@@ -73,8 +76,7 @@ void replay(const Options &options, int output) {
     RecordSource record(options.from);
     std::string out;
     if (!options.at.empty()) {
-        record.go_to(
-            record.position_of(time_of_words(options.at, record.time_of(record.size() - 1))));
+        go_to_time(record, options.at);
         out = table_of(record.take());
     } else if (!options.channel.empty()) {
         const std::string &name = options.channel;

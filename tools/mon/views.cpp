@@ -77,15 +77,6 @@ constexpr Document kDocuments[] = {
      escaped_json},
 };
 
-std::string clock_text() {
-    const time_t now = std::time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    char text[16];
-    std::strftime(text, sizeof text, "%H:%M:%S", &local);
-    return text;
-}
-
 void show_table(const Options &options, const Table &table, int output) {
     Monitor monitor(options.segment);
     monitor.note_start();
@@ -101,7 +92,7 @@ void show_table(const Options &options, const Table &table, int output) {
                 fault = error.what();
             }
         }
-        if (gone_since.empty()) gone_since = clock_text();
+        if (gone_since.empty()) gone_since = tools::local_time(std::time(nullptr), "%H:%M:%S");
         return fault + "\nSince " + gone_since + "; waiting for a segment.\n";
     };
     if (table.has_rates) monitor.measure(options.sample);

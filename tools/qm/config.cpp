@@ -4,7 +4,6 @@
 #include <map>
 
 #include "tools/frame/charset.h"
-#include "tools/frame/files.h"
 #include "tools/frame/text.h"
 #include "tools/frame/toml.h"
 
@@ -13,11 +12,6 @@ namespace halvo::qm {
 using namespace tools;
 
 namespace {
-
-std::string content_of(const std::string &path) {
-    if (auto content = read_file(path)) return *std::move(content);
-    throw Error(system_text("%s", path.c_str()));
-}
 
 uint32_t line_of(const toml::source_region &source) { return source.begin.line; }
 
@@ -41,15 +35,12 @@ public:
     }
 
 private:
-    [[noreturn]] void fail(uint32_t line, const std::string &reason) const {
-        const std::string message = text("%s:%u: %s", path_.c_str(), line, reason.c_str());
+    [[noreturn]] void fail(const TomlFault &fault) const {
+        const std::string message = text_of(path_, fault);
         throw Error(printable(message.c_str(), message.size()));
     }
-
-    // What concerns no line.
-    [[noreturn]] void fail_whole(const char *reason) const {
-        const std::string message = path_ + ": " + reason;
-        throw Error(printable(message.c_str(), message.size()));
+    [[noreturn]] void fail(uint32_t line, const std::string &reason) const {
+        fail(TomlFault{line, reason});
     }
 
     [[noreturn]] void fail(const Fault &fault) const {
@@ -63,11 +54,9 @@ private:
 
     toml::table parsed() const {
         try {
-            return toml::parse(content_of(path_), path_);
-        } catch (const toml::parse_error &error) {
-            fail(line_of(error.source()), std::string(error.description()));
-        } catch (const tools::NotToml &) {
-            fail_whole("it cannot be understood as TOML");
+            return load_toml(path_);
+        } catch (const TomlFault &fault) {
+            fail(fault);
         }
     }
 

@@ -56,7 +56,7 @@ void refuse_segment(const Keys &keys) {
 
 // The group is set afterwards, since the kernel takes the process's own.
 void give(ipc_perm &owner, const Access &access) {
-    if (access.group != static_cast<gid_t>(-1)) owner.gid = access.group;
+    if (access.group != kOwnGroup) owner.gid = access.group;
     owner.mode = static_cast<decltype(owner.mode)>(access.mode);
 }
 
@@ -71,7 +71,7 @@ void make_set(key_t key, int count, unsigned short value, const Access &access, 
     std::vector<unsigned short> values(static_cast<size_t>(count), value);
     if (semctl(id, 0, SETALL, values.data()) < 0)
         throw Error(system_text("cannot set %d semaphores", count));
-    if (access.group == static_cast<gid_t>(-1)) return;
+    if (access.group == kOwnGroup) return;
     semid_ds state{};
     if (semctl(id, 0, IPC_STAT, &state) == 0) {
         give(state.sem_perm, access);

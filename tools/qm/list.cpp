@@ -1,5 +1,6 @@
 // halvo-qm list: what stands in a segment.
 #include "core/segment/ring.h"
+#include "core/segment/rules.h"
 #include "tools/frame/text.h"
 #include "tools/qm/segment.h"
 #include "tools/qm/view.h"
@@ -10,10 +11,6 @@ using namespace tools;
 
 namespace {
 
-int64_t difference(const halvo_counter &in, const halvo_counter &out) {
-    return static_cast<int64_t>(in.count - out.count);
-}
-
 bool is_held(key_t lock_set, int number) { return semaphore_value(lock_set, number) == 0; }
 
 ChannelInfo info_of(const halvo_channel &q) {
@@ -22,7 +19,7 @@ ChannelInfo info_of(const halvo_channel &q) {
     info.type = printable(&q.qtype, 1).c_str()[0];
     info.slots = load(q.qcnt);
     info.slot_size = load(q.qbsz);
-    info.waiting = difference(q.fpcnt, q.fgcnt) + difference(q.pcnt, q.gcnt);
+    info.waiting = backlog(q.fpcnt, q.fgcnt) + backlog(q.pcnt, q.gcnt);
     info.writer = load(q.pidp);
     info.reader = load(q.pidg);
     info.writer_name = printable(q.pname, sizeof q.pname);

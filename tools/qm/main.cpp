@@ -1,7 +1,6 @@
 // halvo-qm: makes, lists, checks and removes a segment, for development and tests.
 #include <grp.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -16,6 +15,7 @@
 
 namespace {
 
+using halvo::tools::aligned;
 using halvo::tools::Command;
 using halvo::tools::for_locale;
 using halvo::tools::Program;
@@ -50,9 +50,9 @@ void complain(const std::string &message) {
     std::fprintf(stderr, "halvo-qm: %s\n", for_locale(message).c_str());
 }
 
-// A name, or a number for a group without one; -1 when none is asked for.
+// A name, or a number for a group without one.
 gid_t group_of(const std::string &word) {
-    if (word.empty()) return static_cast<gid_t>(-1);
+    if (word.empty()) return halvo::qm::kOwnGroup;
     if (const struct group *found = getgrnam(word.c_str())) return found->gr_gid;
     if (word.size() > 9 || word.find_first_not_of("0123456789") != std::string::npos)
         throw halvo::qm::Error("there is no group named " + word);
@@ -111,26 +111,13 @@ Row row_of(size_t number, const halvo::qm::ChannelInfo &channel) {
             channel.rate_limit > 0 ? text("%d", static_cast<int>(channel.rate_limit)) : "-"};
 }
 
-void print(const std::vector<Row> &table) {
-    std::vector<size_t> widths(table.front().size());
-    for (const Row &row : table)
-        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
-    for (const Row &row : table) {
-        std::string line;
-        for (size_t i = 0; i < row.size(); ++i) {
-            line += row[i];
-            if (i + 1 < row.size()) line.append(widths[i] - row[i].size() + 2, ' ');
-        }
-        std::puts(for_locale(line).c_str()); // widths are EUC-KR's, whose bytes are columns
-    }
-}
-
 int run_list(const Arguments &arguments) {
     std::vector<Row> table{{"NUMBER", "NAME", "TYPE", "SLOTS", "SLOT-SIZE", "WAITING", "WRITER",
                             "WRITER-NAME", "READER", "READER-NAME", "RATE-LIMIT"}};
     const std::vector<halvo::qm::ChannelInfo> channels = halvo::qm::list(arguments.key_file);
     for (size_t i = 0; i < channels.size(); ++i) table.push_back(row_of(i, channels[i]));
-    print(table);
+    // Widths are EUC-KR's, whose bytes are columns.
+    std::fputs(for_locale(aligned(table)).c_str(), stdout);
     if (std::fflush(stdout) == 0) return kDone;
     complain("cannot write the list");
     return kFailed;

@@ -57,16 +57,16 @@ Fault first_fault(const SegmentPlan &plan);
 std::string fault_of(const SegmentPlan &plan);
 
 // Who may use what create() makes.
+constexpr auto kOwnGroup = static_cast<gid_t>(-1); // the process's
 struct Access {
-    mode_t mode = 0660;                   // permission bits, at least 0600
-    gid_t group = static_cast<gid_t>(-1); // -1: the process's own
+    mode_t mode = 0660; // permission bits, at least 0600
+    gid_t group = kOwnGroup;
 };
 
 // Makes the key files that are missing, the post and request semaphores of 'M' channels, the two
-// lock sets and, last and complete, the segment. On failure
-// throws Error and leaves nothing behind that it made. What stands under the keys is refused with
-// Standing, unless replace is set: then it is removed first (processes that are attached to it
-// keep their old segment until they detach).
+// lock sets and, last and complete, the segment. On failure throws Error and leaves nothing behind that
+// it made. What stands under the keys is refused with Standing, unless replace is set: then it is removed
+// first (processes that are attached to it keep their old segment until they detach).
 void create(const SegmentPlan &plan, const std::string &key_file, bool replace,
             const Access &access = {});
 

@@ -38,6 +38,12 @@ const halvo_channel *SegmentView::channel(uint32_t number) const {
     return static_cast<const halvo_channel *>(at(offset));
 }
 
+uint32_t SegmentView::room_behind(const halvo_channel *q) const {
+    const char *end = static_cast<const char *>(at(0)) + size_;
+    return static_cast<uint32_t>(std::min<uint64_t>(
+        static_cast<uint64_t>(end - reinterpret_cast<const char *>(q)), UINT32_MAX));
+}
+
 void SegmentView::advise(uint32_t number, int advice) const {
     static const auto page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     if (!channel(number)) return;

@@ -24,8 +24,10 @@ public:
     }
     // Null when the segment is shorter than its header.
     const halvo_segment *header() const;
-    // Null when the number is beyond the table or the header not inside the segment, aligned.
+    // Null when the number is beyond the table, or the header not wholly inside the segment.
     const halvo_channel *channel(uint32_t number) const;
+    // Bytes from such a header on, as many as offsets can tell.
+    uint32_t room_behind(const halvo_channel *q) const;
     // For whoever reads all counters of all channels: has the pages of a channel's header mapped at
     // once, which is cheaper than one by one, and gives them back, or all of them would count as the
     // process's memory.

@@ -2,14 +2,15 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <set>
 
+#include "core/base/process.h"
 #include "halvo/frx.h"
 #include "halvo/queue.h"
 #include "tools/frame/program.h"
+#include "tools/frame/text.h"
 #include "tools/relay/rabbit/broker.h"
 #include "tools/relay/relay.h"
 #include "tools/relay/route/route.h"
@@ -107,8 +108,9 @@ void Checker::check_local(const RouteConfig &route) {
          std::to_string(frx_getCount(number)) + " waiting");
     const halvo_channel *q = q_chnnl2q(number);
     const int32_t pid = route.outgoing() ? q->pidg : q->pidp;
-    const std::string name(route.outgoing() ? q->gname : q->pname);
-    if (pid > 0 && (kill(pid, 0) == 0 || errno == EPERM) && name != "halvo-relay")
+    const auto &field = route.outgoing() ? q->gname : q->pname;
+    const std::string name = tools::printable(field, sizeof field);
+    if (is_alive(pid) && name != "halvo-relay")
         note("process " + std::to_string(pid) + " (" + name +
              ") was the last at that end, and lives");
 }
@@ -124,9 +126,7 @@ void Checker::check_state(const RouteConfig &route) {
     const std::string path = state_path(config_.state_directory, route);
     bool running = false;
     try {
-        if (read_figures(
-                path, identity_of(route, config_.key_file), running, [](const Figures &, void *) {},
-                nullptr))
+        if (read_figures(path, identity_of(route, config_.key_file), running))
             fine("state file " + path + (running ? ", in use by a relay" : ""));
     } catch (const StateError &error) {
         fault(error.what());

@@ -1,7 +1,5 @@
 #include "tools/relay/metrics.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 
 namespace halvo::relay {
@@ -74,18 +72,6 @@ std::string metrics_text(const std::vector<RouteFigures> &routes) {
                    std::string(",state=\"") + name_of(static_cast<Phase>(phase)) + "\"",
                    of.figures->phase == phase);
     return text;
-}
-
-bool replace_file(const std::string &path, const std::string &text) {
-    const std::string fresh = path + "." + std::to_string(getpid());
-    std::FILE *file = std::fopen(fresh.c_str(), "w");
-    bool written = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
-    if (file && std::fclose(file) != 0) written = false;
-    if (written && std::rename(fresh.c_str(), path.c_str()) == 0) return true;
-    const int fault = errno;
-    unlink(fresh.c_str());
-    errno = fault;
-    return false;
 }
 
 } // namespace halvo::relay

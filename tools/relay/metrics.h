@@ -18,9 +18,6 @@ struct RouteFigures {
 };
 std::string metrics_text(const std::vector<RouteFigures> &routes);
 
-// Writes a file whole or not at all. False: errno tells.
-bool replace_file(const std::string &path, const std::string &text);
-
 // Answers GET /metrics at "127.0.0.1:PORT" or "[::1]:PORT". Throws ConfigError for any other address,
 // and when it cannot listen there.
 class MetricsServer {

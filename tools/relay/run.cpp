@@ -10,6 +10,7 @@
 
 #include "halvo/frx.h"
 #include "tools/frame/attachment.h"
+#include "tools/frame/files.h"
 #include "tools/frame/program.h"
 #include "tools/relay/base/log.h"
 #include "tools/relay/metrics.h"
@@ -85,7 +86,7 @@ void Relay::tick() {
 
 void Relay::write_metrics() {
     if (config_.metrics.rfind("file:", 0) != 0) return;
-    const bool failed = !replace_file(config_.metrics.substr(5), metrics());
+    const bool failed = !tools::replace_file(config_.metrics.substr(5), metrics());
     if (failed && !told_metrics_fault_)
         log(Level::warning, "", "metrics", config_.metrics + ": " + std::strerror(errno));
     told_metrics_fault_ = failed;

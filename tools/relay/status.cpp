@@ -1,12 +1,12 @@
 // halvo-relay status: the figures of all routes, from their state files; no relay need run.
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <functional>
+#include <memory>
 #include <vector>
 
 #include "tools/frame/program.h"
+#include "tools/frame/text.h"
 #include "tools/relay/metrics.h"
 #include "tools/relay/relay.h"
 #include "tools/relay/route/route.h"
@@ -43,43 +43,6 @@ Row row_of(const RouteConfig &route, const Figures &f, bool running) {
             age_of(f.last)};
 }
 
-std::string table_text(const std::vector<Row> &rows) {
-    std::vector<size_t> widths(rows.front().size());
-    for (const Row &row : rows)
-        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
-    std::string text;
-    for (const Row &row : rows) {
-        for (size_t i = 0; i < row.size(); ++i) {
-            text += row[i];
-            if (i + 1 < row.size()) text.append(widths[i] - row[i].size() + 2, ' ');
-        }
-        text += "\n";
-    }
-    return text;
-}
-
-// Calls use(route, figures, running) for each route; figures are zeros without a state file.
-template <class Use>
-void each_route(const Config &config, Use use) {
-    for (const RouteConfig &route : config.routes) {
-        struct Call {
-            Use &use;
-            const RouteConfig &route;
-            bool running = false;
-        } call{use, route};
-        const bool found = read_figures(
-            state_path(config.state_directory, route), identity_of(route, config.key_file),
-            call.running,
-            [](const Figures &figures, void *context) {
-                auto &to = *static_cast<Call *>(context);
-                to.use(to.route, figures, to.running);
-            },
-            &call);
-        static const Figures none{};
-        if (!found) use(route, none, false);
-    }
-}
-
 } // namespace
 
 int show_status(const std::string &config_path, bool as_metrics) {
@@ -88,16 +51,20 @@ int show_status(const std::string &config_path, bool as_metrics) {
         std::vector<Row> rows{{"ROUTE", "FROM", "TO", "STATE", "MESSAGES", "RATE", "IN-FLIGHT",
                                "LAG", "REPEATS", "DEAD-LETTERS", "MISSING", "CONNECTION-LOST",
                                "LAST"}};
-        std::vector<std::unique_ptr<Figures>> copies;
+        std::vector<std::unique_ptr<Figures>> figures;
         std::vector<RouteFigures> all;
-        each_route(config, [&](const RouteConfig &route, const Figures &figures, bool running) {
-            rows.push_back(row_of(route, figures, running));
-            copies.push_back(std::make_unique<Figures>());
-            std::memcpy(static_cast<void *>(copies.back().get()), &figures, sizeof figures);
-            if (!running) copies.back()->phase = static_cast<uint32_t>(Phase::stopped);
-            all.push_back({&route, copies.back().get()});
-        });
-        tools::write_out(1, "standard output", as_metrics ? metrics_text(all) : table_text(rows));
+        for (const RouteConfig &route : config.routes) {
+            bool running = false;
+            auto found = read_figures(state_path(config.state_directory, route),
+                                      identity_of(route, config.key_file), running);
+            if (!found) found = std::make_unique<Figures>();
+            rows.push_back(row_of(route, *found, running));
+            if (!running) found->phase = static_cast<uint32_t>(Phase::stopped);
+            all.push_back({&route, found.get()});
+            figures.push_back(std::move(found));
+        }
+        tools::write_out(1, "standard output",
+                         as_metrics ? metrics_text(all) : tools::aligned(rows));
         return tools::kDone;
     } catch (const tools::ToolError &error) {
         std::fprintf(stderr, "halvo-relay: %s\n", error.what());

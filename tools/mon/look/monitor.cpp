@@ -10,9 +10,11 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/segment/keys.h"
 #include "core/segment/ring.h"
 #include "halvo/queue.h"
 #include "tools/frame/attachment.h"
+#include "tools/frame/clock.h"
 #include "tools/frame/output.h"
 #include "tools/mon/look/options_file.h"
 
@@ -24,15 +26,9 @@ using tools::ToolError;
 
 namespace {
 
-double monotonic_now() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
 Origin origin_of(const std::string &key_file) {
     Origin origin;
-    origin.id = shmget(ftok(key_file.c_str(), 1), 0, 0);
+    origin.id = shmget(ftok(key_file.c_str(), kSegmentProject), 0, 0);
     shmid_ds state{};
     if (origin.id >= 0 && shmctl(origin.id, IPC_STAT, &state) == 0)
         origin.made = static_cast<int32_t>(state.shm_ctime);
@@ -53,7 +49,7 @@ Image snapshot_of(const SegmentOptions &options, const Origin &origin) {
 Monitor::Monitor(const SegmentOptions &options)
     : options_(options), baseline_(HALVO_CHANNELS_MAX),
       printed_to_(memfd_create("printed", MFD_CLOEXEC)) {
-    if (printed_to_ < 0) throw ToolError(kFailed, std::string("memory: ") + std::strerror(errno));
+    if (!printed_to_) throw ToolError(kFailed, std::string("memory: ") + std::strerror(errno));
     if (const std::string fault = refresh(); !fault.empty()) throw ToolError(kUsage, fault);
     if (!options.snapshot_file.empty()) {
         snapshot_.push_back(snapshot_of(options, origin_));
@@ -65,7 +61,6 @@ Monitor::Monitor(const SegmentOptions &options)
 Monitor::~Monitor() {
     lastcheck = nullptr;
     snapshot = nullptr;
-    close(printed_to_);
 }
 
 std::string Monitor::refresh() {
@@ -87,7 +82,7 @@ std::string Monitor::refresh() {
 void Monitor::begin_rates() {
     baselines_.clear();
     document(q_statprint_json, 'a'); // every print moves the point from which the next one measures
-    baselines_.push_back({monotonic_now(), baseline_});
+    baselines_.push_back({tools::monotonic(), baseline_});
 }
 
 void Monitor::measure(double seconds) {
@@ -101,7 +96,7 @@ void Monitor::measure(double seconds) {
 
 // Rates are of the last seconds, however often the printers print.
 void Monitor::choose_baseline() {
-    const double now = monotonic_now();
+    const double now = tools::monotonic();
     while (baselines_.size() > 1 && now - baselines_[1].time >= rate_seconds_)
         baselines_.pop_front();
     if (!baselines_.empty()) baseline_ = baselines_.front().counts;
@@ -119,17 +114,17 @@ void Monitor::note_start() const {
 std::string Monitor::printed(const std::function<void()> &print) {
     choose_baseline();
     std::fflush(stdout);
-    const int before = dup(STDOUT_FILENO);
-    if (before < 0 || ftruncate(printed_to_, 0) != 0 || lseek(printed_to_, 0, SEEK_SET) != 0 ||
-        dup2(printed_to_, STDOUT_FILENO) < 0)
+    const Descriptor before(dup(STDOUT_FILENO));
+    const int file = printed_to_.get();
+    if (!before || ftruncate(file, 0) != 0 || lseek(file, 0, SEEK_SET) != 0 ||
+        dup2(file, STDOUT_FILENO) < 0)
         throw ToolError(kFailed, std::string("standard output: ") + std::strerror(errno));
     print();
     std::fflush(stdout);
-    baselines_.push_back({monotonic_now(), baseline_});
-    dup2(before, STDOUT_FILENO);
-    close(before);
-    std::string text(static_cast<size_t>(lseek(printed_to_, 0, SEEK_END)), '\0');
-    const ssize_t got = pread(printed_to_, text.data(), text.size(), 0);
+    baselines_.push_back({tools::monotonic(), baseline_});
+    dup2(before.get(), STDOUT_FILENO);
+    std::string text(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
+    const ssize_t got = pread(file, text.data(), text.size(), 0);
     text.resize(got > 0 ? static_cast<size_t>(got) : 0);
     return text;
 }

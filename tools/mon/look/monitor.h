@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "core/base/posix.h"
 #include "tools/mon/look/image.h"
 
 namespace halvo::mon {
@@ -48,7 +49,6 @@ private:
         double time;
         std::vector<halvo_counter> counts;
     };
-    void prepare();
     void choose_baseline();
     void begin_rates();
 
@@ -58,7 +58,7 @@ private:
     double rate_seconds_ = 0;
     std::vector<Image> snapshot_; // one or none
     Origin origin_;
-    int printed_to_; // a file in memory
+    Descriptor printed_to_; // a file in memory
 };
 
 } // namespace halvo::mon

@@ -1,18 +1,18 @@
 #include "tools/mon/look/sample.h"
 
-#include <signal.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <ctime>
 #include <map>
 
+#include "core/base/process.h"
+#include "core/segment/ring.h"
 #include "core/segment/rules.h"
-#include "core/segment/segment.h"
 #include "tools/frame/attachment.h"
 #include "tools/frame/charset.h"
+#include "tools/frame/clock.h"
 #include "tools/frame/text.h"
 #include "tools/qm/segment.h"
 
@@ -36,12 +36,6 @@ constexpr Words kWords[kTroubles] = {
 };
 
 constexpr int32_t kThrottledSeconds = 10; // a reader that waits tries more often
-
-double monotonic() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
 
 // The values of a lock set, one for each channel, and who changed one last.
 class Locks {
@@ -106,17 +100,10 @@ EndSample ring_end(const Locks &locks, int channel, const char (&name)[HALVO_NAM
     return end;
 }
 
-// Bytes from a channel's header on.
-uint32_t room_of(const qm::SegmentView &view, int number) {
-    const uint64_t room = view.size() - load(view.header()->qoffs[number]);
-    return static_cast<uint32_t>(std::min<uint64_t>(room, UINT32_MAX));
-}
-
 // As the library judges it: what it can use is not damaged.
-std::string damage_of(const qm::SegmentView &view, int number, const halvo_channel *q,
-                      const Ring &ring) {
+std::string damage_of(const qm::SegmentView &view, const halvo_channel *q, const Ring &ring) {
     if (!q) return "its header does not lie in the segment";
-    return lies_within(ring, room_of(view, number)) ? "" : "its ring does not lie in the segment";
+    return lies_within(ring, view.room_behind(q)) ? "" : "its ring does not lie in the segment";
 }
 
 void read_ring(ChannelSample &out, const halvo_channel &q, const Ring &ring, int32_t now) {
@@ -145,7 +132,7 @@ ChannelSample sample_of(Look &look, int number) {
     out.number = number;
     const halvo_channel *q = look.view.channel(static_cast<uint32_t>(number));
     const Ring ring = q ? ring_of(q) : Ring{};
-    out.damage = damage_of(look.view, number, q, ring);
+    out.damage = damage_of(look.view, q, ring);
     if (q) {
         out.raw_name.assign(q->qname, strnlen(q->qname, sizeof q->qname));
         out.name = shown_name(q->qname, sizeof q->qname);
@@ -181,8 +168,6 @@ int Sample::in_trouble() const {
         }));
 }
 
-bool is_alive(int32_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
-
 std::string shown_name(const char *field, size_t size) {
     return tools::to_utf8(tools::printable(field, size));
 }
@@ -212,7 +197,7 @@ void Sampler::find_segment(Sample &sample) {
 
 Sample Sampler::take() {
     Sample sample;
-    sample.taken = monotonic();
+    sample.taken = tools::monotonic();
     sample.time = std::time(nullptr);
     find_segment(sample);
     if (!view_) return sample;

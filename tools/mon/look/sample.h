@@ -103,9 +103,6 @@ private:
 // Name field up to its end, in UTF-8 and without control characters.
 std::string shown_name(const char *field, size_t size);
 
-// Whether there is a process of that id, also another user's.
-bool is_alive(int32_t pid);
-
 // What the types of a channel count; those that have counted nothing are left out.
 struct TypeCount {
     int type;

@@ -17,14 +17,7 @@ namespace {
 
 constexpr int kWidth = 132; // columns of the table of a time
 
-std::string date_text(int64_t time) {
-    const auto seconds = static_cast<time_t>(time);
-    tm local{};
-    localtime_r(&seconds, &local);
-    char out[32];
-    std::strftime(out, sizeof out, "%Y-%m-%d %H:%M:%S", &local);
-    return out;
-}
+std::string date_text(int64_t time) { return tools::local_time(time, "%Y-%m-%d %H:%M:%S"); }
 
 // In columns, of which a Korean syllable takes two, as it takes bytes in EUC-KR.
 std::string padded(const std::string &utf8, int width, bool right = false) {
@@ -113,8 +106,7 @@ std::string table_of(const Sample &sample) {
         std::string line;
         for (const Placed &place : places) {
             const Column &column = columns()[static_cast<size_t>(place.column)];
-            const bool right = column.numeric && place.column != kStateColumn;
-            line += padded(cell(column), place.width, right) + " ";
+            line += padded(cell(column), place.width, column.right) + " ";
         }
         out += trimmed(line);
     };

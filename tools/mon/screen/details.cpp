@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 #include <utility>
 
-#include "core/segment/segment.h"
+#include "core/base/process.h"
+#include "core/segment/ring.h"
 #include "tools/frame/charset.h"
 #include "tools/frame/text.h"
 #include "tools/mon/screen/top_rows.h"
@@ -23,12 +23,7 @@ unsigned long long number(uint64_t value) { return value; }
 
 std::string time_text(int32_t stamp, int64_t now) {
     if (stamp == 0) return "never";
-    const time_t seconds = stamp;
-    tm local{};
-    localtime_r(&seconds, &local);
-    char out[32];
-    std::strftime(out, sizeof out, "%Y-%m-%d %H:%M:%S", &local);
-    return std::string(out) + ", " + short_age(now - stamp) + " ago";
+    return tools::local_time(stamp, "%Y-%m-%d %H:%M:%S") + ", " + short_age(now - stamp) + " ago";
 }
 
 // The name that the kernel has for a process.
@@ -168,8 +163,7 @@ std::vector<std::string> details_of(const ChannelSample &channel, int64_t now,
     const halvo_channel *q = view ? view->channel(static_cast<uint32_t>(channel.number)) : nullptr;
     if (!q) return lines;
     add_types(lines, types_of(*view, channel.number));
-    const uint64_t room = view->size() - load(view->header()->qoffs[channel.number]);
-    add_messages(lines, channel, q, static_cast<uint32_t>(std::min<uint64_t>(room, UINT32_MAX)));
+    add_messages(lines, channel, q, view->room_behind(q));
     add_clients(lines, q, now);
     return lines;
 }

@@ -16,6 +16,8 @@ public:
 
 private:
     enum class Page { list, details, help };
+    // Title, totals, choice, heads of the columns; keys.
+    static constexpr int kTopRows = 4, kFootRows = 1;
 
     bool press(int key); // false to leave
     void press_in_list(int key);
@@ -24,9 +26,11 @@ private:
     void take();
     void arrange();
     void draw();
-    void draw_head();
-    void draw_titles();
-    void draw_rows();
+    void draw_title();
+    void draw_totals();
+    void draw_choice();
+    void draw_heads(const std::vector<Placed> &places);
+    void draw_row(int row, const std::vector<Placed> &places);
     void draw_lines(const std::vector<std::string> &lines);
     void draw_foot();
     int page_rows() const;

@@ -37,7 +37,7 @@ int64_t since(int32_t stamp, int64_t now) { return stamp == 0 ? INT64_MAX : now 
 
 std::vector<Column> all_columns() {
     return {
-        {"STATE", 9, 0, true,
+        {"STATE", 9, 0, false,
          [](const Channel &c, int64_t) {
              return std::string(c.trouble == Trouble::none ? "" : word_of(c.trouble));
          },

@@ -10,9 +10,9 @@ namespace halvo::mon {
 
 struct Column {
     const char *title;
-    int width;    // least; the name's grows
-    int rank;     // the lower the sooner it has a place on a narrow screen
-    bool numeric; // stands right; sorted from the greatest on
+    int width;  // least; the name's grows
+    int rank;   // the lower the sooner it has a place on a narrow screen
+    bool right; // its cells stand right
     std::string (*text)(const ChannelSample &, int64_t now);
     double (*value)(const ChannelSample &, int64_t now); // to sort by; null: by text
 };

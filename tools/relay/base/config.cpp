@@ -12,7 +12,6 @@
 #include <functional>
 #include <map>
 #include <set>
-#include <sstream>
 
 #include "tools/frame/toml.h"
 #include "tools/relay/base/state.h"
@@ -44,23 +43,17 @@ private:
     using Readers = std::map<std::string, std::function<void(const toml::node &)>>;
 
     [[noreturn]] void fail(uint32_t line, const std::string &reason) const {
-        throw ConfigError(path_ + ":" + std::to_string(line) + ": " + reason);
+        throw ConfigError(tools::text_of(path_, {line, reason}));
     }
     [[noreturn]] void fail(const toml::node &node, const std::string &reason) const {
         fail(node.source().begin.line, reason);
     }
 
     toml::table parsed() const {
-        std::ifstream file(path_, std::ios::binary);
-        std::stringstream content;
-        if (!file || !(content << file.rdbuf()))
-            throw ConfigError(path_ + ": " + (errno ? std::strerror(errno) : "nothing in it"));
         try {
-            return toml::parse(content.str(), path_);
-        } catch (const toml::parse_error &error) {
-            fail(error.source().begin.line, std::string(error.description()));
-        } catch (const tools::NotToml &) {
-            throw ConfigError(path_ + ": it cannot be understood as TOML");
+            return tools::load_toml(path_);
+        } catch (const tools::TomlFault &fault) {
+            throw ConfigError(text_of(path_, fault));
         }
     }
 
@@ -254,6 +247,30 @@ std::string from_environment(const char *name) {
     return value ? value : "";
 }
 
+// Without blanks and quotes around it.
+std::string trimmed(const std::string &part) {
+    const size_t begin = part.find_first_not_of(" \t\""), end = part.find_last_not_of(" \t\r\"");
+    return begin == std::string::npos ? "" : part.substr(begin, end - begin + 1);
+}
+
+Credentials credentials_in(const std::string &path) {
+    struct stat info {};
+    std::ifstream file(path); // opened first: what is looked at is what is read, but for a swap
+    if (!file || stat(path.c_str(), &info) != 0)
+        throw ConfigError(path + ": " + std::strerror(errno));
+    if (info.st_mode & 077) throw ConfigError(path + ": others may read it; chmod 0600 it");
+    Credentials found;
+    for (std::string line; std::getline(file, line);) {
+        const size_t equals = line.find('=');
+        if (equals == std::string::npos) continue;
+        const std::string key = trimmed(line.substr(0, equals));
+        if (key == "user") found.user = trimmed(line.substr(equals + 1));
+        if (key == "password") found.password = trimmed(line.substr(equals + 1));
+    }
+    if (found.user.empty()) throw ConfigError(path + ": it has no line \"user = ...\"");
+    return found;
+}
+
 } // namespace
 
 std::string text_of(const Endpoint &endpoint) {
@@ -272,35 +289,12 @@ std::vector<std::string> RouteConfig::queues() const {
 Config load_config(const std::string &path) { return Loader(path).load(); }
 
 Credentials load_credentials(const BrokerConfig &broker) {
-    if (broker.credentials.empty()) {
-        Credentials found{from_environment("HALVO_RELAY_USER"),
-                          from_environment("HALVO_RELAY_PASSWORD")};
-        if (found.user.empty())
-            throw ConfigError(
-                "no credentials: [broker] names no file, and HALVO_RELAY_USER is not set");
-        return found;
-    }
-    const std::string &path = broker.credentials;
-    struct stat info {};
-    std::ifstream file(path); // opened first: what is looked at is what is read, but for a swap
-    if (!file || stat(path.c_str(), &info) != 0)
-        throw ConfigError(path + ": " + std::strerror(errno));
-    if (info.st_mode & 077) throw ConfigError(path + ": others may read it; chmod 0600 it");
-    Credentials found;
-    for (std::string line; std::getline(file, line);) {
-        const size_t equals = line.find('=');
-        if (equals == std::string::npos) continue;
-        const auto trimmed = [](const std::string &part) {
-            const size_t begin = part.find_first_not_of(" \t\""),
-                         end = part.find_last_not_of(" \t\r\"");
-            return begin == std::string::npos ? "" : part.substr(begin, end - begin + 1);
-        };
-        const std::string key = trimmed(line.substr(0, equals)),
-                          value = trimmed(line.substr(equals + 1));
-        if (key == "user") found.user = value;
-        if (key == "password") found.password = value;
-    }
-    if (found.user.empty()) throw ConfigError(path + ": it has no line \"user = ...\"");
+    if (!broker.credentials.empty()) return credentials_in(broker.credentials);
+    Credentials found{from_environment("HALVO_RELAY_USER"),
+                      from_environment("HALVO_RELAY_PASSWORD")};
+    if (found.user.empty())
+        throw ConfigError(
+            "no credentials: [broker] names no file, and HALVO_RELAY_USER is not set");
     return found;
 }
 

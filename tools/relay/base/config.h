@@ -60,9 +60,8 @@ struct RouteConfig {
     int batch = 200;    // messages in flight at most
     int prefetch = 0;   // of a route in: messages that the broker sends ahead; 0 is twice the batch
     int rate_limit = 0; // messages per second; 0 is none
-    uint32_t most_bytes =
-        0;        // of a route out: a longer body goes to the dead letters; 0 is no limit
-    int type = 0; // of messages that have none: from a file queue, of a foreign sender
+    uint32_t most_bytes = 0; // of a route out: longer bodies are dead letters; 0 is no limit
+    int type = 0;            // of messages that have none: from a file queue, of a foreign sender
     int shards = 1;
     uint32_t key_offset = 0, key_length = 0; // bytes of the body that choose the shard; 0: the type
     bool wait_for_route = true;              // of a route out: on_unroutable = "wait"

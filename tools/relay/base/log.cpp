@@ -11,6 +11,7 @@
 
 #include "tools/frame/line_reader.h"
 #include "tools/frame/program.h"
+#include "tools/frame/text.h"
 
 namespace halvo::relay {
 
@@ -35,22 +36,10 @@ std::string time_text() {
     return text;
 }
 
-} // namespace
+// Its bytes may be of any charset.
+std::string quoted(const std::string &text) { return '"' + tools::json_escaped(text, true) + '"'; }
 
-std::string json_text(const std::string &text) {
-    std::string out = "\"";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        char code[8];
-        if (c == '"' || c == '\\')
-            out += {'\\', c};
-        else if (byte < 0x20 || byte >= 0x7f) // other bytes may be of any charset
-            out += (std::snprintf(code, sizeof code, "\\u%04x", byte), code);
-        else
-            out += c;
-    }
-    return out + "\"";
-}
+} // namespace
 
 void log_as_json(bool json) { json_lines = json; }
 
@@ -58,8 +47,8 @@ void log(Level level, const std::string &route, const char *event, const std::st
     std::string line;
     if (json_lines) {
         line = "{\"time\":\"" + time_text() + "\",\"level\":\"" + name_of(level) + "\"";
-        if (!route.empty()) line += ",\"route\":" + json_text(route);
-        line += std::string(",\"event\":\"") + event + "\",\"text\":" + json_text(text) + "}\n";
+        if (!route.empty()) line += ",\"route\":" + quoted(route);
+        line += std::string(",\"event\":\"") + event + "\",\"text\":" + quoted(text) + "}\n";
     } else {
         line = time_text() + " " + name_of(level) + " " + (route.empty() ? "" : route + " ") +
                event + ": " + text;

@@ -14,6 +14,4 @@ void log(Level level, const std::string &route, const char *event, const std::st
 // Takes the lines that the library prints on standard output into the log, to the process's end.
 void log_library_lines();
 
-std::string json_text(const std::string &text); // quoted and escaped
-
 } // namespace halvo::relay

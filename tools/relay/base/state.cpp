@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -110,48 +109,47 @@ uint64_t Sending::sum() const {
     return hash_of(shard, listed <= kMostBatch ? listed : 0, hash);
 }
 
-StateFile::StateFile(const std::string &path, const std::string &identity) : path_(path) {
-    const auto give_up = [&](const std::string &reason) {
-        if (descriptor_ >= 0) close(descriptor_);
-        throw StateError(reason);
-    };
-    descriptor_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (descriptor_ < 0) give_up(system_text(path));
-    struct flock lock {};
-    if (!lock_whole(descriptor_, F_OFD_SETLK, lock))
-        give_up(errno == EAGAIN || errno == EACCES ? path + ": another relay has it"
-                                                   : system_text(path));
-    struct stat info {};
-    if (fstat(descriptor_, &info) != 0) give_up(system_text(path));
-    if (info.st_size == 0) {
-        // A full disk shows now, not by a signal at a store.
-        const int full = posix_fallocate(descriptor_, 0, sizeof(StateContent));
-        if (full) {
-            if (ftruncate(descriptor_, 0) != 0) errno = full;
-            give_up(path + ": " + std::strerror(full));
-        }
-    } else if (info.st_size != sizeof(StateContent)) {
-        close(descriptor_);
-        damaged(path, "its size");
-    }
-    void *at =
-        mmap(nullptr, sizeof(StateContent), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_, 0);
-    if (at == MAP_FAILED) give_up(system_text(path));
-    content_ = static_cast<StateContent *>(at);
-    try {
-        if (is_empty(*content_)) begin(*content_, identity);
-        look_at_header(path, *content_, identity);
-        look_at_content(path, *content_);
-    } catch (const StateError &) {
-        munmap(content_, sizeof *content_);
-        close(descriptor_);
-        throw;
-    }
+void Unmap::operator()(StateContent *content) const { munmap(content, sizeof *content); }
+
+namespace {
+
+// A new file gets its size, so that a full disk shows now and not by a signal at a store.
+void reserve(const std::string &path, int descriptor) {
+    const int full = posix_fallocate(descriptor, 0, sizeof(StateContent));
+    if (full == 0) return;
+    if (ftruncate(descriptor, 0) != 0) throw StateError(system_text(path));
+    throw StateError(path + ": " + std::strerror(full));
 }
 
-StateFile::~StateFile() {
-    munmap(content_, sizeof *content_);
-    close(descriptor_);
+MappedState mapped(const std::string &path, const Descriptor &file, int protection) {
+    struct stat info {};
+    if (fstat(file.get(), &info) != 0) throw StateError(system_text(path));
+    if (info.st_size != sizeof(StateContent)) damaged(path, "its size");
+    void *at = mmap(nullptr, sizeof(StateContent), protection, MAP_SHARED, file.get(), 0);
+    if (at == MAP_FAILED) throw StateError(system_text(path));
+    return MappedState(static_cast<StateContent *>(at));
+}
+
+Descriptor locked_file(const std::string &path) {
+    Descriptor file = open_file(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+    if (!file) throw StateError(system_text(path));
+    struct flock lock {};
+    if (lock_whole(file.get(), F_OFD_SETLK, lock)) return file;
+    throw StateError(errno == EAGAIN || errno == EACCES ? path + ": another relay has it"
+                                                        : system_text(path));
+}
+
+} // namespace
+
+StateFile::StateFile(const std::string &path, const std::string &identity)
+    : file_(locked_file(path)) {
+    struct stat info {};
+    if (fstat(file_.get(), &info) != 0) throw StateError(system_text(path));
+    if (info.st_size == 0) reserve(path, file_.get());
+    content_ = mapped(path, file_, PROT_READ | PROT_WRITE);
+    if (is_empty(*content_)) begin(*content_, identity);
+    look_at_header(path, *content_, identity);
+    look_at_content(path, *content_);
 }
 
 const Sending &StateFile::sending() const { return content_->sendings[content_->current]; }
@@ -167,26 +165,18 @@ Arriving &StateFile::arriving() { return content_->arriving; }
 Windows StateFile::windows() { return Windows(content_->windows); }
 Figures &StateFile::figures() { return content_->figures; }
 
-bool read_figures(const std::string &path, const std::string &identity, bool &running,
-                  void (*use)(const Figures &, void *), void *context) {
-    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) {
-        if (errno == ENOENT) return false;
-        throw StateError(system_text(path));
-    }
-    running = is_locked(descriptor);
-    struct stat info {};
-    void *at = MAP_FAILED;
-    if (fstat(descriptor, &info) == 0 && info.st_size == sizeof(StateContent))
-        at = mmap(nullptr, sizeof(StateContent), PROT_READ, MAP_SHARED, descriptor, 0);
-    close(descriptor);
-    if (at == MAP_FAILED) damaged(path, "its size");
-    const auto *content = static_cast<const StateContent *>(at);
-    const std::unique_ptr<void, void (*)(void *)> unmap(
-        at, [](void *mapped) { munmap(mapped, sizeof(StateContent)); });
+std::unique_ptr<Figures> read_figures(const std::string &path, const std::string &identity,
+                                      bool &running) {
+    running = false;
+    const Descriptor file = open_file(path.c_str(), O_RDONLY);
+    if (!file && errno == ENOENT) return nullptr;
+    if (!file) throw StateError(system_text(path));
+    running = is_locked(file.get());
+    const MappedState content = mapped(path, file, PROT_READ);
     look_at_header(path, *content, identity);
-    use(content->figures, context);
-    return true;
+    auto figures = std::make_unique<Figures>();
+    std::memcpy(static_cast<void *>(figures.get()), &content->figures, sizeof *figures);
+    return figures;
 }
 
 } // namespace halvo::relay

@@ -14,6 +14,7 @@
 #include <memory>
 #include <string>
 
+#include "core/base/posix.h"
 #include "tools/relay/base/window.h"
 
 namespace halvo::relay {
@@ -64,9 +65,9 @@ const char *name_of(Phase phase);
 
 // What operators see of a route; counts go on from run to run.
 struct alignas(8) Figures {
-    std::atomic<uint64_t> messages;     // relayed
-    std::atomic<uint64_t> bytes;        // of their bodies
-    std::atomic<uint64_t> batches;      //
+    std::atomic<uint64_t> messages; // relayed
+    std::atomic<uint64_t> bytes;    // of their bodies
+    std::atomic<uint64_t> batches;
     std::atomic<uint64_t> repeats;      // in: known already, dropped; out: sent once more
     std::atomic<uint64_t> dead_letters; // put aside: a file queue, or the broker's queue
     std::atomic<uint64_t> returned;     // out: unroutable, each time it was tried
@@ -84,6 +85,10 @@ struct alignas(8) Figures {
 static_assert(std::atomic<uint64_t>::is_always_lock_free);
 
 struct StateContent;
+struct Unmap {
+    void operator()(StateContent *content) const;
+};
+using MappedState = std::unique_ptr<StateContent, Unmap>;
 
 // An open state file, which nobody else has. Throws StateError.
 class StateFile {
@@ -91,9 +96,6 @@ public:
     // identity: whose state it is, as text: direction and local end of the route. A new file gets
     // it; a file of another one, or a damaged one, is refused.
     StateFile(const std::string &path, const std::string &identity);
-    ~StateFile();
-    StateFile(const StateFile &) = delete;
-    StateFile &operator=(const StateFile &) = delete;
 
     const Sending &sending() const;
     void store(Sending &sending); // fills in the check
@@ -102,15 +104,14 @@ public:
     Figures &figures();
 
 private:
-    std::string path_;
-    int descriptor_ = -1;
-    StateContent *content_ = nullptr;
+    Descriptor file_; // has the lock
+    MappedState content_;
 };
 
-// Reads the figures of a state file beside the relay that has it. False without such a file.
+// A copy of the figures of a state file, beside the relay that has it; null without such a file.
 // running: whether a relay has it. Throws StateError for a damaged one.
-bool read_figures(const std::string &path, const std::string &identity, bool &running,
-                  void (*use)(const Figures &, void *), void *context);
+std::unique_ptr<Figures> read_figures(const std::string &path, const std::string &identity,
+                                      bool &running);
 
 class StateError : public std::runtime_error {
     using std::runtime_error::runtime_error;

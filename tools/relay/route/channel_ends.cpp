@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "core/segment/ring.h"
 #include "halvo/frx.h"
 #include "halvo/queue.h"
 #include "tools/frame/program.h"
@@ -23,11 +24,12 @@ void inherit(Arriving &arriving, int32_t last_holder) {
     arriving.heir.store(getpid(), std::memory_order_release);
 }
 
-// An open and recovered end.
+// An open and recovered end. Distances are those of the ring as it was then, whatever its header says
+// by now.
 class End {
 public:
     // arriving: of the route whose heir at this end the process becomes.
-    End(const std::string &channel, char side, Arriving *arriving = nullptr) {
+    End(const std::string &channel, char side, Arriving *arriving = nullptr) : channel_(channel) {
         const int number = frx_channelByName(channel.c_str());
         if (number < 0) throw EndError("the segment has no channel " + channel);
         q_ = q_chnnl2q(number);
@@ -41,33 +43,38 @@ public:
                            "'s end is held by process " + std::to_string(last_pid_));
         if (standing(side) != before) last_pid_ = 0;
         q_recover(number, side);
-        slots_ = q_->qcnt;
+        ring_ = ring_of(q_);
+        if (lies_within(ring_, UINT32_MAX)) return;
+        frx_closeChannel(&handle_);
+        throw EndError("channel " + channel + " is damaged");
     }
     ~End() { frx_closeChannel(&handle_); }
     End(const End &) = delete;
     End &operator=(const End &) = delete;
 
     FrxChannel *handle() { return &handle_; }
+    int number() const { return handle_.channel; }
     const halvo_channel *q() const { return q_; }
-    uint32_t slots() const { return slots_; }
+    uint32_t slots() const { return capacity(ring_); }
     // Of the process that had the end before; 0 when one came and went during the opening.
     int32_t last_pid() const { return last_pid_; }
 
-    uint32_t slot_of(uint32_t position) const { return (position - q_->qstart) / q_->qbsz; }
+    uint32_t slot_of(uint32_t position) const {
+        return (position_in(ring_, position) - ring_.start) / ring_.size;
+    }
     uint32_t slots_since(uint32_t slot, uint32_t position) const {
-        return (slot_of(position) + slots_ - slot % slots_) % slots_;
+        return (slot_of(position) + slots() - slot % slots()) % slots();
     }
     void describe(Place &place) const {
         place.incarnation = incarnation();
         place.pid = getpid();
     }
     uint64_t incarnation() const {
-        if (incarnation_ == 0) incarnation_ = incarnation_of_channel(q_, handle_.channel);
+        if (incarnation_ == 0) incarnation_ = incarnation_of_channel(q_, number());
         return incarnation_;
     }
     void fail(int code, const char *what) const {
-        throw EndError(std::string("channel ") + q_->qname + ": " + what + ": " +
-                       tools::result_text(code));
+        throw EndError("channel " + channel_ + ": " + what + ": " + tools::result_text(code));
     }
 
 private:
@@ -78,10 +85,11 @@ private:
         return {q_->rpos, q_->gcnt.count};
     }
 
+    const std::string channel_;
     FrxChannel handle_{};
     const halvo_channel *q_;
     int32_t last_pid_;
-    uint32_t slots_ = 0;
+    Ring ring_{};
     mutable uint64_t incarnation_ = 0;
 };
 
@@ -121,7 +129,7 @@ public:
         place.slot = end_.slot_of(end_.q()->rpos);
         place.counted = end_.q()->gcnt.count;
     }
-    int64_t waiting() override { return frx_getCount(end_.handle()->channel); }
+    int64_t waiting() override { return frx_getCount(end_.number()); }
     std::optional<uint32_t> consumed_since(const Sending &sending) override;
 
 private:
@@ -146,7 +154,7 @@ public:
 
     ~ChannelSink() override { ChannelSink::drop(); }
     uint32_t longest() const override {
-        return static_cast<uint32_t>(frx_sizeOfData(end_number()));
+        return static_cast<uint32_t>(frx_sizeOfData(end_.number()));
     }
     // Messages that another program has parked keep their slots, and a batch must not pass over them.
     uint32_t most() const override {
@@ -183,7 +191,6 @@ public:
     }
 
 private:
-    int end_number() const { return const_cast<End &>(end_).handle()->channel; }
     End end_;
     int default_type_;
 };

@@ -1,11 +1,11 @@
 // File queues as ends of a route.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
+#include "core/base/posix.h"
 #include "halvo/fq.h"
 #include "tools/relay/base/hash.h"
 #include "tools/relay/base/incarnation.h"
@@ -20,6 +20,11 @@ constexpr int kNoChannel = -1;
 constexpr size_t kHeaderBytes = 20, kLengthAt = 16;
 constexpr unsigned kFirstRoom = 65536, kMostRoom = 128U << 20; // bytes of an item
 constexpr int kPollMilliseconds = 10; // nothing wakes a reader of a file queue
+
+// Results of the file queue.
+constexpr int kTooLarge = -2; // the item, for the room
+constexpr int kNoFileLock =
+    -4; // here: a signal ended the wait for it, so that the relay is to stop
 
 // File order and offset of a position.
 void copy_position(char (&to)[24], const char *record) {
@@ -110,8 +115,8 @@ private:
     bool begin() {
         int got = 0;
         do got = fq_dequeue(kNoChannel, path_.c_str(), room_.data(), room_.size(), &trans_);
-        while (got == -2 && room_.grow());
-        if (got == -4) return false; // a signal: asked to stop
+        while (got == kTooLarge && room_.grow());
+        if (got == kNoFileLock) return false;
         if (got < 0) fail("read");
         locked_ = got > 0;
         return add(got);
@@ -119,7 +124,7 @@ private:
     int read_next() {
         int got = 0;
         do got = fq_dequeue_next(kNoChannel, path_.c_str(), &trans_, room_.data(), room_.size());
-        while (got == -2 && room_.grow());
+        while (got == kTooLarge && room_.grow());
         // What was read before a damaged item goes its way first.
         return got;
     }
@@ -158,7 +163,7 @@ public:
             index == 0 ? fq_enqueue(kNoChannel, path_.c_str(), message.body.data(), length, &trans_)
                        : fq_enqueue_next(kNoChannel, message.body.data(), length, &trans_);
         locked_ = result > 0;
-        if (result == -4) return false; // a signal: asked to stop
+        if (result == kNoFileLock) return false;
         if (result <= 0) fail("write");
         if (index == 0) fingerprint_ = hash_of(message.body.data(), message.body.size());
         return true;
@@ -184,13 +189,13 @@ private:
     [[noreturn]] void fail(const char *what) const {
         throw EndError("file queue " + path_ + ": " + what + " failed");
     }
-    std::string path_;
-    fqtrans trans_{};
-    bool locked_ = false;
     uint64_t incarnation() {
         if (incarnation_ == 0) incarnation_ = incarnation_of_file(path_ + ".tail");
         return incarnation_;
     }
+    std::string path_;
+    fqtrans trans_{};
+    bool locked_ = false;
     uint64_t fingerprint_ = 0;
     uint64_t incarnation_ = 0;
 };
@@ -201,17 +206,15 @@ std::optional<uint32_t> FileSink::committed_since(const Arriving &arriving) {
     const Place &place = arriving.place;
     if (place.incarnation != incarnation()) return std::nullopt;
     const std::string file = path_ + "." + std::string(place.position, 9);
-    const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0)
+    if (!open_file(file.c_str(), O_RDONLY))
         return errno == ENOENT ? std::optional(arriving.count.load()) : std::nullopt;
-    close(descriptor);
     fqtrans there{};
     path_.copy(there.path, sizeof there.path - 1);
     std::memcpy(there.curpos, place.position, 19);
     ItemRoom room;
     int got = 0;
     do got = fq_read_item(path_.c_str(), &there, room.data(), room.size());
-    while (got == -2 && room.grow());
+    while (got == kTooLarge && room.grow());
     const bool ours =
         got > 0 && hash_of(room.item(), static_cast<size_t>(there.itemlen)) == place.fingerprint;
     return ours ? arriving.count.load() : 0;
