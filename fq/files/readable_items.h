@@ -1,4 +1,4 @@
-// File queue: going over the readable items of a data file, as a reader would that meets no damage.
+// sms_fq: going over the readable items of a data file, as a reader would that meets no damage.
 #pragma once
 
 #include <cstdint>
