@@ -1,4 +1,4 @@
-// Queue core: attaching to the segment and to its semaphores, and detaching.
+// sms_shm: attaching to the segment and to its semaphores, and detaching.
 #include <sys/ipc.h>
 #include <sys/shm.h>
 

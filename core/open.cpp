@@ -1,4 +1,4 @@
-// Queue core: opening and closing a channel's ends. One process at a time holds an end; the lock sets
+// sms_shm: opening and closing a channel's ends. One process at a time holds an end; the lock sets
 // see to that, with undo, so that a dead holder's end is free again.
 #include <sys/sem.h>
 

@@ -1,5 +1,5 @@
-// Guarded interface: the lock of a channel end, which the one thread that uses an end takes and gives
-// back without a locked instruction.
+// sms_shmC: the lock of a channel end, which the one thread that uses an end takes and gives back
+// without a locked instruction.
 //
 // Such an instruction waits until all stores before it have left the processor, and those of a
 // message go to cache lines that the other side had last: that is longer than all else of a call. So

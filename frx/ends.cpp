@@ -1,4 +1,4 @@
-// Guarded interface: start of the library in a C program, and opening and closing of channel ends.
+// sms_shmC: start of the library in a C program, and opening and closing of channel ends.
 #include "frx/ends.h"
 
 #include <unistd.h>

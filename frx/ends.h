@@ -1,4 +1,4 @@
-// Guarded interface: the channel ends that this process has open through it.
+// sms_shmC: the channel ends that this process has open through the guarded interface.
 #pragma once
 
 #include <pthread.h>

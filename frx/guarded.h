@@ -1,4 +1,4 @@
-// Guarded interface: what every operation on an open end goes through: the handle, the owner, the lock.
+// sms_shmC: what every operation on an open end goes through: the handle, the owner, the lock.
 #pragma once
 
 #include "core/ring/end.h"

@@ -1,4 +1,4 @@
-// Guarded interface: messages without a copy, bodies alone, and many at a time.
+// sms_shmC: messages without a copy, bodies alone, and many at a time.
 #include "frx/waits.h"
 
 using namespace halvo;

@@ -1,5 +1,5 @@
-// Guarded interface: looking at a channel without changing it: slots, liveness, sizes, counts. No lock,
-// and no check that the handle opened the end; only its fields are used.
+// sms_shmC: looking at a channel without changing it: slots, liveness, sizes, counts. No lock, and
+// no check that the handle opened the end; only its fields are used.
 #include "core/ring/end.h"
 #include "core/ring/side.h"
 #include "frx/ends.h"

@@ -1,4 +1,4 @@
-// Guarded interface: commits, rollbacks, marked reads and buffers: one core call each, none waits.
+// sms_shmC: commits, rollbacks, marked reads and buffers: one core call each, none of them waits.
 #include "core/wait/blocking.h"
 #include "frx/guarded.h"
 

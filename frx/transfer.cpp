@@ -1,4 +1,4 @@
-// Guarded interface: the seven calls that wait and copy.
+// sms_shmC: the seven calls that wait and copy.
 #include <cstring>
 
 #include "core/ring/end.h"

@@ -1,5 +1,5 @@
-// Guarded interface: what the calls that wait have in common. The lock is held around each core call and
-// never during a wait, so that other threads of the end go on meanwhile.
+// sms_shmC: what the calls that wait have in common. The lock is held around each core call and never
+// during a wait, so that other threads of the end go on meanwhile.
 #pragma once
 
 #include "core/wait/blocking.h"

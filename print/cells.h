@@ -1,4 +1,4 @@
-// Status printers: pieces of the terminal tables, each printing some of the facts of facts.h to standard
+// smsqm_print: pieces of the terminal tables, each printing some of the facts of facts.h to standard
 // output.
 #pragma once
 

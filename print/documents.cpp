@@ -1,4 +1,4 @@
-// Status printers: the XML and the JSON document, from one table of fields.
+// smsqm_print: the XML and the JSON document, from one table of fields.
 #include "print/documents.h"
 
 #include <pthread.h>

@@ -1,4 +1,4 @@
-// Status printers: the status documents in a growing text, for callers without a buffer of their own.
+// smsqm_print: the status documents in a growing text, for callers without a buffer of their own.
 #pragma once
 
 #include "print/text.h"

@@ -1,4 +1,4 @@
-// Status printers: everything that is shown of one channel, computed once by the rules of figures.h and
+// smsqm_print: everything that is shown of one channel, computed once by the rules of figures.h and
 // rendered by all printers, the tables through cells.h.
 // No lock is taken and nothing is allocated; each visit moves the channel's rate baseline.
 #pragma once

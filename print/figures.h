@@ -1,4 +1,4 @@
-// Status printers: the rules by which single figures of a channel are read (facts.h collects them for a
+// smsqm_print: the rules by which single figures of a channel are read (facts.h collects them for a
 // row, cells.h prints them). Nothing but the header of the channel goes in, so that programs beside the
 // library can share them.
 #pragma once

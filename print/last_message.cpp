@@ -1,4 +1,4 @@
-// Status printers: the text of the message that left the gateway last.
+// smsqm_print: the text of the message that left the gateway last.
 #include <algorithm>
 #include <cctype>
 #include <cstdio>

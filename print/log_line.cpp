@@ -1,4 +1,4 @@
-// Status printers: one record of the whole segment for a log file.
+// smsqm_print: one record of the whole segment for a log file.
 #include <cstdio>
 #include <ctime>
 

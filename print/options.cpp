@@ -1,4 +1,4 @@
-// Status printers: the options file, which chooses, orders, indents and colours channels.
+// smsqm_print: the options file, which chooses, orders, indents and colours channels.
 #include <fcntl.h>
 #include <unistd.h>
 

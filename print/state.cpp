@@ -1,4 +1,4 @@
-// Status printers: the process-wide state of the printers and their clock.
+// smsqm_print: the process-wide state of the printers and their clock.
 #include "print/state.h"
 
 #include <sys/time.h>

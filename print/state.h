@@ -1,4 +1,4 @@
-// Status printers: what every print starts with, and the scratch buffers. An exported printer puts a
+// smsqm_print: what every print starts with, and the scratch buffers. An exported printer puts a
 // cancellation of its thread off (CancellationOff), as everything of stdio is a point for one.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Status printers: a text that grows while it is built. It does not throw: a text that found no memory
+// smsqm_print: a text that grows while it is built. It does not throw: a text that found no memory
 // stays as it is and says so.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Status printers: which channels a print visits, in which order, and where it ends.
+// smsqm_print: which channels a print visits, in which order, and where it ends.
 #pragma once
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// Queue core: copying message bodies and slots.
+// sms_shm: copying message bodies and slots.
 #pragma once
 
 #include <cstdint>

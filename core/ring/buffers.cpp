@@ -1,4 +1,4 @@
-// Queue core: the five parked messages per side. They lie in the segment, so that a parked or half
+// sms_shm: the five parked messages per side. They lie in the segment, so that a parked or half
 // processed message outlives the process that handles it. Buffer states: 0 empty, 1 holding.
 #include "core/base/output.h"
 #include "core/ring/read.h"

@@ -1,4 +1,4 @@
-// Queue core: the cached clock and the message counters. The clock lies in the segment, so that the
+// sms_shm: the cached clock and the message counters. The clock lies in the segment, so that the
 // hot paths make no system call; it is as fresh as the last q_settime() of any process.
 //
 // Counters are plain 64-bit additions: each has one writing process, and a reader in another

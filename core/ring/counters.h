@@ -1,4 +1,4 @@
-// Queue core: the cached clock and the message counters, for the operations that use them with every
+// sms_shm: the cached clock and the message counters, for the operations that use them with every
 // message.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Queue core: the tables of what this process expects of the channels.
+// sms_shm: the tables of what this process expects of the channels.
 #include "core/ring/end.h"
 
 namespace halvo {

@@ -1,4 +1,4 @@
-// Queue core: an end of a channel as its operations see it.
+// sms_shm: an end of a channel as its operations see it.
 //
 // What the channel's header says counts, at each operation. But its words lie in two cache lines to
 // which the reader stores at each message and the writer too, so that a load from them takes longer

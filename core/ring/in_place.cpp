@@ -1,4 +1,4 @@
-// Queue core: messages that are read and written where they lie, without a copy.
+// sms_shm: messages that are read and written where they lie, without a copy.
 #include "core/ring/read.h"
 #include "core/ring/write.h"
 #include "halvo/queue.h"

@@ -1,4 +1,4 @@
-// Queue core: the reader's side of a ring. Nothing here blocks, allocates or takes a lock.
+// sms_shm: the reader's side of a ring. Nothing here blocks, allocates or takes a lock.
 #include "core/ring/read.h"
 
 #include "core/base/output.h"

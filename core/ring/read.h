@@ -1,4 +1,4 @@
-// Queue core: what the read buffers and the bindings share with the ring's reader.
+// sms_shm: what the read buffers and the bindings share with the ring's reader.
 #pragma once
 
 #include "core/ring/end.h"

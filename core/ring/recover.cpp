@@ -1,4 +1,4 @@
-// Queue core: putting a channel's end right after its last holder died.
+// sms_shm: putting a channel's end right after its last holder died.
 //
 // A writer that dies between storing a slot's state and wpos, or a reader between state and rpos,
 // leaves its position one slot behind the states. The states are the truth: the occupied slots are

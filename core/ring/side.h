@@ -1,4 +1,4 @@
-// Queue core: the reader's and the writer's side of a channel, which mirror each other. What one
+// sms_shm: the reader's and the writer's side of a channel, which mirror each other. What one
 // side's code needs to know of its own and of the other side stands in one row.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Queue core: the read-rate limit of a channel.
+// sms_shm: the read-rate limit of a channel.
 #include "core/ring/throttle.h"
 
 #include "core/ring/counters.h"

@@ -1,4 +1,4 @@
-// Queue core: the one read-rate gate, for the ring and for the file queue.
+// sms_shm: the one read-rate gate, for the ring and for the file queue.
 #pragma once
 
 #include "core/segment/ring.h"

@@ -1,4 +1,4 @@
-// Queue core: the writer's side of a ring. Nothing here blocks, allocates or takes a lock.
+// sms_shm: the writer's side of a ring. Nothing here blocks, allocates or takes a lock.
 #include "core/ring/write.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Queue core: what the write buffers share with the ring's writer.
+// sms_shm: what the write buffers share with the ring's writer.
 #pragma once
 
 #include "core/ring/end.h"

@@ -1,4 +1,4 @@
-// Queue core: those who use the attached segment without a caller who could keep close_shm() away: the
+// sms_shm: those who use the attached segment without a caller who could keep close_shm() away: the
 // clock and the monitor. close_shm() unmaps when the last of them is done.
 #pragma once
 

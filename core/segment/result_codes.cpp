@@ -1,4 +1,4 @@
-// Queue core: the names of the result codes, for people.
+// sms_shm: the names of the result codes, for people.
 #include <cerrno>
 #include <cstdio>
 

@@ -1,4 +1,4 @@
-// Queue core: slots and positions of a channel's ring.
+// sms_shm: slots and positions of a channel's ring.
 //
 //   writer   0 -> 1 (write)    0 -> 5 (mark)    5 -> 1 (commit)    5 -> 0 (rollback)
 //   reader   1 -> 0 (read)     1 -> 3 (mark)    3 -> 0 (commit)    3 -> 1 (rollback)

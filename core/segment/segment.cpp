@@ -1,4 +1,4 @@
-// Queue core: the attached segment, and the small lookups that programs use.
+// sms_shm: the attached segment, and the small lookups that programs use.
 #include "core/segment/segment.h"
 
 #include <cstring>

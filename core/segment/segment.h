@@ -1,4 +1,4 @@
-// Queue core: the attached segment: where it lies in this process, how large it is, and the checked
+// sms_shm: the attached segment: where it lies in this process, how large it is, and the checked
 // lookups in it.
 #pragma once
 

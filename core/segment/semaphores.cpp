@@ -1,4 +1,4 @@
-// Queue core: the semaphores. Post and request semaphores are binary signals: a post sets the value
+// sms_shm: the semaphores. Post and request semaphores are binary signals: a post sets the value
 // to 1, a wait takes it to 0. The lock sets admit one process to each end of a channel and are
 // taken with undo, so that the kernel gives them back when their holder dies.
 #include "core/segment/semaphores.h"

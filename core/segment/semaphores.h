@@ -1,4 +1,4 @@
-// Queue core: the semaphores of the attached segment: their ids, and waking those who sleep on them.
+// sms_shm: the semaphores of the attached segment: their ids, and waking those who sleep on them.
 #pragma once
 
 namespace halvo {

@@ -1,4 +1,4 @@
-// Queue core: the lock that serialises attach, detach and the reset of the table of open ends.
+// sms_shm: the lock that serialises attach, detach and the reset of the table of open ends.
 #pragma once
 
 namespace halvo {

@@ -1,4 +1,4 @@
-// Queue core: an image of all headers and counters, without the messages, in memory or in a file.
+// sms_shm: an image of all headers and counters, without the messages, in memory or in a file.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// Queue core: the order between one side's finished operation and the other side's decision to sleep.
+// sms_shm: the order between one side's finished operation and the other side's decision to sleep.
 //
 //     this side:   store the slot's state    near_barrier()    look at who waits
 //     sleeper:     announce the wait         far_barrier()     look at the slot, then sleep

@@ -1,4 +1,4 @@
-// Queue core: the blocking loop.
+// sms_shm: the blocking loop.
 #include "core/wait/blocking.h"
 
 #include <pthread.h>

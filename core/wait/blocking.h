@@ -1,4 +1,4 @@
-// Queue core: the one place where a read or write waits, for C and Java callers alike.
+// sms_shm: the one place where a read or write waits, for C and Java callers alike.
 //
 //   attempt -> settled ----------------------------------------------> the caller maps the result
 //      |  empty / full

@@ -1,4 +1,4 @@
-// Signal service: its start, as a program asks for it.
+// sms_sig: the start of the signal service, as a program asks for it.
 #include <pthread.h>
 
 #include "core/base/output.h"

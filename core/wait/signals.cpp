@@ -1,4 +1,4 @@
-// Signal service: the signal that ends overdue waits. The handler is installed without restart, so that
+// sms_sig: the signal that ends overdue waits. The handler is installed without restart, so that
 // an interrupted semaphore wait returns; it leaves the signal's number with its thread.
 //
 // The number lies in the thread's own storage, which is there from its start: to set a value by the

@@ -1,4 +1,4 @@
-// Signal service: what the library itself asks of it.
+// sms_sig: what the library itself asks of the signal service.
 #pragma once
 
 namespace halvo {

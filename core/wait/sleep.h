@@ -1,5 +1,4 @@
-// Signal service: one sleep of a thread, which the first signal ends that comes after the wait has
-// begun.
+// sms_sig: one sleep of a thread, which the first signal ends that comes after the wait has begun.
 //
 //     look_and_hold()  a few looks at the slot; then signals are kept from the thread
 //     ...              the wait is announced, and the slot looked at a last time

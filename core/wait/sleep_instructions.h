@@ -1,4 +1,4 @@
-// Signal service: the instructions between which no signal may be lost.
+// sms_sig: the instructions between which no signal may be lost.
 //
 // A wait looks at its slot and then sleeps. A signal whose handler runs between the two would leave
 // the sleep unended, and no system call takes a semaphore and a signal mask together. So the

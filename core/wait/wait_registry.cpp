@@ -1,4 +1,4 @@
-// Signal service: the registry of waiting threads and the scan that signals the overdue ones.
+// sms_sig: the registry of waiting threads and the scan that signals the overdue ones.
 //
 // An entry is free while its thread is 0. The monitor frees an entry before it sends the signal,
 // so that a thread which has already left its wait is not signalled.

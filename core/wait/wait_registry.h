@@ -1,4 +1,4 @@
-// Signal service: the registry of waiting threads.
+// sms_sig: the registry of waiting threads.
 #pragma once
 
 namespace halvo {

@@ -1,4 +1,4 @@
-// Signal service: the waits in progress of this process, which the monitor visits after its scan.
+// sms_sig: the waits in progress of this process, which the monitor visits after its scan.
 //
 // The scan signals each overdue thread once, and a post wakes once. What was lost of either, in the
 // few instructions before a sleep or by a process that posts without our order of stores, is made

@@ -1,4 +1,4 @@
-// File queue: the items of a running write transaction, as they stand in the data file. The commit
+// sms_fq: the items of a running write transaction, as they stand in the data file. The commit
 // turns them readable from here, without reading them again.
 #pragma once
 

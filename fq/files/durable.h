@@ -1,4 +1,4 @@
-// File queue: forcing to the disk, for processes that asked for it; for all others nothing happens here.
+// sms_fq: forcing to the disk, for processes that asked for it; for all others nothing happens here.
 //
 // What must be there before what, so that an acknowledged transaction survives a loss of power:
 //

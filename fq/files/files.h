@@ -1,4 +1,4 @@
-// File queue: opening the files of a queue, and telling one file from another.
+// sms_fq: opening the files of a queue, and telling one file from another.
 //
 // `directory` is the open directory that a relative queue path counts from, AT_FDCWD for none.
 #pragma once

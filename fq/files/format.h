@@ -1,4 +1,4 @@
-// File queue: what the files of a queue look like, and the numbers and limits in them.
+// sms_fq: what the files of a queue look like, and the numbers and limits in them.
 //
 //   data file      item | item | ... | item with state E          no header, no padding
 //

@@ -1,4 +1,4 @@
-// File queue: the process's table of mutexes, one for each lock file in use.
+// sms_fq: the process's table of mutexes, one for each lock file in use.
 #pragma once
 
 #include "fq/files/files.h"

@@ -1,4 +1,4 @@
-// File queue: the record of a position log that counts. Whoever asks for a position asks here.
+// sms_fq: the record of a position log that counts. Whoever asks for a position asks here.
 #pragma once
 
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// File queue: the two locks of a side, held for a whole transaction: a mutex keeps the threads of this
+// sms_fq: the two locks of a side, held for a whole transaction: a mutex keeps the threads of this
 // process apart, lockf on the side's lock file the processes. A lockf lock belongs to the process
 // and goes with the first close of any descriptor of its file; so the file is closed only while
 // the mutex is still held.

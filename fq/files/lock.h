@@ -1,4 +1,4 @@
-// File queue: taking one side of a queue.
+// sms_fq: taking one side of a queue.
 #pragma once
 
 #include "halvo/fq.h"

@@ -1,4 +1,4 @@
-// File queue: from a queue path to directory, base name and the data files that are there.
+// sms_fq: from a queue path to directory, base name and the data files that are there.
 #include "fq/files/names.h"
 
 #include <algorithm>

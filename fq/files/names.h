@@ -1,4 +1,4 @@
-// File queue: the data files of a queue that are there.
+// sms_fq: the data files of a queue that are there.
 #pragma once
 
 #include "fq/files/format.h"

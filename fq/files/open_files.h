@@ -1,4 +1,4 @@
-// File queue: the files of a side of a queue stay open from one transaction to the next.
+// sms_fq: the files of a side of a queue stay open from one transaction to the next.
 //
 // A transaction has its open side to itself and gives it back at its end; another one on the same
 // side, of another thread, opens its own meanwhile. Only open files are kept, no content: other

@@ -1,4 +1,4 @@
-// File queue: the position logs. The last whole record of a log is the position of its side; each
+// sms_fq: the position logs. The last whole record of a log is the position of its side; each
 // commit appends one, and a log that has grown past its limit is begun again.
 #include "fq/files/position.h"
 

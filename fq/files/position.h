@@ -1,4 +1,4 @@
-// File queue: reading and saving the position of a side.
+// sms_fq: reading and saving the position of a side.
 #pragma once
 
 #include "fq/files/last_record.h"

@@ -1,4 +1,4 @@
-// File queue: a piece of a data file, read ahead within a read transaction.
+// sms_fq: a piece of a data file, read ahead within a read transaction.
 //
 // Only a readable item that stands whole in the piece is taken from it: such an item does not change
 // any more. For everything else one looks at the file again.

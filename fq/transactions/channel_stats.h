@@ -1,4 +1,4 @@
-// File queue: the file-queue fields of the optional channel of an operation. Everything that the file
+// sms_fq: the file-queue fields of the optional channel of an operation. Everything that the file
 // queue stores in a channel header, it stores here.
 #pragma once
 

@@ -1,4 +1,4 @@
-// File queue: the read transactions.
+// sms_fq: the read transactions.
 //
 //   fq_dequeue --> fq_dequeue_next ... --> fq_dequeue_commit | fq_dequeue_rollback
 //   side locked, items read                position saved    | the same items are read again

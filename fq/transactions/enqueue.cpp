@@ -1,4 +1,4 @@
-// File queue: the write transactions.
+// sms_fq: the write transactions.
 //
 //   fq_enqueue --> fq_enqueue_next ... --> fq_enqueue_commit | fq_enqueue_rollback
 //   side locked, items written as 'W'      items 'F', position saved | nothing

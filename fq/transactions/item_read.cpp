@@ -1,4 +1,4 @@
-// File queue: reading the item at a position, and going on where a file ends or an item is damaged.
+// sms_fq: reading the item at a position, and going on where a file ends or an item is damaged.
 #include <fcntl.h>
 #include <sys/stat.h>
 

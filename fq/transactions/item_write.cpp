@@ -1,4 +1,4 @@
-// File queue: writing items and making them readable. Three writers share one base and differ in the
+// sms_fq: writing items and making them readable. Three writers share one base and differ in the
 // item's state, in the place and in when they end a file.
 #include "fq/transactions/item_write.h"
 

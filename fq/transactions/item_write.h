@@ -1,4 +1,4 @@
-// File queue: the end item, for whoever ends a data file.
+// sms_fq: the end item, for whoever ends a data file.
 #pragma once
 
 #include <sys/types.h>

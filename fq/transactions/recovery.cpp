@@ -1,4 +1,4 @@
-// File queue: a transaction becomes readable first and its position is saved then. A writer that dies
+// sms_fq: a transaction becomes readable first and its position is saved then. A writer that dies
 // in between has put its items into the queue, though nobody was told; they may have been read
 // already. One that dies earlier leaves items that must never become readable. So the next writer
 //

@@ -1,4 +1,4 @@
-// File queue: what a writer that died has left behind its saved position.
+// sms_fq: what a writer that died has left behind its saved position.
 #pragma once
 
 #include "halvo/fq.h"

@@ -1,4 +1,4 @@
-// Status printers: the banner above every table.
+// smsqm_print: the banner above every table.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

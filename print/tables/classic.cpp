@@ -1,4 +1,4 @@
-// Status printers: the fixed table of all channels.
+// smsqm_print: the fixed table of all channels.
 #include <cstdio>
 #include <ctime>
 

@@ -1,4 +1,4 @@
-// Status printers: the processes at each channel.
+// smsqm_print: the processes at each channel.
 #include <cstdio>
 #include <iterator>
 

@@ -1,4 +1,4 @@
-// Status printers: the coloured table of the chosen channels, printed cell by cell.
+// smsqm_print: the coloured table of the chosen channels, printed cell by cell.
 #include <sys/resource.h>
 
 #include <cstdio>

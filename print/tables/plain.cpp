@@ -1,4 +1,4 @@
-// Status printers: the table of the chosen channels.
+// smsqm_print: the table of the chosen channels.
 #include <cstdio>
 
 #include "print/cells.h"

@@ -1,4 +1,4 @@
-// Status printers: rates and per-type counts of all channels.
+// smsqm_print: rates and per-type counts of all channels.
 #include <bitset>
 #include <cstdio>
 #include <cstring>
