@@ -84,7 +84,7 @@ protected:
         figure(what + "torn", "0", all.torn);
         figure(what + "lost or misplaced", "0", all.lost);
         figure(what + "rings stuck", "0", all.stuck);
-        figure(what + "doubled by one kill", "at most 1", all.most_doubled);
+        figure(what + "doubled by one kill", side == 'w' ? "0" : "at most 1", all.most_doubled);
         EXPECT_GT(all.kills, 100);
         EXPECT_TRUE(all.none());
     }
