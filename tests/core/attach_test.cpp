@@ -1,21 +1,12 @@
-#include <gtest/gtest.h>
-
 #include <sys/syscall.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <functional>
 #include <thread>
-#include <utility>
 
-#include "halvo/queue.h"
 #include "tests/support/capture.h"
 #include "tests/support/peer.h"
 #include "tests/support/ring.h"
-#include "tools/qm/segment.h"
 
 using namespace halvo::test;
 

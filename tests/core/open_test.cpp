@@ -1,5 +1,3 @@
-#include <csignal>
-
 #include "tests/support/frx_fixture.h"
 #include "tests/support/ipc.h"
 

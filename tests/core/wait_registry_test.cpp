@@ -1,10 +1,7 @@
-#include <gtest/gtest.h>
 #include <malloc.h>
 
 #include <atomic>
-#include <csignal>
 #include <thread>
-#include <vector>
 
 #include "halvo/queue.h"
 #include "tests/support/capture.h"

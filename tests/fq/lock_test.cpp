@@ -1,6 +1,5 @@
 // The two locks of a side: between threads, between processes, and not between the sides.
 #include <atomic>
-#include <cstdlib>
 #include <thread>
 
 #include "tests/fq/queue_fixture.h"

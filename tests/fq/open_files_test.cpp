@@ -1,6 +1,4 @@
 // Open files are kept from one transaction to the next: nobody may notice.
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 
 #include "tests/fq/queue_fixture.h"

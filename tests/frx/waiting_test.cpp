@@ -1,8 +1,4 @@
 // Waits: how they end, and what they leave behind.
-#include <fcntl.h>
-
-#include <csignal>
-#include <functional>
 #include <thread>
 
 #include "tests/proof/single_step.h"

@@ -2,7 +2,6 @@
 // system call, and with each call refused or cut short. Afterwards another writer and reader go
 // on, and what was in the queue comes out: each acknowledged transaction once, whole and in order,
 // the one that was under way either whole or not at all.
-#include <gtest/gtest.h>
 #include <sys/ipc.h>
 
 #include <map>

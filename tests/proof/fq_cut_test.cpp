@@ -1,11 +1,8 @@
 // Files of a queue that end too early, as a power failure or an interrupted copy leaves them: cut at
 // every byte of their last three items or records. And more lock files than a process can hold.
-#include <sstream>
-
 #include "tests/fq/queue_fixture.h"
 #include "tests/proof/form.h"
 #include "tests/proof/stalls.h"
-#include "tests/support/peer.h"
 
 using namespace halvo::test;
 

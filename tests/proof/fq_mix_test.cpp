@@ -5,8 +5,6 @@
 
 #include "tests/fq/queue_fixture.h"
 #include "tests/proof/form.h"
-#include "tests/support/machine.h"
-#include "tests/support/peer.h"
 
 using namespace halvo::test;
 

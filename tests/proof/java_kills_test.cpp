@@ -1,15 +1,10 @@
 // Java programs that are killed and started again at any moment, and what they leave: a gateway
 // between two C programs, and VMs of different widths and versions at the ends of one channel.
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <memory>
 
 #include "tests/jni/vm.h"
 #include "tests/proof/form.h"
-#include "tests/support/files.h"
 #include "tests/support/frx_fixture.h"
-#include "tests/support/machine.h"
 
 using namespace halvo::test;
 

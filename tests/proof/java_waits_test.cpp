@@ -1,9 +1,5 @@
 // Round trips and short waits inside a VM, also while it records its own flight. The VM names the
 // calls that took too long; which of them the machine held up is judged here.
-#include <gtest/gtest.h>
-
-#include <sstream>
-
 #include "tests/jni/vm.h"
 #include "tests/proof/form.h"
 #include "tests/proof/stalls.h"

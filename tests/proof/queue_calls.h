@@ -3,7 +3,6 @@
 // itself, so that the library's come here first. Nothing is ever really forced to the disk.
 #pragma once
 
-#include <csignal>
 #include <functional>
 #include <random>
 #include <string>

@@ -1,9 +1,5 @@
 // Semaphores and the segment are removed under those who wait, more threads wait than the registry
 // holds, an end is closed twice: each call ends with the documented result, in time.
-#include <sys/resource.h>
-
-#include <thread>
-
 #include "tests/proof/form.h"
 #include "tests/proof/stalls.h"
 #include "tests/support/frx_fixture.h"

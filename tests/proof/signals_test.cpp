@@ -3,7 +3,6 @@
 // limit.
 #include <sys/syscall.h>
 #include <sys/user.h>
-#include <time.h>
 
 #include <functional>
 

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdint>
 #include <thread>
 #include <vector>
 

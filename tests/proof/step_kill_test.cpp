@@ -1,7 +1,5 @@
 // A process is killed after the first, the second, the third ... machine instruction of every ring
 // operation. Whoever comes after it finds every message whole, none lost, and a ring that works.
-#include <gtest/gtest.h>
-
 #include "tests/proof/form.h"
 #include "tests/proof/moments.h"
 #include "tests/proof/survivor.h"

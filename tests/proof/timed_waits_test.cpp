@@ -1,7 +1,6 @@
 // Threads wait for messages with deadlines of 0 to 3 ms while a monitor scans in a tight loop and a
 // message comes now and then, often at the very moment at which the time is up.
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <linux/membarrier.h>
 #include <sys/syscall.h>
 

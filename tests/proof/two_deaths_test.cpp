@@ -1,7 +1,5 @@
 // The holders of both ends die, each at any moment of an operation; their successors recover one
 // after the other or at the same time.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 
 #include "tests/proof/form.h"

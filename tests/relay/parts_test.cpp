@@ -3,10 +3,8 @@
 #include <sys/time.h>
 
 #include <functional>
-#include <map>
 #include <random>
 #include <set>
-#include <utility>
 
 #include "halvo/fq.h"
 #include "tests/support/files.h"

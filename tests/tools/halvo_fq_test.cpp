@@ -1,8 +1,4 @@
 // halvo-fq, as an operator runs it.
-#include <csignal>
-
-#include <sys/resource.h>
-
 #include "tests/fq/queue_fixture.h"
 #include "tests/support/program.h"
 

@@ -1,6 +1,5 @@
 // halvo-mon --watch: how it ends, what it leaves on a terminal, and that it shows the segment that
 // stands there now.
-#include <fcntl.h>
 #include <sys/ioctl.h>
 
 #include <cstdlib>

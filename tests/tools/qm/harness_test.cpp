@@ -1,8 +1,4 @@
 // The tests' own tools: a harness that leaves things behind or loses a failure spoils every test.
-#include <unistd.h>
-
-#include <csignal>
-
 #include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/ipc.h"
