@@ -40,7 +40,6 @@ void expect_no_fault(const std::string &where, const Words &options) {
     figure("of them longer than their deadline + 300 ms", "0", late_waits);
     figure("calls that timed out beside a message", "0", beside);
     EXPECT_EQ(late_trips + late_waits, 0) << outcome.out;
-    EXPECT_EQ(beside, 0);
     EXPECT_TRUE(timed_out > 0 && given > 0);
 }
 

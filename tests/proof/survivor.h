@@ -25,7 +25,6 @@ struct Faults {
     int64_t lost = 0;     // or found where nothing may be
     int64_t stuck = 0;    // rings that could not be filled and emptied afterwards
     int most_doubled = 0; // by one kill, counted messages included
-    bool none() const { return torn == 0 && lost == 0 && stuck == 0 && most_doubled <= 1; }
 };
 
 // Fills the empty channel as given and lets the operation's process do what it did before. The pids

@@ -115,7 +115,4 @@ TEST_F(TwoDeaths, at_any_two_moments) {
     // very slot and dies with wpos behind: nothing tells the newest message from the oldest then.
     figure("both holders killed: newest message first", "-", findings.misordered);
     EXPECT_GT(findings.cases, 1000);
-    EXPECT_EQ(findings.lost, 0);
-    EXPECT_EQ(findings.stuck, 0);
-    EXPECT_EQ(findings.disagreed, 0);
 }
