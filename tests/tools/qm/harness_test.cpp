@@ -40,7 +40,6 @@ TEST(Harness, a_peer_does_not_lose_a_failed_expectation) {
     const auto expects = [] {
         close(STDOUT_FILENO);
         EXPECT_EQ(1, 2);
-        return 0;
     };
     EXPECT_EQ(Peer(expects).wait(), Peer::kFailed);
 }
