@@ -1,21 +1,12 @@
-#include <gtest/gtest.h>
-
 #include <sys/syscall.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <functional>
 #include <thread>
-#include <utility>
 
-#include "halvo/queue.h"
 #include "tests/support/capture.h"
 #include "tests/support/peer.h"
 #include "tests/support/ring.h"
-#include "tools/qm/segment.h"
 
 using namespace halvo::test;
 
@@ -46,10 +37,9 @@ TEST(Attach, of_a_second_thread_waits_for_the_first_however_long_that_takes) {
     const Segment s = two_channels();
     const Signal attaches;
     before_semaphores = [&] { attaches.send(), usleep(1500000); };
-    std::thread first([&] { EXPECT_EQ(init_shm(s.key_file().c_str()), ESMS_OK); });
+    std::jthread first([&] { EXPECT_EQ(init_shm(s.key_file().c_str()), ESMS_OK); });
     ASSERT_TRUE(attaches.wait());
     EXPECT_EQ(init_shm(s.key_file().c_str()), ESMS_ALREADY);
-    first.join();
 }
 
 TEST(Attach, a_process_attaches_once_for_its_lifetime) {
@@ -95,24 +85,16 @@ TEST(Attach, an_over_long_key_file_path_fails_like_a_missing_file) {
 }
 
 #ifndef __SANITIZE_THREAD__ // which refuses a fork in a handler
-namespace {
-
-volatile sig_atomic_t forks = 0;
-volatile sig_atomic_t is_child = 0;
-
-void fork_here(int) {
-    if (is_child) return;
-    if (fork() == 0) is_child = 1;
-    forks = forks + 1;
-}
-
-} // namespace
-
 // A handler may fork while the clock is being set; the child comes back into the middle of that.
 TEST(Attach, a_child_that_was_forked_while_the_clock_was_set_detaches) {
     const Segment s = two_channels();
     s.attach();
-    signal(SIGALRM, fork_here);
+    static volatile sig_atomic_t forks = 0, is_child = 0;
+    signal(SIGALRM, [](int) {
+        if (is_child) return;
+        if (fork() == 0) is_child = 1;
+        forks = forks + 1;
+    });
     const itimerval soon{{0, 5000}, {0, 5000}}, never{};
     setitimer(ITIMER_REAL, &soon, nullptr);
     while (forks < 60) {

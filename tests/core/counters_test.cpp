@@ -1,11 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <cstdio>
 #include <filesystem>
-#include <vector>
 
 #include "tests/support/ring.h"
-#include "tools/fixture/segment_builder.h"
 
 using namespace halvo::test;
 

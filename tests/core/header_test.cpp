@@ -52,14 +52,13 @@ TEST_F(Header, a_position_of_zero_is_none_before_the_first_step_and_after_it) {
     }
 }
 
-TEST_F(Header, every_operation_sets_a_heartbeat_that_another_process_has_cleared) {
+TEST_F(Header, every_operation_but_a_look_sets_a_heartbeat_that_another_process_has_cleared) {
     make_each_call([this](const RingCall &call, auto run) {
-        if (call.is_silent()) return;
         int32_t &heartbeat = call.side == 'w' ? q->wtime : q->rtime;
         run();
         heartbeat = 7;
         run();
-        EXPECT_EQ(heartbeat, static_cast<int32_t>(q_gettime()));
+        EXPECT_EQ(heartbeat, call.is_silent() ? 7 : static_cast<int32_t>(q_gettime()));
     });
 }
 

@@ -46,7 +46,7 @@ TEST(OddSizes, channels_of_any_slot_size_at_any_address_are_found_and_used) {
     for (const auto &[size, shift] : rows) {
         const Segment s =
             SegmentBuilder().channel("MT01", 'M', 3, size).channel("MT02", 'M', 3, 64).build();
-        Peer user([&, size = size, shift = shift] {
+        const auto life = [&, size = size, shift = shift] {
             SCOPED_TRACE(size);
             s.attach();
             halvo_segment *segment = q_0();
@@ -60,8 +60,7 @@ TEST(OddSizes, channels_of_any_slot_size_at_any_address_are_found_and_used) {
             EXPECT_EQ(q, q_chnnl2q(0));
             use(q);
             EXPECT_EQ(q_recover(0, 'w'), 0);
-            return 0;
-        });
-        EXPECT_EQ(user.wait(), 0);
+        };
+        EXPECT_EQ(Peer(life).wait(), 0);
     }
 }

@@ -1,13 +1,12 @@
-#include <csignal>
-
 #include "tests/support/frx_fixture.h"
 #include "tests/support/ipc.h"
 
 using namespace halvo::test;
 
-TEST(Open, refuses_with_a_line_and_null) {
+TEST(Open, and_close_have_an_answer_for_every_mistake) {
     EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_open(0, 'r'), nullptr); }),
               "shared queue is not attached !!!!!!!!!!!!!!!!!\n");
+    EXPECT_EQ(q_close(0, 'r'), ESMS_NOINIT);
     const Segment s = two_channels();
     s.attach();
     EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_open(2, 'r'), nullptr); }),
@@ -15,6 +14,10 @@ TEST(Open, refuses_with_a_line_and_null) {
     EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_open(-1, 'w'), nullptr); }),
               "Ivalid Channel -1 valid range(0,1) \n");
     EXPECT_EQ(captured_stdout([] { EXPECT_EQ(q_open(0, 'z'), nullptr); }), "");
+    EXPECT_EQ(q_close(-1, 'r'), ESMS_INVAL);
+    EXPECT_EQ(q_close(2, 'z'), ESMS_INVAL) << "the channel is looked at first";
+    EXPECT_EQ(q_close(0, 'z'), ESMS_FAILED);
+    EXPECT_EQ(q_close(0, 'x'), ESMS_OK);
 }
 
 TEST(Open, of_a_free_end_is_ended_by_no_signal) {
@@ -39,16 +42,6 @@ TEST(Open, records_the_owner_and_an_observer_records_nothing) {
     int status = -1;
     wait(&status);
     EXPECT_EQ(status, 0) << "a child is a process of its own";
-}
-
-TEST(Open, close_has_a_code_for_every_mistake) {
-    EXPECT_EQ(q_close(0, 'r'), ESMS_NOINIT);
-    const Segment s = two_channels();
-    s.attach();
-    EXPECT_EQ(q_close(-1, 'r'), ESMS_INVAL);
-    EXPECT_EQ(q_close(2, 'z'), ESMS_INVAL) << "the channel is looked at first";
-    EXPECT_EQ(q_close(0, 'z'), ESMS_FAILED);
-    EXPECT_EQ(q_close(0, 'x'), ESMS_OK);
 }
 
 TEST(Open, one_process_at_a_time_holds_an_end_and_a_killed_one_gives_it_back) {

@@ -78,7 +78,7 @@ TEST_F(Read, commits_release_marked_slots_from_the_front) {
     EXPECT_EQ(+q->gcnt.count, 8u);
 }
 
-TEST_F(Read, commits_add_the_error_flag_per_message) {
+TEST_F(Read, commits_count_errors_by_the_flag_alone) {
     fill(4);
     q_read_mark(q, 0);
     q_read_commit(q, 2, 3);
@@ -88,16 +88,10 @@ TEST_F(Read, commits_add_the_error_flag_per_message) {
     q_read_commit(q, 1, -1);
     EXPECT_EQ(+q->gcnt.ecount, 5u) << "a negative error lowers the count";
     EXPECT_EQ(q->errtime, 0);
-}
-
-TEST_F(Read, a_commit_with_an_error_code_counts_no_error) {
-    fill(2);
-    q_read_mark(q, 0);
-    EXPECT_EQ(q_read_commit_with_error(q, 1, "99"), 1);
-    EXPECT_EQ(+q->gcnt.ecount, 0u);
-    EXPECT_EQ(q->lasterr[0], '\0');
     EXPECT_EQ(q_read_commit_with_error(q, 1, nullptr), ESMS_INVAL);
-    EXPECT_EQ(q_read_markedcount(q), 1) << "nothing released";
+    EXPECT_EQ(q_read_commit_with_error(q, 1, "99"), 1) << "nothing was released before";
+    EXPECT_EQ(+q->gcnt.ecount, 5u);
+    EXPECT_EQ(q->lasterr[0], '\0');
 }
 
 TEST_F(Read, is_refused_while_the_rate_is_above_the_limit) {

@@ -73,7 +73,6 @@ TEST_F(Recover, waits_for_a_living_peer_to_finish) {
         usleep(2000);
         halvo::store(q->rpos, halvo::next_offset(halvo::ring_of(q), q->rpos));
         usleep(200000);
-        return 0;
     });
     while (halvo::load_state(slot_at(q, q->rpos)) != HALVO_SLOT_FREE) usleep(100);
     EXPECT_EQ(q_recover(0, 'w'), HALVO_RECOVERED_POSITION);

@@ -1,10 +1,7 @@
-#include <gtest/gtest.h>
 #include <malloc.h>
 
 #include <atomic>
-#include <csignal>
 #include <thread>
-#include <vector>
 
 #include "halvo/queue.h"
 #include "tests/support/capture.h"
@@ -71,7 +68,7 @@ TEST_F(WaitRegistry, the_handler_takes_no_memory) {
 
 TEST_F(WaitRegistry, fires_the_thread_that_is_due_and_no_other) {
     std::atomic<bool> registered{false}, go{false};
-    std::thread other([&] {
+    std::jthread other([&] {
         EXPECT_EQ(reg_wait_thread(60000), 0);
         registered = true;
         while (!go) std::this_thread::yield();
@@ -87,7 +84,6 @@ TEST_F(WaitRegistry, fires_the_thread_that_is_due_and_no_other) {
     EXPECT_EQ(reg_wait_thread(60000), 1);
     EXPECT_EQ(getSignal(), 0) << "a registration forgets earlier signals";
     go = true;
-    other.join();
 }
 
 TEST_F(WaitRegistry, has_room_for_1024_and_no_more) {

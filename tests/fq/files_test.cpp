@@ -1,10 +1,6 @@
 // Names, data files found by name, position records.
 #include "tests/fq/queue_fixture.h"
 
-#include <fcntl.h>
-
-#include "core/base/posix.h"
-
 using namespace halvo;
 using namespace halvo::test;
 

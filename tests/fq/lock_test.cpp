@@ -1,6 +1,5 @@
 // The two locks of a side: between threads, between processes, and not between the sides.
 #include <atomic>
-#include <cstdlib>
 #include <thread>
 
 #include "tests/fq/queue_fixture.h"
@@ -139,7 +138,7 @@ TEST_F(Locks, a_commit_without_items_gives_them_back) {
     EXPECT_EQ(said([] { return fq_dequeue_rollback(-1, nullptr); }), none);
 }
 
-TEST_F(Locks, too_long_a_path_is_refused_and_opens_nothing) {
+TEST_F(Locks, the_longest_path_fits_all_names_and_a_longer_one_is_refused) {
     fqtrans trans{};
     std::memset(trans.path, 'p', 4091);
     EXPECT_EQ(fq_lock('w', &trans), ESMS_INVAL);
@@ -153,15 +152,11 @@ TEST_F(Locks, too_long_a_path_is_refused_and_opens_nothing) {
     EXPECT_EQ(fq_dequeue_next(-1, queue.path(), nullptr, buffer, 0), ESMS_INVAL);
     EXPECT_EQ(fq_write_item(path.c_str(), &trans, "x", 1), ESMS_INVAL);
     EXPECT_EQ(fq_read_item(path.c_str(), &trans, buffer, 10), ESMS_INVAL);
-}
-
-// The system's own limit is 4096 with the terminator: lock and position files fit, data files do not.
-TEST_F(Locks, the_longest_path_fits_all_names) {
-    const std::string directory = queue.directory();
-    const std::string path = directory + std::string(FQ_PATH_MAX - 1 - directory.size(), '/') + "q";
-    fqtrans trans{};
-    std::strcpy(trans.path, path.c_str());
+    // The system's own limit is 4096 with the terminator: lock and position files fit, data files do not.
+    const std::string start = queue.directory();
+    const std::string longest = start + std::string(FQ_PATH_MAX - 1 - start.size(), '/') + "q";
+    std::strcpy(trans.path, longest.c_str());
     EXPECT_EQ(fq_lock('w', &trans), 31);
     EXPECT_EQ(fq_unlock(&trans), 0);
-    EXPECT_EQ(fq_enqueue(-1, path.c_str(), "x", 1, &trans), -1);
+    EXPECT_EQ(fq_enqueue(-1, longest.c_str(), "x", 1, &trans), -1);
 }

@@ -1,6 +1,4 @@
 // Open files are kept from one transaction to the next: nobody may notice.
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 
 #include "tests/fq/queue_fixture.h"
@@ -101,7 +99,6 @@ TEST_F(OpenFiles, a_process_that_closes_every_descriptor_writes_into_no_other_fi
         EXPECT_EQ(queue.put({"after"}), 0);
         EXPECT_EQ(queue.take(), "older");
         EXPECT_EQ(content_of(hosts), "");
-        return 0;
     });
     EXPECT_EQ(daemon.wait(), 0);
     EXPECT_EQ(queue.drain(), "before after");

@@ -6,13 +6,9 @@
 //     EXPECT_EQ(queue.take(), "one");
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "fq/files/format.h"

@@ -1,8 +1,4 @@
 // What a writer finds behind its saved position when another one has died there.
-#include <sys/resource.h>
-
-#include <csignal>
-
 #include "tests/fq/queue_fixture.h"
 
 using namespace halvo::test;

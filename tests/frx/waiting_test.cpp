@@ -1,8 +1,4 @@
 // Waits: how they end, and what they leave behind.
-#include <fcntl.h>
-
-#include <csignal>
-#include <functional>
 #include <thread>
 
 #include "tests/proof/single_step.h"
@@ -12,22 +8,7 @@
 
 using namespace halvo::test;
 
-namespace {
-
 using FrxWaiting = FrxTest;
-
-// Replaces standard output by a pipe that takes no byte more.
-[[maybe_unused]] void stall_output() {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
-    char page[4096] = {};
-    while (::write(ends[1], page, sizeof page) > 0) {
-    }
-    fcntl(ends[1], F_SETFL, 0);
-    ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
-}
-
-} // namespace
 
 TEST_F(FrxWaiting, a_thread_that_blocks_all_signals_has_its_limits) {
     sigset_t mask;
@@ -37,12 +18,11 @@ TEST_F(FrxWaiting, a_thread_that_blocks_all_signals_has_its_limits) {
     EXPECT_EQ(frx_readMark(&reader, 1, 100), 0);
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     EXPECT_EQ(sigismember(&mask, SIGUSR2), 1) << "afterwards it blocks them again";
-    std::thread later([&] {
+    std::jthread later([&] {
         usleep(300000);
         fill(1);
     });
     EXPECT_EQ(read(), "0");
-    later.join();
 }
 
 TEST_F(FrxWaiting, the_monitor_gets_no_signal_of_the_program) {
@@ -227,7 +207,7 @@ TEST_F(FrxWaiting, a_signal_ends_the_wait_of_a_reader_that_is_woken_in_vain) {
     q->tpsmx = 1;
     q->gcnt.count = 100000;
     std::atomic<bool> stop{false};
-    std::thread poster([&] {
+    std::jthread poster([&] {
         while (!stop) sem_postx(0);
     });
     for (int i = 0; i < 150; ++i) {
@@ -239,7 +219,6 @@ TEST_F(FrxWaiting, a_signal_ends_the_wait_of_a_reader_that_is_woken_in_vain) {
         thread.join();
     }
     stop = true;
-    poster.join();
 }
 
 TEST_F(FrxWaiting, threads_of_one_end_share_it) {
@@ -265,7 +244,7 @@ TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
     Slot slot(q_chnnl2q(0));
     EXPECT_EQ(frx_read(&reader, slot.data(), 0), ESMS_TIMEOUT);
     std::atomic<bool> stop{false};
-    std::thread busy([&] {
+    std::jthread busy([&] {
         frx_lock(&reader);
         while (!stop) {
             reg_wait_thread(60000);
@@ -284,7 +263,6 @@ TEST(FrxSessions, a_forked_child_is_a_process_of_its_own) {
         ASSERT_EQ(child.wait(), 0);
     }
     stop = true;
-    busy.join();
 }
 
 #ifndef __SANITIZE_THREAD__ // which knows no such lock, and whose _exit() waits for standard output
@@ -330,11 +308,15 @@ TEST(FrxSessions, an_end_that_one_thread_had_alone_becomes_another_ones) {
 
 TEST(FrxSessions, a_stalled_standard_output_holds_no_time_limit) {
     const Segment segment = SegmentBuilder().channel("MT01", 'M', 4, 64).build();
+    int pipe[2];
+    ASSERT_EQ(pipe2(pipe, O_NONBLOCK), 0);
+    while (::write(pipe[1], "x", 1) > 0) continue; // until it takes no byte more
+    fcntl(pipe[1], F_SETFL, 0);
     for (const bool somebody_prints : {false, true}) {
         Peer process([&] {
             FrxChannel end{};
             if (!start_with(segment, end, 'r')) return 1;
-            stall_output();
+            dup2(pipe[1], STDOUT_FILENO);
             std::thread printer([=] {
                 if (somebody_prints) std::puts(std::string(100000, 'x').c_str());
             });

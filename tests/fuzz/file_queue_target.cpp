@@ -1,6 +1,4 @@
 // Files of a queue with anything in them, then transactions over them.
-#include <unistd.h>
-
 #include <cstdlib>
 #include <ctime>
 #include <memory>

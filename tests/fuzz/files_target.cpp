@@ -1,7 +1,6 @@
 // Files that an operator writes: print options, and a queue manager's configuration.
 #include <memory>
 
-#include "core/base/posix.h"
 #include "halvo/queue.h"
 #include "halvo/status.h"
 #include "tests/fuzz/attachment.h"

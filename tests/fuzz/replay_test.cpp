@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <string>
 
 #include "tests/fuzz/attachment.h"
 #include "tests/fuzz/targets.h"
 #include "tests/support/capture.h"
-#include "tests/support/files.h"
 
 namespace {
 

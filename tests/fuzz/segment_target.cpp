@@ -1,13 +1,9 @@
 // A segment with anything in its headers, slots and names, then operations over it.
 #include <climits>
-#include <csignal>
 #include <iterator>
 #include <memory>
 
-#include "core/segment/ring.h"
 #include "core/segment/segment.h"
-#include "halvo/frx.h"
-#include "halvo/queue.h"
 #include "halvo/status.h"
 #include "tests/fuzz/attachment.h"
 #include "tests/fuzz/input.h"

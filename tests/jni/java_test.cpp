@@ -1,12 +1,10 @@
 // Runs the Java tests in real VMs, each over a segment of its own, and judges how the VMs end.
 #include <dlfcn.h>
 #include <elf.h>
-#include <gtest/gtest.h>
 
 #include <regex>
 
 #include "tests/jni/vm.h"
-#include "tests/support/files.h"
 
 using namespace halvo::test;
 

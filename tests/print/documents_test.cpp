@@ -1,6 +1,5 @@
 // The documents, and every printer on an empty segment and on none.
 #include <climits>
-#include <cstring>
 
 #include "tests/print/scenario.h"
 #include "tests/support/ring.h"

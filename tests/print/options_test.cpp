@@ -1,7 +1,3 @@
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstring>
 #include <tuple>
 
 #include "tests/print/scenario.h"

@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <sstream>
 
 #include "core/segment/ring.h"
 #include "tests/support/files.h"

@@ -6,13 +6,12 @@
 // Each figure is one line of four fields, which dev/stress.sh collects and judges:
 //     figure | what | asked for | measured
 // Asked for can be "-" (nothing), "at least N", "at most N", "below N"; anything else is the very
-// text that is to be measured.
+// text that is to be measured, and expected here too.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cinttypes>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -37,6 +36,9 @@ inline uint32_t seed() {
 inline void figure(const std::string &what, const std::string &asked, const std::string &measured) {
     std::printf("figure | %s | %s | %s\n", what.c_str(), asked.c_str(), measured.c_str());
     std::fflush(stdout);
+    if (asked != "-" && !std::isalpha(asked[0])) {
+        EXPECT_EQ(measured, asked) << what;
+    }
 }
 inline void figure(const std::string &what, const std::string &asked, int64_t measured) {
     figure(what, asked, std::to_string(measured));

@@ -47,7 +47,6 @@ void beside(const std::string &what, auto one, auto other) {
             Signal go;
             Peer peer([&] {
                 if (go.wait()) queue.store("got", other(queue));
-                return 0;
             });
             const auto meanwhile = [&] {
                 go.send();

@@ -5,8 +5,6 @@
 
 #include "tests/fq/queue_fixture.h"
 #include "tests/proof/form.h"
-#include "tests/support/machine.h"
-#include "tests/support/peer.h"
 
 using namespace halvo::test;
 
@@ -69,7 +67,6 @@ TEST(Mix, of_two_processes_with_four_threads_on_two_queues_loses_and_doubles_not
             threads.emplace_back([&, work] { work(ledger, items, b, a); });
         }
         for (std::thread &thread : threads) thread.join();
-        return 0;
     };
     {
         const StdoutCapture unseen;
@@ -87,5 +84,4 @@ TEST(Mix, of_two_processes_with_four_threads_on_two_queues_loses_and_doubles_not
     figure(what + "lost", "0", lost);
     figure(what + "doubled", "0", doubled);
     figure(what + "calls that failed", "0", ledger.failed);
-    EXPECT_EQ(lost + doubled + ledger.failed, 0);
 }

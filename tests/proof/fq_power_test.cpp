@@ -1,7 +1,6 @@
 // The power fails after any call that changes a file, and the disk holds what was forced to it and
 // anything of the rest. A reader and a writer go on there; what comes out is compared with what had
 // been acknowledged.
-#include <csignal>
 #include <set>
 
 #include "tests/fq/queue_fixture.h"

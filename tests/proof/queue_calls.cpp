@@ -1,17 +1,9 @@
 #include "tests/proof/queue_calls.h"
 
-#include <dirent.h>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
-#include <stdexcept>
-#include <utility>
-
-#include "core/base/posix.h"
 
 using halvo::Descriptor;
 using halvo::test::DiskCall;

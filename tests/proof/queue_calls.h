@@ -3,7 +3,6 @@
 // itself, so that the library's come here first. Nothing is ever really forced to the disk.
 #pragma once
 
-#include <csignal>
 #include <functional>
 #include <random>
 #include <string>
@@ -29,11 +28,7 @@ void let_keys_collide(bool collide);
 
 // Runs f in a process that dies before its n-th call. False when f got through to its end.
 bool dies_before_call(int n, auto f) {
-    Peer peer([&] {
-        run_with_fault(n, kKill, false, f);
-        return 0;
-    });
-    const int status = peer.wait();
+    const int status = Peer([&] { run_with_fault(n, kKill, false, f); }).wait();
     EXPECT_TRUE(status == 0 || status == 128 + SIGKILL) << status;
     return status != 0;
 }

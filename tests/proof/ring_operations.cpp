@@ -1,7 +1,5 @@
 #include "tests/proof/ring_operations.h"
 
-#include <stdexcept>
-
 namespace halvo::test {
 
 namespace {

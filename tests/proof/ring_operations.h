@@ -1,8 +1,6 @@
 // The ring operations that are interrupted, and what may be found behind each interruption.
 #pragma once
 
-#include <vector>
-
 #include "tests/proof/single_step.h"
 #include "tests/proof/small_ring.h"
 #include "tests/support/ring_calls.h"

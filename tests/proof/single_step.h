@@ -17,9 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
-#include <stdexcept>
 
 #include "tests/support/machine.h"
 

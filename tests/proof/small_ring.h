@@ -2,11 +2,8 @@
 // are whole.
 #pragma once
 
-#include <vector>
-
 #include "tests/support/messages.h"
 #include "tests/support/ring.h"
-#include "tools/fixture/segment_builder.h"
 
 namespace halvo::test {
 

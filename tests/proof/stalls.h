@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdint>
 #include <thread>
 #include <vector>
 
@@ -30,10 +29,7 @@ public:
     }
     Stalls(const Stalls &) = delete;
     Stalls &operator=(const Stalls &) = delete;
-    ~Stalls() {
-        stop_ = true;
-        for (std::thread &thread : threads_) thread.join();
-    }
+    ~Stalls() { stop_ = true; }
 
     // What is left of the microseconds from start to end without the stalls in between. A stall is
     // known when it is over: wait a little before asking.
@@ -75,7 +71,7 @@ private:
     std::atomic<bool> stop_{false};
     mutable pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
     std::vector<Stall> stalls_;
-    std::vector<std::thread> threads_;
+    std::vector<std::jthread> threads_; // the last member: they use the others
 };
 
 } // namespace halvo::test

@@ -1,8 +1,5 @@
 // The order in which the machine code changes the words of a channel, seen after each instruction:
 // body and counters, then the state, then the position. The other side relies on it.
-#include <gtest/gtest.h>
-
-#include <map>
 #include <sstream>
 
 #include "tests/proof/form.h"

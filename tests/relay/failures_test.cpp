@@ -6,11 +6,18 @@
 
 using namespace halvo::test;
 
-namespace {
-
-class RelayFailures : public RelayPair {};
-
-} // namespace
+struct RelayFailures : RelayPair {
+    // Both relays run over a broker that stops in the midst of 400 messages.
+    void stop_the_broker(const std::string &broker_lines) {
+        for (Machine *machine : {here_.get(), there_.get()}) machine->broker(broker_lines);
+        route();
+        start();
+        write(1, 50);
+        EXPECT_TRUE(there_->reaches("messages_total", 50));
+        shared_broker().signal(SIGSTOP);
+        write(51, 400);
+    }
+};
 
 TEST_F(RelayFailures, a_message_longer_than_the_slot_is_rejected_to_the_dead_letter_queue) {
     route("", "dead_letter_queue = \"" + queue_ + ".dead\"");
@@ -99,13 +106,7 @@ TEST_F(RelayFailures, wrong_credentials_are_told_and_lose_nothing) {
 }
 
 TEST_F(RelayFailures, a_broker_that_stands_still_is_left_and_found_again) {
-    for (Machine *machine : {here_.get(), there_.get()}) machine->broker("heartbeat = 1");
-    route();
-    start();
-    write(1, 50);
-    EXPECT_TRUE(there_->reaches("messages_total", 50));
-    shared_broker().signal(SIGSTOP);
-    write(51, 400);
+    stop_the_broker("heartbeat = 1");
     EXPECT_TRUE(here_->logs("connection-lost"));
     EXPECT_TRUE(there_->logs("connection-lost"));
     shared_broker().signal(SIGCONT);
@@ -113,21 +114,14 @@ TEST_F(RelayFailures, a_broker_that_stands_still_is_left_and_found_again) {
 }
 
 TEST_F(RelayFailures, a_silent_broker_does_not_keep_a_relay_from_its_end) {
-    for (Machine *machine : {here_.get(), there_.get()})
-        machine->broker("heartbeat = 300\nconfirm_timeout = 300");
-    route();
-    start();
-    write(1, 50);
-    EXPECT_TRUE(there_->reaches("messages_total", 50));
-    shared_broker().signal(SIGSTOP);
-    write(51, 100);
+    stop_the_broker("heartbeat = 300\nconfirm_timeout = 300");
     EXPECT_TRUE(comes_true([&] { return here_->figure("in_flight") > 0; }));
     const int64_t start = milliseconds_now();
     EXPECT_EQ(here_->end(), 0);
     EXPECT_LT(milliseconds_now() - start, 25000) << "a service manager kills it after 30 seconds";
     shared_broker().signal(SIGCONT);
     here_->start();
-    expect_all(there_->segment(), 100);
+    expect_all(there_->segment(), 400);
 }
 
 TEST_F(RelayFailures, a_full_channel_holds_the_messages_back_and_keeps_the_connection) {

@@ -3,10 +3,8 @@
 #include <sys/time.h>
 
 #include <functional>
-#include <map>
 #include <random>
 #include <set>
-#include <utility>
 
 #include "halvo/fq.h"
 #include "tests/support/files.h"
@@ -99,16 +97,19 @@ TEST(RelayWindow, gives_up_the_source_that_was_silent_longest) {
 
 namespace {
 
+RouteConfig route_from(const Endpoint &from) {
+    RouteConfig route;
+    route.name = "r";
+    route.from = from;
+    route.to = {Endpoint::queue, "q"};
+    return route;
+}
+
 // A process that dies at a chosen moment of a batch, and what its successor makes of it.
 class RelayNumbers : public testing::Test {
 protected:
     Segment segment_ = SegmentBuilder().channel("MT01", 'M', 8, 64).build();
-    RouteConfig route_;
-    void SetUp() override {
-        route_.name = "r";
-        route_.from = {Endpoint::channel, "MT01"};
-        route_.to = {Endpoint::queue, "q"};
-    }
+    const RouteConfig route_ = route_from({Endpoint::channel, "MT01"});
     // A relay that lists a batch of two, does what is asked and is killed.
     void die_in_batch(Arriving &left, void (*what)(Sink &)) {
         Peer dead([&] {
@@ -148,7 +149,6 @@ protected:
             segment_.attach();
             halvo_channel *q = segment_.open("MT01", 'w');
             for (int i = 0; i < count; ++i) EXPECT_EQ(write(q, "x"), ESMS_OK);
-            return 0;
         });
         EXPECT_EQ(writer.wait(), 0);
     }
@@ -254,10 +254,7 @@ TEST(RelayFileNumbers, a_part_of_a_batch_is_not_taken_for_another_one_of_the_sam
     const TestDirectory directory;
     const std::string path = directory.path("mo");
     for (int i = 0; i < 3; ++i) EXPECT_EQ(fq_enqueue_away(-1, 0, 1, path.c_str(), "same", 4), 0);
-    RouteConfig route;
-    route.name = "r";
-    route.from = {Endpoint::file_queue, path};
-    route.to = {Endpoint::queue, "q"};
+    const RouteConfig route = route_from({Endpoint::file_queue, path});
     StateFile state(directory.path("state"), "test");
     Contended source(path);
     Numbering numbering(route, state, source);
@@ -351,7 +348,6 @@ TEST(RelayState, is_opened_beside_those_who_look_at_it) {
     StateFile(path, "id");
     Peer looking([&] {
         for (bool running;;) read_figures(path, "id", running);
-        return 0;
     });
     for (int i = 0; i < 3000; ++i) {
         ASSERT_NO_THROW(StateFile(path, "id"));
@@ -364,9 +360,7 @@ TEST(RelayOut, what_was_answered_before_the_silence_is_not_sent_again) {
     const TestDirectory directory;
     const std::string queue = directory.path("mo");
     for (const char *item : {"1", "2", "3"}) fq_enqueue_away(-1, -1, 1, queue.c_str(), item, 1);
-    RouteConfig route;
-    route.from = {Endpoint::file_queue, queue};
-    route.to = {Endpoint::queue, "q"};
+    RouteConfig route = route_from({Endpoint::file_queue, queue});
     route.wait_for_route = false;
     route.dead_letters = directory.path("dead");
     StateFile state(directory.path("state"), "test");

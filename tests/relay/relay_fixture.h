@@ -8,13 +8,6 @@
 // The test itself attaches to no segment; writers and readers are peers.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "tests/support/frx_fixture.h"
 #include "tests/support/program.h"
 

@@ -1,8 +1,5 @@
 // A host program with names of its own, and processes of both word sizes over one segment and one
 // file queue. Those need the build tree of the other word size, which the test command builds first.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include "tests/support/program.h"
 #include "tools/fixture/segment_builder.h"
 

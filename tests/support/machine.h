@@ -20,7 +20,7 @@ inline int64_t microseconds_now() {
 }
 inline int64_t milliseconds_now() { return microseconds_now() / 1000; }
 
-// Of RUSAGE_SELF or RUSAGE_THREAD, so far.
+// Of RUSAGE_SELF, RUSAGE_THREAD or RUSAGE_CHILDREN, so far.
 inline rusage usage_of(int whose) {
     rusage usage{};
     getrusage(whose, &usage);

@@ -62,7 +62,7 @@ private:
     const Descriptor fd_;
 };
 
-// Runs a function in a forked process, which exits with its result: the function's own, kFailed
+// Runs a function in a forked process, which exits with its result: the function's own or 0, kFailed
 // after a failed expectation, kThrew after an exception. The process dies with the thread that
 // forked it, and is killed when the Peer goes.
 class Peer {
@@ -107,7 +107,10 @@ private:
         if (getppid() != parent) _exit(kFailed); // it died before the line above
         int result = kThrew;
         try {
-            result = f();
+            if constexpr (std::is_void_v<decltype(f())>)
+                f(), result = 0;
+            else
+                result = f();
             if (result == 0 && testing::Test::HasFailure()) result = kFailed;
         } catch (const std::exception &error) {
             std::fprintf(stderr, "peer: %s\n", error.what());

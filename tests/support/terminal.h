@@ -38,14 +38,6 @@ public:
         type(command);
         press("Enter");
     }
-    // Presses a key that may come too early to be heard, again each second.
-    void press_until(const std::string &key, const std::string &text) const {
-        for (int tries = 0; tries < 20; ++tries) {
-            press(key);
-            if (comes_true([&] { return shows(text); }, 1)) return;
-        }
-        ADD_FAILURE() << "not on the screen: " << text << '\n' << screen();
-    }
     void resize(int columns, int rows) const {
         tmux({"resize-window", "-x", std::to_string(columns), "-y", std::to_string(rows)});
     }

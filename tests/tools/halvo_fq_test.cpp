@@ -1,8 +1,4 @@
 // halvo-fq, as an operator runs it.
-#include <csignal>
-
-#include <sys/resource.h>
-
 #include "tests/fq/queue_fixture.h"
 #include "tests/support/program.h"
 
@@ -23,10 +19,6 @@ protected:
     std::string out(std::vector<std::string> words) { return run(std::move(words)).out; }
 };
 
-bool has(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
-
 } // namespace
 
 TEST_F(FqTool, lines_go_in_singly_or_in_batches_and_come_out_in_order) {
@@ -35,7 +27,7 @@ TEST_F(FqTool, lines_go_in_singly_or_in_batches_and_come_out_in_order) {
     EXPECT_EQ(out({"get", "--max", "2"}), "one\ntwo\n");
     const Outcome rest = run({"get"});
     EXPECT_EQ(rest.out, "3\n4\n5\n");
-    EXPECT_TRUE(has(rest.err, "halvo-fq: 3 items, 3 bytes in ")) << rest.err;
+    expect_end(rest, 0, "halvo-fq: 3 items, 3 bytes in ");
     EXPECT_EQ(out({"get"}), "");
     const std::string text = "a\n\n" + std::string(200000, 'x') + "\nno line feed";
     EXPECT_EQ(run({"put", "-n"}, text).status, 0);
@@ -83,8 +75,8 @@ TEST_F(FqTool, stat_tells_positions_backlog_and_the_uncommitted_tail) {
 TEST_F(FqTool, stat_counts_as_get_reads_behind_a_file_without_its_end_item) {
     run({"put"}, std::string(5000001, 'x') + "\ntwo\n");
     ASSERT_EQ(truncate(queue.file(0).c_str(), 5000001 + FQ_ITEM_EXTRA), 0);
-    EXPECT_NE(run({"stat"}).out.find("backlog      2 items"), std::string::npos);
-    EXPECT_NE(run({"get", "-q"}).out.find("\ntwo\n"), std::string::npos);
+    expect_end(run({"stat"}), 0, "backlog      2 items");
+    expect_end(run({"get", "-q"}), 0, "\ntwo\n");
 }
 
 TEST_F(FqTool, verify_names_each_damaged_item_and_changes_nothing) {
@@ -135,7 +127,7 @@ TEST_F(FqTool, verify_misses_what_has_been_cut_off_and_what_was_never_committed)
         queue.store(1, row.second);
         EXPECT_EQ(out({"verify"}), row.lines);
     }
-    EXPECT_TRUE(has(out({"stat"}), "reader       file 000000007 offset 25 (no such file)\n"));
+    expect_end(run({"stat"}), 0, "reader       file 000000007 offset 25 (no such file)\n");
 }
 
 TEST_F(FqTool, follow_ends_cleanly_by_a_signal) {
@@ -144,16 +136,13 @@ TEST_F(FqTool, follow_ends_cleanly_by_a_signal) {
         return comes_true([&] { return exists(got) && content_of(got) == text; });
     };
     run({"put"}, "one\n");
-    Peer follower([&] {
-        execl(HALVO_FQ, "halvo-fq", "get", queue.path(), "--follow", "-q", "-o", got.c_str(),
-              nullptr);
-        return 127;
-    });
+    const auto follower =
+        start_program({HALVO_FQ, "get", queue.path(), "--follow", "-q", "-o", got}, got + ".log");
     EXPECT_TRUE(comes("one\n"));
     run({"put"}, "two\n");
     EXPECT_TRUE(comes("one\ntwo\n"));
-    follower.kill(SIGTERM);
-    EXPECT_EQ(follower.wait(), 0);
+    follower->kill(SIGTERM);
+    EXPECT_EQ(follower->wait(), 0);
 }
 
 TEST_F(FqTool, no_command_makes_a_queue_but_put) {
@@ -172,14 +161,14 @@ TEST_F(FqTool, peek_and_dump_show_and_consume_nothing) {
     queue.store(0, queue.bytes(0) + item_bytes('W', "\xb0\xa1\""));
     EXPECT_EQ(out({"peek", "--max", "1"}), "two\n");
     EXPECT_EQ(out({"peek"}), "two\nthree\n");
-    const std::string lines = out({"dump"}), json = out({"dump", "--json"});
-    EXPECT_TRUE(has(lines, "000000000        77 uncommitted          3  ..\"\n")) << lines;
-    EXPECT_EQ(json.find(std::string("{\"queue\":\"") + queue.path() +
-                        "\",\"items\":[\n{\"file\":0,\"offset\":0,"),
+    expect_end(run({"dump"}), 0, "000000000        77 uncommitted          3  ..\"\n");
+    const Outcome json = run({"dump", "--json"});
+    EXPECT_EQ(json.out.find(std::string("{\"queue\":\"") + queue.path() +
+                            "\",\"items\":[\n{\"file\":0,\"offset\":0,"),
               0u);
-    EXPECT_TRUE(has(json, "\"state\":\"uncommitted\",\"stamp\":0,\"length\":3,"
-                          "\"data\":\"\\u00b0\\u00a1\\\"\"}\n]}\n"))
-        << json;
+    expect_end(json, 0,
+               "\"state\":\"uncommitted\",\"stamp\":0,\"length\":3,"
+               "\"data\":\"\\u00b0\\u00a1\\\"\"}\n]}\n");
     EXPECT_EQ(out({"get", "--max-bytes", "3"}), "two\n");
     EXPECT_EQ(out({"get"}), "three\n");
 }
@@ -197,14 +186,8 @@ TEST_F(FqTool, many_files_are_read_fast) {
     queue.store("tail", record(4999, 25));
     for (int order = 0; order < 5000; ++order)
         queue.store(order, one + (order < 4999 ? kEndItem : ""));
-    const auto processor_seconds = [] { // the machine may be busy
-        rusage used{};
-        getrusage(RUSAGE_CHILDREN, &used);
-        return static_cast<double>(used.ru_utime.tv_sec + used.ru_stime.tv_sec) +
-               static_cast<double>(used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1e6;
-    };
-    const double before = processor_seconds();
-    EXPECT_TRUE(has(out({"stat"}), "backlog      5000 items, 15000 bytes\n"));
+    const int64_t before = processor_time(RUSAGE_CHILDREN); // the machine may be busy
+    expect_end(run({"stat"}), 0, "backlog      5000 items, 15000 bytes\n");
     EXPECT_EQ(run({"verify"}).status, 0);
-    EXPECT_LT(processor_seconds() - before, 0.6);
+    EXPECT_LT(processor_time(RUSAGE_CHILDREN) - before, 600000);
 }

@@ -1,9 +1,6 @@
 // halvo-send and halvo-recv, as an operator runs them.
-#include <csignal>
-
 #include "tests/support/program.h"
 #include "tests/support/ring.h"
-#include "tools/fixture/segment_builder.h"
 
 using namespace halvo::test;
 

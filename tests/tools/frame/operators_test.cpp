@@ -1,5 +1,4 @@
 // What operators meet in all programs alike: causes of failures, rights, and Korean names.
-#include <sys/shm.h>
 #include <sys/stat.h>
 
 #include <cstdlib>

@@ -146,7 +146,6 @@ TEST_F(MonitorProgram, tells_collectors_of_a_segment_that_is_gone) {
 TEST_F(MonitorProgram, measures_rates_before_it_shows_them) {
     Peer writer([&] {
         for (;; usleep(1000)) mt->gcnt.count += 1;
-        return 0;
     });
     const Outcome outcome =
         run_program({kMonitor, "log", "--key", segment.key_file(), "--sample", "0.5", "--no-utf8"});

@@ -1,8 +1,6 @@
 // The record: what was put in comes out again, wherever one looks, within its size.
-#include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <csignal>
 #include <cstdlib>
 
 #include "tests/print/scenario.h"

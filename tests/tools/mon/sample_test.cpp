@@ -1,9 +1,4 @@
 // What the monitor sees of a segment, read-only and whatever becomes of it.
-#include <sys/sem.h>
-#include <sys/shm.h>
-
-#include <cstring>
-
 #include "tests/print/scenario.h"
 #include "tests/support/ipc.h"
 #include "tests/support/peer.h"

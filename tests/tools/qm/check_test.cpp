@@ -146,9 +146,8 @@ TEST(CheckRunningTest, messages_on_their_way_are_no_fault) {
         s.attach();
         for (halvo_channel *q = s.open("MT01", mode);;)
             mode == 'w' ? void(write(q, "streaming")) : void(read(q));
-        return 0;
     };
-    Peer writer([&] { return stream('w'); }), reader([&] { return stream('r'); });
+    Peer writer([&] { stream('w'); }), reader([&] { stream('r'); });
     ASSERT_TRUE(comes_true([&] {
         const ChannelInfo info = list(s.key_file())[0];
         return info.writer == writer.pid() && info.reading;

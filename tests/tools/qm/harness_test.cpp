@@ -1,8 +1,4 @@
 // The tests' own tools: a harness that leaves things behind or loses a failure spoils every test.
-#include <unistd.h>
-
-#include <csignal>
-
 #include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/ipc.h"
@@ -44,7 +40,6 @@ TEST(Harness, a_peer_does_not_lose_a_failed_expectation) {
     const auto expects = [] {
         close(STDOUT_FILENO);
         EXPECT_EQ(1, 2);
-        return 0;
     };
     EXPECT_EQ(Peer(expects).wait(), Peer::kFailed);
 }

@@ -286,7 +286,7 @@ public class NativesTest {
     }
 
     @Test public void touchRefreshesTheHeartbeatOfTheHolder() {
-        int held = writer();
+        int held = open(fresh('M'), true);
         int now = intAt(SEGMENT, NOW);
         assertEquals(0, isAlive(held, 0, 1, 1000));
         assertEquals(now, touch(held, 10, true));

@@ -53,17 +53,10 @@ final class TestSegment {
     static int fresh(char type) {
         attach();
         int next = USED.merge(type, 1, Integer::sum) - 1;
-        return named(type + String.format("%02d", next));
-    }
-
-    static int named(String name) {
+        String name = type + String.format("%02d", next);
         int channel = IPCFunctions.channelByName(name);
         assertTrue("no channel " + name, channel >= 0);
         return channel;
-    }
-
-    static int writer() {
-        return open(fresh('M'), true);
     }
 
     /** A channel of which this process holds both ends. */
