@@ -87,6 +87,10 @@ void Sleeper::release() noexcept {
 
 void Sleeper::take_sent_signals() noexcept {
     let_in();
+    // A thread that blocks it, and that released its sleep before, has kept it away since.
+    sigset_t before;
+    pthread_sigmask(SIG_UNBLOCK, &monitors_signal, &before);
+    blocks_monitor_ = blocks_monitor_ || sigismember(&before, SIGUSR2) == 1;
     getppid(); // a signal is delivered with a system call, at the latest
     release();
 }

@@ -19,9 +19,14 @@ TEST_F(FrxWaiting, a_thread_that_blocks_all_signals_has_its_limits) {
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     EXPECT_EQ(sigismember(&mask, SIGUSR2), 1) << "afterwards it blocks them again";
     std::jthread later([&] {
+        flockfile(stdout);
+        usleep(300000);
+        funlockfile(stdout);
         usleep(300000);
         fill(1);
     });
+    usleep(50000);
+    q_open_wait(-1, 'r', 1); // its line comes after its limit
     EXPECT_EQ(read(), "0");
 }
 
