@@ -112,9 +112,9 @@ COMPANION_NATIVE(jint, FileQueueCalls, take)
     const Block item(static_cast<size_t>(room) + FQ_ITEM_EXTRA + 1);
     if (!queue || !item.get()) return ESMS_FAILED;
     fqtrans *open = transaction.record();
-    Memory<fqtrans> made = open ? nullptr : new_transaction();
+    Memory<fqtrans> made;
+    if (!open && !(made = new_transaction())) return ESMS_FAILED;
     fqtrans *record = open ? open : made.get();
-    if (!record) return ESMS_FAILED;
     const auto capacity = static_cast<unsigned>(room);
     const jint result = open ? fq_dequeue_next(channel, queue.get(), open, item.get(), capacity)
                              : fq_dequeue(channel, queue.get(), item.get(), capacity, record);
