@@ -19,14 +19,17 @@ struct LastRecord {
     bool stepped = false; // the last record cannot be read, and the one found is an earlier one
 };
 
-// From the last record, which cannot be read, back to one that can; by blocks, for a log may be long.
+// From the last record, which cannot be read, back to one that can; by blocks, for a log may be long,
+// and no further than the queue's own logs are: one of gigabytes is somebody else's doing.
 inline void step_back(int fd, char *record, LastRecord &last) noexcept {
     const auto is_blank = [](const char *bytes) { return bytes[kRecordSize - 1] == '\0'; };
     constexpr int64_t kBlock = int64_t{256} * kRecordSize;
+    constexpr int64_t kLongest = (kFileLimit / kRecordSize + 1) * kRecordSize;
+    const int64_t first = std::max<int64_t>(last.at - kLongest, 0);
     char block[kBlock];
-    last.blank = is_blank(record);
-    for (int64_t end = last.at, begin = 0; end > 0; end = begin) {
-        begin = std::max<int64_t>(end - kBlock, 0);
+    last.blank = first == 0 && is_blank(record);
+    for (int64_t end = last.at; end > first;) {
+        const int64_t begin = std::max(end - kBlock, first);
         const auto size = static_cast<ssize_t>(end - begin);
         if (pread(fd, block, static_cast<size_t>(size), begin) != size) return;
         for (ssize_t left = size; left > 0; left -= kRecordSize) {
@@ -39,6 +42,7 @@ inline void step_back(int fd, char *record, LastRecord &last) noexcept {
             last.left = {};
             return;
         }
+        end = begin;
     }
 }
 

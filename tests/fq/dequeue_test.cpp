@@ -199,6 +199,9 @@ TEST_F(Reading, a_damaged_position_is_said_and_nothing_is_read) {
         EXPECT_GT(begin().first, 0);
         fq_dequeue_rollback(-1, &trans);
     }
+    queue.store("head", record(0, 0));
+    queue.cut("head", 6000000); // longer than the queue makes one: it is not gone through
+    EXPECT_EQ(begin().first, -1);
 }
 
 TEST_F(Reading, what_is_no_file_one_can_seek_in_or_open_is_an_error) {
